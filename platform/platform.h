@@ -1,0 +1,40 @@
+// What the library needs from the system it runs on, each primitive declared once. What differs by
+// processor or system sits behind this header, in a file of its own.
+#pragma once
+
+#include <stddef.h>
+
+namespace k42mc::platform {
+
+// ---- Traces ----
+
+// Captures the call chain of the calling thread: return addresses, innermost first, beginning with the
+// one in the code that called into the library. The leading run of the library's own frames is skipped,
+// however the compiler inlined them; library frames below a callback of the user stay.
+// Returns the number stored, at most `most`. Allocates nothing, keeps errno.
+int backtrace_skip(void **frames, int most);
+
+// Writes one line a frame to a descriptor: "module(function+0xoffset) [0xaddress]", static functions
+// included; without the function where no symbol covers the address, without the module where none is
+// loaded there. Allocates nothing and never waits for the loader's lock; keeps errno.
+void backtrace_symbols_fd(void *const *frames, int count, int descriptor);
+
+// ---- Memory ----
+
+// Whether size bytes can be read without a fault at this moment. A system call for each page touched.
+// Keeps errno.
+bool readable(const void *address, size_t size);
+
+// ---- Process ----
+
+// The program's short name.
+const char *progname();
+
+// In bytes.
+size_t page_size();
+
+// Says on descriptor 2 that an assertion failed, and aborts. Allocates nothing.
+[[noreturn]] void assertion_failed(const char *expression, const char *file, int line,
+                                   const char *function);
+
+} // namespace k42mc::platform
