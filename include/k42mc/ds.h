@@ -69,7 +69,7 @@ void DSDummyFunction(void);
  * For allocation hooks that cannot go on: prints "<text>: memory failure" on standard output and ends
  * the process with exit status 255.
  */
-void DSMemFail(const char *text) __attribute__((noreturn));
+void DSMemFail(const char *text) __attribute__((__noreturn__));
 
 K42MC_END_DECLS
 

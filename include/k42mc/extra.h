@@ -13,8 +13,8 @@ K42MC_BEGIN_DECLS
 
 /*
  * Allocates size bytes from the standard allocator as a block of the given type, whose arena is the
- * type plus 1. A null result and an unknown type are one and the same: no memory.
- *   type       MC_STD to MC_SHM.
+ * type plus 1.
+ *   type       MC_STD, MC_SYS, MC_FIX or MC_VAR.
  *   alignment  In bytes: 1 for none, else a power of two from the size of a pointer to K42MC_ALIGN_MAX.
  * Returns the block, or null with errno ENOMEM or EINVAL.
  */

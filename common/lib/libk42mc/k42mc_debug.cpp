@@ -1,0 +1,331 @@
+#include "k42mc_debug.h"
+
+#include <array>
+#include <bit>
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <unistd.h>
+
+constexpr unsigned char k42mc_head_alloc_guard[32] = {
+    0xa7, 0x65, 0xbf, 0x95, 0x89, 0xe5, 0xad, 0xc7, 0x61, 0x71, 0xf1, 0xdf, 0xa3, 0x6d, 0x97, 0xc5,
+    0xb5, 0xe9, 0x6b, 0x8b, 0x59, 0x9d, 0x53, 0xc1, 0xef, 0x7f, 0x83, 0xe3, 0xb3, 0xfb, 0x67, 0xd3};
+constexpr unsigned char k42mc_tail_alloc_guard[32] = {
+    0xbf, 0x65, 0x95, 0xa7, 0xad, 0xe5, 0xc7, 0x89, 0xf1, 0x71, 0xdf, 0x61, 0x97, 0x6d, 0xc5, 0xa3,
+    0x6b, 0xe9, 0x8b, 0xb5, 0x53, 0x9d, 0xc1, 0x59, 0x83, 0x7f, 0xe3, 0xef, 0x67, 0xfb, 0xd3, 0xb3};
+constexpr unsigned char k42mc_free_guard[32] = {
+    0x65, 0x61, 0x59, 0x53, 0x71, 0x6d, 0x6b, 0x67, 0x8b, 0x89, 0x83, 0x7f, 0xa3, 0x9d, 0x97, 0x95,
+    0xb5, 0xb3, 0xad, 0xa7, 0xc7, 0xc5, 0xc1, 0xbf, 0xe5, 0xe3, 0xdf, 0xd3, 0x00, 0x00, 0x00, 0x00};
+
+constexpr const char *const k42mc_arena_desc[K42MC_ARENAS] = {"UNKNOWN", "STD", "SYS",
+                                                              "FIX",     "VAR", "SHM"};
+constexpr const char *const k42mc_defect_desc[K42MC_DEFECTS] = {"NONE", "BF", "DF", "WO", "WU"};
+
+constinit char k42mc_panic_string[256] = "";
+
+namespace k42mc {
+namespace {
+
+// Header and tail may lie at any address once somebody passes a wild pointer, the tail always.
+struct [[gnu::packed, gnu::may_alias]] Word {
+    uintptr_t value;
+};
+
+constexpr int word_bits = 8 * sizeof(uintptr_t);
+constexpr uintptr_t guard_bytes = K42MC_GUARD_WORDS * sizeof(uintptr_t); // of a header, and of a tail
+
+// Words of a header.
+constexpr int magic_word = 0;
+constexpr int trace_word = 1;
+constexpr int alignment_word = 6;
+constexpr int raw_size_word = 7;
+constexpr int freed_tail_word = 7; // in a freed header
+// Words of a tail.
+constexpr int freed_trace_word = 2;
+constexpr int arena_word = 7;
+
+// The alignment word: log2 of the alignment on top, the header's offset below.
+constexpr int log2_shift = word_bits - 5;
+constexpr uintptr_t offset_mask = (uintptr_t{1} << log2_shift) - 1;
+constexpr int largest_log2 = std::countr_zero(unsigned{K42MC_ALIGN_MAX});
+
+// The 28 bytes that mark seven words: as often over as the words are wide.
+constexpr int marked_words = 7;
+constexpr int marked_bytes = 28;
+
+constexpr uintptr_t pattern_word(const unsigned char (&pattern)[32], int word) {
+    uintptr_t value = 0;
+    for (int byte = sizeof(uintptr_t); byte-- > 0;) {
+        const size_t at =
+            (static_cast<size_t>(word) * sizeof(uintptr_t) + static_cast<size_t>(byte)) % marked_bytes;
+        value = value << 8 | pattern[at];
+    }
+    return value;
+}
+
+constexpr std::array<uintptr_t, marked_words> pattern_words(const unsigned char (&pattern)[32]) {
+    std::array<uintptr_t, marked_words> words{};
+    for (int i = 0; i < marked_words; ++i)
+        words[static_cast<size_t>(i)] = pattern_word(pattern, i);
+    return words;
+}
+
+constexpr uintptr_t magic = pattern_word(k42mc_head_alloc_guard, 0);
+constexpr auto tail_words = pattern_words(k42mc_tail_alloc_guard);
+constexpr auto free_words = pattern_words(k42mc_free_guard);
+
+static_assert(K42MC_GUARD_OVERHEAD == 2 * guard_bytes);
+static_assert(sizeof(void *) != 4 || (magic == 0x95bf65a7u && K42MC_GUARD_OVERHEAD == 64));
+
+uintptr_t address_of(const void *pointer) {
+    return reinterpret_cast<uintptr_t>(pointer);
+}
+
+void *pointer_to(uintptr_t address) {
+    return reinterpret_cast<void *>(address); // NOLINT(performance-no-int-to-ptr)
+}
+
+Word *words_at(uintptr_t address) {
+    return static_cast<Word *>(pointer_to(address));
+}
+
+// Where the parts of a block lie.
+struct Layout {
+    uintptr_t raw;
+    uintptr_t tail;
+    uintptr_t raw_size;
+    int log2_alignment;
+};
+
+// What is wrong with a block, in the terms of the defect line.
+struct Finding {
+    int defect = K42MC_DEFECT_NONE;
+    uintptr_t arena = K42MC_ARENA_UNKNOWN; // that the block was allocated in
+    uintptr_t size = 0;
+    std::array<uintptr_t, K42MC_GUARD_TRACE> trace{};
+};
+
+void store_trace(Word *words, std::span<void *const> frames) {
+    for (size_t i = 0; i < K42MC_GUARD_TRACE; ++i)
+        words[i].value = i < frames.size() ? address_of(frames[i]) : 0;
+}
+
+std::array<uintptr_t, K42MC_GUARD_TRACE> load_trace(const Word *words) {
+    std::array<uintptr_t, K42MC_GUARD_TRACE> trace;
+    for (size_t i = 0; i < trace.size(); ++i)
+        trace[i] = words[i].value;
+    return trace;
+}
+
+void store_pattern(Word *words, const std::array<uintptr_t, marked_words> &pattern, size_t count) {
+    for (size_t i = 0; i < count; ++i)
+        words[i].value = pattern[i];
+}
+
+bool carries_pattern(const Word *words, const std::array<uintptr_t, marked_words> &pattern) {
+    uintptr_t difference = 0;
+    for (size_t i = 0; i < pattern.size(); ++i)
+        difference |= words[i].value ^ pattern[i];
+    return difference == 0;
+}
+
+// Whoever got the memory next may have written over some words of a freed header, so one is enough.
+bool was_freed(const Word *header) {
+    for (size_t i = 0; i < free_words.size(); ++i) {
+        if (header[i].value == free_words[i])
+            return true;
+    }
+    return false;
+}
+
+uintptr_t known_arena(uintptr_t arena) {
+    return arena < K42MC_ARENAS ? arena : uintptr_t{K42MC_ARENA_UNKNOWN};
+}
+
+uintptr_t distance(uintptr_t user, uintptr_t tail) {
+    return tail > user ? tail - user : 0;
+}
+
+Finding underflow(const Word *header, uintptr_t size) {
+    return {K42MC_DEFECT_WU, K42MC_ARENA_UNKNOWN, size, load_trace(header + trace_word)};
+}
+
+// The header remembers the tail's address, but the memory may have had another owner since.
+Finding double_free(const Word *header, uintptr_t user) {
+    const uintptr_t tail = header[freed_tail_word].value;
+    if (tail < user || !platform::readable(pointer_to(tail), guard_bytes))
+        return {.defect = K42MC_DEFECT_DF};
+    const Word *words = words_at(tail);
+    return {K42MC_DEFECT_DF, known_arena(words[arena_word].value), distance(user, tail),
+            load_trace(words + freed_trace_word)};
+}
+
+bool decode_header(const Word *header, Layout &layout) {
+    const uintptr_t word = header[alignment_word].value;
+    const uintptr_t offset = word & offset_mask;
+    layout.log2_alignment = static_cast<int>(word >> log2_shift);
+    if (layout.log2_alignment > largest_log2)
+        return false;
+    const uintptr_t alignment = uintptr_t{1} << layout.log2_alignment;
+    if (offset > alignment - 1)
+        return false;
+    const uintptr_t at = address_of(header);
+    layout.raw_size = header[raw_size_word].value;
+    layout.raw = at - offset;
+    layout.tail = at - alignment + layout.raw_size - (guard_bytes - 1);
+    return true;
+}
+
+// An underrun damages the raw size before anything else, and may put the tail anywhere. In the page
+// where the header ends, which was read already, no probe is needed; nor where the registry expects the
+// tail.
+bool tail_readable(uintptr_t user, uintptr_t tail, Assurance assurance) {
+    constexpr uintptr_t smallest_page = 4096;
+    if (tail == assurance.tail || (tail + guard_bytes - 1) / smallest_page == (user - 1) / smallest_page)
+        return true;
+    return platform::readable(pointer_to(tail), guard_bytes);
+}
+
+Finding examine(uint32_t arena, uintptr_t user, Assurance assurance, Layout &layout) {
+    const Word *header = words_at(user - guard_bytes);
+    if (!assurance.header_readable && !platform::readable(header, guard_bytes))
+        return {.defect = K42MC_DEFECT_WU};
+    if (header[magic_word].value != magic)
+        return was_freed(header) ? double_free(header, user) : underflow(header, 0);
+    if (!decode_header(header, layout))
+        return underflow(header, 0);
+    const uintptr_t size = distance(user, layout.tail);
+    if (user < layout.raw + guard_bytes || user > layout.tail ||
+        !tail_readable(user, layout.tail, assurance))
+        return underflow(header, size);
+    const Word *tail = words_at(layout.tail);
+    if (!carries_pattern(tail, tail_words))
+        return {K42MC_DEFECT_WO, K42MC_ARENA_UNKNOWN, size, load_trace(header + trace_word)};
+    if (tail[arena_word].value != arena)
+        return {K42MC_DEFECT_BF, known_arena(tail[arena_word].value), size,
+                load_trace(header + trace_word)};
+    return {};
+}
+
+// Appends to the panic string. `length` counts what the text would have been in full: once it is past
+// the room, nothing more is added.
+[[gnu::format(printf, 2, 3)]] void append(size_t &length, const char *format, ...) {
+    constexpr size_t room = sizeof k42mc_panic_string;
+    if (length >= room)
+        return;
+    va_list arguments;
+    va_start(arguments, format);
+    length +=
+        static_cast<size_t>(vsnprintf(k42mc_panic_string + length, room - length, format, arguments));
+    va_end(arguments);
+}
+
+void describe(const Finding &finding, uint32_t arena, uintptr_t user) {
+    size_t length = 0;
+    append(length, "k42mc detected %s: alloc(%s) free(%s) usrPtr(%p) usrSize(%zu)",
+           k42mc_defect_desc[finding.defect], k42mc_arena_desc[finding.arena],
+           k42mc_arena_desc[known_arena(arena)], pointer_to(user), static_cast<size_t>(finding.size));
+    append(length, " trace buffer:");
+    for (const uintptr_t frame : finding.trace)
+        append(length, " %#lx", static_cast<unsigned long>(frame));
+}
+
+void write_all(int descriptor, const char *text, size_t length) {
+    while (length > 0) {
+        const ssize_t written = write(descriptor, text, length);
+        if (written < 0 && errno != EINTR)
+            return;
+        if (written > 0) {
+            text += written;
+            length -= static_cast<size_t>(written);
+        }
+    }
+}
+
+// Past the stream's buffer, so that nothing is allocated for it in a process whose heap is damaged.
+void print_defect_line() {
+    fflush(stdout);
+    char line[sizeof k42mc_panic_string + 2];
+    const auto length = static_cast<size_t>(snprintf(line, sizeof line, "%s\r\n", k42mc_panic_string));
+    const int descriptor = fileno(stdout);
+    if (descriptor >= 0) {
+        write_all(descriptor, line, length);
+    } else {
+        fputs(line, stdout);
+        fflush(stdout);
+    }
+}
+
+[[noreturn]] void stop(const Finding &finding, uint32_t arena, uintptr_t user) {
+    describe(finding, arena, user);
+    print_defect_line();
+    platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");
+}
+
+void mark_as_freed(uintptr_t user, const Layout &layout) {
+    Trace trace;
+    trace.capture(K42MC_GUARD_TRACE);
+    Word *header = words_at(user - guard_bytes);
+    store_pattern(header, free_words, marked_words);
+    header[freed_tail_word].value = layout.tail;
+    Word *tail = words_at(layout.tail);
+    store_pattern(tail, free_words, freed_trace_word);
+    store_trace(tail + freed_trace_word, trace.innermost(K42MC_GUARD_TRACE));
+}
+
+} // namespace
+
+void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size, const Trace &trace) {
+    const uintptr_t mask = uintptr_t{alignment} - 1;
+    const uintptr_t user = (address_of(raw) + guard_bytes + mask) & ~mask;
+    const uintptr_t at = user - guard_bytes;
+    Word *header = words_at(at);
+    header[magic_word].value = magic;
+    store_trace(header + trace_word, trace.innermost(K42MC_GUARD_TRACE));
+    header[alignment_word].value =
+        static_cast<uintptr_t>(std::countr_zero(alignment)) << log2_shift | (at - address_of(raw));
+    header[raw_size_word].value = raw_size;
+    Word *tail = words_at(at - alignment + raw_size - (guard_bytes - 1));
+    store_pattern(tail, tail_words, marked_words);
+    tail[arena_word].value = arena;
+    return pointer_to(user);
+}
+
+ReleasedBlock guard_release(uint32_t arena, void *user, Assurance assurance) {
+    const int saved_errno = errno;
+    Layout layout{};
+    const uintptr_t address = address_of(user);
+    const Finding finding = examine(arena, address, assurance, layout);
+    if (finding.defect != K42MC_DEFECT_NONE) [[unlikely]]
+        stop(finding, arena, address);
+    mark_as_freed(address, layout);
+    errno = saved_errno;
+    return {pointer_to(layout.raw), layout.raw_size, uint32_t{1} << layout.log2_alignment};
+}
+
+bool guarded_size(const void *user, size_t *size) {
+    const uintptr_t address = address_of(user);
+    const Word *header = words_at(address - guard_bytes);
+    Layout layout{};
+    if (header[magic_word].value != magic || !decode_header(header, layout) || layout.tail < address)
+        return false;
+    *size = layout.tail - address;
+    return true;
+}
+
+} // namespace k42mc
+
+using namespace k42mc;
+
+void *k42mc_guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size) {
+    Trace trace;
+    trace.capture(K42MC_GUARD_TRACE);
+    return guard_alloc(arena, alignment, raw, raw_size, trace);
+}
+
+void *k42mc_guard_free(uint32_t arena, void *user) {
+    return guard_release(arena, user, {.header_readable = false, .tail = 0}).raw;
+}
+
+K42MC_EXPORT(k42mc_guard_alloc);
+K42MC_EXPORT(k42mc_guard_free);

@@ -1,0 +1,33 @@
+// Guarded blocks, as the wrappers use them. guard.h describes the layout.
+#pragma once
+
+#include "linkage.h"
+#include "trace.h"
+
+namespace k42mc {
+
+// What is known of a block before its guards are examined. What is not known to be readable is probed
+// first, at the price of a system call.
+struct Assurance {
+    bool header_readable; // false: a pointer from anywhere
+    uintptr_t tail;       // where the registry expects the tail, which is readable then; 0: no idea
+};
+
+// A block whose guards were found sound.
+struct ReleasedBlock {
+    void *raw;
+    size_t raw_size;
+    uint32_t alignment; // 1 for none
+};
+
+// As k42mc_guard_alloc, with a trace that was captured before.
+void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size, const Trace &trace);
+
+// As k42mc_guard_free, and tells what the block's header said before it was marked as freed.
+ReleasedBlock guard_release(uint32_t arena, void *user, Assurance assurance);
+
+// The user size that a sound header implies; false when the header is none. Reads only the header, which
+// must be readable.
+bool guarded_size(const void *user, size_t *size);
+
+} // namespace k42mc
