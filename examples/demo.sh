@@ -1,0 +1,160 @@
+#!/bin/bash
+# Runs the examples of a build and shows what the checker says of them: demo.sh <build-dir>.
+# Each thing shown is also verified; the script fails if the checker misses one.
+set -euo pipefail
+
+(($# == 1)) || { echo "usage: demo.sh <build-dir>" >&2; exit 2; }
+build=$(cd "$1" && pwd)
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+examples=$build/examples
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+ulimit -c 0
+
+# The files that the concordance reads: this repository's own. A short path first, for --underrun.
+texts=(README.md CHANGELOG.md include/k42mc/alloc.h include/k42mc/guard.h include/k42mc/memcheck.h
+    examples/concordance.c)
+stopped=134 # the exit status of a process that abort ended
+missing=0
+
+title() { printf '\n== %s\n' "$1"; }
+
+look() { printf '   -> %s\n' "$1"; }
+
+# A defect line ends in a carriage return as well.
+indent() { tr -d '\r' | sed 's/^/      /'; }
+
+miss() {
+    echo "   MISSING: $1"
+    missing=1
+}
+
+# Runs a program of the examples, with its standard input, and keeps what it says.
+#   run <exit status to expect> <lines of input> <program> [arguments]
+run() {
+    local expected=$1 input=$2 program=$3 status=0
+    shift 3
+    printf '%b' "$input" >"$work/in"
+    # shellcheck disable=SC2016 # The quotes belong to the command shown.
+    printf '$ %s%s\n' "${input:+printf '$input' | }" "${examples#"$PWD/"}/$program${*:+ $*}"
+    # The braces keep the shell's own notice of an abort quiet.
+    { "$examples/$program" "$@" <"$work/in" >"$work/out" 2>"$work/err"; } 2>/dev/null || status=$?
+    ((status == expected)) || miss "exit status $expected (it was $status)"
+}
+
+# Shows, indented, the lines that match; fails if there are none.
+#   show <out|err|file> <extended regular expression>
+show() {
+    local lines
+    if lines=$(grep -aE -- "$2" "$(stream "$1")"); then
+        indent <<<"$lines"
+    else
+        miss "$2"
+    fi
+}
+
+# The same for a block of lines, from a match to a match.
+show_block() {
+    local lines
+    lines=$(awk -v from="$2" -v to="$3" '$0 ~ from {on = 1} on {print} on && $0 ~ to {exit}' \
+        "$(stream "$1")")
+    if [[ $lines ]]; then
+        indent <<<"$lines"
+    else
+        miss "$2"
+    fi
+}
+
+# Verifies without showing.
+#   expect <out|err|file> <extended regular expression>
+expect() {
+    grep -aqE -- "$2" "$(stream "$1")" || miss "$2"
+}
+
+stream() {
+    case $1 in
+    out | err) echo "$work/$1" ;;
+    *) echo "$1" ;;
+    esac
+}
+
+# The number of the first line of a source that contains a text.
+line_of() { grep -nF -m 1 -- "$2" "$1" | cut -d: -f1; }
+
+title "The shortest program with a leak"
+run 0 '' first
+show_block err 'MC exit' '^}'
+expect err "^examples/first\.c:$(line_of examples/first.c 'strdup("never')"':LK:STD:0x[0-9A-F]+:12:1$'
+look "The LK line names the file and the line that allocated what is left, its address, its size (12
+      bytes) and the number of reports that have seen it."
+
+title "A clean run"
+run 0 'guard\nunheard\n' concordance "${texts[@]}"
+show_block err 'MC init' 'backtrace'
+indent <"$work/out"
+show_block err 'MC exit' '^}'
+expect err '^#### Since reset: 0 bytes held by 0 allocations ####$'
+look "The last report finds 0 bytes held: all that was allocated (+) was freed (-), in both families of
+      allocators, STD and SHM."
+
+title "A slow leak"
+run 0 'guard\n' concordance --leak --check "${texts[@]}"
+source=examples/concordance.c:$(line_of examples/concordance.c 'strdup(slash')
+show err "<cycle|^$source:LK:"
+for ((cycle = 2; cycle <= ${#texts[@]} + 1; ++cycle)); do
+    expect err "^$source:LK:STD:0x[0-9A-F]+:[0-9]+:$cycle\$"
+done
+look "One line of the source shows up again and again, with one more block in each report, and its oldest
+      block climbs: $source loses a block with every file."
+show_block err "^$source:STD:" '^------$'
+expect err '^Backtrace of the allocation:$'
+expect err 'concordance\(announce\+0x[0-9a-f]+\) '
+look "MCCheck knows of that address: its record, then who called whom when it was allocated. announce is
+      the place where it should have been freed."
+
+title "A write past the end"
+run $stopped 'guard\n' concordance --overrun "${texts[@]}"
+show out '^k42mc detected WO: alloc\(UNKNOWN\) free\(STD\) usrPtr\(0x[0-9a-f]+\) usrSize\(5\) trace buffer: 0x'
+look "WO, write overflow: the guard behind a block of 5 bytes was damaged. The word asked for has 5
+      letters, so there was no room for its terminator. The trace is of the allocation."
+
+title "A write in front of the block"
+run $stopped 'guard\n' concordance --underrun "${texts[@]}"
+show out '^k42mc detected WU: alloc\(UNKNOWN\) free\(STD\) usrPtr\(0x[0-9a-f]+\) usrSize\([0-9]+\)'
+look "WU, write underflow: the header in front of the block was damaged, so little of it can be trusted.
+      The path was longer than the column that it was right-aligned in."
+
+title "A block freed twice"
+run $stopped 'unheard\n' concordance --double-free "${texts[@]}"
+show out '^k42mc detected DF: alloc\(STD\) free\(STD\) usrPtr\(0x[0-9a-f]+\) usrSize\(8\) trace buffer: 0x'
+look "DF, double free: the block carries the mark of an earlier release. The trace is of that release,
+      not of the allocation."
+
+title "A block freed through the other allocator"
+run $stopped 'guard\n' concordance --wrong-family "${texts[@]}"
+show_block err ':BF: WRONG deallocator type' '^------$'
+expect err '^examples/concordance\.c:[0-9]+:BF: .*; allocType: STD, freeType: SHM$'
+expect err '^Backtrace of the bad free:$'
+expect err 'concordance\(index_close\+0x[0-9a-f]+\) '
+show out '^k42mc detected BF: alloc\(STD\) free\(SHM\) usrPtr\(0x[0-9a-f]+\) usrSize\([0-9]+\) trace buffer: 0x'
+look "BF, bad free: malloc's family allocated the block and the memory manager's was to free it. The
+      checker names the line and the call chain of the free; then the guards stop the process."
+
+title "The report in a file"
+folder=$(sed -n 's/^K42MC_REPORT_DIR:[A-Z]*=//p' "$build/CMakeCache.txt")
+if [[ -w $folder ]]; then
+    run 0 'guard\n' concordance --to-file --leak "${texts[@]}"
+    show err '^MC: Reporting to "'
+    report=$(sed -n 's/^MC: Reporting to "\(.*\)"$/\1/p' "$work/err")
+    show_block "$report" 'MC exit' '^#### This cycle'
+    expect "$report" "^$source:LK:STD:0x[0-9A-F]+:[0-9]+:$((${#texts[@]} + 1))\$"
+    look "The file is named by the program and the time; standard error keeps one line that says where."
+else
+    look "Left out: $folder, where this build puts its reports, cannot be written."
+fi
+
+if ((missing)); then
+    printf '\nSomething that the checker should have said is MISSING above.\n'
+    exit 1
+fi
+printf '\nAll of it was found.\n'
