@@ -1,0 +1,23 @@
+// A module that the loader has mapped, and the functions that its symbol tables name.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <span>
+
+namespace k42mc::platform {
+
+struct Module {
+    uintptr_t begin, end; // its mapping; the ELF header comes first
+    uintptr_t base;       // what to add to the addresses in its file
+    uintptr_t dynamic;    // its dynamic section
+};
+
+// Finds the function that covers the address and puts its name, cut to the room there is, without a
+// terminator. The file is searched if it is the one that was loaded (a descriptor; -1 for none), then
+// the symbols that are in memory. Returns the length of the name, 0 if there is none.
+size_t find_function(const Module &module, int file, uintptr_t address, std::span<char> name,
+                     uintptr_t &function);
+
+} // namespace k42mc::platform

@@ -1,0 +1,124 @@
+#include "platform.h"
+
+#include "bytes.h"
+#include "module.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <link.h>
+#include <sys/auxv.h>
+
+namespace k42mc::platform {
+namespace {
+
+struct Line {
+    char text[6144]; // a path of 4096 bytes leaves 2000 for the function
+    size_t length = 0;
+
+    std::span<char> room() { return std::span(text).subspan(length); }
+
+    void put(const char *bytes) {
+        const size_t size = std::min(strlen(bytes), room().size());
+        memcpy(room().data(), bytes, size);
+        length += size;
+    }
+
+    void put_hexadecimal(uintptr_t number) {
+        char digits[2 * sizeof number + 1];
+        char *first = std::end(digits);
+        *--first = '\0';
+        do {
+            *--first = "0123456789abcdef"[number % 16];
+            number /= 16;
+        } while (number != 0);
+        put("0x");
+        put(first);
+    }
+};
+
+constexpr size_t most_path_bytes = 4096;
+constexpr const char *own_executable = "/proc/self/exe";
+
+// Without the loader's lock, which may be held by a thread that waits for one of this library's.
+bool find_module(uintptr_t address, Module &module, uintptr_t &path) {
+    dl_find_object found;
+    link_map map;
+    if (_dl_find_object(reinterpret_cast<void *>(address), &found) != 0 ||
+        !fetch(own_memory, reinterpret_cast<uintptr_t>(found.dlfo_link_map), map))
+        return false;
+    module = {reinterpret_cast<uintptr_t>(found.dlfo_map_start),
+              reinterpret_cast<uintptr_t>(found.dlfo_map_end), map.l_addr,
+              reinterpret_cast<uintptr_t>(map.l_ld)};
+    path = reinterpret_cast<uintptr_t>(map.l_name);
+    return true;
+}
+
+bool is_executable(const Module &module) {
+    const uintptr_t program_headers = getauxval(AT_PHDR);
+    return program_headers >= module.begin && program_headers < module.end;
+}
+
+// Puts the module's path and opens the file. The link to the executable leads to the file that runs,
+// even if it was deleted or another one has its path now. Without an interpreter the loader itself was
+// run, by hand, with the executable as its argument.
+int put_path(Line &line, const Module &module, uintptr_t path) {
+    char *const text = line.text;
+    if (!is_executable(module)) {
+        line.length = strnlen(text, fetch(own_memory, path, text, most_path_bytes));
+    } else if (getauxval(AT_BASE) != 0) {
+        const ssize_t length = readlink(own_executable, text, most_path_bytes);
+        if (length > 0) {
+            line.length = static_cast<size_t>(length);
+            return open(own_executable, O_RDONLY | O_CLOEXEC);
+        }
+    }
+    if (line.length == 0 && is_executable(module))
+        line.put(program_invocation_name);
+    text[line.length] = '\0';
+    // A path may lead to a pipe by now: do not wait for its writer.
+    return line.length == 0 ? -1 : open(text, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+}
+
+// The call is the byte before its return address: one that never returns may end its function.
+void put_place(Line &line, uintptr_t address) {
+    Module module;
+    uintptr_t path = 0;
+    if (!find_module(address - 1, module, path))
+        return;
+    const int file = put_path(line, module, path);
+    if (line.length != 0) {
+        line.put("(");
+        uintptr_t function = 0;
+        const auto name = line.room().first(line.room().size() - 64); // the rest of the line
+        const size_t length = find_function(module, file, address - 1, name, function);
+        line.length += length;
+        line.put("+");
+        line.put_hexadecimal(address - (length != 0 ? function : module.base));
+        line.put(") ");
+    }
+    if (file >= 0)
+        close(file);
+}
+
+void write_line(uintptr_t address, int descriptor) {
+    Line line;
+    put_place(line, address);
+    line.put("[");
+    line.put_hexadecimal(address);
+    line.put("]\n");
+    write_all(descriptor, line.text, line.length);
+}
+
+} // namespace
+
+void backtrace_symbols_fd(void *const *frames, int count, int descriptor) {
+    const int kept_errno = errno;
+    for (int i = 0; i < count; ++i)
+        write_line(reinterpret_cast<uintptr_t>(frames[i]), descriptor);
+    errno = kept_errno;
+}
+
+} // namespace k42mc::platform
