@@ -1,0 +1,33 @@
+#!/bin/bash
+# usage: headers.sh <source directory> [<compiler flags>, such as -m32]
+# Compiles every public header alone, twice over, in each language that it is for, with each compiler
+# that is installed.
+set -euo pipefail
+include=$1/include flags=("${@:2}")
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+faults=0 count=0
+
+compile() { # compiler, language and standard, header
+    printf '#include <%s>\n#include <%s>\n' "$3" "$3" >"$work/unit"
+    count=$((count + 1))
+    # shellcheck disable=SC2086
+    "$1" $2 "${flags[@]}" -I"$include" -Wall -Wextra -Wpedantic -Werror -fsyntax-only "$work/unit" || {
+        echo "$3 does not compile: $1 $2 ${flags[*]}"
+        faults=1
+    }
+}
+
+for header in $(cd "$include" && find k42mc -name '*.h' -o -name '*.hpp'); do
+    for compilers in "gcc g++" "clang clang++"; do
+        read -r cc cxx <<<"$compilers"
+        command -v "$cc" "$cxx" >/dev/null || continue
+        compile "$cxx" "-x c++ -std=c++20" "$header"
+        [[ $header == *.hpp ]] && continue
+        compile "$cxx" "-x c++ -std=c++11" "$header"
+        compile "$cc" "-x c -std=c99" "$header"
+    done
+done
+((count)) || { echo "no headers found"; exit 1; }
+exit $faults

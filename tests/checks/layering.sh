@@ -1,0 +1,93 @@
+#!/bin/bash
+# usage: layering.sh <source directory> [<object files of the library>]
+# Fails on a dependency that points up; lib/README.md says which way is down. The includes are read
+# from the sources, the calls from the objects' symbols.
+set -euo pipefail
+cd "$1"
+objects=("${@:2}")
+
+# "path: include" of every repository header that the folders' files name.
+includes() {
+    grep -rHoE --include='*.[ch]' --include='*.[ch]pp' \
+        '^[[:space:]]*#[[:space:]]*include[[:space:]]*("[^"]+"|<k42mc/[^>]+>)' \
+        include platform common lib $([[ -d tools ]] && echo tools) |
+        sed -E 's/:[^"<]*["<]/ /; s/[">]$//'
+}
+
+# Where an include of a file leads: beside it, or along the library's include path.
+resolve() {
+    local folder
+    for folder in "$(dirname "$1")" include common/lib/libk42mc lib/libk42mc .; do
+        if [[ -e $folder/$2 ]]; then
+            realpath --relative-to=. "$folder/$2"
+            return
+        fi
+    done
+    echo unknown
+}
+
+layer() {
+    case $1 in
+    include/*) echo include ;;
+    platform/*) echo platform ;;
+    common/*) echo common ;;
+    lib/libk42mc/memcheck/*) echo memcheck ;;
+    lib/libk42mc/fdcheck/*) echo fdcheck ;;
+    lib/*) echo wrappers ;;
+    tools/*) echo tools ;;
+    *) echo unknown ;;
+    esac
+}
+
+# What each layer may depend on beside itself.
+allowed() {
+    case $1 in
+    include | platform) echo ;;
+    common) echo include platform ;;
+    memcheck) echo include platform common wrappers ;;
+    fdcheck) echo include platform common wrappers ;;
+    wrappers) echo include platform common memcheck fdcheck ;;
+    tools) echo include platform ;;
+    esac
+}
+
+faults=0
+depend() { # file, what it depends on, that thing's file
+    local from to
+    from=$(layer "$1")
+    to=$(layer "$3")
+    [[ $from == "$to" || " $(allowed "$from") " == *" $to "* ]] && return
+    echo "$1 ($from) must not depend on $2 ($to)"
+    faults=1
+}
+
+count=0
+while read -r file include; do
+    depend "$file" "$include" "$(resolve "$file" "$include")"
+    count=$((count + 1))
+done < <(includes)
+((count)) || { echo "no includes found"; exit 1; }
+
+# "user symbol definer" of every symbol that one object takes from another. Objects are named after the
+# sources that they are made from; what the compiler may emit anywhere (weak symbols) is nobody's.
+uses() {
+    nm -AP "${objects[@]}" |
+        sed -E 's,^.*/k42mc_r\.dir/__/__/,,; s,^.*/k42mc_r\.dir/__/,lib/,; s,\.o: , ,' |
+        awk '$3 ~ /[TDBR]/ { definer[$2] = $1 }
+             $3 == "U" { user[++n] = $1; symbol[n] = $2 }
+             END { for (i = 1; i <= n; i++)
+                       if (symbol[i] in definer) print user[i], symbol[i], definer[symbol[i]] }'
+}
+
+if ((${#objects[@]})); then
+    count=0
+    while read -r file symbol definer; do
+        # The one arrow up: the containers' default hooks.
+        [[ $(layer "$file") == common && $symbol =~ ^(k42mc_own_)?k42MC_(malloc|realloc|free)$ ]] ||
+            depend "$file" "$symbol" "$definer"
+        count=$((count + 1))
+    done < <(uses)
+    ((count)) || { echo "no symbols found"; exit 1; }
+fi
+
+exit $faults
