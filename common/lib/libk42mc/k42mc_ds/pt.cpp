@@ -1,0 +1,192 @@
+// The Patricia tree: creation, insertion, search and removal.
+#include "conventions.h"
+#include "patricia.h"
+
+#include <cstddef>
+#include <new>
+
+using namespace k42mc;
+
+static_assert(offsetof(PTNode, bit) == 0 && offsetof(PTNode, left) == sizeof(void *) &&
+              offsetof(PTNode, right) == 2 * sizeof(void *) && sizeof(PTNode) == 3 * sizeof(void *));
+static_assert(offsetof(PTTree, head) == 0 && offsetof(PTTree, keyOffset) == sizeof(void *) &&
+              offsetof(PTTree, keyBits) == sizeof(void *) + 4 &&
+              offsetof(PTTree, keyIndirections) == sizeof(void *) + 6 &&
+              offsetof(PTTree, nodeOffset) == sizeof(void *) + 8 &&
+              offsetof(PTTree, destroy) == 2 * sizeof(void *) + 8 &&
+              offsetof(PTTree, dealloc) == 3 * sizeof(void *) + 8 &&
+              offsetof(PTTree, cursor) == 4 * sizeof(void *) + 8 &&
+              sizeof(PTTree) == 5 * sizeof(void *) + 8);
+
+namespace {
+
+// The bytes of a key, from the key field of an element or from a key argument.
+const uint8_t *key_bytes(const void *field, uint8_t indirections) {
+    for (; indirections; --indirections)
+        field = ds::load<const void *>(field);
+    return static_cast<const uint8_t *>(field);
+}
+
+// Keys at the offsets that a tree was created with.
+struct OffsetKeys {
+    explicit OffsetKeys(const PTTree *tree)
+        : fromNode(static_cast<ptrdiff_t>(tree->keyOffset) - static_cast<ptrdiff_t>(tree->nodeOffset)),
+          bits(tree->keyBits), indirections(tree->keyIndirections) {}
+
+    const uint8_t *operator()(const PTNode *node) const {
+        return key_bytes(reinterpret_cast<const char *>(node) + fromNode, indirections);
+    }
+
+    ptrdiff_t fromNode;
+    int bits;
+    uint8_t indirections;
+};
+
+PTNode *node_of(const PTTree *tree, const void *element) {
+    return ds::link_at<PTNode>(element, tree->nodeOffset);
+}
+
+void *element_of(const PTTree *tree, const PTNode *node) {
+    return ds::element_at(node, tree->nodeOffset);
+}
+
+void clear_cache(PTTree *tree) {
+    tree->cursor = tree->head->right = nullptr;
+}
+
+void forget(PTTree *tree, const PTNode *removed) {
+    if (tree->cursor == removed || tree->head->right == removed)
+        clear_cache(tree);
+}
+
+// The dummy element has the head as its node, and an all-zero key behind the pointers that lead to it.
+struct DummyLayout {
+    size_t slots; // of the pointers after the one in the key field, then of the key
+    size_t key;
+    size_t size;
+};
+
+DummyLayout dummy_layout(const PTTree &tree) {
+    const size_t keyBytes = (static_cast<size_t>(tree.keyBits) + 7) / 8;
+    const size_t indirections = tree.keyIndirections;
+    const size_t field = indirections ? sizeof(void *) : keyBytes;
+    const size_t base =
+        tree.nodeOffset > tree.keyOffset ? tree.nodeOffset + sizeof(PTNode) : tree.keyOffset + field;
+    if (!indirections)
+        return {base, tree.keyOffset, base};
+    const size_t key = base + (indirections - 1) * sizeof(void *);
+    return {base, key, key + keyBytes};
+}
+
+PTNode *lay_out_dummy(const PTTree &tree, const DummyLayout &layout, char *dummy) {
+    std::memset(dummy, 0, layout.size);
+    size_t from = tree.keyOffset;
+    for (size_t slot = layout.slots, n = tree.keyIndirections; n; --n, slot += sizeof(void *)) {
+        const char *target = dummy + slot;
+        std::memcpy(dummy + from, &target, sizeof target);
+        from = slot;
+    }
+    auto *head = new (dummy + tree.nodeOffset) PTNode{-1, nullptr, nullptr};
+    head->left = head;
+    return head;
+}
+
+} // namespace
+
+int32_t PTInit(PTTree **tree, DSAllocHook alloc, DSDeallocHook dealloc, uint32_t nodeOffset,
+               uint32_t keyOffset, int16_t keyBits, uint8_t keyIndirections, DSDestroyHook destroy) {
+    *tree = nullptr;
+    if (keyBits < 1)
+        return DS_FAILURE;
+    alloc = ds::or_default(alloc);
+    dealloc = ds::or_default(dealloc);
+    void *header = alloc(sizeof(PTTree));
+    if (!header)
+        return DS_NOMEM;
+    auto *made = new (header)
+        PTTree{nullptr, keyOffset, keyBits, keyIndirections, nodeOffset, ds::or_default(destroy),
+               dealloc, nullptr};
+    const DummyLayout layout = dummy_layout(*made);
+    void *dummy = alloc(layout.size);
+    if (!dummy) {
+        dealloc(header);
+        return DS_NOMEM;
+    }
+    made->head = lay_out_dummy(*made, layout, static_cast<char *>(dummy));
+    *tree = made;
+    return DS_OK;
+}
+
+void PTDeinit(PTTree **handle) {
+    PTTree *tree = *handle;
+    *handle = nullptr;
+    PTDestroy(tree);
+    const DSDeallocHook dealloc = tree->dealloc;
+    dealloc(element_of(tree, tree->head));
+    dealloc(tree);
+}
+
+void PTDestroy(PTTree *tree) {
+    if (ds::owns_elements(tree->destroy))
+        ds::take_apart(tree->head, [=](PTNode *node) { tree->destroy(element_of(tree, node)); });
+    tree->head->left = tree->head;
+    clear_cache(tree);
+}
+
+int PTIsEmpty(const PTTree *tree) {
+    return tree->head->left == tree->head;
+}
+
+void *PTAny(const PTTree *tree) {
+    return PTIsEmpty(tree) ? nullptr : element_of(tree, tree->head->left);
+}
+
+void PTInsert(PTTree *tree, void *element, void **existing) {
+    const PTNode *present = ds::insert(tree->head, OffsetKeys(tree), node_of(tree, element));
+    if (!present)
+        clear_cache(tree);
+    if (existing)
+        *existing = present ? element_of(tree, present) : nullptr;
+}
+
+void *PTSearch(const PTTree *tree, const void *key) {
+    const ds::Descent found =
+        ds::search(tree->head, OffsetKeys(tree), key_bytes(key, tree->keyIndirections));
+    return found.end == tree->head ? nullptr : element_of(tree, found.end);
+}
+
+void PTRemove(PTTree *tree, void *element) {
+    PTNode *node = node_of(tree, element);
+    ds::remove(tree->head, node, OffsetKeys(tree)(node));
+    forget(tree, node);
+}
+
+void *PTRemoveByKey(PTTree *tree, const void *key) {
+    const PTNode *node =
+        ds::remove_key(tree->head, OffsetKeys(tree), key_bytes(key, tree->keyIndirections));
+    if (!node)
+        return nullptr;
+    forget(tree, node);
+    return element_of(tree, node);
+}
+
+void PTRemoveAndDestroy(PTTree *tree, void *element) {
+    PTRemove(tree, element);
+    tree->destroy(element);
+}
+
+int32_t PTRemoveAndDestroyByKey(PTTree *tree, const void *key) {
+    return ds::destroy_removed(tree->destroy, PTRemoveByKey(tree, key));
+}
+
+K42MC_EXPORT(PTInit);
+K42MC_EXPORT(PTDeinit);
+K42MC_EXPORT(PTDestroy);
+K42MC_EXPORT(PTIsEmpty);
+K42MC_EXPORT(PTAny);
+K42MC_EXPORT(PTInsert);
+K42MC_EXPORT(PTSearch);
+K42MC_EXPORT(PTRemove);
+K42MC_EXPORT(PTRemoveByKey);
+K42MC_EXPORT(PTRemoveAndDestroy);
+K42MC_EXPORT(PTRemoveAndDestroyByKey);
