@@ -22,7 +22,7 @@ compile() { # compiler, language and standard, header
 for header in $(cd "$include" && find k42mc -name '*.h' -o -name '*.hpp'); do
     for compilers in "gcc g++" "clang clang++"; do
         read -r cc cxx <<<"$compilers"
-        command -v "$cc" "$cxx" >/dev/null || continue
+        [[ $(type -P "$cc") && $(type -P "$cxx") ]] || continue
         compile "$cxx" "-x c++ -std=c++20" "$header"
         [[ $header == *.hpp ]] && continue
         compile "$cxx" "-x c++ -std=c++11" "$header"

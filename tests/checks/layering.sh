@@ -5,12 +5,14 @@
 set -euo pipefail
 cd "$1"
 objects=("${@:2}")
+folders=(include platform common lib)
+[[ ! -d tools ]] || folders+=(tools)
 
-# "path: include" of every repository header that the folders' files name.
+# "path: include" of every repository header that their files name.
 includes() {
     grep -rHoE --include='*.[ch]' --include='*.[ch]pp' \
         '^[[:space:]]*#[[:space:]]*include[[:space:]]*("[^"]+"|<k42mc/[^>]+>)' \
-        include platform common lib $([[ -d tools ]] && echo tools) |
+        "${folders[@]}" |
         sed -E 's/:[^"<]*["<]/ /; s/[">]$//'
 }
 
