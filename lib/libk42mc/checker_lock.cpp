@@ -1,0 +1,22 @@
+#include "checker_lock.h"
+
+constinit uint8_t gK42MCOn = 0;
+constinit pthread_mutex_t gMCLock = PTHREAD_MUTEX_INITIALIZER;
+constexpr const char *const gAllocatorType[MC_ALLOCATOR_TYPES] = {"STD", "SYS", "FIX", "VAR", "SHM"};
+
+uint8_t MCLock() {
+    if (pthread_mutex_lock(&gMCLock) != 0)
+        return 0;
+    if (!k42mc::checker_on()) {
+        pthread_mutex_unlock(&gMCLock);
+        return 0;
+    }
+    return 1;
+}
+
+int MCUnlock() {
+    return pthread_mutex_unlock(&gMCLock);
+}
+
+K42MC_EXPORT(MCLock);
+K42MC_EXPORT(MCUnlock);

@@ -1,0 +1,19 @@
+// The checker's flag and lock, which the wrappers and the checker meet at.
+#pragma once
+
+#include "linkage.h"
+
+#include <atomic>
+
+namespace k42mc {
+
+// The wrappers read the flag without the lock; MCLock reads it again under it.
+inline bool checker_on() {
+    return std::atomic_ref(gK42MCOn).load(std::memory_order_relaxed) != 0;
+}
+
+inline void set_checker_on(bool on) {
+    std::atomic_ref(gK42MCOn).store(on ? 1 : 0, std::memory_order_relaxed);
+}
+
+} // namespace k42mc

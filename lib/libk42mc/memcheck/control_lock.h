@@ -1,0 +1,33 @@
+#pragma once
+
+#include "linkage.h"
+
+#include <stdio.h>
+
+namespace k42mc {
+
+// gMCLock for a control function, which must work while the checker is off too.
+class ControlLock {
+public:
+    explicit ControlLock(const char *function) : held_(pthread_mutex_lock(&gMCLock) == 0) {
+        if (!held_)
+            fprintf(stderr, "%s: ERROR: MCLock1 failed!\n", function);
+    }
+    ~ControlLock() {
+        if (held_)
+            MCUnlock();
+    }
+    ControlLock(const ControlLock &) = delete;
+    ControlLock &operator=(const ControlLock &) = delete;
+
+    explicit operator bool() const { return held_; }
+
+private:
+    const bool held_;
+};
+
+inline void say_not_initialized(const char *function) {
+    fprintf(stderr, "%s: ERROR: MC not currently initialized\n", function);
+}
+
+} // namespace k42mc

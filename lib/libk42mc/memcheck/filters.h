@@ -1,0 +1,19 @@
+// The backtrace filters: which allocation sites get a trace.
+#pragma once
+
+#include "memcheck/state.h"
+
+namespace k42mc {
+
+// Whether the rules in force ask for the trace of an allocation.
+bool wants_backtrace(const MCFilterKey &key);
+
+bool MCFilterMatch(const MCFilterKey &a, const MCFilterKey &b);
+
+// The callback that looks a key up in a filter list.
+int32_t MCFilterVisitMatch(void *filter, void *key);
+
+// The destroy hook of the filter lists.
+void MCFilterRelease(void *filter);
+
+} // namespace k42mc

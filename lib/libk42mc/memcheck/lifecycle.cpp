@@ -1,0 +1,150 @@
+#include "checker_lock.h"
+#include "memcheck/control_lock.h"
+#include "memcheck/fork.h"
+#include "memcheck/sink.h"
+#include "memcheck/state.h"
+
+#include <stdlib.h>
+
+namespace k42mc {
+namespace {
+
+void MCExit();
+
+bool valid_arguments(uint32_t file_type, uint32_t bitmap) {
+    if ((bitmap & ~supported_bitmap) != 0) {
+        fprintf(stderr, "%s: ERROR: invalid MC type bitmap 0x%x. Supported bitmap is 0x%x\n", "MCInit",
+                bitmap, supported_bitmap);
+        return false;
+    }
+    if (file_type != MC_TO_STDERR && file_type != MC_TO_FILE) {
+        fprintf(stderr, "%s: ERROR: invalid file type 0x%x. Specify either 0 (stderr) or 1 (tmp file)\n",
+                "MCInit", file_type);
+        return false;
+    }
+    return true;
+}
+
+// Returns the bitmap to put in force, or 0 when the checker has to stay off.
+uint32_t first_initialisation(uint32_t file_type, uint32_t bitmap) {
+    MCOpenSink(file_type == MC_TO_FILE);
+    if (gMCReportFile == nullptr) {
+        fprintf(stderr, "%s: Failed to open report file\n", "MCInit");
+        return 0;
+    }
+    fputs("==========MC init==========\n", MCSink());
+    if (!create_containers()) {
+        fprintf(MCSink(), "%s: Memory allocation failure!\n", "MCInit");
+        MCCloseSink();
+        return 0;
+    }
+    hook_fork();
+    if (!gMCExitHooked) {
+        gMCExitHooked = true;
+        atexit(MCExit);
+    }
+    gMCDone = false;
+    bitmap &= ~MC_TYPE_LK_RESET;
+    return bitmap != 0 ? bitmap : MC_TYPE_LKBF;
+}
+
+// Returns the bitmap to put in force.
+uint32_t reinitialisation(uint32_t bitmap) {
+    fputs("==========MC re-init==========\n", MCSink());
+    if (bitmap & MC_TYPE_LK_RESET) {
+        fputs("Resetting LK detection\n", MCSink());
+        MCResetStats();
+        DLDestroy(gMCList);
+        bitmap &= ~MC_TYPE_LK_RESET;
+    }
+    return bitmap != 0 ? bitmap : gMCTypeBitmap;
+}
+
+void put_in_force(uint32_t bitmap) {
+    FILE *out = MCSink();
+    fputs(bitmap & MC_TYPE_LKBF ? "Monitoring LK/BF\n" : "By default monitoring LK/BF\n", out);
+    set_type_bitmap(bitmap | MC_TYPE_LKBF);
+    if (bitmap & MC_TYPE_SHM)
+        fputs("Also monitoring shared memory\n", out);
+    fputs(bitmap & MC_TYPE_BT_OFF ? "Disabling backtrace collection, subject to MCBTFilterIn\n"
+                                  : "Enabling backtrace collection, subject to MCBTFilterOut\n",
+          out);
+    fflush(out);
+}
+
+// The flag goes first: the containers' headers are released through the checked free, which would want
+// the lock again.
+void switch_off() {
+    set_checker_on(false);
+    ++gMCGeneration;
+    set_type_bitmap(0);
+    gMCCycle = 0;
+    MCResetStats();
+}
+
+// Writes the farewell unless MCDeinit did. Returns whether there is anything to report.
+bool announce_exit() {
+    const bool locked = pthread_mutex_lock(&gMCLock) == 0;
+    const bool on = !gMCDone;
+    if (on)
+        fputs("==========MC exit==========\n", MCSink());
+    if (locked)
+        MCUnlock();
+    return on;
+}
+
+// What the process still allocates and frees after this is guarded and no more.
+void MCExit() {
+    if (!announce_exit())
+        return;
+    MCReport(0);
+    const ControlLock lock("MCExit");
+    if (!lock || gMCTree == nullptr)
+        return;
+    switch_off();
+    MCCloseSink();
+    PTDeinit(&gMCTree);
+    DLDeinit(&gMCList);
+}
+
+} // namespace
+} // namespace k42mc
+
+using namespace k42mc;
+
+void MCInit(uint32_t file_type, uint32_t bitmap) {
+    file_type = __builtin_bswap32(file_type);
+    bitmap = __builtin_bswap32(bitmap);
+    if (!valid_arguments(file_type, bitmap))
+        return;
+    const ControlLock lock("MCInit");
+    if (!lock)
+        return;
+    const uint32_t wanted =
+        checker_on() ? reinitialisation(bitmap) : first_initialisation(file_type, bitmap);
+    if (wanted == 0)
+        return;
+    put_in_force(wanted);
+    set_checker_on(true);
+}
+
+void MCDeinit() {
+    const ControlLock lock("MCDeinit");
+    if (!lock)
+        return;
+    if (!checker_on()) {
+        fprintf(stderr, "%s: MC not currently initialized\n", "MCDeinit");
+        return;
+    }
+    gMCDone = true;
+    switch_off();
+    DLDeinit(&gMCList);
+    PTDeinit(&gMCTree);
+    SLDeinit(&gMCFilterIn);
+    SLDeinit(&gMCFilterOut);
+    fprintf(MCSink(), "========== %s: Done ==========\n", "MCDeinit");
+    MCCloseSink();
+}
+
+K42MC_EXPORT(MCInit);
+K42MC_EXPORT(MCDeinit);

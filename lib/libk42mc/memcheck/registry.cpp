@@ -1,0 +1,220 @@
+#include "memcheck/registry.h"
+
+#include "checker_lock.h"
+#include "memcheck/filters.h"
+#include "memcheck/sink.h"
+#include "memcheck/state.h"
+
+#include <inttypes.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace k42mc {
+namespace {
+
+// What is known of a block while the checker is off: its header is taken on trust.
+constexpr Assurance unexamined{.header_readable = true, .tail = 0};
+
+const char *type_name(uint16_t type) {
+    return type < MC_ALLOCATOR_TYPES ? gAllocatorType[type] : "UNKNOWN";
+}
+
+void print_failed_allocation(Site site, size_t size) {
+    FILE *out = MCSink();
+    fprintf(out, "%s:%d:NA:0x%0X:%zu\n", site.file, site.line, 0u, size);
+    fflush(out);
+}
+
+// Below a line about the call in progress, the call itself.
+void print_current_trace(const char *title) {
+    Trace trace;
+    trace.capture(Trace::deepest);
+    if (trace.count > 0)
+        write_backtrace(MCSink(), title, trace.frames, trace.count);
+}
+
+void print_null_release(Site site) {
+    FILE *out = MCSink();
+    fprintf(out, "%s:%d:NF:0x%0X:%u\n", site.file, site.line, 0u, 0u);
+    fflush(out);
+    print_current_trace("Backtrace of the NULL free:\n");
+}
+
+void print_wrong_type(const MCAllocRec &record, Site site, uint16_t type) {
+    FILE *out = MCSink();
+    fprintf(out, "%s:%d:BF: WRONG deallocator type for 0x%0" PRIXPTR "; allocType: %s, freeType: %s\n",
+            site.file, site.line, record.address, type_name(record.key.type), type_name(type));
+    fflush(out);
+    print_current_trace("Backtrace of the bad free:\n");
+}
+
+void unlist_and_free(MCAllocRec *record) {
+    if (--record->containers == 0)
+        free(record);
+    else
+        DLRemoveAndDestroy(gMCList, record);
+}
+
+// The record for an address, linked into the tree and out of the live list; null when memory ran out. A
+// block may still be recorded under the address if it was released past the wrappers.
+MCAllocRec *enter(uintptr_t address) {
+    auto *record = static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec)));
+    if (record == nullptr) {
+        fprintf(MCSink(), "============ %s: Memory allocation failure ===========\n", "MCAlloc");
+        return nullptr;
+    }
+    record->address = address;
+    void *existing;
+    PTInsert(gMCTree, record, &existing);
+    if (existing == nullptr)
+        return record;
+    free(record);
+    auto *stale = static_cast<MCAllocRec *>(existing);
+    MCCountFree(stale->key.type, stale->key.size);
+    if (stale->containers == 2)
+        DLRemove(gMCList, stale);
+    return stale;
+}
+
+void keep_backtrace(MCAllocRec *record, Trace &trace) {
+    record->frameCount = 0;
+    if (!wants_backtrace(record->key))
+        return;
+    trace.capture(Trace::deepest);
+    const auto frames = trace.innermost(MCAllocRec::most_frames);
+    record->frameCount = static_cast<uint32_t>(frames.size());
+    memcpy(record->frames, frames.data(), frames.size_bytes());
+}
+
+void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace &trace) {
+    if (site.file == nullptr)
+        site.file = "(null)";
+    if (address == 0) {
+        print_failed_allocation(site, size);
+        return;
+    }
+    if (gMCTree == nullptr || type >= MC_ALLOCATOR_TYPES)
+        return;
+    MCAllocRec *record = enter(address);
+    if (record == nullptr)
+        return;
+    record->key = {.line = site.line, .size = size, .type = type, .file = site.file};
+    record->cycles = 0;
+    record->containers = 2;
+    DLInsertLast(gMCList, record);
+    keep_backtrace(record, trace);
+    gMCAllocCycle[type].add(size);
+    gMCAllocSinceReset[type].add(size);
+}
+
+// The first half of forgetting a block: out of the tree.
+MCAllocRec *take(uintptr_t address) {
+    return gMCTree != nullptr ? static_cast<MCAllocRec *>(PTRemoveByKey(gMCTree, &address)) : nullptr;
+}
+
+// The second half: everything else. The record is gone afterwards.
+void settle(MCAllocRec *record, Site site, uint16_t type) {
+    if (record->key.type != type)
+        print_wrong_type(*record, site, type);
+    MCCountFree(record->key.type, record->key.size);
+    unlist_and_free(record);
+}
+
+Assurance assurance_for(const MCAllocRec *record) {
+    if (record == nullptr)
+        return {.header_readable = false, .tail = 0};
+    return {.header_readable = true, .tail = record->address + record->key.size};
+}
+
+uintptr_t address_of(const void *user) {
+    return reinterpret_cast<uintptr_t>(user);
+}
+
+} // namespace
+
+int trace_depth() {
+    return checker_on() && !traces_off_by_default() ? Trace::deepest : int{K42MC_GUARD_TRACE};
+}
+
+void record_block(Site site, uint16_t type, const void *user, size_t size, Trace &trace) {
+    if (!checker_on() || !MCLock())
+        return;
+    add_record(site, type, address_of(user), size, trace);
+    MCUnlock();
+}
+
+Assurance forget_block(Site site, uint16_t type, const void *user) {
+    if (!checker_on() || !MCLock())
+        return unexamined;
+    MCAllocRec *record = take(address_of(user));
+    const Assurance assurance = assurance_for(record);
+    if (record != nullptr)
+        settle(record, site, type);
+    MCUnlock();
+    return assurance;
+}
+
+void report_null_release(Site site, uint16_t type) {
+    if (!checker_on() || !MCLock())
+        return;
+    MCFree(site.file, site.line, type, 0);
+    MCUnlock();
+}
+
+RecordInHand take_record(const void *user) {
+    if (!checker_on() || !MCLock())
+        return {.record = nullptr, .generation = 0, .assurance = unexamined};
+    MCAllocRec *record = take(address_of(user));
+    const RecordInHand hand{record, gMCGeneration, assurance_for(record)};
+    MCUnlock();
+    return hand;
+}
+
+void put_record_back(const RecordInHand &hand) {
+    if (hand.record == nullptr || pthread_mutex_lock(&gMCLock) != 0)
+        return;
+    void *existing = hand.record;
+    if (hand.generation == gMCGeneration)
+        PTInsert(gMCTree, hand.record, &existing);
+    if (existing != nullptr)
+        unlist_and_free(hand.record);
+    MCUnlock();
+}
+
+void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
+                    Trace &trace) {
+    if (hand.record == nullptr && !checker_on())
+        return;
+    if (pthread_mutex_lock(&gMCLock) != 0)
+        return;
+    if (hand.record != nullptr && hand.generation == gMCGeneration)
+        settle(hand.record, site, type);
+    else if (hand.record != nullptr)
+        MCRecordRelease(hand.record);
+    if (checker_on())
+        add_record(site, type, address_of(user), size, trace);
+    MCUnlock();
+}
+
+} // namespace k42mc
+
+using namespace k42mc;
+
+void MCAlloc(const char *file, int line, uint16_t type, uintptr_t address, size_t size) {
+    Trace trace;
+    add_record({file, line}, type, address, size, trace);
+}
+
+void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
+    if (address == 0) {
+        if (type != MC_STD)
+            print_null_release({file, line});
+        return;
+    }
+    MCAllocRec *record = take(address);
+    if (record != nullptr)
+        settle(record, {file, line}, type);
+}
+
+K42MC_EXPORT(MCAlloc);
+K42MC_EXPORT(MCFree);

@@ -1,0 +1,136 @@
+#include "memcheck/sink.h"
+
+#include "platform/platform.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stddef.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace k42mc {
+
+constinit FILE *gMCReportFile = nullptr;
+
+namespace {
+
+// The sink belongs to the parent process.
+constinit bool sink_inherited = false;
+
+constexpr size_t path_room = 1024;
+
+struct OpenedFile {
+    FILE *stream;
+    char path[path_room];
+};
+
+void open_report(OpenedFile &file, const char *directory, time_t now, int flags) {
+    tm local{};
+    localtime_r(&now, &local);
+    snprintf(file.path, sizeof file.path, "%s%s.MC.%02d%02d%02d%02d%02d%02d.txt", directory,
+             platform::progname(), local.tm_year - 100, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+             local.tm_min, local.tm_sec);
+    file.stream = open_for_writing(file.path, flags);
+}
+
+// Opens a report file that no other process has: one named for the next second that is still free.
+void open_own_report(OpenedFile &file, const char *directory, time_t now) {
+    constexpr int most_seconds = 3600; // of forks within one second before giving up
+    for (int ahead = 0; ahead < most_seconds; ++ahead) {
+        open_report(file, directory, now + ahead, O_EXCL);
+        if (file.stream != nullptr || errno != EEXIST)
+            return;
+    }
+}
+
+void open_report_file(bool own) {
+    OpenedFile file{};
+    const time_t now = time(nullptr);
+    const auto open_in = [&](const char *directory) {
+        if (own)
+            open_own_report(file, directory, now);
+        else
+            open_report(file, directory, now, O_TRUNC);
+    };
+    if (mkdir(K42MC_REPORT_DIR, 0777) == 0 || errno == EEXIST)
+        open_in(K42MC_REPORT_DIR);
+    if (file.stream == nullptr)
+        open_in(K42MC_FALLBACK_DIR);
+    gMCReportFile = file.stream;
+    if (file.stream != nullptr)
+        fprintf(stderr, "MC: Reporting to \"%s\"\n", file.path);
+    else
+        perror(file.path);
+}
+
+bool is_file(const FILE *sink) {
+    return sink != nullptr && sink != stderr;
+}
+
+void replace_inherited_sink() {
+    sink_inherited = false;
+    if (!is_file(gMCReportFile))
+        return;
+    fclose(gMCReportFile);
+    gMCReportFile = nullptr;
+    open_report_file(true);
+    if (gMCReportFile == nullptr)
+        gMCReportFile = stderr;
+}
+
+} // namespace
+
+FILE *open_for_writing(const char *path, int flags) {
+    const int descriptor = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | flags, 0666);
+    if (descriptor < 0)
+        return nullptr;
+    FILE *stream = fdopen(descriptor, "w");
+    if (stream == nullptr) {
+        const int cause = errno;
+        close(descriptor);
+        errno = cause;
+    }
+    return stream;
+}
+
+FILE *MCSink() {
+    if (sink_inherited)
+        replace_inherited_sink();
+    return gMCReportFile != nullptr ? gMCReportFile : stderr;
+}
+
+void MCOpenSink(int to_file) {
+    if (!to_file) {
+        MCCloseSink();
+        gMCReportFile = stderr;
+        fputs("MC: Reporting to stderr\n", stderr);
+    } else if (!is_file(gMCReportFile)) {
+        open_report_file(false);
+    }
+}
+
+void MCCloseSink() {
+    if (is_file(gMCReportFile))
+        fclose(gMCReportFile);
+    gMCReportFile = nullptr;
+    sink_inherited = false;
+}
+
+void write_backtrace(FILE *out, const char *title, void *const *frames, int count) {
+    fputs(title, out);
+    fflush(out);
+    platform::backtrace_symbols_fd(frames, count, fileno(out));
+    fputs("------\n", out);
+    fflush(out);
+}
+
+void flush_sink() {
+    if (gMCReportFile != nullptr)
+        fflush(gMCReportFile);
+}
+
+void leave_sink_to_parent() {
+    sink_inherited = true;
+}
+
+} // namespace k42mc

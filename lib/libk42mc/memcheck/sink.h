@@ -1,0 +1,35 @@
+// The report sink: the stream that every line of the checker's reports goes to.
+#pragma once
+
+#include <stdio.h>
+#include <time.h>
+
+namespace k42mc {
+
+// The stream as it was opened: standard error, a report file, or null while the checker is off. Only for
+// comparing; whoever writes asks MCSink().
+extern FILE *gMCReportFile;
+
+// The stream to write to. Never null: standard error where there is no sink. In a forked child this is
+// where a report file of its own takes the place of the parent's.
+FILE *MCSink();
+
+// Makes standard error (0) or a report file (1) the sink and says so on standard error. A report file
+// that is open already is kept. Leaves gMCReportFile null when no file can be opened.
+void MCOpenSink(int to_file);
+
+// Closes the sink unless it is standard error, and leaves none.
+void MCCloseSink();
+
+// A stream over a file that is created or truncated, never through a symbolic link, and closed on exec;
+// `flags` adds to the open flags. Null with errno set.
+FILE *open_for_writing(const char *path, int flags);
+
+// Writes a trace below a line that is out already: the title, a line a frame, the closing line.
+void write_backtrace(FILE *out, const char *title, void *const *frames, int count);
+
+// Around a fork: what is buffered is written by the parent alone.
+void flush_sink();
+void leave_sink_to_parent();
+
+} // namespace k42mc
