@@ -5,6 +5,7 @@
 #ifndef K42MC_EXTRA_H
 #define K42MC_EXTRA_H
 
+#include <k42mc/alloc.h>
 #include <k42mc/base.h>
 
 K42MC_BEGIN_DECLS
@@ -23,6 +24,92 @@ void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_
 
 /* Releases a block that k42mcx_alloc handed out under this type. Null is ignored. */
 void k42mcx_free(const char *file, int line, int type, void *ptr);
+
+/* ---- libc's functions that hand out memory, over guarded blocks (redirect.h routes calls here) ----
+ *
+ * Each is libc's function of the name, with the caller's file and line in front and a block of the
+ * standard family as its result: release it with k42MC_free or a routed free. Return values, errno and
+ * what is read and written are libc's. The names with "plain" are for references that carry no site:
+ * addresses, tables, calls in parentheses. Their blocks have the file "(indirect call)" and line 0.
+ */
+
+struct _IO_FILE; /* FILE */
+
+/* As k42MC_realloc, but allocates when ptr is null and size is 0, as libc's does. */
+void *k42mcx_realloc(const char *file, int line, void *ptr, size_t size) K42MC_SIZE_IS(4)
+    K42MC_MUST_CHECK;
+
+/* Resizes to nmemb * size bytes. Null with errno ENOMEM, and ptr untouched, if the product overflows. */
+void *k42mcx_reallocarray(const char *file, int line, void *ptr, size_t nmemb, size_t size)
+    K42MC_SIZE_IS_PRODUCT(4, 5) K42MC_MUST_CHECK;
+
+/*
+ * As k42MC_posix_memalign; an alignment that is no power of two is EINVAL in errno. Alignments below the
+ * size of a pointer count as that size, those above K42MC_ALIGN_MAX are EINVAL.
+ */
+void *k42mcx_aligned_alloc(const char *file, int line, size_t alignment, size_t size)
+    K42MC_RELEASED_BY(k42MC_free, 3) K42MC_SIZE_IS(4);
+
+/* As k42mcx_aligned_alloc, but the alignment is rounded up to a power of two. */
+void *k42mcx_memalign(const char *file, int line, size_t alignment, size_t size)
+    K42MC_RELEASED_BY(k42MC_free, 3) K42MC_SIZE_IS(4);
+
+char *k42mcx_strdup(const char *file, int line, const char *s) K42MC_RELEASED_BY(k42MC_free, 3);
+char *k42mcx_strndup(const char *file, int line, const char *s, size_t most)
+    K42MC_RELEASED_BY(k42MC_free, 3);
+wchar_t *k42mcx_wcsdup(const char *file, int line, const wchar_t *s) K42MC_RELEASED_BY(k42MC_free, 3);
+
+/* The block is exactly as long as the text; on failure -1, and *text is null. */
+int k42mcx_asprintf(const char *file, int line, char **text, const char *format, ...)
+    K42MC_PRINTF(4, 5);
+int k42mcx_vasprintf(const char *file, int line, char **text, const char *format,
+                     __builtin_va_list arguments) K42MC_PRINTF(4, 0);
+
+/* A line buffer that is passed in has to be a block of the standard family. */
+__PTRDIFF_TYPE__ k42mcx_getline(const char *file, int line, char **buffer, size_t *capacity,
+                                struct _IO_FILE *stream);
+__PTRDIFF_TYPE__ k42mcx_getdelim(const char *file, int line, char **buffer, size_t *capacity,
+                                 int delimiter, struct _IO_FILE *stream);
+
+/*
+ * The stream is unbuffered: *text and *size are up to date after each write and seek, not only after
+ * fflush and fclose. *size is the position, or the length where the position lies beyond it; a NUL follows
+ * the length. Once the stream is closed, the block is exactly as long as the text and its NUL.
+ */
+struct _IO_FILE *k42mcx_open_memstream(const char *file, int line, char **text, size_t *size);
+
+/* A block only when the buffer is null; otherwise libc's functions and nothing else. */
+char *k42mcx_realpath(const char *file, int line, const char *path, char *resolved);
+char *k42mcx_getcwd(const char *file, int line, char *buffer, size_t size);
+
+/* The bytes asked for, if ptr is a guarded block; 0 for null; what libc says of any other block. */
+size_t k42mcx_malloc_usable_size(void *ptr);
+
+/* Releases memory that is no guarded block, through libc's free: what an unrouted library handed out. */
+void k42mcx_raw_free(void *ptr);
+
+void *k42mcx_plain_malloc(size_t size);
+void *k42mcx_plain_calloc(size_t nmemb, size_t size);
+void *k42mcx_plain_realloc(void *ptr, size_t size);
+void *k42mcx_plain_reallocarray(void *ptr, size_t nmemb, size_t size);
+int k42mcx_plain_posix_memalign(void **memptr, size_t alignment, size_t size);
+void *k42mcx_plain_aligned_alloc(size_t alignment, size_t size);
+void *k42mcx_plain_memalign(size_t alignment, size_t size);
+void *k42mcx_plain_valloc(size_t size);
+void k42mcx_plain_free(void *ptr);
+void k42mcx_plain_cfree(void *ptr);
+char *k42mcx_plain_strdup(const char *s);
+char *k42mcx_plain_strndup(const char *s, size_t most);
+wchar_t *k42mcx_plain_wcsdup(const wchar_t *s);
+int k42mcx_plain_asprintf(char **text, const char *format, ...) K42MC_PRINTF(2, 3);
+int k42mcx_plain_vasprintf(char **text, const char *format, __builtin_va_list arguments)
+    K42MC_PRINTF(2, 0);
+__PTRDIFF_TYPE__ k42mcx_plain_getline(char **buffer, size_t *capacity, struct _IO_FILE *stream);
+__PTRDIFF_TYPE__ k42mcx_plain_getdelim(char **buffer, size_t *capacity, int delimiter,
+                                       struct _IO_FILE *stream);
+struct _IO_FILE *k42mcx_plain_open_memstream(char **text, size_t *size);
+char *k42mcx_plain_realpath(const char *path, char *resolved);
+char *k42mcx_plain_getcwd(char *buffer, size_t size);
 
 K42MC_END_DECLS
 

@@ -1,0 +1,3 @@
+/* For a source that switches _FORTIFY_SOURCE on itself; redirect.h says why it goes. */
+#undef _FORTIFY_SOURCE
+#include_next <features.h>

@@ -1,0 +1,3 @@
+#include "k42mc_suspend.h"
+#include_next <string.h>
+#include "k42mc_resume.h"

@@ -1,0 +1,3 @@
+#include "k42mc_suspend.h"
+#include_next <unistd.h>
+#include "k42mc_resume.h"
