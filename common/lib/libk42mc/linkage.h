@@ -7,12 +7,17 @@
 // each, so they are reached through the global offset table.
 #pragma once
 
-#define K42MC_PRAGMA(text) _Pragma(#text)
+#define K42MC_PRAGMA(text)   _Pragma(#text)
 #define K42MC_TWIN(function) K42MC_PRAGMA(redefine_extname function k42mc_own_##function)
 
 #include "twins.h"
 
-// Function declarations become hidden; exported data says "default" for itself.
+// Function declarations become hidden; exported data says "default" for itself, and the system's headers
+// must not be seen for the first time in between.
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+
 #pragma GCC visibility push(hidden)
 #include <k42mc/k42mc.h>
 #pragma GCC visibility pop
@@ -23,12 +28,12 @@
 #define K42MC_COPY_ATTRIBUTES(function)
 #endif
 
-#define K42MC_EXPORT(function)                                                                      \
-    extern "C" K42MC_COPY_ATTRIBUTES(function)                                                      \
-        __attribute__((visibility("default"), alias("k42mc_own_" #function)))                       \
-        decltype(function) k42mc_export_##function __asm__(#function)
+#define K42MC_EXPORT(function)                                                                          \
+    extern "C" K42MC_COPY_ATTRIBUTES(function) __attribute__((                                          \
+        visibility("default"),                                                                          \
+        alias("k42mc_own_" #function))) decltype(function) k42mc_export_##function __asm__(#function)
 
 // The public symbol of an exported function, for taking the address that the executable would see.
-#define K42MC_PUBLIC_SYMBOL(function)                                                               \
-    extern "C" __attribute__((visibility("default"))) decltype(function)                            \
-        k42mc_public_##function __asm__(#function)
+#define K42MC_PUBLIC_SYMBOL(function)                                                                   \
+    extern "C" __attribute__((                                                                          \
+        visibility("default"))) decltype(function) k42mc_public_##function __asm__(#function)
