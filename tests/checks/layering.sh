@@ -28,37 +28,36 @@ resolve() {
     echo unknown
 }
 
-layer() {
+layer() { # sets REPLY
     case $1 in
-    include/*) echo include ;;
-    platform/*) echo platform ;;
-    common/*) echo common ;;
-    lib/libk42mc/memcheck/*) echo memcheck ;;
-    lib/libk42mc/fdcheck/*) echo fdcheck ;;
-    lib/*) echo wrappers ;;
-    tools/*) echo tools ;;
-    *) echo unknown ;;
+    include/*) REPLY=include ;;
+    platform/*) REPLY=platform ;;
+    common/*) REPLY=common ;;
+    lib/libk42mc/memcheck/*) REPLY=memcheck ;;
+    lib/libk42mc/fdcheck/*) REPLY=fdcheck ;;
+    lib/*) REPLY=wrappers ;;
+    tools/*) REPLY=tools ;;
+    *) REPLY=unknown ;;
     esac
 }
 
 # What each layer may depend on beside itself.
-allowed() {
-    case $1 in
-    include | platform) echo ;;
-    common) echo include platform ;;
-    memcheck) echo include platform common wrappers ;;
-    fdcheck) echo include platform common wrappers ;;
-    wrappers) echo include platform common memcheck fdcheck ;;
-    tools) echo include platform ;;
-    esac
-}
+declare -A allowed=(
+    [include]=''
+    [platform]=''
+    [common]='include platform'
+    [memcheck]='include platform common wrappers'
+    [fdcheck]='include platform common wrappers'
+    [wrappers]='include platform common memcheck fdcheck'
+    [tools]='include platform'
+)
 
 faults=0
 depend() { # file, what it depends on, that thing's file
     local from to
-    from=$(layer "$1")
-    to=$(layer "$3")
-    [[ $from == "$to" || " $(allowed "$from") " == *" $to "* ]] && return
+    layer "$1" && from=$REPLY
+    layer "$3" && to=$REPLY
+    [[ $from == "$to" || " ${allowed[$from]-} " == *" $to "* ]] && return
     echo "$1 ($from) must not depend on $2 ($to)"
     faults=1
 }
@@ -85,7 +84,8 @@ if ((${#objects[@]})); then
     count=0
     while read -r file symbol definer; do
         # The one arrow up: the containers' default hooks.
-        [[ $(layer "$file") == common && $symbol =~ ^(k42mc_own_)?k42MC_(malloc|realloc|free)$ ]] ||
+        layer "$file"
+        [[ $REPLY == common && $symbol =~ ^(k42mc_own_)?k42MC_(malloc|realloc|free)$ ]] ||
             depend "$file" "$symbol" "$definer"
         count=$((count + 1))
     done < <(uses)
