@@ -1,0 +1,88 @@
+#include <k42mc/k42mc.h>
+
+#include "capture.h"
+#include "failing_hooks.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Element {
+    uint8_t key[4];
+    SLLink sl;
+    DLLink dl;
+    PTNode pt;
+};
+
+#define HOOKS DSAllocHook a, DSDeallocHook f, DSDestroyHook x
+struct Family {
+    static auto init(SLList **h, HOOKS) { return SLInit(h, a, f, offsetof(Element, sl), x); }
+    static auto init(DLList **h, HOOKS) { return DLInit(h, a, f, offsetof(Element, dl), x); }
+    static auto init(PTTree **h, HOOKS) { return PTInit(h, a, f, offsetof(Element, pt), 0, 32, 0, x); }
+    static void insert(SLList *list, void *element) { SLInsertFirst(list, element); }
+    static void insert(DLList *list, void *element) { DLInsertFirst(list, element); }
+    static void insert(PTTree *tree, void *element) { PTInsert(tree, element, nullptr); }
+    static void deinit(SLList **handle) { SLDeinit(handle); }
+    static void deinit(DLList **handle) { DLDeinit(handle); }
+    static void deinit(PTTree **handle) { PTDeinit(handle); }
+};
+
+template <class Header> constexpr int allocations = std::is_same_v<Header, PTTree> ? 2 : 1;
+
+template <class Header> class DS : public testing::Test {};
+using Headers = testing::Types<SLList, DLList, PTTree>;
+TYPED_TEST_SUITE(DS, Headers);
+
+TYPED_TEST(DS, NullHooksSelectDefaults) {
+    TypeParam *handle = nullptr;
+    ASSERT_EQ(Family::init(&handle, nullptr, nullptr, nullptr), DS_OK);
+    EXPECT_EQ(handle->destroy, DSDealloc);
+    EXPECT_EQ(handle->dealloc, DSDealloc);
+    Family::insert(handle, k42MC_malloc(__FILE__, __LINE__, sizeof(Element)));
+    Family::deinit(&handle); // the guards stop the process if a block is not a checked one
+    EXPECT_EQ(handle, nullptr);
+}
+
+TYPED_TEST(DS, DummyHookLeavesElementsAlone) {
+    hooks::start();
+    TypeParam *handle;
+    ASSERT_EQ(Family::init(&handle, hooks::alloc, hooks::dealloc, DS_DUMMY), DS_OK);
+    Element element{};
+    Family::insert(handle, &element);
+    const Element before = element;
+    Family::deinit(&handle);
+    EXPECT_EQ(std::memcmp(&element, &before, sizeof element), 0);
+    EXPECT_EQ(hooks::calls, allocations<TypeParam> == 2 ? "AAFF" : "AF");
+    EXPECT_EQ(hooks::freed, hooks::Blocks(hooks::given.rbegin(), hooks::given.rend()));
+}
+
+TYPED_TEST(DS, FailedInitLeavesNothing) {
+    for (int failing = 1; failing <= allocations<TypeParam>; ++failing) {
+        hooks::start(failing);
+        auto *handle = reinterpret_cast<TypeParam *>(&failing);
+        EXPECT_EQ(Family::init(&handle, hooks::alloc, hooks::dealloc, nullptr), DS_NOMEM);
+        EXPECT_EQ(handle, nullptr);
+        EXPECT_EQ(hooks::calls, failing == 1 ? "A" : "AAF");
+        EXPECT_EQ(hooks::freed, failing == 1 ? hooks::Blocks{} : hooks::Blocks{hooks::given[0]});
+    }
+}
+
+TEST(DSHooks, AllocateUnderTheContainersName) {
+    const auto report = [] { return captured_stderr([] { MCReport(0); }); };
+    captured_stderr([] { MCInit(0, 0); });
+    void *block = DSAlloc(7);
+    EXPECT_NE(report().find("common/lib/libk42mc/k42mc_ds:180:LK:STD:"), std::string::npos);
+    block = DSRealloc(block, 5000);
+    EXPECT_NE(report().find("common/lib/libk42mc/k42mc_ds:193:LK:STD:"), std::string::npos);
+    DSDealloc(block);
+    EXPECT_EQ(report().find("k42mc_ds"), std::string::npos);
+    captured_stderr([] { MCDeinit(); });
+}
+
+TEST(DSDeathTest, MemFailPrintsAndExits) {
+    EXPECT_EXIT((stdout_to_stderr(), DSMemFail("abc")), testing::ExitedWithCode(255),
+                "^abc: memory failure\n$");
+}
+
+} // namespace

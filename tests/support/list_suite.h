@@ -1,0 +1,142 @@
+// What both list families must do, run against a vector. The including test defines LIST(name) as the
+// family's name for a function or record, and what is the family's own: links_agree() and special().
+#pragma once
+
+#include "capture.h"
+#include "failing_hooks.h"
+#include "seed.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+struct Item {
+    char before = 0; // so that the link does not open the element
+    LIST(Link) link{};
+};
+using Items = std::vector<Item *>;
+
+// A list, what it should hold, and the items that are in no list.
+struct Run {
+    LIST(List) * list;
+    Items items;
+    Items *unused;
+
+    Item *insert(size_t at) {
+        items.insert(items.begin() + static_cast<ptrdiff_t>(at), unused->back());
+        unused->pop_back();
+        return items[at];
+    }
+    Item *remove(size_t at) {
+        if (at >= items.size())
+            return nullptr;
+        unused->push_back(items[at]);
+        items.erase(items.begin() + static_cast<ptrdiff_t>(at));
+        return unused->back();
+    }
+};
+
+bool links_agree(const Run &run, Item *item, Item *prev);
+void special(Run &run, Item *item, size_t at, bool destroy);
+
+inline LIST(List) * new_list(DSDestroyHook destroy) {
+    LIST(List) * list;
+    EXPECT_EQ(LIST(Init)(&list, hooks::alloc, hooks::dealloc, offsetof(Item, link), destroy), DS_OK);
+    return list;
+}
+
+inline void expect_fault(const LIST(List) * list, const std::string &fault) {
+    EXPECT_EQ(captured_stdout([=] { EXPECT_EQ(LIST(Check)(list), DS_FAILURE); }),
+              "common/lib/libk42mc/k42mc_ds:" + fault + "\n");
+}
+
+inline void verify(const Run &run, const std::string &name) {
+    const auto [list, items, unused] = run;
+    Item *const first = items.empty() ? nullptr : items.front(), *prev = nullptr;
+    Item *const last = items.empty() ? nullptr : items.back();
+    ASSERT_EQ(list->head, first ? &first->link : nullptr);
+    ASSERT_EQ(list->tail, last ? &last->link : nullptr);
+    ASSERT_EQ(LIST(First)(list), first);
+    ASSERT_EQ(LIST(Last)(list), last);
+    ASSERT_EQ(LIST(IsEmpty)(list), items.empty());
+    for (Item *item : items) {
+        ASSERT_TRUE(!prev || LIST(Next)(list, prev) == item);
+        ASSERT_TRUE(links_agree(run, item, prev));
+        prev = item;
+    }
+    ASSERT_TRUE(!last || !LIST(Next)(list, last));
+    ASSERT_EQ(captured_stdout([&] { ASSERT_EQ(LIST(Check)(list), DS_OK); }),
+              items.empty() ? "" : ">>>>>> " + name + "Check: OK\n");
+    ASSERT_EQ(captured_stdout([&] { LIST(Info)
+                                    (list); }),
+              "=========" + name + " Info=======\n" +
+                  (items.empty() ? ">>>>> EMPTY <<<<<\n"
+                                 : "> number of entries: " + std::to_string(items.size()) + "\n"));
+}
+
+inline void run_against_model(const std::string &name) {
+    const Seed seed;
+    SCOPED_TRACE(seed.text());
+    std::mt19937 random(seed.value);
+    Item pool[7];
+    Items unused;
+    for (auto &item : pool)
+        unused.push_back(&item);
+    Run runs[2] = {{new_list(hooks::destroy), {}, &unused}, {new_list(hooks::destroy), {}, &unused}};
+
+    for (int step = 0; step < 3000; ++step) {
+        const size_t which = random() % 2, operation = random() % 13;
+        auto &run = runs[which], &other = runs[1 - which];
+        auto &[list, items, rest] = run;
+        const size_t size = items.size(), at = size ? random() % size : 0;
+        hooks::start();
+        if (operation == 0 && !unused.empty())
+            LIST(InsertFirst)(list, run.insert(0));
+        else if (operation == 1 && !unused.empty())
+            LIST(InsertLast)(list, run.insert(size));
+        else if (operation == 2 && !unused.empty() && size) {
+            Item *existing = items[at];
+            LIST(InsertNext)(list, existing, run.insert(at + 1));
+        } else if (operation == 3) {
+            const auto *kept = size ? items[0]->link.next : nullptr;
+            Item *const expected = run.remove(0);
+            ASSERT_EQ(LIST(RemoveFirst)(list), expected);
+            ASSERT_TRUE(!expected || expected->link.next == kept);
+        } else if (operation == 4) {
+            ASSERT_EQ(LIST(RemoveAndDestroyFirst)(list), size ? DS_OK : DS_FAILURE);
+            ASSERT_EQ(hooks::destroyed, size ? hooks::Blocks{run.remove(0)} : hooks::Blocks{});
+        } else if (operation == 5) {
+            LIST(Reverse)(list);
+            std::reverse(items.begin(), items.end());
+        } else if (operation == 6 || operation == 7) {
+            (operation == 6 ? LIST(JoinFirst) : LIST(JoinLast))(list, other.list);
+            items.insert(operation == 6 ? items.begin() : items.end(), other.items.begin(),
+                         other.items.end());
+            other.items.clear();
+        } else if (operation == 8 && random() % 8 == 0) {
+            LIST(Destroy)(list);
+            ASSERT_EQ(hooks::destroyed, hooks::Blocks(items.begin(), items.end()));
+            while (run.remove(0))
+                ;
+        } else if (operation > 8) {
+            ASSERT_NO_FATAL_FAILURE(special(run, size ? items[at] : nullptr, at, random() % 2));
+        }
+        for (const Run &each : runs)
+            ASSERT_NO_FATAL_FAILURE(verify(each, name)) << operation;
+    }
+    for (Run &run : runs)
+        LIST(Deinit)(&run.list);
+    EXPECT_EQ(runs[0].list, nullptr);
+}
+
+inline void *visited[4];
+inline int visits;
+
+inline void note(void *element) {
+    visited[visits++] = element;
+}
+
+// Stops at the third element, with the argument as result.
+inline int32_t note_three(void *element, void *argument) {
+    note(element);
+    return visits == 3 ? *static_cast<int32_t *>(argument) : 0;
+}
