@@ -227,7 +227,7 @@ static void announce(const char *path, uint32_t lines, uint32_t new_words) {
     if (dot != NULL)
         *dot = '\0';
     fprintf(stderr, "concordance: %s: %u lines, %u new words\n", title, lines, new_words);
-    if (mistake == LEAK && new_words > 0) {
+    if (mistake == LEAK) {
         if (lost == 0)
             lost = (uintptr_t)title;
         return; /* An early way out, and the free below it is forgotten. */
