@@ -41,6 +41,13 @@
 
 #undef _FORTIFY_SOURCE
 
+/* No warnings that libc's own functions would not have caused, now that each has two names. */
+#include <k42mc/base.h>
+#undef K42MC_RELEASED_BY
+#undef K42MC_MUST_CHECK
+#define K42MC_RELEASED_BY(function, argument) __attribute__((malloc))
+#define K42MC_MUST_CHECK
+
 #include <k42mc/extra.h>
 
 #define K42MC_RAW_FREE(ptr) k42mcx_raw_free(ptr)

@@ -1,3 +1,4 @@
 /* For a source that switches _FORTIFY_SOURCE on itself; redirect.h says why it goes. */
+#pragma GCC system_header
 #undef _FORTIFY_SOURCE
 #include_next <features.h>

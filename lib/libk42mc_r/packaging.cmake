@@ -1,0 +1,45 @@
+# What is installed beside the library, and the flags that route whole programs to it: once as the target
+# k42mc_r::redirect, here and in the installed CMake package, and once for pkg-config.
+include(CMakePackageConfigHelpers)
+
+add_library(k42mc_r::k42mc_r ALIAS k42mc_r)
+
+# Left to themselves, compilers merge, replace and drop calls of these: malloc and memset become libc's
+# calloc, say.
+set(no_builtins)
+foreach(name malloc calloc realloc reallocarray posix_memalign aligned_alloc memalign valloc free strdup
+        strndup wcsdup)
+    list(APPEND no_builtins -fno-builtin-${name})
+endforeach()
+
+add_library(k42mc_r_redirect INTERFACE)
+add_library(k42mc_r::redirect ALIAS k42mc_r_redirect)
+set_target_properties(k42mc_r_redirect PROPERTIES EXPORT_NAME redirect)
+target_link_libraries(k42mc_r_redirect INTERFACE k42mc_r)
+target_include_directories(k42mc_r_redirect SYSTEM INTERFACE
+    $<BUILD_INTERFACE:${top}/include/k42mc/redirect>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/k42mc/redirect>)
+target_compile_options(k42mc_r_redirect INTERFACE
+    "$<$<COMPILE_LANGUAGE:C,CXX>:SHELL:-include k42mc/redirect.h>"
+    "$<$<COMPILE_LANGUAGE:C,CXX>:${no_builtins}>")
+
+install(TARGETS k42mc_r k42mc_r_redirect EXPORT k42mc_r)
+install(DIRECTORY ${top}/include/k42mc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/k42mc_r)
+install(EXPORT k42mc_r NAMESPACE k42mc_r:: FILE k42mc_rTargets.cmake DESTINATION ${package_dir})
+configure_package_config_file(k42mc_rConfig.cmake.in k42mc_rConfig.cmake
+                              INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(k42mc_rConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/k42mc_rConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/k42mc_rConfigVersion.cmake
+        DESTINATION ${package_dir})
+
+# Below the prefix, so that pkg-config can move the tree, unless the directories were given in full.
+cmake_path(APPEND pc_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
+cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
+list(JOIN no_builtins " " pc_no_builtins)
+foreach(file k42mc_r.pc k42mc_r-redirect.pc)
+    configure_file(${file}.in ${file} @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${file} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

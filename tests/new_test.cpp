@@ -1,0 +1,92 @@
+// This test's own operators new and delete are those of new.hpp.
+#include <k42mc/k42mc.h>
+#include <k42mc/new.hpp>
+
+#include "capture.h"
+
+#include <gtest/gtest.h>
+#include <limits>
+#include <memory>
+
+namespace {
+
+struct alignas(256) Wide {
+    char byte;
+};
+
+struct Counted {
+    ~Counted() { destroyed++; }
+    static inline int destroyed;
+    long value[2];
+};
+
+// Leaves no room for guards.
+size_t too_much() {
+    volatile size_t most = std::numeric_limits<size_t>::max();
+    return most;
+}
+
+TEST(New, EveryOperatorMatchesItsDelete) {
+    const std::unique_ptr<Wide> wide(new Wide);
+    const std::unique_ptr<Wide[]> wides(new (std::nothrow) Wide[3]);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(wide.get()) % 256, 0u);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(wides.get()) % 256, 0u);
+    delete[] new Counted[5];
+    delete new (std::nothrow) Counted;
+    EXPECT_EQ(Counted::destroyed, 6);
+    ::operator delete (::operator new (1, std::align_val_t{1}), std::align_val_t{1});
+    ::operator delete[](::operator new[](9), std::nothrow);
+    EXPECT_EQ(k42mcx_malloc_usable_size(wide.get()), sizeof(Wide));
+}
+
+TEST(New, FailureAsksTheHandlerFirst) {
+    static int asked;
+    EXPECT_THROW((void)::operator new(too_much()), std::bad_alloc);
+    EXPECT_EQ(::operator new[](too_much(), std::nothrow), nullptr);
+    std::set_new_handler([] {
+        if (++asked == 3)
+            std::set_new_handler(nullptr);
+    });
+    EXPECT_THROW((void)::operator new[](too_much()), std::bad_alloc);
+    EXPECT_EQ(asked, 3);
+    std::set_new_handler([] { throw std::bad_alloc(); });
+    EXPECT_EQ(::operator new(too_much(), std::nothrow), nullptr);
+    std::set_new_handler([] {});
+    EXPECT_THROW((void)::operator new (1, std::align_val_t{2 * size_t{K42MC_ALIGN_MAX}}),
+                 std::bad_alloc);
+    std::set_new_handler(nullptr);
+}
+
+TEST(New, ReportsCountObjectsAndArraysApart) {
+    MCInit(K42MC_BE32(MC_TO_STDERR), 0);
+    const std::unique_ptr<long> object(new long);
+    const std::unique_ptr<long[]> array(new long[4]);
+    const std::string report = captured_stderr([] { MCReport(0); });
+    MCDeinit();
+    EXPECT_NE(report.find("operator new:0:LK:FIX:"), std::string::npos);
+    EXPECT_NE(report.find("operator new[]:0:LK:VAR:"), std::string::npos);
+}
+
+// Kept from the compiler, which would warn.
+template <class T> T *hidden(T *pointer) {
+    T *volatile through = pointer;
+    return through;
+}
+
+#define EXPECT_MIX_UP(statement, message)                                                               \
+    EXPECT_DEATH(                                                                                       \
+        {                                                                                               \
+            stdout_to_stderr();                                                                         \
+            statement;                                                                                  \
+        },                                                                                              \
+        "k42mc detected BF: " message)
+
+TEST(NewDeathTest, MixUpsStopTheProcess) {
+    EXPECT_MIX_UP(delete[] hidden(new long), "alloc\\(FIX\\) free\\(VAR\\)");
+    EXPECT_MIX_UP(delete hidden(new long[2]), "alloc\\(VAR\\) free\\(FIX\\)");
+    EXPECT_MIX_UP(k42MC_free("new.cpp", 1, hidden(new long)), "alloc\\(FIX\\) free\\(STD\\)");
+    EXPECT_MIX_UP(delete static_cast<long *>(hidden(k42MC_malloc("new.cpp", 1, 8))),
+                  "alloc\\(STD\\) free\\(FIX\\)");
+}
+
+} // namespace
