@@ -5,6 +5,7 @@
 #include "memcheck/registry.h"
 #include "platform/memory_manager.h"
 
+#include <algorithm>
 #include <limits>
 #include <stdlib.h>
 #include <string.h>
@@ -65,16 +66,30 @@ template <class Family> void wrap_free(Site site, void *ptr) {
     Family::release(ptr);
 }
 
+// Where the user bytes of a plain block begin in raw memory.
+void *plain_user(void *raw) {
+    return static_cast<char *>(raw) + K42MC_GUARD_OVERHEAD / 2;
+}
+
+void slide(void *to, const void *from, size_t size) {
+    if (to != from)
+        memmove(to, from, size);
+}
+
 // The old record is in hand while the underlying allocator moves the block: the old address may belong
-// to another thread before this one has the lock again.
+// to another thread before this one has the lock again. That allocator keeps raw bytes where they are,
+// so the user bytes of an aligned block have to slide to where a plain block has them.
 template <class Family> void *resize_block(Site site, void *ptr, size_t size) {
-    RecordInHand record = take_record(ptr);
+    const RecordInHand record = take_record(ptr);
     const ReleasedBlock old = guard_release(arena_of(Family::type), ptr, record.assurance);
+    const size_t kept = std::min(old.user_size, size);
+    slide(plain_user(old.raw), ptr, kept);
     const size_t raw_size = with_guards(size);
     void *raw = raw_size != 0 ? Family::resize(old.raw, raw_size) : out_of_memory();
     const ErrnoKeeper keep_errno;
     Trace trace;
     if (raw == nullptr) {
+        slide(ptr, plain_user(old.raw), kept);
         trace.capture(K42MC_GUARD_TRACE);
         guard_alloc(arena_of(Family::type), old.alignment, old.raw, old.raw_size, trace);
         put_record_back(record);

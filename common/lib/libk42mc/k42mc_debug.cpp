@@ -300,7 +300,10 @@ ReleasedBlock guard_release(uint32_t arena, void *user, Assurance assurance) {
         stop(finding, arena, address);
     mark_as_freed(address, layout);
     errno = saved_errno;
-    return {pointer_to(layout.raw), layout.raw_size, uint32_t{1} << layout.log2_alignment};
+    return {.raw = pointer_to(layout.raw),
+            .raw_size = layout.raw_size,
+            .user_size = layout.tail - address,
+            .alignment = uint32_t{1} << layout.log2_alignment};
 }
 
 bool guarded_size(const void *user, size_t *size) {

@@ -17,6 +17,7 @@ struct Assurance {
 struct ReleasedBlock {
     void *raw;
     size_t raw_size;
+    size_t user_size;
     uint32_t alignment; // 1 for none
 };
 

@@ -1,0 +1,55 @@
+// Puts functions of the test's own in the place of the system allocator's, so that calls can be counted
+// and made to fail. Included by one source of an executable. A sanitizer brings an allocator of its own:
+// tests that need this one skip there.
+#pragma once
+
+#include <cerrno>
+#include <cstddef>
+
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
+#define NEEDS_OWN_MALLOC() GTEST_SKIP() << "the sanitizer's allocator is in place"
+#else
+#define NEEDS_OWN_MALLOC() static_cast<void>(0)
+#endif
+
+struct MallocCalls {
+    inline static int until_failure = 0; // the allocation that fails, counted down; 0: none
+    inline static bool failing_stays = false;
+    inline static int allocations = 0;
+
+    static bool fails() {
+        ++allocations;
+        if (until_failure == 0 || --until_failure > 0)
+            return false;
+        if (failing_stays)
+            until_failure = 1;
+        errno = ENOMEM;
+        return true;
+    }
+};
+
+// Runs action while the nth allocation, and with `stays` all later ones, fail.
+template <class Action> void failing_malloc(int nth, bool stays, Action action) {
+    MallocCalls::until_failure = nth;
+    MallocCalls::failing_stays = stays;
+    action();
+    MallocCalls::until_failure = 0;
+}
+
+#if !defined __SANITIZE_ADDRESS__ && !defined __SANITIZE_THREAD__
+extern "C" {
+void *__libc_malloc(size_t);
+void *__libc_calloc(size_t, size_t);
+void *__libc_realloc(void *, size_t);
+
+void *malloc(size_t size) {
+    return MallocCalls::fails() ? nullptr : __libc_malloc(size);
+}
+void *calloc(size_t nmemb, size_t size) {
+    return MallocCalls::fails() ? nullptr : __libc_calloc(nmemb, size);
+}
+void *realloc(void *ptr, size_t size) {
+    return MallocCalls::fails() ? nullptr : __libc_realloc(ptr, size);
+}
+}
+#endif
