@@ -3,8 +3,11 @@
 #define LIST(name) DL##name
 #include "list_suite.h"
 
-bool links_agree(const Run &run, Item *item, Item *prev) {
-    return item->link.prev == (prev ? &prev->link : nullptr) && DLPrev(run.list, item) == prev;
+void verify_backward(const Run &run) {
+    hooks::Blocks walked, expected(run.items.rbegin(), run.items.rend());
+    for (void *item = DLLast(run.list); item; item = DLPrev(run.list, item))
+        walked.push_back(item);
+    ASSERT_EQ(walked, expected);
 }
 
 void special(Run &run, Item *item, size_t at, bool destroy) {
@@ -37,23 +40,19 @@ TEST(DL, AgreesWithModel) {
 }
 
 TEST(DL, VisitsInBothDirections) {
-    Item items[4];
+    Item a, b, c, d;
     DLList *list = new_list(DS_DUMMY);
     int32_t seven = 7;
-    EXPECT_EQ(DLVisitWithArg(list, DL_BACKWARD, note_three, &seven), 0);
-    for (auto &item : items)
-        DLInsertLast(list, &item);
-    for (const int direction : {DL_FORWARD, DL_BACKWARD, -1})
-        for (const bool stopping : {false, true}) {
-            visits = 0;
-            if (stopping)
-                EXPECT_EQ(DLVisitWithArg(list, direction, note_three, &seven), 7);
-            else
-                DLVisit(list, direction, note);
-            EXPECT_EQ(visits, stopping ? 3 : 4);
-            for (int i = 0; i < visits; ++i)
-                EXPECT_EQ(visited[i], &items[direction ? 3 - i : i]);
-        }
+    EXPECT_EQ(DLVisitWithArg(list, DL_BACKWARD, stop_at_third, &seven), 0);
+    for (auto *item : {&a, &b, &c, &d})
+        DLInsertLast(list, item);
+    for (const int direction : {DL_FORWARD, DL_BACKWARD, -1}) {
+        hooks::start();
+        EXPECT_EQ(DLVisitWithArg(list, direction, stop_at_third, &seven), 7);
+        DLVisit(list, direction, hooks::destroy);
+        EXPECT_EQ(hooks::destroyed, direction ? (hooks::Blocks{&d, &c, &b, &d, &c, &b, &a})
+                                              : (hooks::Blocks{&a, &b, &c, &a, &b, &c, &d}));
+    }
     DLDeinit(&list);
 }
 

@@ -1,5 +1,5 @@
 // What both list families must do, run against a vector. The including test defines LIST(name) as the
-// family's name for a function or record, and what is the family's own: links_agree() and special().
+// family's name for a function or record, and what is the family's own: verify_backward() and special().
 #pragma once
 
 #include "capture.h"
@@ -35,7 +35,7 @@ struct Run {
     }
 };
 
-bool links_agree(const Run &run, Item *item, Item *prev);
+void verify_backward(const Run &run);
 void special(Run &run, Item *item, size_t at, bool destroy);
 
 inline LIST(List) * new_list(DSDestroyHook destroy) {
@@ -50,27 +50,22 @@ inline void expect_fault(const LIST(List) * list, const std::string &fault) {
 }
 
 inline void verify(const Run &run, const std::string &name) {
-    const auto [list, items, unused] = run;
-    Item *const first = items.empty() ? nullptr : items.front(), *prev = nullptr;
-    Item *const last = items.empty() ? nullptr : items.back();
-    ASSERT_EQ(list->head, first ? &first->link : nullptr);
-    ASSERT_EQ(list->tail, last ? &last->link : nullptr);
-    ASSERT_EQ(LIST(First)(list), first);
-    ASSERT_EQ(LIST(Last)(list), last);
+    const auto &[list, items, unused] = run;
+    hooks::Blocks walked, expected(items.begin(), items.end());
+    for (void *item = LIST(First)(list); item; item = LIST(Next)(list, item))
+        walked.push_back(item);
+    ASSERT_EQ(walked, expected);
+    ASSERT_EQ(list->head, items.empty() ? nullptr : &items.front()->link);
+    ASSERT_EQ(list->tail, items.empty() ? nullptr : &items.back()->link);
+    ASSERT_EQ(LIST(Last)(list), items.empty() ? nullptr : items.back());
     ASSERT_EQ(LIST(IsEmpty)(list), items.empty());
-    for (Item *item : items) {
-        ASSERT_TRUE(!prev || LIST(Next)(list, prev) == item);
-        ASSERT_TRUE(links_agree(run, item, prev));
-        prev = item;
-    }
-    ASSERT_TRUE(!last || !LIST(Next)(list, last));
+    ASSERT_NO_FATAL_FAILURE(verify_backward(run));
     ASSERT_EQ(captured_stdout([&] { ASSERT_EQ(LIST(Check)(list), DS_OK); }),
               items.empty() ? "" : ">>>>>> " + name + "Check: OK\n");
+    const auto count = "> number of entries: " + std::to_string(items.size()) + "\n";
     ASSERT_EQ(captured_stdout([&] { LIST(Info)
                                     (list); }),
-              "=========" + name + " Info=======\n" +
-                  (items.empty() ? ">>>>> EMPTY <<<<<\n"
-                                 : "> number of entries: " + std::to_string(items.size()) + "\n"));
+              "=========" + name + " Info=======\n" + (items.empty() ? ">>>>> EMPTY <<<<<\n" : count));
 }
 
 inline void run_against_model(const std::string &name) {
@@ -128,15 +123,8 @@ inline void run_against_model(const std::string &name) {
     EXPECT_EQ(runs[0].list, nullptr);
 }
 
-inline void *visited[4];
-inline int visits;
-
-inline void note(void *element) {
-    visited[visits++] = element;
-}
-
-// Stops at the third element, with the argument as result.
-inline int32_t note_three(void *element, void *argument) {
-    note(element);
-    return visits == 3 ? *static_cast<int32_t *>(argument) : 0;
+// A visit callback that records as the destroy hook does, and stops at the third element.
+inline int32_t stop_at_third(void *element, void *result) {
+    hooks::destroy(element);
+    return hooks::calls.size() == 3 ? *static_cast<int32_t *>(result) : 0;
 }
