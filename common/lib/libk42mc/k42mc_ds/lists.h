@@ -33,10 +33,11 @@ template <class List>
 int32_t create(List **handle, DSAllocHook alloc, DSDeallocHook dealloc, uint32_t linkOffset,
                DSDestroyHook destroy) {
     void *memory = or_default(alloc)(sizeof(List));
-    *handle = memory ? new (memory)
-                           List{linkOffset, nullptr, nullptr, or_default(destroy), or_default(dealloc)}
-                     : nullptr;
-    return *handle ? DS_OK : DS_NOMEM;
+    *handle = nullptr;
+    if (!memory)
+        return DS_NOMEM;
+    *handle = new (memory) List{linkOffset, nullptr, nullptr, or_default(destroy), or_default(dealloc)};
+    return DS_OK;
 }
 
 template <class List> void destroy_elements(List *list) {

@@ -97,8 +97,8 @@ inline PTNode *parent_of(PTNode *head, const PTNode *node, const uint8_t *key) {
     return parent;
 }
 
-// Unlinks the node between its parent and what takes its place. Below a node that another one leads up
-// to, `up` is the end of its own key's path.
+// Unlinks the node at the end of its own key's path, below the given parent. Where it leads up to itself
+// it is cut out; else the node that leads up to it takes its place.
 inline void unlink(PTNode *parent, const Descent &up) {
     PTNode *node = up.end;
     PTNode *replacement;

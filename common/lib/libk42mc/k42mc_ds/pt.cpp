@@ -59,10 +59,10 @@ void forget(PTTree *tree, const PTNode *removed) {
         clear_cache(tree);
 }
 
-// The dummy element has the head as its node, and an all-zero key behind the pointers that lead to it.
+// The dummy element has the head as its node. Without indirections its key field holds the all-zero key;
+// with n, a pointer to n - 1 more pointers in a row and then the key, all of which begin at `rest`.
 struct DummyLayout {
-    size_t slots; // of the pointers after the one in the key field, then of the key
-    size_t key;
+    size_t rest;
     size_t size;
 };
 
@@ -70,18 +70,15 @@ DummyLayout dummy_layout(const PTTree &tree) {
     const size_t keyBytes = (static_cast<size_t>(tree.keyBits) + 7) / 8;
     const size_t indirections = tree.keyIndirections;
     const size_t field = indirections ? sizeof(void *) : keyBytes;
-    const size_t base =
+    const size_t rest =
         tree.nodeOffset > tree.keyOffset ? tree.nodeOffset + sizeof(PTNode) : tree.keyOffset + field;
-    if (!indirections)
-        return {base, tree.keyOffset, base};
-    const size_t key = base + (indirections - 1) * sizeof(void *);
-    return {base, key, key + keyBytes};
+    return {rest, indirections ? rest + (indirections - 1) * sizeof(void *) + keyBytes : rest};
 }
 
 PTNode *lay_out_dummy(const PTTree &tree, const DummyLayout &layout, char *dummy) {
     std::memset(dummy, 0, layout.size);
     size_t from = tree.keyOffset;
-    for (size_t slot = layout.slots, n = tree.keyIndirections; n; --n, slot += sizeof(void *)) {
+    for (size_t slot = layout.rest, n = tree.keyIndirections; n; --n, slot += sizeof(void *)) {
         const char *target = dummy + slot;
         std::memcpy(dummy + from, &target, sizeof target);
         from = slot;
