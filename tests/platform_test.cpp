@@ -1,0 +1,208 @@
+#include "capture.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csetjmp>
+#include <csignal>
+#include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+extern "C" {
+int shim_trace(void **frames, int most);
+void shim_call(void (*hook)());
+void shim_symbols(void *const *frames, int count, int descriptor);
+int shim_readable(const void *address, size_t size);
+const char *shim_progname();
+void shim_assertion_failed();
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+
+void *trace[16];
+int frames;
+std::atomic<int> done; // what is done after a call keeps it from being a jump
+std::jmp_buf out;
+
+[[gnu::noinline]] void leaf() {
+    frames = shim_trace(trace, 16);
+}
+[[gnu::noinline]] void middle() {
+    leaf(), ++done;
+}
+[[gnu::noinline]] void outer() {
+    middle(), ++done;
+}
+[[gnu::noinline, noreturn]] void leave() {
+    leaf(), std::longjmp(out, 1);
+}
+[[gnu::noinline]] void ends_in_a_call() {
+    leave();
+}
+
+std::string own_path() {
+    return fs::read_symlink("/proc/self/exe");
+}
+
+std::string symbols(void *const *addresses, int count) {
+    return captured_stdout([&] { shim_symbols(addresses, count, STDOUT_FILENO); });
+}
+
+// Expects the line of a frame to name the module and a function with this in its name, or none.
+// Returns the offset.
+size_t expect_line(int frame, const std::string &module, const std::string &function) {
+    const std::string line = frame < frames ? symbols(trace + frame, 1) : "";
+    const size_t name = line.find('(', module.size()) + 1, plus = std::min(line.rfind("+0x"), line.size());
+    const std::string found = line.substr(name, plus - name);
+    EXPECT_EQ(found.empty(), function.empty()) << line;
+    EXPECT_NE(found.find(function), std::string::npos) << line << "instead of " << function;
+    const size_t offset = strtoull(line.c_str() + plus + 1, nullptr, 16);
+    std::ostringstream whole;
+    whole << module << "(" << found << "+0x" << std::hex << offset << ") [" << trace[frame] << "]\n";
+    EXPECT_EQ(line, whole.str());
+    return offset;
+}
+
+TEST(Trace, BeginsAtTheCallerAndNamesStaticFunctions) {
+    if (std::getenv("PLATFORM_TEST_DELETE")) // set for a copy of the executable, see below
+        fs::remove(own_path());
+    errno = ERANGE;
+    outer();
+    EXPECT_EQ(errno, ERANGE);
+    expect_line(0, own_path(), "leaf");
+    const size_t offset = expect_line(1, own_path(), "middle");
+    expect_line(2, own_path(), "outer");
+    EXPECT_EQ(static_cast<char *>(trace[1]) - offset, reinterpret_cast<char *>(&middle));
+
+    void *few[3] = {};
+    EXPECT_EQ(shim_trace(few, 2), 2);
+    EXPECT_EQ(few[2], nullptr);
+    EXPECT_EQ(shim_trace(few, 0), 0);
+}
+
+TEST(Trace, KeepsTheLibraryBelowAHookAndNamesWhatACallEnds) {
+    shim_call(middle);
+    expect_line(1, own_path(), "middle");
+    expect_line(2, PLATFORM_SHIM, "shim_call");
+    expect_line(3, own_path(), "KeepsTheLibraryBelowAHook");
+    if (setjmp(out) == 0)
+        ends_in_a_call();
+    expect_line(1, own_path(), "leave");
+    expect_line(2, own_path(), "ends_in_a_call");
+}
+
+void *run_thread(void *) {
+    outer();
+    shim_symbols(trace, frames, -1);
+    return nullptr;
+}
+
+TEST(Trace, FitsASmallStack) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, 64 * 1024), 0);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attributes, run_thread, nullptr), 0);
+    pthread_join(thread, nullptr);
+    expect_line(3, own_path(), "run_thread");
+    EXPECT_LT(frames, 10); // ends with the thread's start
+}
+
+TEST(Symbols, CopeWithAddressesOfNothing) {
+    void *const odd[] = {nullptr, reinterpret_cast<void *>(0x1234), reinterpret_cast<void *>(-1)};
+    EXPECT_EQ(symbols(odd, 2), "[0x0]\n[0x1234]\n");
+    EXPECT_EQ(symbols(odd + 2, 1), "[0x" + std::string(2 * sizeof(void *), 'f') + "]\n");
+    errno = ERANGE;
+    shim_symbols(odd, 3, -1);
+    EXPECT_EQ(errno, ERANGE);
+}
+
+TEST(Symbols, FollowADeletedExecutable) {
+    const std::string copy = fs::temp_directory_path() / ("platform_test." + std::to_string(getpid()));
+    fs::copy(own_path(), copy);
+    const std::string command = "PLATFORM_TEST_DELETE=1 " + copy + " --gtest_filter=*NamesStatic* >&2";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    EXPECT_FALSE(fs::exists(copy));
+}
+
+std::string contents(const std::string &path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+// The file that a loaded module was mapped from stays what it was.
+void replace(const std::string &path, const std::string &bytes) {
+    fs::remove(path);
+    std::ofstream(path) << bytes;
+}
+
+TEST(Symbols, OfAModuleOutliveItsFile) {
+    const std::string path = fs::temp_directory_path() / ("module." + std::to_string(getpid()));
+    const std::string whole = contents(PLATFORM_MODULE), stripped = contents(PLATFORM_STRIPPED_MODULE);
+    const auto expect_names = [&](const char *of_static) {
+        expect_line(1, path, of_static);
+        expect_line(2, path, "exported_by_module");
+    };
+    for (const bool is_stripped : {true, false}) {
+        replace(path, is_stripped ? stripped : whole);
+        void *const handle = dlopen(path.c_str(), RTLD_NOW);
+        reinterpret_cast<void (*)(void (*)())>(dlsym(handle, "exported_by_module"))(leaf);
+        expect_names(is_stripped ? "" : "hidden_in_module");
+        // Another build, a part, nothing, something else.
+        for (const auto &bytes :
+             {stripped, whole.substr(0, 4096), std::string(), std::string(9999, 'x')}) {
+            replace(path, bytes);
+            expect_names("");
+        }
+        std::mt19937 random(1);
+        for (int round = 0; round < 100; ++round) {
+            std::string damaged = whole; // in its symbols and section headers, which are not loaded
+            for (size_t at = whole.size() - 1 - random() % 4000; at < whole.size();
+                 at += random() % 40 + 1)
+                damaged[at] = static_cast<char>(random());
+            replace(path, damaged);
+            const std::string line = symbols(trace + 1, 1);
+            EXPECT_TRUE(line.starts_with(path + "(") && line.ends_with("]\n")) << line;
+        }
+        dlclose(handle);
+        fs::remove(path);
+    }
+}
+
+TEST(Memory, SaysWhatCanBeRead) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    char *const pages = static_cast<char *>(
+        mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    char *const guard = pages + 2 * page;
+    mprotect(guard, page, PROT_NONE);
+    munmap(guard + page, page);
+    errno = ERANGE;
+    EXPECT_TRUE(shim_readable(pages, 2 * page));
+    EXPECT_TRUE(shim_readable(&page, sizeof page)); // the stack
+    for (size_t size = 1; size <= 16; ++size) {
+        EXPECT_TRUE(shim_readable(guard - size, size));
+        EXPECT_FALSE(shim_readable(guard - size, size + 1));
+    }
+    EXPECT_FALSE(shim_readable(pages, 3 * page));
+    EXPECT_FALSE(shim_readable(guard + page + 7, 1));
+    EXPECT_FALSE(shim_readable(nullptr, 1));
+    EXPECT_FALSE(shim_readable(pages, SIZE_MAX));
+    EXPECT_TRUE(shim_readable(nullptr, 0));
+    EXPECT_EQ(errno, ERANGE);
+    munmap(pages, 3 * page);
+}
+
+TEST(ProcessDeathTest, KnowsItsNameAndStopsOnAFailedAssertion) {
+    EXPECT_EQ(shim_progname(), fs::path(own_path()).filename());
+    EXPECT_EXIT(
+        shim_assertion_failed(), testing::KilledBySignal(SIGABRT),
+        "^assertion \"1 > 2\" failed: file \"some/file\", line 42, function \"some_function\"\n$");
+}
+
+} // namespace

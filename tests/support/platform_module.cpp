@@ -1,0 +1,13 @@
+// A module to load, strip, damage and delete: a static and an exported function in a trace.
+
+static volatile int calls; // what is done after a call keeps it from being a jump
+
+[[gnu::noinline]] static void hidden_in_module(void (*hook)()) {
+    hook();
+    calls = calls + 1;
+}
+
+extern "C" void exported_by_module(void (*hook)()) {
+    hidden_in_module(hook);
+    calls = calls + 1;
+}
