@@ -57,6 +57,7 @@ void open_report_file(bool own) {
     if (file.stream == nullptr)
         open_in(K42MC_FALLBACK_DIR);
     gMCReportFile = file.stream;
+    sink_inherited = false;
     if (file.stream != nullptr)
         fprintf(stderr, "MC: Reporting to \"%s\"\n", file.path);
     else
@@ -68,11 +69,7 @@ bool is_file(const FILE *sink) {
 }
 
 void replace_inherited_sink() {
-    sink_inherited = false;
-    if (!is_file(gMCReportFile))
-        return;
     fclose(gMCReportFile);
-    gMCReportFile = nullptr;
     open_report_file(true);
     if (gMCReportFile == nullptr)
         gMCReportFile = stderr;
@@ -130,7 +127,7 @@ void flush_sink() {
 }
 
 void leave_sink_to_parent() {
-    sink_inherited = true;
+    sink_inherited = is_file(gMCReportFile);
 }
 
 } // namespace k42mc
