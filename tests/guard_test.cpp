@@ -203,8 +203,8 @@ TEST(Guard, StopsAtForeignPointers) {
 
 TEST(Guard, ReportsATailInUnreadableMemory) {
     char *pages = static_cast<char *>(
-        mmap(nullptr, 2 * 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mprotect(pages + 4096, 4096, PROT_NONE);
+        mmap(nullptr, 4 * 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(pages + 4096, 3 * 4096, PROT_NONE);
     const size_t n = 300;
     char *raw = pages + 4096 - n - 2 * guard_bytes;
     void *user = k42mc_guard_alloc(K42MC_ARENA_STD, 1, raw, n + 2 * guard_bytes);

@@ -154,6 +154,7 @@ TEST(RegistryOff, LeavesTheMemoryManagersWrappersWithoutAManager) {
     void *volatile block = k42MC_malloc("a.c", 1, 1); // volatile: the compiler would see the mistake
     const Ended end = ended([&] { k42MC_MM_free("a.c", 1, block); });
     EXPECT_EQ(end.out.rfind("k42mc detected BF: alloc(STD) free(SHM)", 0), 0u);
+    k42MC_free("a.c", 2, block);
     EXPECT_EQ(captured_stderr([] { MCAlloc("a.c", 5, MC_STD, 0, 77); }), "a.c:5:NA:0x0:77\n");
 }
 
