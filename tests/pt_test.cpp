@@ -66,8 +66,7 @@ struct Tree {
     }
 
     void remove(const Key &key, bool byKey, bool destroy) {
-        const auto at = model.find(shortened(key));
-        Element *const expected = at == model.end() ? nullptr : at->second;
+        Element *const expected = stored(key);
         hooks::start();
         if (byKey && destroy)
             EXPECT_EQ(PTRemoveAndDestroyByKey(tree, argument(key)), expected ? DS_OK : DS_FAILURE);
@@ -76,11 +75,9 @@ struct Tree {
         else if (expected)
             (destroy ? PTRemoveAndDestroy : PTRemove)(tree, expected);
         EXPECT_EQ(hooks::calls, expected && destroy ? "X" : "");
-        if (expected) {
-            if (cursor == &expected->node || cached == &expected->node)
-                cursor = cached = nullptr;
-            model.erase(at);
-        }
+        if (expected && (cursor == &expected->node || cached == &expected->node))
+            cursor = cached = nullptr;
+        model.erase(shortened(key));
         verify();
     }
 
@@ -91,7 +88,6 @@ struct Tree {
         hooks::start();
         PTDestroy(tree);
         EXPECT_EQ(hooks::destroyed, expected);
-        EXPECT_EQ(hooks::destroyed.size(), model.size());
         model.clear();
         cursor = cached = nullptr;
         verify();
@@ -123,8 +119,7 @@ struct Tree {
             ASSERT_EQ(PTSearch(tree, argument(key)), element);
             Key other = key;
             other[0] ^= 0x80;
-            const auto at = model.find(other);
-            ASSERT_EQ(PTSearch(tree, argument(other)), at == model.end() ? nullptr : at->second);
+            ASSERT_EQ(PTSearch(tree, argument(other)), stored(other));
         }
         ASSERT_EQ(found, expected);
     }
@@ -157,6 +152,11 @@ struct Tree {
             if (leads_down(node, next))
                 post_order(next, order);
         order.push_back(element_of(node));
+    }
+
+    Element *stored(const Key &key) {
+        const auto at = model.find(shortened(key));
+        return at == model.end() ? nullptr : at->second;
     }
 
     Key key_of(PTNode *node) { return node == tree->head ? Key{} : shortened(element_of(node)->key); }
@@ -198,7 +198,7 @@ Key low_bit(int bits) {
     return key;
 }
 
-class PT : public testing::TestWithParam<int> {}; // of that many key bits
+class PT : public testing::TestWithParam<int> {}; // that many key bits
 
 TEST_P(PT, AgreesWithModel) {
     const int bits = GetParam();

@@ -50,7 +50,8 @@ inline void expect_fault(const LIST(List) * list, const std::string &fault) {
 }
 
 inline void verify(const Run &run, const std::string &name) {
-    const auto &[list, items, unused] = run;
+    const auto *const list = run.list;
+    const Items &items = run.items;
     hooks::Blocks walked, expected(items.begin(), items.end());
     for (void *item = LIST(First)(list); item; item = LIST(Next)(list, item))
         walked.push_back(item);
@@ -63,8 +64,10 @@ inline void verify(const Run &run, const std::string &name) {
     ASSERT_EQ(captured_stdout([&] { ASSERT_EQ(LIST(Check)(list), DS_OK); }),
               items.empty() ? "" : ">>>>>> " + name + "Check: OK\n");
     const auto count = "> number of entries: " + std::to_string(items.size()) + "\n";
-    ASSERT_EQ(captured_stdout([&] { LIST(Info)
-                                    (list); }),
+    ASSERT_EQ(captured_stdout([&] {
+                  LIST(Info)
+                  (list);
+              }),
               "=========" + name + " Info=======\n" + (items.empty() ? ">>>>> EMPTY <<<<<\n" : count));
 }
 
@@ -81,7 +84,8 @@ inline void run_against_model(const std::string &name) {
     for (int step = 0; step < 3000; ++step) {
         const size_t which = random() % 2, operation = random() % 13;
         auto &run = runs[which], &other = runs[1 - which];
-        auto &[list, items, rest] = run;
+        auto *const list = run.list;
+        Items &items = run.items;
         const size_t size = items.size(), at = size ? random() % size : 0;
         hooks::start();
         if (operation == 0 && !unused.empty())

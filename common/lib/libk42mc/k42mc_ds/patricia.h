@@ -109,8 +109,7 @@ inline void unlink(PTNode *parent, const Descent &up) {
     } else {
         replacement = up.holder;
         PTNode *other = replacement->left == node ? replacement->right : replacement->left;
-        if (other != replacement)
-            link_to(up.parent, replacement) = other;
+        link_to(up.parent, replacement) = other; // no change where it is its own other end
         replacement->bit = node->bit;
         replacement->left = node->left;
         replacement->right = node->right;
