@@ -15,7 +15,7 @@
  *              and the XXRemoveAndDestroy operations hand elements to it, and its default frees them.
  *   Visits     A callback must not insert, unlink or free elements of the container being walked.
  *   Threads    No function takes a lock: one thread at a time, or a lock of the caller's.
- *   Output     XXInfo and XXCheck print on standard output and flush it.
+ *   Output     XXInfo and XXCheck print on standard output; XXInfo flushes it.
  *
  * Which family, and what it costs (n elements; k bits of key):
  *

@@ -49,14 +49,12 @@ inline int32_t destroy_removed(DSDestroyHook destroy, void *element) {
 
 inline int32_t check_passed(const char *check) {
     std::printf(">>>>>> %s: OK\n", check);
-    std::fflush(stdout);
     return DS_OK;
 }
 
 // The number stands for the test that failed.
 inline int32_t check_failed(int number, const char *family) {
     std::printf("%s:%d: >>>>>> FAULT in %s\n", source_path, number, family);
-    std::fflush(stdout);
     return DS_FAILURE;
 }
 
