@@ -56,4 +56,21 @@ TEST(Threads, MaySwitchTheCheckerWhileOthersAllocate) {
     checker_off();
 }
 
+// A release is no cancellation point, whatever it has to print.
+TEST(Threads, DoNotEndWithTheLockHeld) {
+    checker_on();
+    captured_stderr([] {
+        std::thread thread([] {
+            pthread_cancel(pthread_self());
+            k42MC_MM_free("a.c", 1, nullptr);
+            MCReport(0);
+            pthread_testcancel();
+        });
+        thread.join();
+    });
+    EXPECT_EQ(pthread_mutex_trylock(&gMCLock), 0);
+    pthread_mutex_unlock(&gMCLock);
+    checker_off();
+}
+
 } // namespace

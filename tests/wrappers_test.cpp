@@ -38,6 +38,7 @@ class Wrappers : public testing::TestWithParam<Family> {
 protected:
     void SetUp() override {
         manager_fails = false;
+        manager_calls.reserve(1 << 20); // nothing is allocated for the log while malloc fails
         MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(MC_TYPE_LKBF));
     }
     void TearDown() override { MCDeinit(); }

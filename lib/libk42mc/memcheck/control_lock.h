@@ -1,6 +1,7 @@
 #pragma once
 
 #include "linkage.h"
+#include "memcheck/no_cancellation.h"
 
 #include <stdio.h>
 
@@ -23,6 +24,7 @@ public:
     explicit operator bool() const { return held_; }
 
 private:
+    const NoCancellation no_cancellation_;
     const bool held_;
 };
 

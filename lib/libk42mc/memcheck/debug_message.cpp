@@ -1,5 +1,6 @@
 #include "linkage.h"
 #include "memcheck/debug_stream.h"
+#include "memcheck/no_cancellation.h"
 #include "memcheck/sink.h"
 #include "trace.h"
 
@@ -52,6 +53,7 @@ void MCDebugMsg(int with_backtrace, const char *format, ...) {
         vsnprintf(message, sizeof message, format, arguments);
         va_end(arguments);
     }
+    const NoCancellation no_cancellation;
     pthread_mutex_lock(&gMCDebugLock);
     if (gMCDebugFile == nullptr)
         gMCDebugFile = open_debug_file();

@@ -2,6 +2,7 @@
 
 #include "checker_lock.h"
 #include "memcheck/filters.h"
+#include "memcheck/no_cancellation.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
 
@@ -20,6 +21,7 @@ const char *type_name(uint16_t type) {
 }
 
 void print_failed_allocation(Site site, size_t size) {
+    const NoCancellation no_cancellation;
     FILE *out = MCSink();
     fprintf(out, "%s:%d:NA:0x%0X:%zu\n", site.file, site.line, 0u, size);
     fflush(out);
@@ -34,6 +36,7 @@ void print_current_trace(const char *title) {
 }
 
 void print_null_release(Site site) {
+    const NoCancellation no_cancellation;
     FILE *out = MCSink();
     fprintf(out, "%s:%d:NF:0x%0X:%u\n", site.file, site.line, 0u, 0u);
     fflush(out);
@@ -41,6 +44,7 @@ void print_null_release(Site site) {
 }
 
 void print_wrong_type(const MCAllocRec &record, Site site, uint16_t type) {
+    const NoCancellation no_cancellation;
     FILE *out = MCSink();
     fprintf(out, "%s:%d:BF: WRONG deallocator type for 0x%0" PRIXPTR "; allocType: %s, freeType: %s\n",
             site.file, site.line, record.address, type_name(record.key.type), type_name(type));
@@ -60,6 +64,7 @@ void unlist_and_free(MCAllocRec *record) {
 MCAllocRec *enter(uintptr_t address) {
     auto *record = static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec)));
     if (record == nullptr) {
+        const NoCancellation no_cancellation;
         fprintf(MCSink(), "============ %s: Memory allocation failure ===========\n", "MCAlloc");
         return nullptr;
     }
