@@ -1,4 +1,6 @@
 #pragma GCC system_header
 #include "k42mc_suspend.h"
+
 #include_next <malloc.h>
+
 #include "k42mc_resume.h"
