@@ -15,7 +15,8 @@
  * ahead, which set the macros aside while a system header declares its functions; so the source's own
  * feature-test macros keep working. Route all sources of a program, or none that pass blocks to each other.
  *
- * By hand, include this file after the system headers. It includes those that declare the names first.
+ * By hand, include this file in C before or after the system headers, but after feature-test macros, and
+ * in C++ ahead of every system header. It includes those that declare the names before its macros begin.
  *
  * What the preprocessor cannot do: where a name is followed by a parenthesis and is no call of libc's
  * function (a struct member or a class's method called like one, a declaration or definition of a function
@@ -39,6 +40,10 @@
 
 #ifndef __ASSEMBLER__
 
+#if defined __cplusplus && defined _STDLIB_H && !__has_include(<k42mc_suspend.h>)
+#warning "include k42mc/redirect.h before the system headers: &std::free and its like stay libc's"
+#endif
+
 #undef _FORTIFY_SOURCE
 
 /* No warnings that libc's own functions would not have caused, now that each has two names. */
@@ -53,15 +58,11 @@
 #define K42MC_RAW_FREE(ptr) k42mcx_raw_free(ptr)
 
 /* Links every reference that is left to the guarded function. */
-#pragma redefine_extname malloc k42mcx_plain_malloc
-#pragma redefine_extname calloc k42mcx_plain_calloc
-#pragma redefine_extname realloc k42mcx_plain_realloc
 #pragma redefine_extname reallocarray k42mcx_plain_reallocarray
 #pragma redefine_extname posix_memalign k42mcx_plain_posix_memalign
 #pragma redefine_extname aligned_alloc k42mcx_plain_aligned_alloc
 #pragma redefine_extname memalign k42mcx_plain_memalign
 #pragma redefine_extname valloc k42mcx_plain_valloc
-#pragma redefine_extname free k42mcx_plain_free
 #pragma redefine_extname cfree k42mcx_plain_cfree
 #pragma redefine_extname strdup k42mcx_plain_strdup
 #pragma redefine_extname strndup k42mcx_plain_strndup
@@ -77,8 +78,31 @@
 /* What libc's own inline getline calls. */
 #pragma redefine_extname __getdelim k42mcx_plain_getdelim
 
-/* Without the wrappers, whatever declares the names has to come before the macros. */
+/* GCC makes calls of its own, such as calloc from malloc and memset, if no -fno-builtin keeps it from that.
+   It looks at no pragma then, only at a declaration; that one has to follow the system's. */
+#if __has_include(<k42mc_suspend.h>) || defined __clang__
+#pragma redefine_extname malloc k42mcx_plain_malloc
+#pragma redefine_extname calloc k42mcx_plain_calloc
+#pragma redefine_extname realloc k42mcx_plain_realloc
+#pragma redefine_extname free k42mcx_plain_free
+#else
+#include <stdlib.h>
+#ifdef __cplusplus
+#define K42MC_LINKED_TO(name) __THROW __asm__(name)
+#else
+#define K42MC_LINKED_TO(name) __asm__(name)
+#endif
+K42MC_BEGIN_DECLS
+void *malloc(size_t) K42MC_LINKED_TO("k42mcx_plain_malloc");
+void *calloc(size_t, size_t) K42MC_LINKED_TO("k42mcx_plain_calloc");
+void *realloc(void *, size_t) K42MC_LINKED_TO("k42mcx_plain_realloc");
+void free(void *) K42MC_LINKED_TO("k42mcx_plain_free");
+K42MC_END_DECLS
+#endif
+
 #if !__has_include(<k42mc_suspend.h>)
+
+/* Without the wrappers, whatever declares the names has to come before the macros. */
 #include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -91,6 +115,7 @@
 #if __has_include(<mm_malloc.h>)
 #include <mm_malloc.h>
 #endif
+
 #endif
 
 #ifdef __cplusplus
