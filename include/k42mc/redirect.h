@@ -10,28 +10,25 @@
  * parentheses, a table of functions) reaches the guarded function too, recorded as "(indirect call)". In
  * C++ the calls of the first line of names carry their site, the others are routed without one.
  *
- * For whole programs, compile every source with the flags of `pkg-config --cflags k42mc_r-redirect` or the
- * CMake target k42mc_r::redirect. They include this file first, and put wrappers of the system headers
- * ahead, which set the macros aside while a system header declares its functions; so the source's own
- * feature-test macros keep working. Route all sources of a program, or none that pass blocks to each other.
+ * For whole programs, compile every source with the flags of `pkg-config --cflags k42mc_r-redirect` or
+ * the CMake target k42mc_r::redirect. They include this file first, and put wrappers of the system
+ * headers ahead, which set the macros aside while a system header declares its functions; so the
+ * source's own feature-test macros keep working. Route all sources of a program, or none that pass
+ * blocks to each other.
  *
  * By hand, include this file in C before or after the system headers, but after feature-test macros, and
  * in C++ ahead of every system header. It includes those that declare the names before its macros begin.
  *
  * What the preprocessor cannot do: where a name is followed by a parenthesis and is no call of libc's
- * function (a struct member or a class's method called like one, a declaration or definition of a function
- * of the name), the macro is in the way. Compile that source with
- *   -DK42MC_NO_REDIRECT_<name>      no macro for this name, or
- *   -DK42MC_REDIRECT_NAMES_ONLY     no macros at all;
- * calls then reach the guarded functions all the same, without file and line. `#undef` does that as well,
- * from its line on.
+ * function (a struct member or a class's method called like one, a declaration or definition of a
+ * function of the name), the macro is in the way. Compile that source with -DK42MC_NO_REDIRECT_<name> no
+ * macro for this name, or -DK42MC_REDIRECT_NAMES_ONLY     no macros at all; calls then reach the guarded
+ * functions all the same, without file and line. `#undef` does that as well, from its line on.
  *
- * Memory from libraries that were compiled without these flags, or from functions of libc not named above
- * (scandir, backtrace_symbols, scanf's "%m"), is not guarded: release it with K42MC_RAW_FREE(p), which is
- * plain free in a build without this file if you say so:
- *   #ifndef K42MC_RAW_FREE
- *   #define K42MC_RAW_FREE(ptr) free(ptr)
- *   #endif
+ * Memory from libraries that were compiled without these flags, or from functions of libc not named
+ * above (scandir, backtrace_symbols, scanf's "%m"), is not guarded: release it with K42MC_RAW_FREE(p),
+ * which is plain free in a build without this file if you say so: #ifndef K42MC_RAW_FREE #define
+ * K42MC_RAW_FREE(ptr) free(ptr) #endif
  *
  * _FORTIFY_SOURCE is switched off: its variants of the functions would bypass the guards.
  */
@@ -78,8 +75,8 @@
 /* What libc's own inline getline calls. */
 #pragma redefine_extname __getdelim k42mcx_plain_getdelim
 
-/* GCC makes calls of its own, such as calloc from malloc and memset, if no -fno-builtin keeps it from that.
-   It looks at no pragma then, only at a declaration; that one has to follow the system's. */
+/* GCC makes calls of its own, such as calloc from malloc and memset, if no -fno-builtin keeps it from
+   that. It looks at no pragma then, only at a declaration; that one has to follow the system's. */
 #if __has_include(<k42mc_suspend.h>) || defined __clang__
 #pragma redefine_extname malloc k42mcx_plain_malloc
 #pragma redefine_extname calloc k42mcx_plain_calloc
@@ -121,11 +118,11 @@ K42MC_END_DECLS
 #ifdef __cplusplus
 /* For std::malloc(n) and its like. */
 namespace std {
-using ::k42MC_malloc;
 using ::k42MC_calloc;
-using ::k42mcx_realloc;
-using ::k42mcx_aligned_alloc;
 using ::k42MC_free;
+using ::k42MC_malloc;
+using ::k42mcx_aligned_alloc;
+using ::k42mcx_realloc;
 } // namespace std
 #endif
 
