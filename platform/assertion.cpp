@@ -1,10 +1,10 @@
 #include "platform.h"
 
-#include "bytes.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+
+#include <unistd.h>
 
 namespace k42mc::platform {
 

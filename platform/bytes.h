@@ -8,9 +8,6 @@
 
 namespace k42mc::platform {
 
-// Stops at the first failure. May change errno.
-void write_all(int descriptor, const char *bytes, size_t size);
-
 // Something that has bytes at offsets.
 struct Source {
     int file; // a descriptor, or own_memory, where offsets are addresses

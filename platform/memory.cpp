@@ -12,12 +12,14 @@ namespace {
 constexpr uintptr_t kernel_signal_set_bytes = 8;
 
 // The kernel copies the new signal set in before it refuses the unknown way of applying it. Rounded
-// down, the set does not reach into the next page. At address 0 no set is given, so none is refused.
+// down, the set does not reach into the next page. Whatever else may be wrong, in a sandbox say, is no
+// reason to distrust the memory. At address 0 no set is given at all.
 bool can_read_page(uintptr_t address) {
     constexpr int no_such_way = -1;
-    const long result = syscall(SYS_rt_sigprocmask, no_such_way, address & -kernel_signal_set_bytes,
-                                nullptr, kernel_signal_set_bytes);
-    return result == -1 && errno == EINVAL;
+    const uintptr_t set = address & -kernel_signal_set_bytes;
+    return set != 0 &&
+           (syscall(SYS_rt_sigprocmask, no_such_way, set, nullptr, kernel_signal_set_bytes) == 0 ||
+            errno != EFAULT);
 }
 
 bool can_read_pages(uintptr_t first, uintptr_t last) {

@@ -33,6 +33,9 @@ const char *progname();
 // In bytes.
 size_t page_size();
 
+// Writes past all streams; stops at the first failure. May change errno.
+void write_all(int descriptor, const char *bytes, size_t size);
+
 // Says on descriptor 2 that an assertion failed, and aborts. Allocates nothing.
 [[noreturn]] void assertion_failed(const char *expression, const char *file, int line,
                                    const char *function);

@@ -30,7 +30,7 @@ K42MC_DATA const char *const gAllocatorType[MC_ALLOCATOR_TYPES];
 
 /* ---- The checker's flag and lock ---- */
 
-/* 1 while the checker records. Read it freely; only MCInit and MCDeinit write it. */
+/* 1 while the checker records. Read it freely; MCInit, MCDeinit and the exit report write it. */
 K42MC_DATA uint8_t gK42MCOn;
 
 /* Guards all state of the memory checker. Not recursive. Taken after gFDLock. */
@@ -75,8 +75,9 @@ void MCDeinit(void);
  * counters since the last report and since the last reset.
  *   limit  Bytes reversed (K42MC_BE32). 0 and 1 list every live block, 2 those that the previous report
  *          saw too, and so on.
- * A report of more than 199 blocks leaves standard error for a report file. Allocations and releases of
- * other threads wait until the report is written. Time: linear in the live blocks; allocates nothing.
+ * Where blocks may be listed and, since the last reset, over 199 more were recorded than released, the
+ * report leaves standard error for a report file. Allocations and releases of other threads wait until the
+ * report is written. Time: linear in the live blocks; allocates nothing.
  */
 void MCReport(uint32_t limit);
 
@@ -88,8 +89,9 @@ void MCReport(uint32_t limit);
 uint32_t MCCheck(uintptr_t address);
 
 /*
- * Writes a message to the process's debug file "/k42/<program>.<time>.debug.txt", or to standard error
- * if that cannot be opened. Works whether or not the checker is on.
+ * Writes a message to the process's debug file, "/k42/<program>.<time>.debug.txt" unless the library was
+ * built with another folder, or to standard error if that cannot be opened. Works whether or not the
+ * checker is on.
  *   with_backtrace  Nonzero to add the caller's call chain.
  *   format          As for printf, 255 characters at most once formatted; null for "No message.".
  * Takes a lock of its own, never gMCLock.

@@ -4,8 +4,10 @@ constinit uint8_t gK42MCOn = 0;
 constinit pthread_mutex_t gMCLock = PTHREAD_MUTEX_INITIALIZER;
 constexpr const char *const gAllocatorType[MC_ALLOCATOR_TYPES] = {"STD", "SYS", "FIX", "VAR", "SHM"};
 
+constinit thread_local bool k42mc::thread_is_printing = false;
+
 uint8_t MCLock() {
-    if (pthread_mutex_lock(&gMCLock) != 0)
+    if (k42mc::thread_is_printing || pthread_mutex_lock(&gMCLock) != 0)
         return 0;
     if (!k42mc::checker_on()) {
         pthread_mutex_unlock(&gMCLock);

@@ -7,6 +7,9 @@
 
 namespace k42mc {
 
+// While this is set, what the thread allocates and releases is guarded and not recorded.
+extern constinit thread_local bool thread_is_printing;
+
 // The wrappers read the flag without the lock; MCLock reads it again under it.
 inline bool checker_on() {
     return std::atomic_ref(gK42MCOn).load(std::memory_order_relaxed) != 0;

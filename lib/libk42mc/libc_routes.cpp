@@ -67,6 +67,8 @@ bool grow_line(Site site, char *&buffer, size_t &capacity, size_t length) {
 }
 
 ptrdiff_t read_line(Site site, char *&buffer, size_t &capacity, int delimiter, FILE *stream) {
+    if (ferror_unlocked(stream))
+        return -1;
     // Like libc's, this does not look at a buffer whose capacity is 0: programs leave it uninitialised.
     if (buffer == nullptr || capacity == 0) {
         buffer = static_cast<char *>(k42MC_malloc(site.file, site.line, first_line_capacity));

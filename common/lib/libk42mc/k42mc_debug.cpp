@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <unistd.h>
 
 constexpr unsigned char k42mc_head_alloc_guard[32] = {
     0xa7, 0x65, 0xbf, 0x95, 0x89, 0xe5, 0xad, 0xc7, 0x61, 0x71, 0xf1, 0xdf, 0xa3, 0x6d, 0x97, 0xc5,
@@ -230,18 +229,6 @@ void describe(const Finding &finding, uint32_t arena, uintptr_t user) {
         append(length, " %#lx", static_cast<unsigned long>(frame));
 }
 
-void write_all(int descriptor, const char *text, size_t length) {
-    while (length > 0) {
-        const ssize_t written = write(descriptor, text, length);
-        if (written < 0 && errno != EINTR)
-            return;
-        if (written > 0) {
-            text += written;
-            length -= static_cast<size_t>(written);
-        }
-    }
-}
-
 // Past the stream's buffer, so that nothing is allocated for it in a process whose heap is damaged.
 void print_defect_line() {
     fflush(stdout);
@@ -249,7 +236,7 @@ void print_defect_line() {
     const auto length = static_cast<size_t>(snprintf(line, sizeof line, "%s\r\n", k42mc_panic_string));
     const int descriptor = fileno(stdout);
     if (descriptor >= 0) {
-        write_all(descriptor, line, length);
+        platform::write_all(descriptor, line, length);
     } else {
         fputs(line, stdout);
         fflush(stdout);
@@ -257,6 +244,7 @@ void print_defect_line() {
 }
 
 [[noreturn]] void stop(const Finding &finding, uint32_t arena, uintptr_t user) {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // nothing runs after the report
     describe(finding, arena, user);
     print_defect_line();
     platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");

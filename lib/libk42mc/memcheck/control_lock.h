@@ -1,22 +1,24 @@
 #pragma once
 
 #include "linkage.h"
-#include "memcheck/no_cancellation.h"
+#include "memcheck/printing.h"
 
 #include <stdio.h>
 
 namespace k42mc {
 
-// gMCLock for a control function, which must work while the checker is off too.
+// gMCLock for a control function, which must work while the checker is off too. Control functions print
+// on standard error, whose own lock comes first: a thread that holds it may be waiting in a wrapper.
 class ControlLock {
 public:
-    explicit ControlLock(const char *function) : held_(pthread_mutex_lock(&gMCLock) == 0) {
+    explicit ControlLock(const char *function) {
         if (!held_)
             fprintf(stderr, "%s: ERROR: MCLock1 failed!\n", function);
     }
     ~ControlLock() {
         if (held_)
             MCUnlock();
+        funlockfile(terminal_);
     }
     ControlLock(const ControlLock &) = delete;
     ControlLock &operator=(const ControlLock &) = delete;
@@ -24,8 +26,14 @@ public:
     explicit operator bool() const { return held_; }
 
 private:
-    const NoCancellation no_cancellation_;
-    const bool held_;
+    static FILE *locked(FILE *stream) {
+        flockfile(stream);
+        return stream;
+    }
+
+    const Printing printing_;
+    FILE *const terminal_ = locked(stderr);
+    const bool held_ = pthread_mutex_lock(&gMCLock) == 0;
 };
 
 inline void say_not_initialized(const char *function) {

@@ -1,6 +1,7 @@
 #include "linkage.h"
 #include "memcheck/debug_stream.h"
-#include "memcheck/no_cancellation.h"
+#include "memcheck/fork.h"
+#include "memcheck/printing.h"
 #include "memcheck/sink.h"
 #include "trace.h"
 
@@ -53,7 +54,8 @@ void MCDebugMsg(int with_backtrace, const char *format, ...) {
         vsnprintf(message, sizeof message, format, arguments);
         va_end(arguments);
     }
-    const NoCancellation no_cancellation;
+    hook_fork();
+    const Printing printing;
     pthread_mutex_lock(&gMCDebugLock);
     if (gMCDebugFile == nullptr)
         gMCDebugFile = open_debug_file();

@@ -2,7 +2,7 @@
 
 #include "checker_lock.h"
 #include "memcheck/filters.h"
-#include "memcheck/no_cancellation.h"
+#include "memcheck/printing.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
 
@@ -21,10 +21,8 @@ const char *type_name(uint16_t type) {
 }
 
 void print_failed_allocation(Site site, size_t size) {
-    const NoCancellation no_cancellation;
-    FILE *out = MCSink();
-    fprintf(out, "%s:%d:NA:0x%0X:%zu\n", site.file, site.line, 0u, size);
-    fflush(out);
+    const Printing printing;
+    MCSinkLine(site.file, ":%d:NA:0x%0X:%zu\n", site.line, 0u, size);
 }
 
 // Below a line about the call in progress, the call itself.
@@ -36,19 +34,16 @@ void print_current_trace(const char *title) {
 }
 
 void print_null_release(Site site) {
-    const NoCancellation no_cancellation;
-    FILE *out = MCSink();
-    fprintf(out, "%s:%d:NF:0x%0X:%u\n", site.file, site.line, 0u, 0u);
-    fflush(out);
+    const Printing printing;
+    MCSinkLine(site.file, ":%d:NF:0x%0X:%u\n", site.line, 0u, 0u);
     print_current_trace("Backtrace of the NULL free:\n");
 }
 
 void print_wrong_type(const MCAllocRec &record, Site site, uint16_t type) {
-    const NoCancellation no_cancellation;
-    FILE *out = MCSink();
-    fprintf(out, "%s:%d:BF: WRONG deallocator type for 0x%0" PRIXPTR "; allocType: %s, freeType: %s\n",
-            site.file, site.line, record.address, type_name(record.key.type), type_name(type));
-    fflush(out);
+    const Printing printing;
+    MCSinkLine(site.file,
+               ":%d:BF: WRONG deallocator type for 0x%0" PRIXPTR "; allocType: %s, freeType: %s\n",
+               site.line, record.address, type_name(record.key.type), type_name(type));
     print_current_trace("Backtrace of the bad free:\n");
 }
 
@@ -64,8 +59,8 @@ void unlist_and_free(MCAllocRec *record) {
 MCAllocRec *enter(uintptr_t address) {
     auto *record = static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec)));
     if (record == nullptr) {
-        const NoCancellation no_cancellation;
-        fprintf(MCSink(), "============ %s: Memory allocation failure ===========\n", "MCAlloc");
+        const Printing printing;
+        MCSinkLine("============ MCAlloc", ": Memory allocation failure ===========\n");
         return nullptr;
     }
     record->address = address;
@@ -188,13 +183,15 @@ void put_record_back(const RecordInHand &hand) {
 
 void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
                     Trace &trace) {
-    if (hand.record == nullptr && !checker_on())
+    if (hand.record == nullptr) {
+        record_block(site, type, user, size, trace);
         return;
+    }
     if (pthread_mutex_lock(&gMCLock) != 0)
         return;
-    if (hand.record != nullptr && hand.generation == gMCGeneration)
+    if (hand.generation == gMCGeneration)
         settle(hand.record, site, type);
-    else if (hand.record != nullptr)
+    else
         MCRecordRelease(hand.record);
     if (checker_on())
         add_record(site, type, address_of(user), size, trace);

@@ -2,9 +2,11 @@
 
 #include "platform/platform.h"
 
+#include <chrono>
 #include <errno.h>
 #include <fcntl.h>
-#include <stddef.h>
+#include <stdarg.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +19,10 @@ namespace {
 // The sink belongs to the parent process.
 constinit bool sink_inherited = false;
 
+// How far local time was ahead of UTC, in seconds, when a report was last opened. A forked child goes by
+// it: the lock that libc's conversion takes may have been held by another thread of the parent.
+constinit long utc_offset = 0;
+
 constexpr size_t path_room = 1024;
 
 struct OpenedFile {
@@ -25,11 +31,15 @@ struct OpenedFile {
 };
 
 void open_report(OpenedFile &file, const char *directory, time_t now, int flags) {
-    tm local{};
-    localtime_r(&now, &local);
-    snprintf(file.path, sizeof file.path, "%s%s.MC.%02d%02d%02d%02d%02d%02d.txt", directory,
-             platform::progname(), local.tm_year - 100, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-             local.tm_min, local.tm_sec);
+    using namespace std::chrono;
+    const sys_seconds local{seconds{now + utc_offset}};
+    const year_month_day date{floor<days>(local)};
+    const hh_mm_ss clock{local - floor<days>(local)};
+    snprintf(file.path, sizeof file.path, "%s%s.MC.%02d%02u%02u%02d%02d%02d.txt", directory,
+             platform::progname(), static_cast<int>(date.year()) - 2000,
+             static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+             static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+             static_cast<int>(clock.seconds().count()));
     file.stream = open_for_writing(file.path, flags);
 }
 
@@ -46,6 +56,11 @@ void open_own_report(OpenedFile &file, const char *directory, time_t now) {
 void open_report_file(bool own) {
     OpenedFile file{};
     const time_t now = time(nullptr);
+    if (!own) {
+        tm local{};
+        localtime_r(&now, &local);
+        utc_offset = local.tm_gmtoff;
+    }
     const auto open_in = [&](const char *directory) {
         if (own)
             open_own_report(file, directory, now);
@@ -64,6 +79,23 @@ void open_report_file(bool own) {
         perror(file.path);
 }
 
+bool is_regular(int descriptor) {
+    struct stat status;
+    if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode))
+        return true;
+    errno = EEXIST;
+    return false;
+}
+
+void write_text(FILE *out, const char *text, size_t size) {
+    if (out == stderr && fileno(out) >= 0) {
+        platform::write_all(fileno(out), text, size);
+    } else {
+        fwrite(text, 1, size, out);
+        fflush(out);
+    }
+}
+
 bool is_file(const FILE *sink) {
     return sink != nullptr && sink != stderr;
 }
@@ -78,10 +110,12 @@ void replace_inherited_sink() {
 } // namespace
 
 FILE *open_for_writing(const char *path, int flags) {
-    const int descriptor = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | flags, 0666);
+    // O_NONBLOCK: a pipe that somebody put there must not hold the process up.
+    const int descriptor =
+        open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | flags, 0666);
     if (descriptor < 0)
         return nullptr;
-    FILE *stream = fdopen(descriptor, "w");
+    FILE *stream = is_regular(descriptor) ? fdopen(descriptor, "w") : nullptr;
     if (stream == nullptr) {
         const int cause = errno;
         close(descriptor);
@@ -113,16 +147,28 @@ void MCCloseSink() {
     sink_inherited = false;
 }
 
+void MCSinkLine(const char *name, const char *format, ...) {
+    char rest[256];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(rest, sizeof rest, format, arguments);
+    va_end(arguments);
+    if (name == nullptr)
+        name = "(null)";
+    FILE *out = MCSink();
+    write_text(out, name, strlen(name));
+    write_text(out, rest, strlen(rest));
+}
+
 void write_backtrace(FILE *out, const char *title, void *const *frames, int count) {
-    fputs(title, out);
-    fflush(out);
+    constexpr const char *closing_line = "------\n";
+    write_text(out, title, strlen(title));
     platform::backtrace_symbols_fd(frames, count, fileno(out));
-    fputs("------\n", out);
-    fflush(out);
+    write_text(out, closing_line, strlen(closing_line));
 }
 
 void flush_sink() {
-    if (gMCReportFile != nullptr)
+    if (is_file(gMCReportFile))
         fflush(gMCReportFile);
 }
 

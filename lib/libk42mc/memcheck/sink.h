@@ -25,6 +25,11 @@ void MCCloseSink();
 // `flags` adds to the open flags. Null with errno set.
 FILE *open_for_writing(const char *path, int flags);
 
+// Writes a line that begins with a name of any length to the sink, and flushes it. For the wrappers,
+// which print with gMCLock held: standard error is written past the stream, whose lock comes before
+// ours.
+[[gnu::format(printf, 2, 3)]] void MCSinkLine(const char *name, const char *format, ...);
+
 // Writes a trace below a line that is out already: the title, a line a frame, the closing line.
 void write_backtrace(FILE *out, const char *title, void *const *frames, int count);
 

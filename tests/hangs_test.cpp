@@ -1,0 +1,123 @@
+// Healthy processes that a lock taken in the wrong order, or left behind, would hang. Each runs in a
+// child that an alarm ends.
+#include "ended.h"
+
+#include <atomic>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <k42mc/k42mc.h>
+#include <thread>
+
+namespace {
+
+// Runs action over and over beside a thread that does the same with other.
+template <class Action, class Other> Ended side_by_side(Action action, Other other) {
+    return ended([&] {
+        alarm(30);
+        std::atomic<bool> done = false;
+        std::thread thread([&] {
+            while (!done)
+                other();
+        });
+        for (int round = 0; round < 300; ++round)
+            action();
+        done = true;
+        thread.join();
+    });
+}
+
+void start(uint32_t file_type = MC_TO_STDERR) {
+    MCInit(K42MC_BE32(file_type), 0);
+}
+
+template <class Action> void in_a_child(Action action) {
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(30);
+        action();
+        _exit(0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    if (status != 0)
+        _exit(1);
+}
+
+TEST(Hangs, NotWhileAThreadHoldsStandardError) {
+    const auto with_stream_locked = [] {
+        flockfile(stderr);
+        k42MC_free("a.c", 2, k42MC_malloc("a.c", 1, 10));
+        funlockfile(stderr);
+    };
+    const auto report_and_fork = [] {
+        start();
+        MCReport(K42MC_BE32(1));
+        k42MC_MM_free("a.c", 3, nullptr);
+        in_a_child([] {});
+    };
+    EXPECT_TRUE(side_by_side(report_and_fork, with_stream_locked).exited(0));
+}
+
+TEST(Hangs, NotInAChildOfAThreadedProcess) {
+    const auto convert_times = [] {
+        const time_t now = time(nullptr);
+        tm local{};
+        localtime_r(&now, &local);
+    };
+    const auto report_in_child = [] {
+        start(MC_TO_FILE);
+        in_a_child([] { MCReport(0); });
+    };
+    EXPECT_TRUE(side_by_side(report_in_child, convert_times).exited(0));
+    const auto log = [] { MCDebugMsg(0, "message\n"); };
+    EXPECT_TRUE(side_by_side([&] { log(), in_a_child(log); }, log).exited(0)) << "with the checker off";
+}
+
+TEST(Hangs, NotWhenStandardErrorAllocates) {
+    const Ended end = ended([] {
+        alarm(30);
+        char *text = nullptr;
+        size_t size = 0;
+        stderr = k42mcx_open_memstream("a.c", 1, &text, &size);
+        start();
+        MCReport(0);
+        k42MC_MM_free("a.c", 3, nullptr);
+        MCDeinit();
+        fclose(stderr);
+        fputs(text, stdout);
+        k42MC_free("a.c", 2, text);
+    });
+    EXPECT_NE(end.out.find("<cycle 1>"), std::string::npos);
+    EXPECT_NE(end.out.find("a.c:3:NF:0x0:0\nBacktrace of the NULL free:\n------\n"), std::string::npos)
+        << end.out;
+}
+
+// A release is no cancellation point, whatever it has to print.
+TEST(Hangs, NotAfterAThreadWasCancelled) {
+    const auto cancelled = [](auto action) {
+        std::thread([=] {
+            pthread_cancel(pthread_self());
+            action();
+            pthread_testcancel();
+        }).join();
+    };
+    const Ended end = ended([&] {
+        alarm(30);
+        start();
+        cancelled([] { k42MC_MM_free("a.c", 1, nullptr), MCReport(0), MCDebugMsg(1, "message\n"); });
+        MCReport(0);
+        MCDebugMsg(0, "message\n");
+    });
+    EXPECT_TRUE(end.exited(0));
+    const Ended defect = ended([&] {
+        alarm(30);
+        cancelled([] {
+            char *volatile block = static_cast<char *>(k42MC_malloc("a.c", 1, 10));
+            block[10] = 0;
+            k42MC_free("a.c", 1, block);
+        });
+    });
+    EXPECT_TRUE(defect.aborted());
+}
+
+} // namespace
