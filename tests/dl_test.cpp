@@ -41,11 +41,9 @@ TEST(DL, AgreesWithModel) {
 
 TEST(DL, VisitsInBothDirections) {
     Item a, b, c, d;
-    DLList *list = new_list(DS_DUMMY);
+    DLList *none = new_list(DS_DUMMY), *list = new_list(DS_DUMMY, {&a, &b, &c, &d});
     int32_t seven = 7;
-    EXPECT_EQ(DLVisitWithArg(list, DL_BACKWARD, stop_at_third, &seven), 0);
-    for (auto *item : {&a, &b, &c, &d})
-        DLInsertLast(list, item);
+    EXPECT_EQ(DLVisitWithArg(none, DL_BACKWARD, stop_at_third, &seven), 0);
     for (const int direction : {DL_FORWARD, DL_BACKWARD, -1}) {
         hooks::start();
         EXPECT_EQ(DLVisitWithArg(list, direction, stop_at_third, &seven), 7);
@@ -53,22 +51,19 @@ TEST(DL, VisitsInBothDirections) {
         EXPECT_EQ(hooks::destroyed, direction ? (hooks::Blocks{&d, &c, &b, &d, &c, &b, &a})
                                               : (hooks::Blocks{&a, &b, &c, &a, &b, &c, &d}));
     }
-    DLDeinit(&list);
+    DLDeinit(&list), DLDeinit(&none);
 }
 
 TEST(DL, CheckFindsFaults) {
     Item a, b, c;
-    DLList *list = new_list(DS_DUMMY);
-    list->tail = &a.link;
-    expect_fault(list, "1030: >>>>>> FAULT in DL");
-    list->tail = nullptr;
-    for (auto *item : {&a, &b, &c})
-        DLInsertLast(list, item);
+    DLList *none = new_list(DS_DUMMY), *list = new_list(DS_DUMMY, {&a, &b, &c});
+    none->tail = &a.link;
+    expect_fault(none, "1030: >>>>>> FAULT in DL");
     list->tail = &b.link; // from the last test to the first
     expect_fault(list, "1046: >>>>>> FAULT in DL");
     c.link.prev = &a.link;
     expect_fault(list, "1041: >>>>>> FAULT in DL");
     a.link.prev = &c.link;
     expect_fault(list, "1036: >>>>>> FAULT in DL");
-    DLDeinit(&list);
+    DLDeinit(&list), DLDeinit(&none);
 }

@@ -1,11 +1,8 @@
 // This test's own operators new and delete are those of new.hpp.
-#include <k42mc/k42mc.h>
 #include <k42mc/new.hpp>
 
-#include "capture.h"
+#include "checker.h"
 
-#include <gtest/gtest.h>
-#include <limits>
 #include <memory>
 
 namespace {
@@ -20,17 +17,13 @@ struct Counted {
     long value[2];
 };
 
-// Leaves no room for guards.
-size_t too_much() {
-    volatile size_t most = std::numeric_limits<size_t>::max();
-    return most;
-}
+volatile size_t too_much = SIZE_MAX; // leaves no room for guards; volatile: the compiler would warn
 
 TEST(New, EveryOperatorMatchesItsDelete) {
     const std::unique_ptr<Wide> wide(new Wide);
     const std::unique_ptr<Wide[]> wides(new (std::nothrow) Wide[3]);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(wide.get()) % 256, 0u);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(wides.get()) % 256, 0u);
+    EXPECT_EQ(number(wide.get()) % 256, 0u);
+    EXPECT_EQ(number(wides.get()) % 256, 0u);
     delete[] new Counted[5];
     delete new (std::nothrow) Counted;
     EXPECT_EQ(Counted::destroyed, 6);
@@ -41,16 +34,16 @@ TEST(New, EveryOperatorMatchesItsDelete) {
 
 TEST(New, FailureAsksTheHandlerFirst) {
     static int asked;
-    EXPECT_THROW((void)::operator new(too_much()), std::bad_alloc);
-    EXPECT_EQ(::operator new[](too_much(), std::nothrow), nullptr);
+    EXPECT_THROW((void)::operator new(too_much), std::bad_alloc);
+    EXPECT_EQ(::operator new[](too_much, std::nothrow), nullptr);
     std::set_new_handler([] {
         if (++asked == 3)
             std::set_new_handler(nullptr);
     });
-    EXPECT_THROW((void)::operator new[](too_much()), std::bad_alloc);
+    EXPECT_THROW((void)::operator new[](too_much), std::bad_alloc);
     EXPECT_EQ(asked, 3);
     std::set_new_handler([] { throw std::bad_alloc(); });
-    EXPECT_EQ(::operator new(too_much(), std::nothrow), nullptr);
+    EXPECT_EQ(::operator new(too_much, std::nothrow), nullptr);
     std::set_new_handler([] {});
     EXPECT_THROW((void)::operator new (1, std::align_val_t{2 * size_t{K42MC_ALIGN_MAX}}),
                  std::bad_alloc);
@@ -58,13 +51,13 @@ TEST(New, FailureAsksTheHandlerFirst) {
 }
 
 TEST(New, ReportsCountObjectsAndArraysApart) {
-    MCInit(K42MC_BE32(MC_TO_STDERR), 0);
+    checker_on();
     const std::unique_ptr<long> object(new long);
     const std::unique_ptr<long[]> array(new long[4]);
-    const std::string report = captured_stderr([] { MCReport(0); });
-    MCDeinit();
-    EXPECT_NE(report.find("operator new:0:LK:FIX:"), std::string::npos);
-    EXPECT_NE(report.find("operator new[]:0:LK:VAR:"), std::string::npos);
+    const std::string text = report(0);
+    checker_off();
+    EXPECT_CONTAINS(text, "operator new:0:LK:FIX:");
+    EXPECT_CONTAINS(text, "operator new[]:0:LK:VAR:");
 }
 
 // Kept from the compiler, which would warn.
@@ -74,12 +67,7 @@ template <class T> T *hidden(T *pointer) {
 }
 
 #define EXPECT_MIX_UP(statement, message)                                                               \
-    EXPECT_DEATH(                                                                                       \
-        {                                                                                               \
-            stdout_to_stderr();                                                                         \
-            statement;                                                                                  \
-        },                                                                                              \
-        "k42mc detected BF: " message)
+    EXPECT_DEATH((stdout_to_stderr(), statement), "k42mc detected BF: " message)
 
 TEST(NewDeathTest, MixUpsStopTheProcess) {
     EXPECT_MIX_UP(delete[] hidden(new long), "alloc\\(FIX\\) free\\(VAR\\)");

@@ -1,6 +1,5 @@
 #include "capture.h"
-
-#include <gtest/gtest.h>
+#include "small_stack.h"
 
 #include <atomic>
 #include <csetjmp>
@@ -29,21 +28,15 @@ int frames;
 std::atomic<int> done; // what is done after a call keeps it from being a jump
 std::jmp_buf out;
 
-[[gnu::noinline]] void leaf() {
-    frames = shim_trace(trace, 16);
-}
-[[gnu::noinline]] void middle() {
-    leaf(), ++done;
-}
-[[gnu::noinline]] void outer() {
-    middle(), ++done;
-}
-[[gnu::noinline, noreturn]] void leave() {
-    leaf(), std::longjmp(out, 1);
-}
-[[gnu::noinline]] void ends_in_a_call() {
-    leave();
-}
+// What calls what.
+struct Chain {
+    [[gnu::noinline]] static void leaf() { frames = shim_trace(trace, 16); }
+    [[gnu::noinline]] static void middle() { leaf(), ++done; }
+    [[gnu::noinline]] static void outer() { middle(), ++done; }
+    [[gnu::noinline, noreturn]] static void leave() { leaf(), std::longjmp(out, 1); }
+    [[gnu::noinline]] static void ends_in_a_call() { leave(); }
+    static void *thread(void *) { return outer(), shim_symbols(trace, frames, -1), nullptr; }
+};
 
 std::string own_path() {
     return fs::read_symlink("/proc/self/exe");
@@ -73,12 +66,12 @@ TEST(Trace, BeginsAtTheCallerAndNamesStaticFunctions) {
     if (std::getenv("PLATFORM_TEST_DELETE")) // set for a copy of the executable, see below
         fs::remove(own_path());
     errno = ERANGE;
-    outer();
+    Chain::outer();
     EXPECT_EQ(errno, ERANGE);
     expect_line(0, own_path(), "leaf");
     const size_t offset = expect_line(1, own_path(), "middle");
     expect_line(2, own_path(), "outer");
-    EXPECT_EQ(static_cast<char *>(trace[1]) - offset, reinterpret_cast<char *>(&middle));
+    EXPECT_EQ(static_cast<char *>(trace[1]) - offset, reinterpret_cast<char *>(&Chain::middle));
 
     void *few[3] = {};
     EXPECT_EQ(shim_trace(few, 2), 2);
@@ -87,30 +80,19 @@ TEST(Trace, BeginsAtTheCallerAndNamesStaticFunctions) {
 }
 
 TEST(Trace, KeepsTheLibraryBelowAHookAndNamesWhatACallEnds) {
-    shim_call(middle);
+    shim_call(Chain::middle);
     expect_line(1, own_path(), "middle");
     expect_line(2, PLATFORM_SHIM, "shim_call");
     expect_line(3, own_path(), "KeepsTheLibraryBelowAHook");
     if (setjmp(out) == 0)
-        ends_in_a_call();
+        Chain::ends_in_a_call();
     expect_line(1, own_path(), "leave");
     expect_line(2, own_path(), "ends_in_a_call");
 }
 
-void *run_thread(void *) {
-    outer();
-    shim_symbols(trace, frames, -1);
-    return nullptr;
-}
-
 TEST(Trace, FitsASmallStack) {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    ASSERT_EQ(pthread_attr_setstacksize(&attributes, 64 * 1024), 0);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attributes, run_thread, nullptr), 0);
-    pthread_join(thread, nullptr);
-    expect_line(3, own_path(), "run_thread");
+    on_small_stack(Chain::thread, nullptr);
+    expect_line(3, own_path(), "thread");
     EXPECT_LT(frames, 10); // ends with the thread's start
 }
 
@@ -132,9 +114,8 @@ TEST(Symbols, FollowADeletedExecutable) {
 }
 
 std::string contents(const std::string &path) {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // The file that a loaded module was mapped from stays what it was.
@@ -145,7 +126,7 @@ void replace(const std::string &path, const std::string &bytes) {
 
 TEST(Symbols, OfAModuleOutliveItsFile) {
     const std::string path = fs::temp_directory_path() / ("module." + std::to_string(getpid()));
-    const std::string whole = contents(PLATFORM_MODULE), stripped = contents(PLATFORM_STRIPPED_MODULE);
+    const std::string whole = contents(PLATFORM_MODULE);
     std::string rebuilt = whole;
     ++rebuilt[rebuilt.find(std::string("\3\0\0\0GNU\0", 8)) + 8]; // the build's identity
     const auto expect_names = [&](const char *of_static) {
@@ -153,9 +134,9 @@ TEST(Symbols, OfAModuleOutliveItsFile) {
         expect_line(2, path, "exported_by_module");
     };
     for (const bool is_stripped : {true, false}) {
-        replace(path, is_stripped ? stripped : whole);
+        replace(path, is_stripped ? contents(PLATFORM_STRIPPED_MODULE) : whole);
         void *const handle = dlopen(path.c_str(), RTLD_NOW);
-        reinterpret_cast<void (*)(void (*)())>(dlsym(handle, "exported_by_module"))(leaf);
+        reinterpret_cast<void (*)(void (*)())>(dlsym(handle, "exported_by_module"))(Chain::leaf);
         expect_names(is_stripped ? "" : "hidden_in_module");
         // Another build, a part, nothing, something else.
         for (const auto &bytes :
@@ -166,9 +147,8 @@ TEST(Symbols, OfAModuleOutliveItsFile) {
         std::mt19937 random(1);
         for (int round = 0; round < 100; ++round) {
             std::string damaged = whole; // in its symbols and section headers, which are not loaded
-            for (size_t at = whole.size() - 1 - random() % 4000; at < whole.size();
-                 at += random() % 40 + 1)
-                damaged[at] = static_cast<char>(random());
+            for (size_t at = whole.size() - random() % 4000; at < whole.size(); at += random() % 40 + 1)
+                damaged[at] = char(random());
             replace(path, damaged);
             const std::string line = symbols(trace + 1, 1);
             EXPECT_TRUE(line.starts_with(path + "(") && line.ends_with("]\n")) << line;
@@ -179,9 +159,9 @@ TEST(Symbols, OfAModuleOutliveItsFile) {
 }
 
 TEST(Memory, SaysWhatCanBeRead) {
-    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    char *const pages = static_cast<char *>(
-        mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    const auto page = size_t(sysconf(_SC_PAGESIZE));
+    const int writable = PROT_READ | PROT_WRITE, kind = MAP_PRIVATE | MAP_ANONYMOUS;
+    auto *const pages = static_cast<char *>(mmap(nullptr, 4 * page, writable, kind, -1, 0));
     char *const guard = pages + 2 * page;
     mprotect(guard, page, PROT_NONE);
     munmap(guard + page, page);

@@ -23,27 +23,22 @@ TEST(SL, AgreesWithModel) {
 
 TEST(SL, Visits) {
     Item a, b, c, d;
-    SLList *list = new_list(DS_DUMMY);
+    SLList *none = new_list(DS_DUMMY), *list = new_list(DS_DUMMY, {&a, &b, &c, &d});
     int32_t seven = 7;
-    EXPECT_EQ(SLVisitWithArg(list, stop_at_third, &seven), 0);
-    for (auto *item : {&a, &b, &c, &d})
-        SLInsertLast(list, item);
+    EXPECT_EQ(SLVisitWithArg(none, stop_at_third, &seven), 0);
     hooks::start();
     EXPECT_EQ(SLVisitWithArg(list, stop_at_third, &seven), 7);
     SLVisit(list, hooks::destroy);
     EXPECT_EQ(hooks::destroyed, (hooks::Blocks{&a, &b, &c, &a, &b, &c, &d}));
-    SLDeinit(&list);
+    SLDeinit(&list), SLDeinit(&none);
 }
 
 TEST(SL, CheckFindsFaults) {
     Item a, b;
-    SLList *list = new_list(DS_DUMMY);
-    list->tail = &a.link;
-    expect_fault(list, "645: >>>>>> FAULT in SL");
-    list->tail = nullptr;
-    SLInsertLast(list, &a);
-    SLInsertLast(list, &b);
+    SLList *none = new_list(DS_DUMMY), *list = new_list(DS_DUMMY, {&a, &b});
+    none->tail = &a.link;
+    expect_fault(none, "645: >>>>>> FAULT in SL");
     list->tail = &a.link;
     expect_fault(list, "652: >>>>>> FAULT in SL");
-    SLDeinit(&list);
+    SLDeinit(&list), SLDeinit(&none);
 }

@@ -17,17 +17,16 @@ template <class Action> void run_threads(int count, Action action) {
         thread.join();
 }
 
-void allocate(int thread, int steps) {
+void allocate(int thread) {
     Traffic traffic(static_cast<unsigned>(thread));
-    for (int i = 0; i < steps; ++i)
+    for (int i = 0; i < 3000; ++i)
         traffic.step();
 }
 
 TEST(Threads, LeaveBalancedCounters) {
     checker_on();
-    run_threads(8, [](int thread) { allocate(thread, 3000); });
-    const std::string text = report(0);
-    EXPECT_TRUE(balanced(text)) << text;
+    run_threads(8, allocate);
+    EXPECT_PRED1(balanced, report(0));
     checker_off();
 }
 
@@ -36,7 +35,7 @@ TEST(Threads, MaySwitchTheCheckerWhileOthersAllocate) {
     const std::string text = captured_stderr([&] {
         run_threads(8, [&](int thread) {
             if (thread < 6) {
-                allocate(thread, 3000);
+                allocate(thread);
                 --allocating;
                 return;
             }
@@ -51,25 +50,7 @@ TEST(Threads, MaySwitchTheCheckerWhileOthersAllocate) {
             }
         });
     });
-    EXPECT_EQ(text.find("MCLock1"), std::string::npos);
-    EXPECT_EQ(text.find("WRONG"), std::string::npos);
-    checker_off();
-}
-
-// A release is no cancellation point, whatever it has to print.
-TEST(Threads, DoNotEndWithTheLockHeld) {
-    checker_on();
-    captured_stderr([] {
-        std::thread thread([] {
-            pthread_cancel(pthread_self());
-            k42MC_MM_free("a.c", 1, nullptr);
-            MCReport(0);
-            pthread_testcancel();
-        });
-        thread.join();
-    });
-    EXPECT_EQ(pthread_mutex_trylock(&gMCLock), 0);
-    pthread_mutex_unlock(&gMCLock);
+    EXPECT_FALSE(contains(text, "MCLock1") || contains(text, "WRONG"));
     checker_off();
 }
 

@@ -2,17 +2,20 @@
 #pragma once
 
 #include "capture.h"
+#include "text.h"
 
-#include <gtest/gtest.h>
 #include <k42mc/k42mc.h>
-#include <string>
 
-inline void checker_on(uint32_t bitmap = MC_TYPE_LKBF) {
-    captured_stderr([&] { MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(bitmap)); });
+inline std::string init(uint32_t file_type, uint32_t bitmap) {
+    return captured_stderr([&] { MCInit(K42MC_BE32(file_type), K42MC_BE32(bitmap)); });
 }
 
-inline void checker_off() {
-    captured_stderr(MCDeinit);
+inline std::string checker_on(uint32_t bitmap = MC_TYPE_LKBF) {
+    return init(MC_TO_STDERR, bitmap);
+}
+
+inline std::string checker_off() {
+    return captured_stderr(MCDeinit);
 }
 
 class WithChecker : public testing::Test {
@@ -29,14 +32,14 @@ inline std::string check(const void *block) {
     return captured_stderr([&] { MCCheck(K42MC_BE_ADDR(block)); });
 }
 
-inline bool has_backtrace(const void *block) {
-    return check(block).find("\nBacktrace of the allocation:\n") != std::string::npos;
+inline uintptr_t number(const void *pointer) {
+    return reinterpret_cast<uintptr_t>(pointer);
 }
 
 // As reports print it.
 inline std::string address(const void *block) {
     char text[32];
-    snprintf(text, sizeof text, "0x%lX", static_cast<unsigned long>(reinterpret_cast<uintptr_t>(block)));
+    snprintf(text, sizeof text, "0x%lX", static_cast<unsigned long>(number(block)));
     return text;
 }
 
@@ -44,18 +47,32 @@ struct Count {
     unsigned long long bytes = 0, count = 0;
 };
 
+struct Counts {
+    Count held, allocated, freed;
+};
+
 // One line of a report's counters.
-inline std::string counters(const char *type, Count held, Count allocated, Count freed) {
+inline std::string counters(const char *type, const Counts &counts) {
+    const auto &[held, allocated, freed] = counts;
     char text[200];
     snprintf(text, sizeof text, "%s: %10llu(%llu); +%llu(%llu), -%llu(%llu)\n", type, held.bytes,
              held.count, allocated.bytes, allocated.count, freed.bytes, freed.count);
     return text;
 }
 
-// The lines of a report in which only blocks of the standard type were seen.
-inline std::string standard_counters(Count held, Count allocated, Count freed) {
-    std::string lines = counters("STD", held, allocated, freed);
+// The part of a report about blocks of which all are of the standard type.
+inline std::string totals(const char *since, const Counts &counts) {
+    std::string text = std::string("\n#### ") + since + ": " + std::to_string(counts.held.bytes) +
+                       " bytes held by " + std::to_string(counts.held.count) + " allocations ####\n" +
+                       counters("STD", counts);
     for (const char *type : {"SYS", "FIX", "VAR", "SHM"})
-        lines += counters(type, {}, {}, {});
-    return lines;
+        text += counters(type, {});
+    return text;
+}
+
+// A whole report of such blocks.
+inline std::string report_text(unsigned cycle, const std::string &blocks, const Counts &this_cycle,
+                               const Counts &since_reset) {
+    return "-----------<cycle " + std::to_string(cycle) + ">-----------\n{\n" + blocks +
+           totals("This cycle", this_cycle) + totals("Since reset", since_reset) + "}\n";
 }

@@ -2,11 +2,10 @@
 #pragma once
 
 #include "capture.h"
+#include "text.h"
 
 #include <csignal>
-#include <string>
 #include <sys/wait.h>
-#include <unistd.h>
 
 struct Ended {
     std::string out, err;
@@ -30,4 +29,12 @@ template <class Action> Ended ended(Action action) {
         });
     });
     return result;
+}
+
+// Expects the action to be stopped for a defect, and a line that starts so.
+template <class Action> Ended expect_defect(const std::string &start, Action action) {
+    const Ended end = ended(action);
+    EXPECT_TRUE(end.aborted());
+    EXPECT_STARTS(end.out, "k42mc detected " + start);
+    return end;
 }

@@ -6,12 +6,6 @@
 #include <cerrno>
 #include <cstddef>
 
-#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
-#define NEEDS_OWN_MALLOC() GTEST_SKIP() << "the sanitizer's allocator is in place"
-#else
-#define NEEDS_OWN_MALLOC() static_cast<void>(0)
-#endif
-
 struct MallocCalls {
     inline static int until_failure = 0; // the allocation that fails, counted down; 0: none
     inline static bool failing_stays = false;
@@ -21,8 +15,7 @@ struct MallocCalls {
         ++allocations;
         if (until_failure == 0 || --until_failure > 0)
             return false;
-        if (failing_stays)
-            until_failure = 1;
+        until_failure = failing_stays;
         errno = ENOMEM;
         return true;
     }
@@ -36,7 +29,11 @@ template <class Action> void failing_malloc(int nth, bool stays, Action action) 
     MallocCalls::until_failure = 0;
 }
 
-#if !defined __SANITIZE_ADDRESS__ && !defined __SANITIZE_THREAD__
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
+#define NEEDS_OWN_MALLOC() GTEST_SKIP() << "the sanitizer's allocator is in place"
+#else
+#define NEEDS_OWN_MALLOC() static_cast<void>(0)
+
 extern "C" {
 void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);

@@ -22,7 +22,7 @@ struct Run {
     Items *unused;
 
     Item *insert(size_t at) {
-        items.insert(items.begin() + static_cast<ptrdiff_t>(at), unused->back());
+        items.insert(items.begin() + long(at), unused->back());
         unused->pop_back();
         return items[at];
     }
@@ -30,7 +30,7 @@ struct Run {
         if (at >= items.size())
             return nullptr;
         unused->push_back(items[at]);
-        items.erase(items.begin() + static_cast<ptrdiff_t>(at));
+        items.erase(items.begin() + long(at));
         return unused->back();
     }
 };
@@ -38,9 +38,11 @@ struct Run {
 void verify_backward(const Run &run);
 void special(Run &run, Item *item, size_t at, bool destroy);
 
-inline LIST(List) * new_list(DSDestroyHook destroy) {
+inline LIST(List) * new_list(DSDestroyHook destroy, Items items = {}) {
     LIST(List) * list;
     EXPECT_EQ(LIST(Init)(&list, hooks::alloc, hooks::dealloc, offsetof(Item, link), destroy), DS_OK);
+    for (Item *item : items)
+        LIST(InsertLast)(list, item);
     return list;
 }
 
@@ -52,23 +54,21 @@ inline void expect_fault(const LIST(List) * list, const std::string &fault) {
 inline void verify(const Run &run, const std::string &name) {
     const auto *const list = run.list;
     const Items &items = run.items;
+    const bool empty = items.empty();
     hooks::Blocks walked, expected(items.begin(), items.end());
     for (void *item = LIST(First)(list); item; item = LIST(Next)(list, item))
         walked.push_back(item);
     ASSERT_EQ(walked, expected);
-    ASSERT_EQ(list->head, items.empty() ? nullptr : &items.front()->link);
-    ASSERT_EQ(list->tail, items.empty() ? nullptr : &items.back()->link);
-    ASSERT_EQ(LIST(Last)(list), items.empty() ? nullptr : items.back());
-    ASSERT_EQ(LIST(IsEmpty)(list), items.empty());
+    ASSERT_EQ(list->head, empty ? nullptr : &items.front()->link);
+    ASSERT_EQ(list->tail, empty ? nullptr : &items.back()->link);
+    ASSERT_EQ(LIST(Last)(list), empty ? nullptr : items.back());
+    ASSERT_EQ(LIST(IsEmpty)(list), empty);
     ASSERT_NO_FATAL_FAILURE(verify_backward(run));
-    ASSERT_EQ(captured_stdout([&] { ASSERT_EQ(LIST(Check)(list), DS_OK); }),
-              items.empty() ? "" : ">>>>>> " + name + "Check: OK\n");
     const auto count = "> number of entries: " + std::to_string(items.size()) + "\n";
-    ASSERT_EQ(captured_stdout([&] {
-                  LIST(Info)
-                  (list);
-              }),
-              "=========" + name + " Info=======\n" + (items.empty() ? ">>>>> EMPTY <<<<<\n" : count));
+    const std::string said =
+        captured_stdout([&] { EXPECT_EQ((LIST(Info)(list), LIST(Check)(list)), DS_OK); });
+    ASSERT_EQ(said, "=========" + name + " Info=======\n" +
+                        (empty ? ">>>>> EMPTY <<<<<\n" : count + ">>>>>> " + name + "Check: OK\n"));
 }
 
 inline void run_against_model(const std::string &name) {

@@ -10,20 +10,20 @@
 
 class Traffic {
 public:
-    explicit Traffic(unsigned seed) : random_(seed) {}
+    explicit Traffic(unsigned seed) : random(seed) {}
     ~Traffic() {
-        for (Slot &slot : slots_)
+        for (Slot &slot : slots)
             release(slot);
     }
     Traffic(const Traffic &) = delete;
     Traffic &operator=(const Traffic &) = delete;
 
     void step() {
-        Slot &slot = slots_[random_() % slots_.size()];
-        const size_t size = 1 + random_() % 400;
+        Slot &slot = slots[random() % slots.size()];
+        const size_t size = 1 + random() % 400;
         if (slot.block == nullptr)
-            allocate(slot, size);
-        else if (random_() % 3 == 0)
+            fill(slot, allocate(size), size);
+        else if (random() % 3 == 0)
             resize(slot, size);
         else
             release(slot);
@@ -31,48 +31,44 @@ public:
 
 private:
     struct Slot {
-        unsigned char *block = nullptr;
+        void *block = nullptr;
         size_t size = 0;
-        unsigned char fill = 0;
+        int byte = 0;
     };
 
-    void fill(Slot &slot, void *block, size_t size) {
-        slot = {static_cast<unsigned char *>(block), size, static_cast<unsigned char>(random_())};
-        memset(block, slot.fill, size);
-    }
-
-    void allocate(Slot &slot, size_t size) {
-        void *block = nullptr;
-        if (random_() % 8 != 0)
-            block = k42MC_malloc("traffic.cpp", 1, size);
-        else if (k42MC_posix_memalign("traffic.cpp", 2, &block, 64, size) != 0)
-            abort();
-        fill(slot, block, size);
+    void *allocate(size_t size) {
+        if (random() % 8 != 0)
+            return k42MC_malloc("traffic.cpp", 1, size);
+        void *block;
+        return k42MC_posix_memalign("traffic.cpp", 2, &block, 64, size) == 0 ? block : nullptr;
     }
 
     void resize(Slot &slot, size_t size) {
-        auto *block = static_cast<unsigned char *>(k42MC_realloc("traffic.cpp", 3, slot.block, size));
-        verify(block, slot.size < size ? slot.size : size, slot.fill);
+        void *block = k42MC_realloc("traffic.cpp", 3, slot.block, size);
+        verify(block, slot.size < size ? slot.size : size, slot.byte);
         fill(slot, block, size);
     }
 
     void release(Slot &slot) {
-        if (slot.block == nullptr)
-            return;
-        verify(slot.block, slot.size, slot.fill);
+        verify(slot.block, slot.size, slot.byte);
         k42MC_free("traffic.cpp", 4, slot.block);
-        slot.block = nullptr;
+        slot = {};
     }
 
-    static void verify(const unsigned char *block, size_t size, unsigned char fill) {
+    void fill(Slot &slot, void *block, size_t size) {
+        slot = {block, size, static_cast<unsigned char>(random())};
+        memset(block, slot.byte, size);
+    }
+
+    static void verify(const void *block, size_t size, int byte) {
         for (size_t i = 0; i < size; ++i) {
-            if (block[i] != fill) {
+            if (static_cast<const unsigned char *>(block)[i] != byte) {
                 fputs("contents lost\n", stderr);
                 abort();
             }
         }
     }
 
-    std::mt19937 random_;
-    std::array<Slot, 64> slots_{};
+    std::mt19937 random;
+    std::array<Slot, 64> slots{};
 };
