@@ -52,8 +52,8 @@ void *k42MC_calloc(const char *file, int line, size_t nmemb, size_t size)
  *   size     0 releases the block and returns null.
  *   Returns  The block. Null when memory ran out: then the old block is untouched and still recorded.
  */
-void *k42MC_realloc(const char *file, int line, void *ptr, size_t size) K42MC_SIZE_IS(4)
-    K42MC_MUST_CHECK;
+void *k42MC_realloc(const char *file, int line, void *ptr, size_t size)
+    K42MC_SIZE_IS(4) K42MC_MUST_CHECK;
 
 /*
  * Allocates size bytes at a multiple of alignment.
@@ -61,8 +61,8 @@ void *k42MC_realloc(const char *file, int line, void *ptr, size_t size) K42MC_SI
  *   alignment  In bytes: a power of two from the size of a pointer to K42MC_ALIGN_MAX.
  *   Returns    0, 12 (ENOMEM) or 22 (EINVAL: the alignment). errno is never set.
  */
-int k42MC_posix_memalign(const char *file, int line, void **memptr, size_t alignment, size_t size)
-    K42MC_MUST_CHECK;
+int k42MC_posix_memalign(const char *file, int line, void **memptr, size_t alignment,
+                         size_t size) K42MC_MUST_CHECK;
 
 /* Allocates size bytes at the start of a page. Returns the block, or null with errno set. */
 void *k42MC_valloc(const char *file, int line, size_t size) K42MC_RELEASED_BY(k42MC_free, 3)
@@ -90,8 +90,8 @@ void *k42MC_MM_calloc(const char *file, int line, size_t nmemb, size_t size)
     K42MC_RELEASED_BY(k42MC_MM_free, 3) K42MC_SIZE_IS_PRODUCT(3, 4);
 
 /* Resizes a block of the memory manager's family; otherwise as k42MC_realloc. */
-void *k42MC_MM_realloc(const char *file, int line, void *ptr, size_t size) K42MC_SIZE_IS(4)
-    K42MC_MUST_CHECK;
+void *k42MC_MM_realloc(const char *file, int line, void *ptr, size_t size)
+    K42MC_SIZE_IS(4) K42MC_MUST_CHECK;
 
 /* Copies the string s, which must not be null, into a new block. Returns the copy, or null. */
 char *k42MC_MM_strdup(const char *file, int line, const char *s) K42MC_RELEASED_BY(k42MC_MM_free, 3);

@@ -19,8 +19,7 @@ K42MC_BEGIN_DECLS
  *   alignment  In bytes: 1 for none, else a power of two from the size of a pointer to K42MC_ALIGN_MAX.
  * Returns the block, or null with errno ENOMEM or EINVAL.
  */
-void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_t size)
-    K42MC_SIZE_IS(5);
+void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_t size) K42MC_SIZE_IS(5);
 
 /* Releases a block that k42mcx_alloc handed out under this type. Null is ignored. */
 void k42mcx_free(const char *file, int line, int type, void *ptr);
@@ -36,8 +35,8 @@ void k42mcx_free(const char *file, int line, int type, void *ptr);
 struct _IO_FILE; /* FILE */
 
 /* As k42MC_realloc, but allocates when ptr is null and size is 0, as libc's does. */
-void *k42mcx_realloc(const char *file, int line, void *ptr, size_t size) K42MC_SIZE_IS(4)
-    K42MC_MUST_CHECK;
+void *k42mcx_realloc(const char *file, int line, void *ptr, size_t size)
+    K42MC_SIZE_IS(4) K42MC_MUST_CHECK;
 
 /* Resizes to nmemb * size bytes. Null with errno ENOMEM, and ptr untouched, if the product overflows. */
 void *k42mcx_reallocarray(const char *file, int line, void *ptr, size_t nmemb, size_t size)
@@ -60,8 +59,7 @@ char *k42mcx_strndup(const char *file, int line, const char *s, size_t most)
 wchar_t *k42mcx_wcsdup(const char *file, int line, const wchar_t *s) K42MC_RELEASED_BY(k42MC_free, 3);
 
 /* The block is exactly as long as the text; on failure -1, and *text is null. */
-int k42mcx_asprintf(const char *file, int line, char **text, const char *format, ...)
-    K42MC_PRINTF(4, 5);
+int k42mcx_asprintf(const char *file, int line, char **text, const char *format, ...) K42MC_PRINTF(4, 5);
 int k42mcx_vasprintf(const char *file, int line, char **text, const char *format,
                      __builtin_va_list arguments) K42MC_PRINTF(4, 0);
 
@@ -73,8 +71,8 @@ __PTRDIFF_TYPE__ k42mcx_getdelim(const char *file, int line, char **buffer, size
 
 /*
  * The stream is unbuffered: *text and *size are up to date after each write and seek, not only after
- * fflush and fclose. *size is the position, or the length where the position lies beyond it; a NUL follows
- * the length. Once the stream is closed, the block is exactly as long as the text and its NUL.
+ * fflush and fclose. *size is the position, or the length where the position lies beyond it; a NUL
+ * follows the length. Once the stream is closed, the block is exactly as long as the text and its NUL.
  */
 struct _IO_FILE *k42mcx_open_memstream(const char *file, int line, char **text, size_t *size);
 

@@ -76,8 +76,8 @@ void MCDeinit(void);
  *   limit  Bytes reversed (K42MC_BE32). 0 and 1 list every live block, 2 those that the previous report
  *          saw too, and so on.
  * Where blocks may be listed and, since the last reset, over 199 more were recorded than released, the
- * report leaves standard error for a report file. Allocations and releases of other threads wait until the
- * report is written. Time: linear in the live blocks; allocates nothing.
+ * report leaves standard error for a report file. Allocations and releases of other threads wait until
+ * the report is written. Time: linear in the live blocks; allocates nothing.
  */
 void MCReport(uint32_t limit);
 

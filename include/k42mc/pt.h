@@ -29,8 +29,8 @@ typedef struct PTNode {
 } PTNode;
 
 typedef struct PTTree {
-    PTNode *head;            /* of a dummy element with an all-zero key; its left link is the root */
-    uint32_t keyOffset;      /* bytes from an element to its key field */
+    PTNode *head;       /* of a dummy element with an all-zero key; its left link is the root */
+    uint32_t keyOffset; /* bytes from an element to its key field */
     int16_t keyBits;
     uint8_t keyIndirections; /* loads from the key field to the key */
     uint32_t nodeOffset;     /* bytes from an element to its PTNode */
