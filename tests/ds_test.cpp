@@ -1,4 +1,5 @@
 #include "checker.h"
+#include "ended.h"
 #include "failing_hooks.h"
 
 #include <cstring>
@@ -75,9 +76,10 @@ TEST(DSHooks, AllocateUnderTheContainersName) {
     checker_off();
 }
 
-TEST(DSDeathTest, MemFailPrintsAndExits) {
-    EXPECT_EXIT((stdout_to_stderr(), DSMemFail("abc")), testing::ExitedWithCode(255),
-                "^abc: memory failure\n$");
+TEST(DSMemFail, PrintsAndExits) {
+    const Ended end = ended([] { DSMemFail("abc"); });
+    EXPECT_TRUE(end.exited(255));
+    EXPECT_EQ(end.out, "abc: memory failure\n");
 }
 
 } // namespace

@@ -24,10 +24,6 @@ void set_word(char *at, size_t index, uintptr_t value) {
     memcpy(at + index * W, &value, W);
 }
 
-std::string bytes(const void *at, size_t size) {
-    return {static_cast<const char *>(at), size};
-}
-
 // The words that a pattern's first 28 bytes stand for.
 std::string words(const unsigned char *pattern, size_t count = 7) {
     return (bytes(pattern, 28) + bytes(pattern, 28)).substr(0, count * W);
@@ -143,6 +139,7 @@ TEST(Guard, FindsEveryDamagedHeaderWord) {
           (uintptr_t{4} << log2_shift) + 16}) {
         Block block(8);
         set_word(block.header, 6, impossible);
+        set_word(block.header, 7, block.raw_size + (uintptr_t{1} << (impossible >> log2_shift)) - 1);
         expect_stop(block, "WU", 0);
     }
 }

@@ -1,6 +1,6 @@
 // The routed functions against libc's own.
 #include "checker.h"
-#include "seed.h"
+#include "random.h"
 
 #include <bit>
 #include <cerrno>
@@ -25,9 +25,7 @@ template <class Call> void expect_error(int error, Call call) {
 }
 
 // The lines that a function reads from a stream, with their NULs, and the lengths that it returns.
-template <class Read>
-std::vector<std::pair<ssize_t, std::string>> read_lines(std::string data, Read read,
-                                                        void (*release)(void *)) {
+template <class Read> auto read_lines(std::string data, Read read, void (*release)(void *)) {
     FILE *stream = fmemopen(data.data(), data.size(), "r");
     char *buffer = nullptr;
     size_t capacity = 0;
@@ -42,9 +40,7 @@ std::vector<std::pair<ssize_t, std::string>> read_lines(std::string data, Read r
 }
 
 TEST(LibcRoutes, ReadDelimitedTextAsLibcDoes) {
-    const Seed seed;
-    SCOPED_TRACE(seed.text());
-    std::mt19937 random(seed.value);
+    Random random;
     for (unsigned round = 0; round < 200; round++) {
         std::string data(1 + random() % 2000, '\0');
         for (char &c : data)
@@ -66,9 +62,7 @@ TEST(LibcRoutes, ReadDelimitedTextAsLibcDoes) {
 
 // The model is a string: libc forgets what lies behind the position once it has been moved back.
 TEST(LibcRoutes, WriteToMemoryAsToAString) {
-    const Seed seed;
-    SCOPED_TRACE(seed.text());
-    std::mt19937 random(seed.value);
+    Random random;
     for (int round = 0; round < 100; round++) {
         char *text;
         size_t size;

@@ -1,12 +1,12 @@
 #include "capture.h"
 #include "small_stack.h"
+#include "text.h"
 
 #include <atomic>
 #include <csetjmp>
 #include <csignal>
 #include <dlfcn.h>
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <sstream>
 
@@ -111,11 +111,6 @@ TEST(Symbols, FollowADeletedExecutable) {
     const std::string command = "PLATFORM_TEST_DELETE=1 " + copy + " --gtest_filter=*NamesStatic* >&2";
     EXPECT_EQ(std::system(command.c_str()), 0);
     EXPECT_FALSE(fs::exists(copy));
-}
-
-std::string contents(const std::string &path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // The file that a loaded module was mapped from stays what it was.

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 namespace {
 
@@ -40,8 +38,7 @@ TEST_F(Query, ShowsTheTraceFromTheCallerOn) {
     const std::string text = check(block);
     const std::string start = "q.c:12:STD:" + address(block) + ":34:0\nBacktrace of the allocation:\n";
     EXPECT_STARTS(text, start);
-    EXPECT_CONTAINS(text.substr(start.size(), text.find('\n', start.size()) - start.size()),
-                    "/query_test(_ZN12_GLOBAL__N_113allocate_here");
+    EXPECT_CONTAINS(line_at(text, start.size()), "/query_test(_ZN12_GLOBAL__N_113allocate_here");
     EXPECT_ENDS(text, "]\n------\n");
     const auto frames = std::count(text.begin(), text.end(), '\n') - 3;
     EXPECT_TRUE(frames > 3 && frames <= 16) << text;
@@ -69,13 +66,11 @@ TEST(DebugMessages, GoToOneFileOfTheProcess) {
     });
     EXPECT_EQ(end.err, "");
     const fs::path path = *fs::directory_iterator(folder);
-    std::ifstream file(path);
-    const std::string text(std::istreambuf_iterator<char>(file), {});
+    const std::string text = contents(path);
     const std::string start = "No message.\nNo message.\n100% plain %n %s\n" + std::string(255, 'x') +
                               "\nvalue 5\n---------- backtrace:\n";
     EXPECT_STARTS(text, start);
-    EXPECT_CONTAINS(text.substr(start.size(), text.find('\n', start.size()) - start.size()),
-                    "say_with_trace");
+    EXPECT_CONTAINS(line_at(text, start.size()), "say_with_trace");
     EXPECT_ENDS(text, "]\n------ end.\n");
     unsigned long seconds = 0;
     EXPECT_EQ(sscanf(path.filename().c_str(), "query_test.%lx.debug.txt", &seconds), 1) << path;

@@ -1,6 +1,6 @@
 // Report cycles: which blocks are listed, what the counters say, and the text as a whole.
 #include "checker.h"
-#include "seed.h"
+#include "random.h"
 
 #include <deque>
 #include <sstream>
@@ -28,9 +28,7 @@ TEST_F(Report, PrintsBlocksOldestFirstAndCounters) {
 
 // Every block against a model of its own: the LK lines of a report, in order.
 TEST_F(Report, AgesBlocksOverRandomOperations) {
-    const Seed seed;
-    SCOPED_TRACE(seed.text());
-    std::mt19937 random(seed.value);
+    Random random;
     struct Live {
         void *block;
         int line;

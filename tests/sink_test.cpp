@@ -4,8 +4,6 @@
 
 #include <filesystem>
 #include <fnmatch.h>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 namespace {
@@ -31,11 +29,6 @@ protected:
         SetUp();
     }
 };
-
-std::string read(const fs::path &path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::vector<fs::path> files_in(const fs::path &folder) {
     if (!fs::is_directory(folder))
@@ -67,9 +60,9 @@ TEST_F(Sink, IsAFileNamedAfterProgramAndTime) {
     EXPECT_PRED2(matches, path.filename(), any_name);
     const std::string start = "==========MC init==========\nMonitoring LK/BF\n"
                               "Enabling backtrace collection, subject to MCBTFilterOut\n";
-    EXPECT_EQ(read(path), start);
+    EXPECT_EQ(contents(path), start);
     EXPECT_EQ(captured_stderr([] { MCInit(0, 0), MCReport(0), MCDeinit(); }), "");
-    EXPECT_PRED2(matches, read(path),
+    EXPECT_PRED2(matches, contents(path),
                  start + "*MC re-init*<cycle 1>*========== MCDeinit: Done ==========\n");
 }
 
@@ -93,7 +86,7 @@ TEST_F(Sink, IsNeverReachedThroughASymbolicLink) {
     for (int ahead = 0; ahead < 5; ++ahead)
         fs::create_symlink(victim, reports / name_in(ahead));
     init(MC_TO_FILE, 0);
-    EXPECT_EQ(read(victim), "precious");
+    EXPECT_EQ(contents(victim), "precious");
 }
 
 TEST_F(Sink, TakesLongReportsOffTheTerminal) {
@@ -116,7 +109,7 @@ TEST_F(Sink, TakesLongReportsOffTheTerminal) {
     clear(reports);
     EXPECT_STARTS(report(3), switching + "MC: Reporting to \"" + reports.string());
     ASSERT_EQ(files_in(reports).size(), 1u);
-    const std::string text = read(files_in(reports)[0]);
+    const std::string text = contents(files_in(reports)[0]);
     EXPECT_STARTS(text, "-----------<cycle 3>"); // the failed one was none
     EXPECT_CONTAINS(text, "a.c:1:LK:STD:" + address(blocks[0]) + ":1:3\n");
     for (void *block : blocks)
@@ -147,7 +140,7 @@ TEST_F(Sink, IsItsOwnInAForkedChild) {
     ASSERT_EQ(files.size(), 3u);
     int parents = 0;
     for (const fs::path &path : files) {
-        const std::string text = read(path);
+        const std::string text = contents(path);
         const bool parent = text.starts_with("==========MC init");
         parents += parent;
         EXPECT_EQ(text.find("-----------<cycle 1>"), parent ? text.find("Out\n") + 4 : 0) << text;

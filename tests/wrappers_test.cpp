@@ -2,7 +2,7 @@
 #include "checker.h"
 #include "ended.h"
 #include "failing_malloc.h"
-#include "seed.h"
+#include "random.h"
 
 #include <algorithm>
 #include <cstring>
@@ -65,15 +65,9 @@ extern "C" void MM_free(void *ptr) {
 
 namespace {
 
-std::string bytes(const void *block, size_t size) {
-    return {static_cast<const char *>(block), size};
-}
-
 // Random operations against a model of every block's contents; each release checks the guards.
 TEST_P(Wrappers, KeepContentsOverRandomOperations) {
-    const Seed seed;
-    SCOPED_TRACE(seed.text());
-    std::mt19937 random(seed.value);
+    Random random;
     std::map<void *, std::string> blocks;
     for (int step = 0; step < 20000; ++step) {
         const size_t size = random() % 300;
@@ -96,14 +90,15 @@ TEST_P(Wrappers, KeepContentsOverRandomOperations) {
             errno = step;
             if (operation > 2) {
                 family.free("a.c", step, old);
+                ASSERT_EQ(errno, step);
             } else if (void *block = family.realloc("a.c", step, old, size)) {
                 const size_t kept = std::min(was.size(), size);
                 ASSERT_EQ(bytes(block, kept), was.substr(0, kept));
                 keep(block);
             } else {
                 ASSERT_EQ(size, 0u);
+                ASSERT_EQ(errno, step);
             }
-            ASSERT_EQ(errno, step);
         }
     }
     for (const auto &[block, content] : blocks)
@@ -219,14 +214,15 @@ TEST_P(StandardFamily, AlignsAndLosesTheAlignmentWhenResized) {
     k42MC_free("a.c", 5, page);
 }
 
+void refuse(size_t alignment, size_t size, int expected) {
+    void *block = &manager_fails;
+    errno = 42;
+    EXPECT_EQ(k42MC_posix_memalign("a.c", 1, &block, alignment, size), expected);
+    EXPECT_EQ(block, nullptr);
+    EXPECT_EQ(errno, 42);
+}
+
 TEST_P(StandardFamily, RefusesAlignmentsItCannotRecord) {
-    const auto refuse = [](size_t alignment, size_t size, int expected) {
-        void *block = &errno;
-        errno = 42;
-        EXPECT_EQ(k42MC_posix_memalign("a.c", 1, &block, alignment, size), expected);
-        EXPECT_EQ(block, nullptr);
-        EXPECT_EQ(errno, 42);
-    };
     for (const size_t alignment : {size_t{0}, size_t{1}, sizeof(void *) / 2, size_t{24},
                                    size_t{K42MC_ALIGN_MAX} * 2, size_t{1} << (8 * sizeof(size_t) - 1)})
         EXPECT_EQ(captured_stderr([=] { refuse(alignment, 9, EINVAL); }), "a.c:1:NA:0x0:9\n");
@@ -235,16 +231,15 @@ TEST_P(StandardFamily, RefusesAlignmentsItCannotRecord) {
 
 TEST_P(StandardFamily, KeepsAnAlignedBlockThatCannotBeResized) {
     NEEDS_OWN_MALLOC();
-    for (const size_t size : {500, 20}) {
-        void *block = aligned(256);
-        failing_malloc(1, false, [&] { EXPECT_EQ(k42MC_realloc("a.c", 2, block, size), nullptr); });
-        EXPECT_EQ(bytes(block, letters.size()), letters);
-        k42MC_free("a.c", 3, block);
+    for (const size_t alignment : {32, 64, 128, 256, 512, 1024}) {
+        for (const size_t size : {500, 20}) {
+            void *block = aligned(alignment);
+            failing_malloc(1, false, [&] { EXPECT_EQ(k42MC_realloc("a.c", 2, block, size), nullptr); });
+            EXPECT_EQ(bytes(block, letters.size()), letters);
+            k42MC_free("a.c", 3, block);
+        }
     }
-    void *block = this;
-    failing_malloc(1, false,
-                   [&] { EXPECT_EQ(k42MC_posix_memalign("a.c", 4, &block, 256, 50), ENOMEM); });
-    EXPECT_EQ(block, nullptr);
+    failing_malloc(1, false, [] { refuse(256, 50, ENOMEM); });
 }
 
 TEST_P(StandardFamily, KeepsObjectsOfEveryTypeApart) {

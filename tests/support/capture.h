@@ -32,9 +32,3 @@ template <class Action> std::string captured_stdout(Action action) {
 template <class Action> std::string captured_stderr(Action action) {
     return captured(STDERR_FILENO, action);
 }
-
-// For the statement of a death test, which matches standard error only.
-inline void stdout_to_stderr() {
-    std::fflush(stdout);
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-}

@@ -4,7 +4,7 @@
 
 #include "capture.h"
 #include "failing_hooks.h"
-#include "seed.h"
+#include "random.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -72,9 +72,7 @@ inline void verify(const Run &run, const std::string &name) {
 }
 
 inline void run_against_model(const std::string &name) {
-    const Seed seed;
-    SCOPED_TRACE(seed.text());
-    std::mt19937 random(seed.value);
+    Random random;
     Item pool[7];
     Items unused;
     for (auto &item : pool)
@@ -88,10 +86,8 @@ inline void run_against_model(const std::string &name) {
         Items &items = run.items;
         const size_t size = items.size(), at = size ? random() % size : 0;
         hooks::start();
-        if (operation == 0 && !unused.empty())
-            LIST(InsertFirst)(list, run.insert(0));
-        else if (operation == 1 && !unused.empty())
-            LIST(InsertLast)(list, run.insert(size));
+        if (operation <= 1 && !unused.empty())
+            (operation ? LIST(InsertLast) : LIST(InsertFirst))(list, run.insert(operation ? size : 0));
         else if (operation == 2 && !unused.empty() && size) {
             Item *existing = items[at];
             LIST(InsertNext)(list, existing, run.insert(at + 1));
