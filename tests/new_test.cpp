@@ -55,10 +55,12 @@ TEST(New, ReportsCountObjectsAndArraysApart) {
     checker_on();
     const std::unique_ptr<long> object(new long);
     const std::unique_ptr<long[]> array(new long[4]);
+    const void *volatile seen[] = {object.get(), array.get()}; // or the compiler may leave both out
     const std::string text = report(0);
     checker_off();
     EXPECT_CONTAINS(text, "operator new:0:LK:FIX:");
     EXPECT_CONTAINS(text, "operator new[]:0:LK:VAR:");
+    EXPECT_NE(seen[0], seen[1]);
 }
 
 // Kept from the compiler, which would warn.

@@ -27,6 +27,8 @@ struct Family {
     void *(*calloc)(const char *, int, size_t, size_t);
     void *(*realloc)(const char *, int, void *, size_t);
     void (*free)(const char *, int, void *);
+
+    friend void PrintTo(const Family &family, std::ostream *out) { *out << family.name; }
 };
 
 const Family families[] = {{"STD", k42MC_malloc, k42MC_calloc, k42MC_realloc, k42MC_free},
