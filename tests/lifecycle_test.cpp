@@ -74,7 +74,11 @@ TEST(Lifecycle, StaysOffWhenMemoryRunsOut) {
     NEEDS_OWN_MALLOC();
     // Five blocks: headers of tree, dummy element, live list, two filter lists.
     for (int nth = 1; nth <= 5; ++nth) {
-        const auto start = [=] { failing_malloc(nth, false, [] { MCInit(0, 0); }); };
+        const auto start = [=] {
+            const int releases = MallocCalls::releases;
+            failing_malloc(nth, false, [] { MCInit(0, 0); });
+            EXPECT_EQ(MallocCalls::releases - releases, nth - 1) << "nothing is left";
+        };
         EXPECT_EQ(captured_stderr(start), to_stderr + "MCInit: Memory allocation failure!\n") << nth;
         EXPECT_EQ(gK42MCOn, 0);
     }

@@ -10,6 +10,7 @@ struct MallocCalls {
     inline static int until_failure = 0; // the allocation that fails, counted down; 0: none
     inline static bool failing_stays = false;
     inline static int allocations = 0;
+    inline static int releases = 0;
 
     static bool fails() {
         ++allocations;
@@ -38,7 +39,12 @@ extern "C" {
 void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);
 void *__libc_realloc(void *, size_t);
+void __libc_free(void *);
 
+void free(void *ptr) {
+    MallocCalls::releases += ptr != nullptr;
+    __libc_free(ptr);
+}
 void *malloc(size_t size) {
     return MallocCalls::fails() ? nullptr : __libc_malloc(size);
 }
