@@ -40,55 +40,31 @@ void *DLPrev(const DLList *list, const void *element) {
 }
 
 void DLInsertFirst(DLList *list, void *element) {
-    ds::insert_first(list, ds::link_of(list, element));
+    lists::insert_first(list, ds::link_of(list, element));
 }
 
 void DLInsertLast(DLList *list, void *element) {
-    ds::insert_last(list, ds::link_of(list, element));
+    lists::insert_last(list, ds::link_of(list, element));
 }
 
 void DLInsertNext(DLList *list, void *existing, void *element) {
-    ds::insert_after(list, ds::link_of(list, existing), ds::link_of(list, element));
+    lists::insert_after(list, ds::link_of(list, existing), ds::link_of(list, element));
 }
 
 void DLInsertPrev(DLList *list, void *existing, void *element) {
-    DLLink *next = ds::link_of(list, existing);
-    DLLink *link = ds::link_of(list, element);
-    if (next->prev)
-        next->prev->next = link;
-    else
-        list->head = link;
-    link->next = next;
-    link->prev = next->prev;
-    next->prev = link;
+    lists::insert_before(list, ds::link_of(list, existing), ds::link_of(list, element));
 }
 
 void *DLRemoveFirst(DLList *list) {
-    return ds::element_of(list, ds::remove_first(list));
+    return ds::element_of(list, lists::remove_first(list));
 }
 
 void *DLRemoveLast(DLList *list) {
-    DLLink *last = list->tail;
-    if (!last)
-        return nullptr;
-    list->tail = last->prev;
-    if (list->tail)
-        list->tail->next = nullptr;
-    else
-        list->head = nullptr;
-    return ds::element_of(list, last);
+    return ds::element_of(list, lists::remove_last(list));
 }
 
 void DLRemove(DLList *list, void *element) {
-    DLLink *link = ds::link_of(list, element);
-    if (link->next)
-        link->next->prev = link->prev;
-    else
-        list->tail = link->prev;
-    if (link->prev)
-        link->prev->next = link->next;
-    else
-        list->head = link->next;
+    lists::remove(list, ds::link_of(list, element));
 }
 
 int32_t DLRemoveAndDestroyFirst(DLList *list) {
@@ -105,7 +81,7 @@ void DLRemoveAndDestroy(DLList *list, void *element) {
 }
 
 void DLReverse(DLList *list) {
-    ds::reverse(list);
+    lists::reverse(list);
 }
 
 void DLVisit(const DLList *list, int direction, DSVisitFn visit) {
@@ -122,11 +98,11 @@ int32_t DLVisitWithArg(const DLList *list, int direction, DSVisitArgFn visit, vo
 }
 
 void DLJoinFirst(DLList *list, DLList *source) {
-    ds::join_first(list, source);
+    lists::join_first(list, source);
 }
 
 void DLJoinLast(DLList *list, DLList *source) {
-    ds::join_last(list, source);
+    lists::join_last(list, source);
 }
 
 void DLInfo(const DLList *list) {

@@ -1,6 +1,7 @@
 // The Patricia tree: creation, insertion, search and removal.
 #include "conventions.h"
-#include "patricia.h"
+
+#include <k42mc/algorithms/patricia.hpp>
 
 #include <cstddef>
 #include <new>
@@ -23,7 +24,7 @@ namespace {
 // The bytes of a key, from the key field of an element or from a key argument.
 const uint8_t *key_bytes(const void *field, uint8_t indirections) {
     for (; indirections; --indirections)
-        field = ds::load<const void *>(field);
+        field = bits::load<const void *>(field);
     return static_cast<const uint8_t *>(field);
 }
 
@@ -125,7 +126,7 @@ void PTDeinit(PTTree **handle) {
 
 void PTDestroy(PTTree *tree) {
     if (ds::owns_elements(tree->destroy))
-        ds::take_apart(tree->head, [=](PTNode *node) { tree->destroy(element_of(tree, node)); });
+        patricia::take_apart(tree->head, [=](PTNode *node) { tree->destroy(element_of(tree, node)); });
     tree->head->left = tree->head;
     clear_cache(tree);
 }
@@ -139,7 +140,7 @@ void *PTAny(const PTTree *tree) {
 }
 
 void PTInsert(PTTree *tree, void *element, void **existing) {
-    const PTNode *present = ds::insert(tree->head, OffsetKeys(tree), node_of(tree, element));
+    const PTNode *present = patricia::insert(tree->head, OffsetKeys(tree), node_of(tree, element));
     if (!present)
         clear_cache(tree);
     if (existing)
@@ -147,20 +148,20 @@ void PTInsert(PTTree *tree, void *element, void **existing) {
 }
 
 void *PTSearch(const PTTree *tree, const void *key) {
-    const ds::Descent found =
-        ds::search(tree->head, OffsetKeys(tree), key_bytes(key, tree->keyIndirections));
+    const patricia::Descent found =
+        patricia::search(tree->head, OffsetKeys(tree), key_bytes(key, tree->keyIndirections));
     return found.end == tree->head ? nullptr : element_of(tree, found.end);
 }
 
 void PTRemove(PTTree *tree, void *element) {
     PTNode *node = node_of(tree, element);
-    ds::remove(tree->head, node, OffsetKeys(tree)(node));
+    patricia::remove(tree->head, node, OffsetKeys(tree)(node));
     forget(tree, node);
 }
 
 void *PTRemoveByKey(PTTree *tree, const void *key) {
     const PTNode *node =
-        ds::remove_key(tree->head, OffsetKeys(tree), key_bytes(key, tree->keyIndirections));
+        patricia::remove_key(tree->head, OffsetKeys(tree), key_bytes(key, tree->keyIndirections));
     if (!node)
         return nullptr;
     forget(tree, node);

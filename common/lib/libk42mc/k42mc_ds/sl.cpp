@@ -36,30 +36,23 @@ void *SLNext(const SLList *list, const void *element) {
 }
 
 void SLInsertFirst(SLList *list, void *element) {
-    ds::insert_first(list, ds::link_of(list, element));
+    lists::insert_first(list, ds::link_of(list, element));
 }
 
 void SLInsertLast(SLList *list, void *element) {
-    ds::insert_last(list, ds::link_of(list, element));
+    lists::insert_last(list, ds::link_of(list, element));
 }
 
 void SLInsertNext(SLList *list, void *existing, void *element) {
-    ds::insert_after(list, ds::link_of(list, existing), ds::link_of(list, element));
+    lists::insert_after(list, ds::link_of(list, existing), ds::link_of(list, element));
 }
 
 void *SLRemoveFirst(SLList *list) {
-    return ds::element_of(list, ds::remove_first(list));
+    return ds::element_of(list, lists::remove_first(list));
 }
 
 void *SLRemoveNext(SLList *list, void *element) {
-    SLLink *link = ds::link_of(list, element);
-    SLLink *removed = link->next;
-    if (!removed)
-        return nullptr;
-    link->next = removed->next;
-    if (!link->next)
-        list->tail = link;
-    return ds::element_of(list, removed);
+    return ds::element_of(list, lists::remove_after(list, ds::link_of(list, element)));
 }
 
 int32_t SLRemoveAndDestroyFirst(SLList *list) {
@@ -71,7 +64,7 @@ int32_t SLRemoveAndDestroyNext(SLList *list, void *element) {
 }
 
 void SLReverse(SLList *list) {
-    ds::reverse(list);
+    lists::reverse(list);
 }
 
 void SLVisit(const SLList *list, DSVisitFn visit) {
@@ -83,11 +76,11 @@ int32_t SLVisitWithArg(const SLList *list, DSVisitArgFn visit, void *argument) {
 }
 
 void SLJoinFirst(SLList *list, SLList *source) {
-    ds::join_first(list, source);
+    lists::join_first(list, source);
 }
 
 void SLJoinLast(SLList *list, SLList *source) {
-    ds::join_last(list, source);
+    lists::join_last(list, source);
 }
 
 void SLInfo(const SLList *list) {

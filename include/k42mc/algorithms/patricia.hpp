@@ -4,17 +4,17 @@
 // A link leads down when it goes to a larger bit, else up. Two different nodes have equal bits only
 // where the all-zero key meets the key 00...01: whoever follows a key takes that link for one that leads
 // up, a walk over all nodes for one that leads down.
-#pragma once
+#ifndef K42MC_ALGORITHMS_PATRICIA_HPP
+#define K42MC_ALGORITHMS_PATRICIA_HPP
 
-#include "linkage.h"
+#include <k42mc/algorithms/bits.hpp>
+#include <k42mc/pt.h>
 
-#include "bits.h"
-
-namespace k42mc::ds {
+namespace k42mc::patricia {
 
 // The link that the bits of a key select.
 inline PTNode *&toward(PTNode *node, const uint8_t *key) {
-    return bit_at(key, node->bit) ? node->right : node->left;
+    return bits::bit_at(key, node->bit) ? node->right : node->left;
 }
 
 // The one of a node's links that leads to target.
@@ -46,7 +46,7 @@ inline Descent descend(PTNode *head, const uint8_t *key) {
 // As descend; where the key is not in the tree, the end is the head.
 template <class Keys> Descent search(PTNode *head, const Keys &keys, const uint8_t *key) {
     Descent descent = descend(head, key);
-    if (descent.end != head && DSKeyDiffers(key, keys(descent.end), keys.bits))
+    if (descent.end != head && bits::DSKeyDiffers(key, keys(descent.end), keys.bits))
         descent.end = head;
     return descent;
 }
@@ -68,7 +68,7 @@ template <class Keys> PTNode *insert(PTNode *head, const Keys &keys, PTNode *nod
     int agreed = 0;
     while (below->bit >= agreed) {
         if (below->bit > agreed) {
-            const int bit = DSFirstDiffBit(key, keys(below), agreed, below->bit);
+            const int bit = bits::DSFirstDiffBit(key, keys(below), agreed, below->bit);
             if (bit < below->bit) {
                 link_between(parent, below, node, bit, key);
                 return nullptr;
@@ -79,7 +79,7 @@ template <class Keys> PTNode *insert(PTNode *head, const Keys &keys, PTNode *nod
         agreed = parent->bit + 1;
     }
 
-    int bit = agreed < keys.bits ? DSFirstDiffBit(key, keys(below), agreed, keys.bits) : keys.bits;
+    int bit = agreed < keys.bits ? bits::DSFirstDiffBit(key, keys(below), agreed, keys.bits) : keys.bits;
     if (bit == keys.bits) {
         if (below != head)
             return below;
@@ -173,4 +173,6 @@ template <class HandOver> void take_apart(PTNode *head, HandOver hand_over) {
     }
 }
 
-} // namespace k42mc::ds
+} // namespace k42mc::patricia
+
+#endif

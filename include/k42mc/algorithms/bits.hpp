@@ -1,12 +1,13 @@
 // Keys as bit strings. Bit 0 is the most significant bit of the first byte in memory.
-#pragma once
+#ifndef K42MC_ALGORITHMS_BITS_HPP
+#define K42MC_ALGORITHMS_BITS_HPP
 
 #include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstring>
 
-namespace k42mc::ds {
+namespace k42mc::bits {
 
 // Reads from any address, aligned or not.
 template <class Value> Value load(const void *address) {
@@ -46,4 +47,6 @@ inline bool DSKeyDiffers(const uint8_t *a, const uint8_t *b, int bits) {
     return std::memcmp(a, b, whole) != 0 || (rest && (a[whole] ^ b[whole]) >> (8 - rest));
 }
 
-} // namespace k42mc::ds
+} // namespace k42mc::bits
+
+#endif
