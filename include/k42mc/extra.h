@@ -24,6 +24,14 @@ void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_
 /* Releases a block that k42mcx_alloc handed out under this type. Null is ignored. */
 void k42mcx_free(const char *file, int line, int type, void *ptr);
 
+/* ---- Descriptors ---- */
+
+/*
+ * FDAddEvent under the checker's lock, for reads and writes that several threads report.
+ * Returns what FDAddEvent does; 1 after FDDeinit.
+ */
+int k42mcx_fd_event(const char *name, int descriptor, unsigned type);
+
 /* ---- libc's functions that hand out memory, over guarded blocks (redirect.h routes calls here) ----
  *
  * Each is libc's function of the name, with the caller's file and line in front and a block of the

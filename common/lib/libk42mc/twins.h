@@ -28,6 +28,13 @@ K42MC_TWIN(MCBTFilterReset)
 K42MC_TWIN(MCCheck)
 K42MC_TWIN(MCDebugMsg)
 
+K42MC_TWIN(FDOpen)
+K42MC_TWIN(FDClose)
+K42MC_TWIN(FDAddEvent)
+K42MC_TWIN(FDDeinit)
+K42MC_TWIN(FDCheck)
+K42MC_TWIN(FDReport)
+
 K42MC_TWIN(k42mc_guard_alloc)
 K42MC_TWIN(k42mc_guard_free)
 
@@ -97,6 +104,7 @@ K42MC_TWIN(PTRemoveByKey)
 K42MC_TWIN(PTRemoveAndDestroy)
 K42MC_TWIN(PTRemoveAndDestroyByKey)
 
+K42MC_TWIN(k42mcx_fd_event)
 K42MC_TWIN(k42mcx_alloc)
 K42MC_TWIN(k42mcx_free)
 
