@@ -4,6 +4,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <time.h>
 
 namespace k42mc::platform {
@@ -56,6 +57,9 @@ bool single_threaded();
 // How many descriptors the process may have open: the soft limit at this moment, or the largest number
 // there is where it has none.
 uint64_t descriptor_limit();
+
+// Whether memory that held a stream once holds one that is open. Looks before it reads.
+bool is_open_stream(const FILE *stream);
 
 // Writes past all streams; stops at the first failure. May change errno.
 void write_all(int descriptor, const char *bytes, size_t size);

@@ -1,7 +1,6 @@
 // Recording: one event into the bounded history of its descriptor.
-#include "checker_lock.h"
 #include "errno_keeper.h"
-#include "fdcheck/state.h"
+#include "fdcheck/lock.h"
 #include "platform/platform.h"
 #include "terminal.h"
 
@@ -62,17 +61,6 @@ void fill(FDEvent &event, const char *name, uint32_t type) {
         event.frameCount = static_cast<uint32_t>(platform::backtrace_skip(event.frames, FD_MOST_FRAMES));
 }
 
-// For a thread that does not print: what a stream of the process's own reports while the checkers print
-// to it would wait for the lock that its own thread holds.
-int32_t add_event_locked(const char *name, int32_t descriptor, uint32_t type) {
-    if (fd_deinitialized() || thread_is_printing)
-        return DS_FAILURE;
-    pthread_mutex_lock(&gFDLock);
-    const int32_t result = FDAddEvent(name, descriptor, type);
-    pthread_mutex_unlock(&gFDLock);
-    return result;
-}
-
 } // namespace
 } // namespace k42mc
 
@@ -113,16 +101,17 @@ int32_t FDAddEvent(const char *name, int32_t descriptor, uint32_t type) {
     return DS_OK;
 }
 
+int k42mcx_fd_event(const char *name, int descriptor, unsigned type) {
+    const RecordLock lock;
+    return lock ? FDAddEvent(name, descriptor, type) : DS_FAILURE;
+}
+
 void FDOpen(const char *name, int32_t descriptor) {
-    add_event_locked(name, descriptor, FD_EV_OPEN);
+    k42mcx_fd_event(name, descriptor, FD_EV_OPEN);
 }
 
 void FDClose(const char *name, int32_t descriptor) {
-    add_event_locked(name, descriptor, FD_EV_CLOSE);
-}
-
-int k42mcx_fd_event(const char *name, int descriptor, unsigned type) {
-    return add_event_locked(name, descriptor, type);
+    k42mcx_fd_event(name, descriptor, FD_EV_CLOSE);
 }
 
 K42MC_EXPORT(FDAddEvent);
