@@ -21,11 +21,11 @@ struct Handle {
     bool closed;
 };
 
-constinit PTTree *gFDHandles = nullptr;
+constinit PTTree *gFDHandles = nullptr; // from the system allocator: no business of the memory checker's
 
 PTTree *handles() {
     if (gFDHandles == nullptr)
-        PTInit(&gFDHandles, nullptr, nullptr, offsetof(Handle, node), offsetof(Handle, address),
+        PTInit(&gFDHandles, malloc, free, offsetof(Handle, node), offsetof(Handle, address),
                8 * sizeof(void *), 0, nullptr);
     return gFDHandles;
 }
@@ -94,7 +94,8 @@ bool closes(const char *name, const void *address, int32_t (*descriptor_of)(cons
         return true;
     const Handle *handle = find(address);
     if (handle != nullptr && handle->closed && !is_open(address)) {
-        if (!seems_closed(handle->descriptor)) // the number is in use again: what closed it first is past
+        if (!seems_closed(
+                handle->descriptor)) // the number is in use again: what closed it first is past
             FDAddEvent(name, handle->descriptor, FD_EV_CLOSE);
         FDAddEvent(name, handle->descriptor, FD_EV_CLOSE);
         return false;
