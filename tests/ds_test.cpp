@@ -10,6 +10,7 @@ struct Element {
     uint8_t key[4];
     SLLink sl;
     DLLink dl;
+    AVLNode avl;
     PTNode pt;
 };
 
@@ -17,17 +18,22 @@ struct Element {
 struct Family {
     static auto init(SLList **h, HOOKS) { return SLInit(h, a, f, offsetof(Element, sl), x); }
     static auto init(DLList **h, HOOKS) { return DLInit(h, a, f, offsetof(Element, dl), x); }
+    static auto init(AVLTree **h, HOOKS) {
+        return AVLInit(h, a, f, offsetof(Element, avl), 0, nullptr, x);
+    }
     static auto init(PTTree **h, HOOKS) { return PTInit(h, a, f, offsetof(Element, pt), 0, 32, 0, x); }
     static void insert(SLList *list, void *element) { SLInsertFirst(list, element); }
     static void insert(DLList *list, void *element) { DLInsertFirst(list, element); }
+    static void insert(AVLTree *tree, void *element) { AVLInsert(tree, element, nullptr); }
     static void insert(PTTree *tree, void *element) { PTInsert(tree, element, nullptr); }
     static void deinit(SLList **handle) { SLDeinit(handle); }
     static void deinit(DLList **handle) { DLDeinit(handle); }
+    static void deinit(AVLTree **handle) { AVLDeinit(handle); }
     static void deinit(PTTree **handle) { PTDeinit(handle); }
 };
 
 template <class Header> class DS : public testing::Test {};
-using Headers = testing::Types<SLList, DLList, PTTree>;
+using Headers = testing::Types<SLList, DLList, AVLTree, PTTree>;
 TYPED_TEST_SUITE(DS, Headers);
 
 TYPED_TEST(DS, NullHooksSelectDefaults) {
