@@ -44,6 +44,9 @@ TYPED_TEST(DS, NullHooksSelectDefaults) {
     Family::insert(handle, k42MC_malloc(__FILE__, __LINE__, sizeof(Element)));
     Family::deinit(&handle); // the guards stop the process if a block is not a checked one
     EXPECT_EQ(handle, nullptr);
+    ASSERT_EQ(Family::init(&handle, hooks::alloc, hooks::dealloc, nullptr), DS_OK);
+    EXPECT_EQ(handle->destroy, DSDealloc);
+    Family::deinit(&handle);
 }
 
 TYPED_TEST(DS, DummyHookLeavesElementsAlone) {
@@ -52,6 +55,7 @@ TYPED_TEST(DS, DummyHookLeavesElementsAlone) {
     ASSERT_EQ(Family::init(&handle, hooks::alloc, hooks::dealloc, DS_DUMMY), DS_OK);
     Element element{};
     Family::insert(handle, &element);
+    std::memset(&element, 0xa5, sizeof element); // not read either
     const Element before = element;
     Family::deinit(&handle);
     EXPECT_EQ(std::memcmp(&element, &before, sizeof element), 0);

@@ -20,8 +20,8 @@ inline void set_tilt(AVLNode *node, uint8_t tilt) {
     node->state = static_cast<uint8_t>((node->state & AVL_THREAD) | tilt);
 }
 
-// The right link of a node leads to the next in order either way where that has no left subtree, so that
-// a child becomes a thread, or a thread a child, by the bit alone.
+// A child on the right with nothing on its left is the next node in order, as the target of a thread is:
+// the bit alone makes one of the other.
 
 inline bool has_thread(const AVLNode *node) {
     return node->state & AVL_THREAD;
