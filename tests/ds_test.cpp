@@ -10,6 +10,7 @@ struct Element {
     uint8_t key[4];
     SLLink sl;
     DLLink dl;
+    AVLNode avl;
     PTNode pt;
 };
 
@@ -17,17 +18,22 @@ struct Element {
 struct Family {
     static auto init(SLList **h, HOOKS) { return SLInit(h, a, f, offsetof(Element, sl), x); }
     static auto init(DLList **h, HOOKS) { return DLInit(h, a, f, offsetof(Element, dl), x); }
+    static auto init(AVLTree **h, HOOKS) {
+        return AVLInit(h, a, f, offsetof(Element, avl), 0, nullptr, x);
+    }
     static auto init(PTTree **h, HOOKS) { return PTInit(h, a, f, offsetof(Element, pt), 0, 32, 0, x); }
     static void insert(SLList *list, void *element) { SLInsertFirst(list, element); }
     static void insert(DLList *list, void *element) { DLInsertFirst(list, element); }
+    static void insert(AVLTree *tree, void *element) { AVLInsert(tree, element, nullptr); }
     static void insert(PTTree *tree, void *element) { PTInsert(tree, element, nullptr); }
     static void deinit(SLList **handle) { SLDeinit(handle); }
     static void deinit(DLList **handle) { DLDeinit(handle); }
+    static void deinit(AVLTree **handle) { AVLDeinit(handle); }
     static void deinit(PTTree **handle) { PTDeinit(handle); }
 };
 
 template <class Header> class DS : public testing::Test {};
-using Headers = testing::Types<SLList, DLList, PTTree>;
+using Headers = testing::Types<SLList, DLList, AVLTree, PTTree>;
 TYPED_TEST_SUITE(DS, Headers);
 
 TYPED_TEST(DS, NullHooksSelectDefaults) {
@@ -38,6 +44,9 @@ TYPED_TEST(DS, NullHooksSelectDefaults) {
     Family::insert(handle, k42MC_malloc(__FILE__, __LINE__, sizeof(Element)));
     Family::deinit(&handle); // the guards stop the process if a block is not a checked one
     EXPECT_EQ(handle, nullptr);
+    ASSERT_EQ(Family::init(&handle, hooks::alloc, hooks::dealloc, nullptr), DS_OK);
+    EXPECT_EQ(handle->destroy, DSDealloc);
+    Family::deinit(&handle);
 }
 
 TYPED_TEST(DS, DummyHookLeavesElementsAlone) {
@@ -46,6 +55,7 @@ TYPED_TEST(DS, DummyHookLeavesElementsAlone) {
     ASSERT_EQ(Family::init(&handle, hooks::alloc, hooks::dealloc, DS_DUMMY), DS_OK);
     Element element{};
     Family::insert(handle, &element);
+    std::memset(&element, 0xa5, sizeof element); // not read either
     const Element before = element;
     Family::deinit(&handle);
     EXPECT_EQ(std::memcmp(&element, &before, sizeof element), 0);

@@ -22,10 +22,11 @@
  *   family            first, last  insert         remove an element   search  ordered
  *   SL list           O(1)         O(1)           its successor O(1)  -       as inserted
  *   DL list           O(1)         O(1)           O(1)                -       as inserted
+ *   AVL tree          O(log n)     O(log n)       O(log n)            O(log n)  by comparison
  *   PT Patricia tree  O(k)         O(k)           O(k)                O(k)    by key bits
  *
- * SL when elements leave at the front; DL when they leave from anywhere; PT for unique keys of a fixed
- * length, compared bit by bit.
+ * SL when elements leave at the front; DL when they leave from anywhere; AVL for unique keys in an order
+ * of the caller's; PT for unique keys of a fixed length, compared bit by bit.
  */
 #ifndef K42MC_DS_H
 #define K42MC_DS_H
