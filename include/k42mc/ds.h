@@ -17,15 +17,16 @@
  *   Threads    No function takes a lock: one thread at a time, or a lock of the caller's.
  *   Output     XXInfo and XXCheck print on standard output; XXInfo flushes it.
  *
- * Which family, and what it costs (n elements; k bits of key):
+ * Which family, and what it costs (n elements; k bits of key; a hash table's costs are averages):
  *
  *   family            first, last  insert         remove an element   search  ordered
  *   SL list           O(1)         O(1)           its successor O(1)  -       as inserted
  *   DL list           O(1)         O(1)           O(1)                -       as inserted
+ *   HT hash table     O(1), -      O(1)           O(1)                O(1)    no
  *   PT Patricia tree  O(k)         O(k)           O(k)                O(k)    by key bits
  *
- * SL when elements leave at the front; DL when they leave from anywhere; PT for unique keys of a fixed
- * length, compared bit by bit.
+ * SL when elements leave at the front; DL when they leave from anywhere; HT to find keys of any kind when
+ * their order does not matter; PT for unique keys of a fixed length, compared bit by bit.
  */
 #ifndef K42MC_DS_H
 #define K42MC_DS_H
