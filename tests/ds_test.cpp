@@ -11,6 +11,7 @@ struct Element {
     SLLink sl;
     DLLink dl;
     AVLNode avl;
+    HTLink ht;
     PTNode pt;
 };
 
@@ -21,19 +22,24 @@ struct Family {
     static auto init(AVLTree **h, HOOKS) {
         return AVLInit(h, a, f, offsetof(Element, avl), 0, nullptr, x);
     }
+    static auto init(HTTable **h, HOOKS) {
+        return HTInit(h, a, f, offsetof(Element, ht), 0, HTHash4B, nullptr, x);
+    }
     static auto init(PTTree **h, HOOKS) { return PTInit(h, a, f, offsetof(Element, pt), 0, 32, 0, x); }
     static void insert(SLList *list, void *element) { SLInsertFirst(list, element); }
     static void insert(DLList *list, void *element) { DLInsertFirst(list, element); }
+    static void insert(HTTable *table, void *element) { HTInsert(table, element, nullptr); }
     static void insert(AVLTree *tree, void *element) { AVLInsert(tree, element, nullptr); }
     static void insert(PTTree *tree, void *element) { PTInsert(tree, element, nullptr); }
     static void deinit(SLList **handle) { SLDeinit(handle); }
     static void deinit(DLList **handle) { DLDeinit(handle); }
     static void deinit(AVLTree **handle) { AVLDeinit(handle); }
+    static void deinit(HTTable **handle) { HTDeinit(handle); }
     static void deinit(PTTree **handle) { PTDeinit(handle); }
 };
 
 template <class Header> class DS : public testing::Test {};
-using Headers = testing::Types<SLList, DLList, AVLTree, PTTree>;
+using Headers = testing::Types<SLList, DLList, HTTable, AVLTree, PTTree>;
 TYPED_TEST_SUITE(DS, Headers);
 
 TYPED_TEST(DS, NullHooksSelectDefaults) {
@@ -64,7 +70,8 @@ TYPED_TEST(DS, DummyHookLeavesElementsAlone) {
 }
 
 TYPED_TEST(DS, FailedInitLeavesNothing) {
-    const int allocations = std::is_same_v<TypeParam, PTTree> ? 2 : 1;
+    const bool isList = std::is_same_v<TypeParam, SLList> || std::is_same_v<TypeParam, DLList>;
+    const int allocations = isList ? 1 : 2;
     for (int failing = 1; failing <= allocations; ++failing) {
         hooks::start(failing);
         auto *handle = reinterpret_cast<TypeParam *>(&failing);
