@@ -70,8 +70,8 @@ TYPED_TEST(DS, DummyHookLeavesElementsAlone) {
 }
 
 TYPED_TEST(DS, FailedInitLeavesNothing) {
-    const bool isList = std::is_same_v<TypeParam, SLList> || std::is_same_v<TypeParam, DLList>;
-    const int allocations = isList ? 1 : 2;
+    const int allocations =
+        std::is_same_v<TypeParam, HTTable> || std::is_same_v<TypeParam, PTTree> ? 2 : 1;
     for (int failing = 1; failing <= allocations; ++failing) {
         hooks::start(failing);
         auto *handle = reinterpret_cast<TypeParam *>(&failing);

@@ -28,6 +28,6 @@ private:
     } while (0)
 
 // Checks print that all is well.
-extern "C" inline int LLVMFuzzerInitialize(int *, char ***) {
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     return std::freopen("/dev/null", "w", stdout) == nullptr;
 }
