@@ -3,6 +3,7 @@
 #define K42MC_K42MC_H
 
 #include <k42mc/alloc.h>
+#include <k42mc/bh.h>
 #include <k42mc/byteorder.h>
 #include <k42mc/dl.h>
 #include <k42mc/ds.h>
