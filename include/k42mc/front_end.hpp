@@ -50,12 +50,13 @@ template <class T, class Value, Value T::*Member> struct member<Member> {
 
     static Value *of(const T &element) { return &(const_cast<T &>(element).*Member); }
 
-    // The element around its member; null for null.
-    static T *element(const Value *value) {
-        if (!value)
-            return nullptr;
-        return reinterpret_cast<T *>(reinterpret_cast<char *>(const_cast<Value *>(value)) - offset());
+    // The element around its member.
+    static T &around(const Value &value) {
+        return *reinterpret_cast<T *>(reinterpret_cast<char *>(const_cast<Value *>(&value)) - offset());
     }
+
+    // The same; null for null.
+    static T *element(const Value *value) { return value ? &around(*value) : nullptr; }
 };
 
 // A position in the container that a view refers to: an element, or behind the last. What the view calls

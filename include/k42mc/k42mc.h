@@ -4,6 +4,7 @@
 
 #include <k42mc/alloc.h>
 #include <k42mc/avl.h>
+#include <k42mc/bh.h>
 #include <k42mc/byteorder.h>
 #include <k42mc/dl.h>
 #include <k42mc/ds.h>

@@ -69,7 +69,7 @@ while read -r type name; do
         [[ $type == *GLOB_DAT || $type =~ ^R_(X86_64_64|386_32)$ ]] || fault "$type for $name"
     fi
 done <"$work/relocations"
-for hook in DSAlloc DSDealloc DSDummyFunction; do
+for hook in DSAlloc DSRealloc DSDealloc DSDummyFunction; do
     grep -q " $hook\$" "$work/relocations" || fault "the default hook $hook is not the executable's"
 done
 # The values of constants may be known to the compiler; what can change there is one of.

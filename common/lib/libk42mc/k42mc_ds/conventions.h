@@ -22,6 +22,10 @@ inline DSAllocHook or_default(DSAllocHook alloc) {
     return alloc ? alloc : k42mc_public_DSAlloc;
 }
 
+inline DSReallocHook or_default(DSReallocHook realloc) {
+    return realloc ? realloc : k42mc_public_DSRealloc;
+}
+
 // Deallocation and destroy hooks have one type and one default.
 inline DSDeallocHook or_default(DSDeallocHook dealloc) {
     return dealloc ? dealloc : k42mc_public_DSDealloc;
