@@ -23,9 +23,10 @@
  *   SL list           O(1)         O(1)           its successor O(1)  -       as inserted
  *   DL list           O(1)         O(1)           O(1)                -       as inserted
  *   PT Patricia tree  O(k)         O(k)           O(k)                O(k)    by key bits
+ *   PX prefix table   O(k)         O(k)           O(k)                O(k)    by prefix
  *
  * SL when elements leave at the front; DL when they leave from anywhere; PT for unique keys of a fixed
- * length, compared bit by bit.
+ * length, compared bit by bit; PX for the longest of many prefixes that a key starts with.
  */
 #ifndef K42MC_DS_H
 #define K42MC_DS_H

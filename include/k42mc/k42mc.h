@@ -10,6 +10,7 @@
 #include <k42mc/guard.h>
 #include <k42mc/memcheck.h>
 #include <k42mc/pt.h>
+#include <k42mc/px.h>
 #include <k42mc/sl.h>
 
 #endif
