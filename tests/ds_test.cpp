@@ -11,6 +11,8 @@ struct Element {
     SLLink sl;
     DLLink dl;
     PTNode pt;
+    void *chain;
+    uint16_t length;
 };
 
 #define HOOKS DSAllocHook a, DSDeallocHook f, DSDestroyHook x
@@ -18,16 +20,26 @@ struct Family {
     static auto init(SLList **h, HOOKS) { return SLInit(h, a, f, offsetof(Element, sl), x); }
     static auto init(DLList **h, HOOKS) { return DLInit(h, a, f, offsetof(Element, dl), x); }
     static auto init(PTTree **h, HOOKS) { return PTInit(h, a, f, offsetof(Element, pt), 0, 32, 0, x); }
+    static auto init(PXTable **h, HOOKS) {
+        return PXInit(h, a, f, offsetof(Element, chain), 0, offsetof(Element, length), x);
+    }
     static void insert(SLList *list, void *element) { SLInsertFirst(list, element); }
     static void insert(DLList *list, void *element) { DLInsertFirst(list, element); }
     static void insert(PTTree *tree, void *element) { PTInsert(tree, element, nullptr); }
+    static void insert(PXTable *table, void *element) {
+        auto *route = static_cast<Element *>(element);
+        route->chain = nullptr;
+        route->length = 32;
+        EXPECT_EQ(PXInsert(table, element), DS_OK);
+    }
     static void deinit(SLList **handle) { SLDeinit(handle); }
     static void deinit(DLList **handle) { DLDeinit(handle); }
     static void deinit(PTTree **handle) { PTDeinit(handle); }
+    static void deinit(PXTable **handle) { PXDeinit(handle); }
 };
 
 template <class Header> class DS : public testing::Test {};
-using Headers = testing::Types<SLList, DLList, PTTree>;
+using Headers = testing::Types<SLList, DLList, PTTree, PXTable>;
 TYPED_TEST_SUITE(DS, Headers);
 
 TYPED_TEST(DS, NullHooksSelectDefaults) {
