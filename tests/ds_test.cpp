@@ -13,6 +13,8 @@ struct Element {
     AVLNode avl;
     HTLink ht;
     PTNode pt;
+    void *chain;
+    uint16_t length;
     BHNode bh;
 };
 
@@ -31,6 +33,9 @@ struct Family {
         return HTInit(h, a, f, offsetof(Element, ht), 0, HTHash4B, nullptr, x);
     }
     static auto init(PTTree **h, HOOKS) { return PTInit(h, a, f, offsetof(Element, pt), 0, 32, 0, x); }
+    static auto init(PXTable **h, HOOKS) {
+        return PXInit(h, a, f, offsetof(Element, chain), 0, offsetof(Element, length), x);
+    }
     static auto init(BHHeap **h, HOOKS) {
         return BHInit(h, a ? hooks::realloc : nullptr, f, offsetof(Element, bh), 0, compare_nothing, x);
     }
@@ -39,17 +44,24 @@ struct Family {
     static void insert(HTTable *table, void *element) { HTInsert(table, element, nullptr); }
     static void insert(AVLTree *tree, void *element) { AVLInsert(tree, element, nullptr); }
     static void insert(PTTree *tree, void *element) { PTInsert(tree, element, nullptr); }
+    static void insert(PXTable *table, void *element) {
+        auto *route = static_cast<Element *>(element);
+        route->chain = nullptr;
+        route->length = 32;
+        EXPECT_EQ(PXInsert(table, element), DS_OK);
+    }
     static void insert(BHHeap *heap, void *element) { ASSERT_EQ(BHInsert(heap, element), DS_OK); }
     static void deinit(SLList **handle) { SLDeinit(handle); }
     static void deinit(DLList **handle) { DLDeinit(handle); }
     static void deinit(AVLTree **handle) { AVLDeinit(handle); }
     static void deinit(HTTable **handle) { HTDeinit(handle); }
     static void deinit(PTTree **handle) { PTDeinit(handle); }
+    static void deinit(PXTable **handle) { PXDeinit(handle); }
     static void deinit(BHHeap **handle) { BHDeinit(handle); }
 };
 
 template <class Header> class DS : public testing::Test {};
-using Headers = testing::Types<SLList, DLList, HTTable, AVLTree, PTTree, BHHeap>;
+using Headers = testing::Types<SLList, DLList, HTTable, AVLTree, PTTree, PXTable, BHHeap>;
 TYPED_TEST_SUITE(DS, Headers);
 
 TYPED_TEST(DS, NullHooksSelectDefaults) {

@@ -14,6 +14,7 @@
 #include <k42mc/ht.h>
 #include <k42mc/memcheck.h>
 #include <k42mc/pt.h>
+#include <k42mc/px.h>
 #include <k42mc/sl.h>
 
 #endif
