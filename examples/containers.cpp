@@ -15,16 +15,17 @@
 struct Job {
     uint32_t id;
     uint32_t due;
+    uint32_t rank;
     const char *what;
     DLLink waiting{};
     SLLink done{};
     HTLink by_id{};
     AVLNode by_due{};
-    BHNode next_due{};
+    BHNode in_queue{};
 };
 
 static void jobs() {
-    Job jobs[] = {{17, 300, "mail"}, {4, 100, "bread"}, {23, 200, "rent"}};
+    Job jobs[] = {{17, 300, 3, "mail"}, {4, 100, 1, "bread"}, {23, 200, 2, "rent"}};
 
     k42mc::dl_list<Job, &Job::waiting> waiting;
     for (Job &job : jobs)
@@ -47,10 +48,10 @@ static void jobs() {
     std::printf("after 150: %s\n", by_due.next_by_key(150)->what);
     std::printf("in order: %d\n", std::ranges::is_sorted(by_due, {}, &Job::due));
 
-    k42mc::bh_heap<Job, &Job::next_due, &Job::due> queue;
+    k42mc::bh_heap<Job, &Job::in_queue, &Job::rank> queue;
     for (Job &job : jobs)
         queue.insert(job);
-    jobs[0].due = 50;
+    jobs[0].rank = 0;
     queue.change(jobs[0]);
     std::printf("next: %s\n", queue.remove_root()->what);
 }

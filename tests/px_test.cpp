@@ -136,7 +136,7 @@ template <size_t Bytes> struct Table {
                       chain.empty() ? DS_FAILURE : DS_OK);
         } else {
             void *removed = random() % 2 ? PXRemoveByKey(table, &part, int16_t(length))
-                                         : View(table).remove_key(part, length);
+                                         : View(table).remove_key(key, length);
             ASSERT_NO_FATAL_FAILURE(expect_chain(removed, chain));
         }
         expect_removal(destroys ? chain : List{});
@@ -285,10 +285,10 @@ template <size_t Bytes> struct Table {
         const Key<Bytes> &part = at_edge(key, length);
         void *found = longest(key, length);
         ASSERT_EQ(PXSearchLMPForPrefix(table, &part, int16_t(length)), found);
-        ASSERT_EQ(View(table).search_longest(part, length), found);
+        ASSERT_EQ(View(table).search_longest(key, length), found);
         found = first(find(key, length));
         ASSERT_EQ(PXSearch(table, &part, int16_t(length)), found);
-        ASSERT_EQ(View(table).search(part, length), found);
+        ASSERT_EQ(View(table).search(key, length), found);
         found = longest(key, width);
         ASSERT_EQ(PXSearchLMP(table, &at_edge(key)), found);
         ASSERT_EQ(View(table).search_longest(at_edge(key)), found);

@@ -16,9 +16,13 @@ template <class T, auto Chain, auto Key, uint16_t T::*Length> class px_view {
     static_assert(std::is_same_v<Link, void *> || std::is_same_v<Link, T *>);
     static_assert(std::has_unique_object_representations_v<Bytes>);
 
+    // No prefix is longer than the key that it lies in.
+    static constexpr int width = static_cast<int>(std::min<size_t>(8 * sizeof(Bytes), INT16_MAX));
+    using bits_type = bits::key<width>;
+
     struct Elements {
-        static const uint8_t *key(const void *element) {
-            return bytes(*member<Key>::of(*static_cast<const T *>(element)));
+        static bits_type key(const void *element) {
+            return bits_of(*member<Key>::of(*static_cast<const T *>(element)));
         }
         static int length(const void *element) {
             return static_cast<int16_t>(static_cast<const T *>(element)->*Length);
@@ -60,12 +64,12 @@ public:
     // The first element of the longest prefix, among those of at most so many bits, that the key starts
     // with.
     T *search_longest(const Bytes &key, int length = width) const {
-        return first_of(prefix_table::longest(container->root, Elements(), bytes(key), length));
+        return first_of(prefix_table::longest(container->root, Elements(), bits_of(key), length));
     }
 
     // The first element of exactly this prefix.
     T *search(const Bytes &key, int length) const {
-        return first_of(prefix_table::search(container->root, Elements(), bytes(key), length));
+        return first_of(prefix_table::search(container->root, Elements(), bits_of(key), length));
     }
 
     // The element behind this one in its chain, which has the same prefix.
@@ -75,7 +79,7 @@ public:
 
     // Takes out a prefix with all its elements and returns the first of their chain.
     T *remove_key(const Bytes &key, int length) {
-        return static_cast<T *>(prefix_table::remove_key(container, Elements(), bytes(key), length));
+        return static_cast<T *>(prefix_table::remove_key(container, Elements(), bits_of(key), length));
     }
 
     // Hands every element to the destroy hook.
@@ -101,10 +105,9 @@ protected:
     PXTable *container;
 
 private:
-    // No prefix is longer than the key that it lies in.
-    static constexpr int width = static_cast<int>(std::min<size_t>(8 * sizeof(Bytes), INT16_MAX));
-
-    static const uint8_t *bytes(const Bytes &key) { return reinterpret_cast<const uint8_t *>(&key); }
+    static bits_type bits_of(const Bytes &key) {
+        return bits_type(reinterpret_cast<const uint8_t *>(&key));
+    }
 
     static T *first_of(const PXNode *node) { return node ? static_cast<T *>(node->element) : nullptr; }
 

@@ -1,5 +1,5 @@
 // The algorithms of the prefix table, over nodes. What lies in an element is a parameter, `Elements`:
-//   key(element)              its key's bytes
+//   key(element)              its key: bytes or a word, as in bits.hpp
 //   length(element)           its prefix length in bits
 //   next(element)             the element behind it in its chain, or null
 //   set_next(element, other)
@@ -17,7 +17,7 @@
 namespace k42mc::prefix_table {
 
 // The link that the bits of a key select.
-inline PXNode *&toward(PXNode *node, const uint8_t *key) {
+template <class Key> PXNode *&toward(PXNode *node, Key key) {
     return bits::bit_at(key, node->length) ? node->right : node->left;
 }
 
@@ -29,7 +29,7 @@ inline void *element_of(const PXNode *node) {
 }
 
 // How many of the first `limit` bits agree before a difference.
-inline int agreement(const uint8_t *a, const uint8_t *b, int limit) {
+template <class Key> int agreement(Key a, Key b, int limit) {
     return limit > 0 ? bits::DSFirstDiffBit(a, b, 0, limit) : 0;
 }
 
@@ -41,7 +41,7 @@ struct Candidates {
     PXNode *before;
 };
 
-inline Candidates candidates(PXNode *node, const uint8_t *key, int limit) {
+template <class Key> Candidates candidates(PXNode *node, Key key, int limit) {
     Candidates found{};
     for (; node && node->length <= limit; node = toward(node, key)) {
         if (node->element)
@@ -53,8 +53,8 @@ inline Candidates candidates(PXNode *node, const uint8_t *key, int limit) {
 }
 
 // The node of the longest stored prefix, of at most `limit` bits, that the key starts with; or null.
-template <class Elements>
-PXNode *longest(PXNode *root, const Elements &elements, const uint8_t *key, int limit) {
+template <class Elements, class Key>
+PXNode *longest(PXNode *root, const Elements &elements, Key key, int limit) {
     const auto [last, before] = candidates(root, key, limit);
     if (!last)
         return nullptr;
@@ -74,7 +74,7 @@ struct Place {
 };
 
 // The first node of at least `length` bits on a key's path, or the null link where the path ends.
-inline Place descend(PXNode *&root, const uint8_t *key, int length) {
+template <class Key> Place descend(PXNode *&root, Key key, int length) {
     Place place{&root, nullptr};
     while (place.node() && place.node()->length < length)
         place = {&toward(place.node(), key), place.link};
@@ -82,15 +82,15 @@ inline Place descend(PXNode *&root, const uint8_t *key, int length) {
 }
 
 // Whether a node on the key's path has elements with exactly this prefix.
-template <class Elements>
-bool stands_for(const PXNode *node, const Elements &elements, const uint8_t *key, int length) {
+template <class Elements, class Key>
+bool stands_for(const PXNode *node, const Elements &elements, Key key, int length) {
     return node && node->length == length && node->element &&
            agreement(key, elements.key(node->element), length) == length;
 }
 
 // The node with elements that stands for exactly this prefix, or null.
-template <class Elements>
-PXNode *search(PXNode *root, const Elements &elements, const uint8_t *key, int length) {
+template <class Elements, class Key>
+PXNode *search(PXNode *root, const Elements &elements, Key key, int length) {
     PXNode *node = descend(root, key, length).node();
     return stands_for(node, elements, key, length) ? node : nullptr;
 }
@@ -133,13 +133,12 @@ int32_t split(PXTable *table, PXNode *&link, const Elements &elements, void *ele
 
 // Returns DS_OK, or DS_NOMEM with nothing changed.
 template <class Elements> int32_t insert(PXTable *table, const Elements &elements, void *element) {
-    const uint8_t *key = elements.key(element);
+    const auto key = elements.key(element);
     const int length = elements.length(element);
     const Place place = descend(table->root, key, length);
     PXNode *below = place.node();
-    const uint8_t *stored = nullptr;
     if (const PXNode *nearest = below ? below : place.parent()) {
-        stored = elements.key(element_of(nearest));
+        const auto stored = elements.key(element_of(nearest));
         const int common = std::min<int>(length, nearest->length);
         const int agreed = agreement(key, stored, common);
         if (agreed < common)
@@ -153,7 +152,7 @@ template <class Elements> int32_t insert(PXTable *table, const Elements &element
     if (!node)
         return DS_NOMEM;
     if (below)
-        toward(node, stored) = below;
+        toward(node, elements.key(element_of(below))) = below;
     *place.link = node;
     return DS_OK;
 }
@@ -197,8 +196,8 @@ template <class Elements> void remove(PXTable *table, const Elements &elements, 
 }
 
 // Takes a prefix out. Returns the first element of its chain, or null when it is not in the table.
-template <class Elements>
-void *remove_key(PXTable *table, const Elements &elements, const uint8_t *key, int length) {
+template <class Elements, class Key>
+void *remove_key(PXTable *table, const Elements &elements, Key key, int length) {
     const Place place = descend(table->root, key, length);
     if (!stands_for(place.node(), elements, key, length))
         return nullptr;

@@ -20,7 +20,7 @@ template <Side Outward> PXNode *outermost(PXNode *node) {
 
 // The node with elements that follows the one of this prefix, which is in the table, or null.
 // From left to right that is in table order, from right to left in reverse.
-template <Side From, Side To> PXNode *step(PXNode *node, const uint8_t *key, int length) {
+template <Side From, Side To, class Key> PXNode *step(PXNode *node, Key key, int length) {
     PXNode *turn = nullptr; // the innermost node on whose near side the prefix lies
     while (node->length != length) {
         PXNode *below = toward(node, key);
@@ -49,7 +49,7 @@ int32_t walk(PXNode *root, const Elements &elements, Act act) {
         if (now == When::leave) {
             PXNode *done = node;
             node = up.pop([&](auto push) {
-                const uint8_t *key = elements.key(element_of(done));
+                const auto key = elements.key(element_of(done));
                 for (PXNode *above = root; above != done; above = toward(above, key))
                     push(above);
             });
