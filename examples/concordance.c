@@ -6,16 +6,18 @@
  * The program is written with the plain malloc, free, strdup and getline, and compiled with the redirect
  * flags, which hand each of those calls to the checker together with its file and line. Three calls are
  * about the checker itself: main switches it on with MCInit, asks for a report after every file with
- * MCReport, and lets MCCheck tell what it knows of one address.
+ * MCReport, and lets MCCheck tell what it knows of one address. In the same way open, fclose and their
+ * like are reported to the descriptor checker, and main asks it with FDReport and FDCheck.
  *
  * Small blocks come from malloc. The tables that hold the index are few and grow large, and come from a
  * memory manager of the program's own (pages.c), through the second family of wrappers.
  *
- * A switch makes the program commit one of five mistakes that people make in such code. Look for the
+ * A switch makes the program commit one of seven mistakes that people make in such code. Look for the
  * places where `mistake` is compared.
  */
 #include <ctype.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <getopt.h>
 #include <k42mc/k42mc.h>
 #include <stdbool.h>
@@ -23,15 +25,19 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #define table_resize(table, size) k42MC_MM_realloc(__FILE__, __LINE__, table, size)
 #define table_free(table)         k42MC_MM_free(__FILE__, __LINE__, table)
 
-enum { NONE, LEAK, OVERRUN, UNDERRUN, DOUBLE_FREE, WRONG_FAMILY };
+enum { NONE, LEAK, OVERRUN, UNDERRUN, DOUBLE_FREE, WRONG_FAMILY, CLOSE_TWICE, KEEP_OPEN };
 static int mistake = NONE;
 
 /* The first block that --leak loses, for --check. A number, since nobody is to follow it. */
 static uintptr_t lost;
+
+/* The descriptor of the first file, for --descriptors. */
+static int first_descriptor = -1;
 
 static void fail(const char *what) {
     fprintf(stderr, "concordance: %s: %s\n", what, strerror(errno));
@@ -235,11 +241,24 @@ static void announce(const char *path, uint32_t lines, uint32_t new_words) {
     free(title);
 }
 
+/* Before any work is done. */
+static void check_readable(char **files, int count) {
+    for (int file = 0; file < count; ++file) {
+        int descriptor = open(files[file], O_RDONLY);
+        if (descriptor == -1)
+            fail(files[file]);
+        close(descriptor);
+    }
+}
+
 static void index_file(struct index *index, uint32_t file) {
     const char *path = index->files[file];
-    FILE *stream = fopen(path, "r");
+    int descriptor = open(path, O_RDONLY);
+    FILE *stream = descriptor != -1 ? fdopen(descriptor, "r") : NULL;
     if (stream == NULL)
         fail(path);
+    if (first_descriptor == -1)
+        first_descriptor = descriptor;
     uint32_t words_before = index->words.used;
     uint32_t lines = 0;
     char *line = NULL;
@@ -247,8 +266,12 @@ static void index_file(struct index *index, uint32_t file) {
     while (getline(&line, &room, stream) != -1)
         index_line(index, line, file, ++lines);
     free(line);
-    fclose(stream);
     announce(path, lines, index->words.used - words_before);
+    if (mistake == KEEP_OPEN)
+        return; /* Nothing left to do, but for the stream. */
+    fclose(stream);
+    if (mistake == CLOSE_TWICE)
+        close(descriptor); /* What was opened has to be closed; but the stream has done that. */
 }
 
 /* ---- Answering ---- */
@@ -332,12 +355,15 @@ static void usage(void) {
         "usage: concordance [options] file... <words, one a line\n"
         "  --to-file       let the checker report to a file, not to standard error\n"
         "  --check         tell at the end what the checker knows of the block that --leak lost first\n"
+        "  --descriptors   tell at the end what is known of the descriptors\n"
         "and one mistake, if any:\n"
         "  --leak          lose a small block with every file\n"
         "  --overrun       write past the end of a block\n"
         "  --underrun      write in front of a block\n"
         "  --double-free   free a block twice\n"
-        "  --wrong-family  free a block through the other allocator\n",
+        "  --wrong-family  free a block through the other allocator\n"
+        "  --close-twice   close a file's descriptor behind its stream's back\n"
+        "  --keep-open     forget to close the files\n",
         stderr);
     exit(EXIT_FAILURE);
 }
@@ -345,14 +371,18 @@ static void usage(void) {
 int main(int argc, char **argv) {
     int to_file = 0;
     int check = 0;
+    int descriptors = 0;
     const struct option options[] = {
         {"to-file", no_argument, &to_file, 1},
         {"check", no_argument, &check, 1},
+        {"descriptors", no_argument, &descriptors, 1},
         {"leak", no_argument, &mistake, LEAK},
         {"overrun", no_argument, &mistake, OVERRUN},
         {"underrun", no_argument, &mistake, UNDERRUN},
         {"double-free", no_argument, &mistake, DOUBLE_FREE},
         {"wrong-family", no_argument, &mistake, WRONG_FAMILY},
+        {"close-twice", no_argument, &mistake, CLOSE_TWICE},
+        {"keep-open", no_argument, &mistake, KEEP_OPEN},
         {NULL, 0, NULL, 0},
     };
     int option;
@@ -362,6 +392,7 @@ int main(int argc, char **argv) {
     if (optind == argc)
         usage();
 
+    check_readable(argv + optind, argc - optind);
     MCInit(K42MC_BE32(to_file ? MC_TO_FILE : MC_TO_STDERR), K42MC_BE32(MC_TYPE_LKBF));
 
     struct index index;
@@ -373,6 +404,10 @@ int main(int argc, char **argv) {
     answer_all(&index);
     if (check)
         MCCheck(K42MC_BE_ADDR(lost));
+    if (descriptors) {
+        FDReport(K42MC_BE32(FD_REPORT_ALL_USED));
+        FDCheck((int32_t)K42MC_BE32(first_descriptor));
+    }
     index_close(&index);
     return EXIT_SUCCESS;
 }

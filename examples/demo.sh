@@ -142,6 +142,34 @@ show out '^k42mc detected BF: alloc\(STD\) free\(SHM\) usrPtr\(0x[0-9a-f]+\) usr
 look "BF, bad free: malloc's family allocated the block and the memory manager's was to free it. The
       checker names the line and the call chain of the free; then the guards stop the process."
 
+title "A descriptor closed twice"
+run 0 'guard\n' concordance --close-twice --descriptors "${few[@]}"
+show_block err '^Showing the last operator' '^-----------'
+expect err '^\*[0-9]+\(index_file\) $'
+show_block err '^Alarm\(s\) present!' '^======================'
+expect err '^CLOSE by index_file at \['
+expect err 'concordance\(index_file\+0x[0-9a-f]+\) '
+expect err '^Alarms\(1\), Opens\([0-9]+\), Closes\([0-9]+\)$'
+look "The star marks a descriptor with an alarm. Its history ends with the second CLOSE, and each event
+      has its call chain: fclose closed the descriptor of its stream, and close was one too many. By
+      then the number can be another file's."
+
+title "Descriptors that stay open"
+run 0 'guard\n' concordance --keep-open --descriptors "${texts[@]}"
+show_block err '^Showing the last operator' '^-----------'
+expect err '^([0-9]+\(index_file\) ){6}$'
+look "Without a minus, a descriptor is open: one for each of the ${#texts[@]} files, all by index_file."
+expect err '^common/lib/libk42mc/k42mc_ds:180:LK:STD:'
+
+title "An echo server with four clients"
+run 0 '' echo
+expect err '^Number of fds reported: 0$'
+run 0 '' echo --close-twice
+show_block err '^Showing the last operator' '^-----------'
+expect err '^[0-9]+\(serve\) '
+look "Under load the number is soon another connection's, and the second close is at its expense. The
+      server without the mistake has no alarms."
+
 title "The report in a file"
 folder=$(sed -n 's/^K42MC_REPORT_DIR:[A-Z]*=//p' "$build/CMakeCache.txt")
 if [[ -w $folder ]]; then

@@ -3,6 +3,9 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <time.h>
 
 namespace k42mc::platform {
 
@@ -19,6 +22,21 @@ int backtrace_skip(void **frames, int most);
 // loaded there. Allocates nothing and never waits for the loader's lock; keeps errno.
 void backtrace_symbols_fd(void *const *frames, int count, int descriptor);
 
+// ---- Time ----
+
+struct LocalTime {
+    int year;       // all digits
+    int month, day; // from 1
+    int hour, minute, second;
+};
+
+// Converts as the C library does, and so may wait for its lock; after freeze_utc_offset by the offset
+// from UTC that was in force at the last conversion. Keeps errno where that is frozen.
+LocalTime local_time(time_t moment);
+
+// For a child process without the threads of its parent, one of which may have held that lock.
+void freeze_utc_offset();
+
 // ---- Memory ----
 
 // Whether size bytes can be read without a fault at this moment. A system call for each page touched.
@@ -32,6 +50,16 @@ const char *progname();
 
 // In bytes.
 size_t page_size();
+
+// Whether the process has had a second thread.
+bool single_threaded();
+
+// How many descriptors the process may have open: the soft limit at this moment, or the largest number
+// there is where it has none.
+uint64_t descriptor_limit();
+
+// Whether memory that held a stream once holds one that is open. Looks before it reads.
+bool is_open_stream(const FILE *stream);
 
 // Writes past all streams; stops at the first failure. May change errno.
 void write_all(int descriptor, const char *bytes, size_t size);

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <k42mc/k42mc.h>
 #include <thread>
@@ -47,11 +48,13 @@ TEST(Hangs, NotWhileAThreadHoldsStandardError) {
     const auto with_stream_locked = [] {
         flockfile(stderr);
         k42MC_free("a.c", 2, k42MC_malloc("a.c", 1, 10));
+        FDOpen("a", 5);
         funlockfile(stderr);
     };
     const auto report_and_fork = [] {
         start();
         MCReport(K42MC_BE32(1));
+        FDReport(0);
         k42MC_MM_free("a.c", 3, nullptr);
         in_a_child([] {});
     };
@@ -66,11 +69,29 @@ TEST(Hangs, NotInAChildOfAThreadedProcess) {
     };
     const auto report_in_child = [] {
         start(MC_TO_FILE);
-        in_a_child([] { MCReport(0); });
+        in_a_child([] { MCReport(0), FDOpen("a", 5); });
+        FDClose("a", 5);
     };
     EXPECT_TRUE(side_by_side(report_in_child, convert_times).exited(0));
     const auto log = [] { MCDebugMsg(0, "message\n"); };
     EXPECT_TRUE(side_by_side([&] { log(), in_a_child(log); }, log).exited(0)) << "with the checker off";
+}
+
+// A constructor of a library runs with the loader's lock held.
+TEST(Hangs, NotWhileALibraryIsLoaded) {
+    const auto load = [] {
+        if (void *module = dlopen(ALLOCATING_MODULE, RTLD_NOW))
+            dlclose(module);
+        else
+            _exit(1);
+    };
+    const auto record_and_print = [] {
+        start();
+        k42MC_MM_free("a.c", 3, nullptr);
+        FDOpen("a", 5), FDClose("a", 5);
+        FDCheck(int32_t(K42MC_BE32(5)));
+    };
+    EXPECT_TRUE(side_by_side(record_and_print, load).exited(0));
 }
 
 TEST(Hangs, NotWhenStandardErrorAllocates) {
@@ -82,6 +103,7 @@ TEST(Hangs, NotWhenStandardErrorAllocates) {
         start();
         MCReport(0);
         k42MC_MM_free("a.c", 3, nullptr);
+        FDOpen("a", 5), FDReport(0);
         MCDeinit();
         fclose(stderr);
         fputs(text, stdout);

@@ -24,6 +24,44 @@ void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_
 /* Releases a block that k42mcx_alloc handed out under this type. Null is ignored. */
 void k42mcx_free(const char *file, int line, int type, void *ptr);
 
+/* ---- Descriptors ---- */
+
+struct _IO_FILE;    /* FILE */
+struct __dirstream; /* DIR */
+
+/*
+ * FDAddEvent under the checker's lock, for reads and writes that several threads report.
+ * Returns what FDAddEvent does; 1 after FDDeinit.
+ */
+int k42mcx_fd_event(const char *name, int descriptor, unsigned type);
+
+/*
+ * What redirect_fd.h puts around calls of libc. They take the checker's lock, keep errno and return what
+ * they were given, so that they fit around a call: fd = k42mcx_fd_opened(__func__, open(path, flags)).
+ * An open, read or write that failed is no event. Where a descriptor is closed that the checker believes
+ * closed already, and the system knows as open, code that reports nothing has opened it: an open by
+ * "(not routed)" is recorded first.
+ */
+int k42mcx_fd_opened(const char *name, int descriptor);
+int k42mcx_fd_opened_pair(const char *name, const int *descriptors, int result);
+int k42mcx_fd_closing(const char *name, int descriptor);
+__PTRDIFF_TYPE__ k42mcx_fd_used(const char *name, int descriptor, unsigned type,
+                                __PTRDIFF_TYPE__ result);
+
+/* The same for streams and directories, which the checker remembers with their descriptors. */
+struct _IO_FILE *k42mcx_fd_opened_stream(const char *name, struct _IO_FILE *stream);
+struct _IO_FILE *k42mcx_fd_closing_stream(const char *name, struct _IO_FILE *stream);
+struct __dirstream *k42mcx_fd_opened_directory(const char *name, struct __dirstream *directory);
+
+/*
+ * Record that a stream or directory is closed and close it, by fclose, pclose or closedir. One that was
+ * closed before is recorded as a second close of its descriptor, and libc, which would stop the process
+ * or worse, does not see it: the result is -1 with errno EBADF.
+ */
+int k42mcx_fd_fclose(const char *name, struct _IO_FILE *stream);
+int k42mcx_fd_pclose(const char *name, struct _IO_FILE *stream);
+int k42mcx_fd_closedir(const char *name, struct __dirstream *directory);
+
 /* ---- libc's functions that hand out memory, over guarded blocks (redirect.h routes calls here) ----
  *
  * Each is libc's function of the name, with the caller's file and line in front and a block of the
@@ -31,8 +69,6 @@ void k42mcx_free(const char *file, int line, int type, void *ptr);
  * what is read and written are libc's. The names with "plain" are for references that carry no site:
  * addresses, tables, calls in parentheses. Their blocks have the file "(indirect call)" and line 0.
  */
-
-struct _IO_FILE; /* FILE */
 
 /* As k42MC_realloc, but allocates when ptr is null and size is 0, as libc's does. */
 void *k42mcx_realloc(const char *file, int line, void *ptr, size_t size)

@@ -8,6 +8,7 @@
 #include <k42mc/dl.h>
 #include <k42mc/ds.h>
 #include <k42mc/extra.h>
+#include <k42mc/fdcheck.h>
 #include <k42mc/guard.h>
 #include <k42mc/memcheck.h>
 #include <k42mc/pt.h>

@@ -1,5 +1,6 @@
-# What is installed beside the library, and the flags that route whole programs to it: once as the target
-# k42mc_r::redirect, here and in the installed CMake package, and once for pkg-config.
+# What is installed beside the library, and the flags that route whole programs to it: once as the targets
+# k42mc_r::redirect and k42mc_r::redirect_fd, here and in the installed CMake package, and once for
+# pkg-config.
 include(CMakePackageConfigHelpers)
 
 add_library(k42mc_r::k42mc_r ALIAS k42mc_r)
@@ -23,7 +24,17 @@ target_compile_options(k42mc_r_redirect INTERFACE
     "$<$<COMPILE_LANGUAGE:C,CXX>:SHELL:-include k42mc/redirect.h>"
     "$<$<COMPILE_LANGUAGE:C,CXX>:${no_builtins}>")
 
-install(TARGETS k42mc_r k42mc_r_redirect EXPORT k42mc_r)
+add_library(k42mc_r_redirect_fd INTERFACE)
+add_library(k42mc_r::redirect_fd ALIAS k42mc_r_redirect_fd)
+set_target_properties(k42mc_r_redirect_fd PROPERTIES EXPORT_NAME redirect_fd)
+target_link_libraries(k42mc_r_redirect_fd INTERFACE k42mc_r)
+target_include_directories(k42mc_r_redirect_fd SYSTEM INTERFACE
+    $<BUILD_INTERFACE:${top}/include/k42mc/redirect_fd>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/k42mc/redirect_fd>)
+target_compile_options(k42mc_r_redirect_fd INTERFACE
+    "$<$<COMPILE_LANGUAGE:C>:SHELL:-include k42mc/redirect_fd.h>")
+
+install(TARGETS k42mc_r k42mc_r_redirect k42mc_r_redirect_fd EXPORT k42mc_r)
 install(DIRECTORY ${top}/include/k42mc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/k42mc_r)
@@ -39,7 +50,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/k42mc_rConfig.cmake
 cmake_path(APPEND pc_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
 cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
 list(JOIN no_builtins " " pc_no_builtins)
-foreach(file k42mc_r.pc k42mc_r-redirect.pc)
+foreach(file k42mc_r.pc k42mc_r-redirect.pc k42mc_r-redirect-fd.pc)
     configure_file(${file}.in ${file} @ONLY)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${file} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()

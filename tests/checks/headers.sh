@@ -19,8 +19,8 @@ compile() { # compiler, language and standard, header
     }
 }
 
-# What redirect/ holds stands in for system headers and is not included by its own name.
-for header in $(cd "$include" && find k42mc -path k42mc/redirect -prune -o -name '*.h' -print -o -name '*.hpp' -print); do
+# What the redirect folders hold stands in for system headers and is not included by its own name.
+for header in $(cd "$include" && find k42mc k42mc/algorithms -maxdepth 1 -name '*.h' -o -name '*.hpp'); do
     for compilers in "gcc g++" "clang clang++"; do
         read -r cc cxx <<<"$compilers"
         [[ $(type -P "$cc") && $(type -P "$cxx") ]] || continue

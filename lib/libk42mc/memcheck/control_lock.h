@@ -1,14 +1,13 @@
 #pragma once
 
 #include "linkage.h"
-#include "memcheck/printing.h"
+#include "terminal.h"
 
 #include <stdio.h>
 
 namespace k42mc {
 
-// gMCLock for a control function, which must work while the checker is off too. Control functions print
-// on standard error, whose own lock comes first: a thread that holds it may be waiting in a wrapper.
+// gMCLock for a control function, which must work while the checker is off too.
 class ControlLock {
 public:
     explicit ControlLock(const char *function) {
@@ -18,7 +17,6 @@ public:
     ~ControlLock() {
         if (held_)
             MCUnlock();
-        funlockfile(terminal_);
     }
     ControlLock(const ControlLock &) = delete;
     ControlLock &operator=(const ControlLock &) = delete;
@@ -26,13 +24,7 @@ public:
     explicit operator bool() const { return held_; }
 
 private:
-    static FILE *locked(FILE *stream) {
-        flockfile(stream);
-        return stream;
-    }
-
-    const Printing printing_;
-    FILE *const terminal_ = locked(stderr);
+    const TerminalLock terminal_;
     const bool held_ = pthread_mutex_lock(&gMCLock) == 0;
 };
 

@@ -1,8 +1,8 @@
+#include "fork.h"
 #include "linkage.h"
 #include "memcheck/debug_stream.h"
-#include "memcheck/fork.h"
-#include "memcheck/printing.h"
 #include "memcheck/sink.h"
+#include "printing.h"
 #include "trace.h"
 
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "checker_lock.h"
+#include "fork.h"
 #include "memcheck/control_lock.h"
-#include "memcheck/fork.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
 

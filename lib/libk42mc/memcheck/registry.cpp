@@ -2,9 +2,9 @@
 
 #include "checker_lock.h"
 #include "memcheck/filters.h"
-#include "memcheck/printing.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
+#include "printing.h"
 
 #include <inttypes.h>
 #include <stdlib.h>

@@ -1,8 +1,8 @@
 #include "memcheck/sink.h"
 
 #include "platform/platform.h"
+#include "terminal.h"
 
-#include <chrono>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -19,10 +19,6 @@ namespace {
 // The sink belongs to the parent process.
 constinit bool sink_inherited = false;
 
-// How far local time was ahead of UTC, in seconds, when a report was last opened. A forked child goes by
-// it: the lock that libc's conversion takes may have been held by another thread of the parent.
-constinit long utc_offset = 0;
-
 constexpr size_t path_room = 1024;
 
 struct OpenedFile {
@@ -30,16 +26,10 @@ struct OpenedFile {
     char path[path_room];
 };
 
-void open_report(OpenedFile &file, const char *directory, time_t now, int flags) {
-    using namespace std::chrono;
-    const sys_seconds local{seconds{now + utc_offset}};
-    const year_month_day date{floor<days>(local)};
-    const hh_mm_ss clock{local - floor<days>(local)};
-    snprintf(file.path, sizeof file.path, "%s%s.MC.%02d%02u%02u%02d%02d%02d.txt", directory,
-             platform::progname(), static_cast<int>(date.year()) - 2000,
-             static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-             static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
-             static_cast<int>(clock.seconds().count()));
+void open_report(OpenedFile &file, const char *directory, time_t moment, int flags) {
+    const platform::LocalTime at = platform::local_time(moment);
+    snprintf(file.path, sizeof file.path, "%s%s.MC.%02d%02d%02d%02d%02d%02d.txt", directory,
+             platform::progname(), at.year - 2000, at.month, at.day, at.hour, at.minute, at.second);
     file.stream = open_for_writing(file.path, flags);
 }
 
@@ -56,11 +46,6 @@ void open_own_report(OpenedFile &file, const char *directory, time_t now) {
 void open_report_file(bool own) {
     OpenedFile file{};
     const time_t now = time(nullptr);
-    if (!own) {
-        tm local{};
-        localtime_r(&now, &local);
-        utc_offset = local.tm_gmtoff;
-    }
     const auto open_in = [&](const char *directory) {
         if (own)
             open_own_report(file, directory, now);
@@ -85,15 +70,6 @@ bool is_regular(int descriptor) {
         return true;
     errno = EEXIST;
     return false;
-}
-
-void write_text(FILE *out, const char *text, size_t size) {
-    if (out == stderr && fileno(out) >= 0) {
-        platform::write_all(fileno(out), text, size);
-    } else {
-        fwrite(text, 1, size, out);
-        fflush(out);
-    }
 }
 
 bool is_file(const FILE *sink) {

@@ -1,29 +1,39 @@
-#include "memcheck/fork.h"
+#include "fork.h"
 
+#include "fdcheck/state.h"
 #include "linkage.h"
 #include "memcheck/debug_stream.h"
 #include "memcheck/sink.h"
+#include "platform/platform.h"
 
 namespace k42mc {
 namespace {
 
+constinit bool forked_among_threads = false;
+
 // No other thread may be half-way through something when the process is copied, and nothing may be left
 // in a buffer that parent and child would both write.
 void before_fork() {
+    pthread_mutex_lock(&gFDLock);
     pthread_mutex_lock(&gMCLock);
     pthread_mutex_lock(&gMCDebugLock);
     flush_sink();
+    forked_among_threads = !platform::single_threaded();
 }
 
 void after_fork_in_parent() {
     pthread_mutex_unlock(&gMCDebugLock);
     MCUnlock();
+    pthread_mutex_unlock(&gFDLock);
 }
 
 // The child's only thread is not the one that took the locks, as the system counts threads.
 void after_fork_in_child() {
     gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
     gMCLock = PTHREAD_MUTEX_INITIALIZER;
+    gFDLock = PTHREAD_MUTEX_INITIALIZER;
+    if (forked_among_threads)
+        platform::freeze_utc_offset();
     leave_sink_to_parent();
 }
 
@@ -32,8 +42,10 @@ constinit pthread_once_t hooked = PTHREAD_ONCE_INIT;
 } // namespace
 
 void hook_fork() {
-    pthread_once(&hooked,
-                 [] { pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child); });
+    pthread_once(&hooked, [] {
+        platform::local_time(time(nullptr)); // so that children know the offset from UTC
+        pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+    });
 }
 
 } // namespace k42mc

@@ -1,0 +1,6 @@
+#pragma GCC system_header
+#include "../k42mc_fd_suspend.h"
+
+#include_next <sys/epoll.h>
+
+#include "../k42mc_fd_resume.h"

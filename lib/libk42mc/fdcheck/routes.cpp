@@ -1,0 +1,207 @@
+// What unchanged programs call: events around the functions of libc that open and close descriptors.
+#include "errno_keeper.h"
+#include "fdcheck/lock.h"
+#include "platform/platform.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+namespace k42mc {
+namespace {
+
+// A stream or directory, by its address. It stays when that is closed, for as long as the process runs:
+// there are as many as were ever open at once.
+struct Handle {
+    PTNode node;
+    const void *address;
+    int32_t descriptor;
+    bool closed;
+};
+
+constinit PTTree *gFDHandles = nullptr; // from the system allocator: no business of the memory checker's
+
+PTTree *handles() {
+    if (gFDHandles == nullptr)
+        PTInit(&gFDHandles, malloc, free, offsetof(Handle, node), offsetof(Handle, address),
+               8 * sizeof(void *), 0, nullptr);
+    return gFDHandles;
+}
+
+// What is known of an address, or null.
+Handle *find(const void *address) {
+    return gFDHandles != nullptr ? static_cast<Handle *>(PTSearch(gFDHandles, &address)) : nullptr;
+}
+
+// Without memory it stays unknown, and a second close is libc's business.
+void remember(const void *address, int32_t descriptor, bool closed) {
+    Handle *handle = find(address);
+    if (handle == nullptr) {
+        if (handles() == nullptr)
+            return;
+        handle = static_cast<Handle *>(malloc(sizeof *handle));
+        if (handle == nullptr)
+            return;
+        handle->address = address;
+        PTInsert(gFDHandles, handle, nullptr);
+    }
+    handle->descriptor = descriptor;
+    handle->closed = closed;
+}
+
+bool is_open_descriptor(int32_t descriptor) {
+    return fcntl(descriptor, F_GETFD) != -1;
+}
+
+// Of a freed directory the descriptor is left, or something that is none.
+bool is_open_directory(const void *directory) {
+    if (!platform::readable(directory, sizeof(int32_t)))
+        return false;
+    int32_t descriptor;
+    __builtin_memcpy(&descriptor, directory, sizeof descriptor);
+    struct stat status;
+    return fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool seems_closed(int32_t descriptor) {
+    if (gFDITable == nullptr || descriptor < 0 || descriptor >= fd_table_size())
+        return false;
+    const SLList *events = gFDITable[descriptor].events;
+    const auto *newest = events != nullptr ? static_cast<const FDEvent *>(SLLast(events)) : nullptr;
+    return newest != nullptr && newest->type == FD_EV_CLOSE;
+}
+
+void add_close(const char *name, int32_t descriptor) {
+    if (seems_closed(descriptor) && is_open_descriptor(descriptor))
+        FDAddEvent("(not routed)", descriptor, FD_EV_OPEN);
+    FDAddEvent(name, descriptor, FD_EV_CLOSE);
+}
+
+void add_open(const char *name, const void *address, int32_t descriptor) {
+    if (descriptor >= 0)
+        FDAddEvent(name, descriptor, FD_EV_OPEN);
+    remember(address, descriptor, false);
+}
+
+// Records the close of a stream or directory. Returns false for the second close of one.
+bool closes(const char *name, const void *address, int32_t (*descriptor_of)(const void *),
+            bool (*is_open)(const void *)) {
+    const ErrnoKeeper errno_keeper;
+    const RecordLock lock;
+    if (!lock)
+        return true;
+    const Handle *handle = find(address);
+    if (handle != nullptr && handle->closed && !is_open(address)) {
+        if (!seems_closed(
+                handle->descriptor)) // the number is in use again: what closed it first is past
+            FDAddEvent(name, handle->descriptor, FD_EV_CLOSE);
+        FDAddEvent(name, handle->descriptor, FD_EV_CLOSE);
+        return false;
+    }
+    const int32_t descriptor = descriptor_of(address);
+    if (descriptor >= 0)
+        add_close(name, descriptor);
+    remember(address, descriptor, true);
+    return true;
+}
+
+int32_t descriptor_of_stream(const void *stream) {
+    return fileno(static_cast<FILE *>(const_cast<void *>(stream)));
+}
+
+bool is_open_stream(const void *stream) {
+    return platform::is_open_stream(static_cast<const FILE *>(stream));
+}
+
+bool closes_stream(const char *name, FILE *stream) {
+    return closes(name, stream, descriptor_of_stream, is_open_stream);
+}
+
+int closed_before() {
+    errno = EBADF;
+    return -1;
+}
+
+} // namespace
+} // namespace k42mc
+
+using namespace k42mc;
+
+int k42mcx_fd_opened(const char *name, int descriptor) {
+    if (descriptor >= 0)
+        if (const RecordLock lock; lock)
+            FDAddEvent(name, descriptor, FD_EV_OPEN);
+    return descriptor;
+}
+
+int k42mcx_fd_opened_pair(const char *name, const int *descriptors, int result) {
+    if (result == 0) {
+        k42mcx_fd_opened(name, descriptors[0]);
+        k42mcx_fd_opened(name, descriptors[1]);
+    }
+    return result;
+}
+
+int k42mcx_fd_closing(const char *name, int descriptor) {
+    const ErrnoKeeper errno_keeper;
+    if (const RecordLock lock; lock)
+        add_close(name, descriptor);
+    return descriptor;
+}
+
+ptrdiff_t k42mcx_fd_used(const char *name, int descriptor, unsigned type, ptrdiff_t result) {
+    if (result >= 0)
+        if (const RecordLock lock; lock)
+            FDAddEvent(name, descriptor, type);
+    return result;
+}
+
+FILE *k42mcx_fd_opened_stream(const char *name, FILE *stream) {
+    const ErrnoKeeper errno_keeper;
+    if (stream != nullptr)
+        if (const RecordLock lock; lock)
+            add_open(name, stream, fileno(stream));
+    return stream;
+}
+
+FILE *k42mcx_fd_closing_stream(const char *name, FILE *stream) {
+    closes_stream(name, stream);
+    return stream;
+}
+
+DIR *k42mcx_fd_opened_directory(const char *name, DIR *directory) {
+    const ErrnoKeeper errno_keeper;
+    if (directory != nullptr)
+        if (const RecordLock lock; lock)
+            add_open(name, directory, dirfd(directory));
+    return directory;
+}
+
+int k42mcx_fd_fclose(const char *name, FILE *stream) {
+    return closes_stream(name, stream) ? fclose(stream) : closed_before();
+}
+
+int k42mcx_fd_pclose(const char *name, FILE *stream) {
+    return closes_stream(name, stream) ? pclose(stream) : closed_before();
+}
+
+int k42mcx_fd_closedir(const char *name, DIR *directory) {
+    const auto descriptor = [](const void *address) -> int32_t {
+        return dirfd(static_cast<DIR *>(const_cast<void *>(address)));
+    };
+    return closes(name, directory, descriptor, is_open_directory) ? closedir(directory)
+                                                                  : closed_before();
+}
+
+K42MC_EXPORT(k42mcx_fd_opened);
+K42MC_EXPORT(k42mcx_fd_opened_pair);
+K42MC_EXPORT(k42mcx_fd_closing);
+K42MC_EXPORT(k42mcx_fd_used);
+K42MC_EXPORT(k42mcx_fd_opened_stream);
+K42MC_EXPORT(k42mcx_fd_closing_stream);
+K42MC_EXPORT(k42mcx_fd_opened_directory);
+K42MC_EXPORT(k42mcx_fd_fclose);
+K42MC_EXPORT(k42mcx_fd_pclose);
+K42MC_EXPORT(k42mcx_fd_closedir);

@@ -1,0 +1,23 @@
+#include "platform.h"
+#include "unsanitized.h"
+
+namespace k42mc::platform {
+namespace {
+
+// Of the flags of libc's streams: the upper half says that this is one, and a closed one can do neither.
+constexpr unsigned magic_mask = 0xFFFF0000;
+constexpr unsigned magic = 0xFBAD0000;
+constexpr unsigned no_reads = 4;
+constexpr unsigned no_writes = 8;
+
+} // namespace
+
+K42MC_UNSANITIZED bool is_open_stream(const FILE *stream) {
+    if (!readable(&stream->_flags, sizeof stream->_flags))
+        return false;
+    const auto flags = static_cast<unsigned>(*const_cast<const volatile int *>(&stream->_flags));
+    constexpr unsigned closed = no_reads | no_writes;
+    return (flags & magic_mask) == magic && (flags & closed) != closed;
+}
+
+} // namespace k42mc::platform
