@@ -54,6 +54,9 @@ size_t page_size();
 // Whether the process has had a second thread.
 bool single_threaded();
 
+// Whether this is a child of vfork, which runs on its parent's memory until it execs.
+bool borrows_memory();
+
 // How many descriptors the process may have open: the soft limit at this moment, or the largest number
 // there is where it has none.
 uint64_t descriptor_limit();

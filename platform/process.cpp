@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/single_threaded.h>
 #include <unistd.h>
@@ -18,6 +19,13 @@ size_t page_size() {
 
 bool single_threaded() {
     return __libc_single_threaded;
+}
+
+// Such a child has its parent's thread record, and so the clock of its parent's thread. The system makes
+// the clock's number of the thread's: ~thread * 8 + 6.
+bool borrows_memory() {
+    clockid_t clock;
+    return pthread_getcpuclockid(pthread_self(), &clock) == 0 && ~(clock >> 3) != gettid();
 }
 
 uint64_t descriptor_limit() {

@@ -146,14 +146,20 @@ TEST_F(FD, TableKeepsTheSizeThatItWasMadeWith) {
     setrlimit(RLIMIT_NOFILE, &before);
     add(table_size, "too high", FD_EV_OPEN);
     EXPECT_EQ(checked(table_size), "FDCheck: fd(64) out of range!");
+    FDClose("a", table_size - 2);
+    errno = 4711;
+    for (int fd : {table_size, table_size - 2}) // the system knows neither
+        k42mcx_fd_closing("a", fd);
+    EXPECT_EQ(errno, 4711);
+    EXPECT_EQ(gFDITable[table_size - 2].alarms, 1u);
     forget();
     EXPECT_EQ(FDAddEvent("now there", table_size, FD_EV_OPEN), 0);
     SLDeinit(&gFDITable[table_size].events);
 
     // A limit too high for any table.
     EXPECT_TRUE(ended([] {
-                    const rlimit huge{1u << 30, 1u << 30};
-                    if (setrlimit(RLIMIT_NOFILE, &huge) != 0)
+                    const rlimit huge{1u << 30, 1u << 30}, most{1u << 20, 1u << 20};
+                    if (setrlimit(RLIMIT_NOFILE, &huge) != 0 && setrlimit(RLIMIT_NOFILE, &most) != 0)
                         return; // not for everyone
                     gFDITable = nullptr;
                     _exit(FDAddEvent("a", 1 << 20, 0) != 1 || FDAddEvent("a", (1 << 20) - 1, 0) != 0);
@@ -191,6 +197,10 @@ TEST_F(FD, HistoryIsPrintedWhole) {
         rest += std::string(type) + " by 50% \033[0m at [" +
                 ((FDEvent *)SLLast(gFDITable[9].events))->time +
                 "]\n-----\nBacktrace:\nNot available\n------\n";
+    static char buffer[BUFSIZ];
+    setvbuf(stderr, buffer, _IOFBF, sizeof buffer); // its text and the call chains take two ways
+    EXPECT_EQ(checked(9), said);
+    setvbuf(stderr, nullptr, _IONBF, 0);
     EXPECT_ENDS(said, "------\n" + rest +
                           "Summary for fd(9)\n=========\nAlarms(1), Opens(2), Closes(2)\n"
                           "=================================\n");
@@ -222,13 +232,20 @@ TEST_F(FD, ReportsSelectBySchemes) {
     EXPECT_EQ(reported(FD_REPORT_ALL_USED),
               table_text("all used fds",
                          "0(init) -5(main) *7(foo) 8(reader) 10(x) 11(x) 12(x) 13(x) \n14(x) ", 9));
+    for (int i = 0; i < 4; ++i)
+        add(1, "an open that alarms", FD_EV_OPEN);
+    EXPECT_EQ(reported(FD_REPORT_ALL_OPEN),
+              table_text("all open fds", "0(init) 10(x) 11(x) 12(x) 13(x) 14(x) ", 6));
 }
 
 TEST_F(FD, SurvivesFailingAllocations) {
     NEEDS_OWN_MALLOC();
     const auto failing = [](int nth, int fd, uint32_t type) {
-        return captured_stderr(
-            [=] { failing_malloc(nth, false, [=] { EXPECT_EQ(FDAddEvent("a", fd, type), 1); }); });
+        return captured_stderr([=] {
+            errno = 0;
+            failing_malloc(nth, false, [=] { EXPECT_EQ(FDAddEvent("a", fd, type), 1); });
+            EXPECT_EQ(errno, 0);
+        });
     };
     EXPECT_EQ(failing(1, 4, FD_EV_OPEN), "FDAddEvent: gFDITable calloc failure!\n");
     EXPECT_EQ(gFDITable, nullptr);
@@ -251,6 +268,19 @@ TEST_F(FD, SurvivesFailingAllocations) {
         failing(1, 6, FD_EV_OPEN);
     const std::string inconsistent = "FDAddEvent: fdi(6) data structures inconsistent!\n";
     EXPECT_EQ(captured_stderr([] { EXPECT_EQ(FDAddEvent("a", 6, FD_EV_OPEN), 1); }), inconsistent);
+}
+
+// As an allocator or a signal handler of the process does that opens and closes something itself.
+TEST_F(FD, LeavesOutWhatHappensWhileItRecords) {
+    NEEDS_OWN_MALLOC();
+    const Ended end = ended([] {
+        alarm(30);
+        MallocCalls::during_allocation = [] { FDOpen("inside", 9), k42mcx_fd_closing("inside", 9); };
+        FDOpen("outside", 9), FDClose("outside", 9);
+        MallocCalls::during_allocation = nullptr;
+        _exit(gFDITable[9].opens != 1 || gFDITable[9].closes != 1);
+    });
+    EXPECT_TRUE(end.exited(0));
 }
 
 TEST_F(FD, DoesNothingOnceShutDown) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <ctime>
 #include <dlfcn.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <k42mc/k42mc.h>
 #include <thread>
@@ -62,6 +63,8 @@ TEST(Hangs, NotWhileAThreadHoldsStandardError) {
 }
 
 TEST(Hangs, NotInAChildOfAThreadedProcess) {
+    // Reports of earlier runs take names that the children would have to try.
+    std::filesystem::remove_all(std::filesystem::path(K42MC_REPORT_DIR).parent_path());
     const auto convert_times = [] {
         const time_t now = time(nullptr);
         tm local{};
@@ -75,6 +78,60 @@ TEST(Hangs, NotInAChildOfAThreadedProcess) {
     EXPECT_TRUE(side_by_side(report_in_child, convert_times).exited(0));
     const auto log = [] { MCDebugMsg(0, "message\n"); };
     EXPECT_TRUE(side_by_side([&] { log(), in_a_child(log); }, log).exited(0)) << "with the checker off";
+}
+
+TEST(Hangs, NotWhenTheCheckerPrintsWhatNobodyAskedFor) {
+    static std::atomic<bool> holding;
+    const auto hold_standard_error = [] {
+        holding = false;
+        std::thread([] {
+            flockfile(stderr);
+            holding = true;
+            usleep(100000);
+            k42MC_free("a.c", 2, k42MC_malloc("a.c", 1, 10));
+            funlockfile(stderr);
+        }).detach();
+        while (!holding)
+            usleep(1000);
+    };
+    const Ended at_exit = ended([&] {
+        alarm(30);
+        start();
+        hold_standard_error();
+    });
+    EXPECT_TRUE(at_exit.exited(0));
+    const Ended first_line_of_a_child = ended([&] {
+        start(MC_TO_FILE);
+        in_a_child([&] {
+            hold_standard_error();
+            k42MC_MM_free("a.c", 3, nullptr);
+        });
+    });
+    EXPECT_TRUE(first_line_of_a_child.exited(0));
+}
+
+// Others wait while FDReport prints, on a stream of the process's own that reports its descriptor.
+TEST(Hangs, NotInAChildForkedAheadOfTheFirstEvent) {
+    const Ended end = ended([] {
+        alarm(30);
+        static std::atomic<bool> printing = false, printed = false;
+        const auto write = [](void *, const char *, size_t size) {
+            printing = true;
+            usleep(100000);
+            printed = true;
+            return k42mcx_fd_used("write", 5, FD_EV_WRITE, static_cast<ssize_t>(size));
+        };
+        stderr = fopencookie(nullptr, "w", {nullptr, write, nullptr, nullptr});
+        setbuf(stderr, nullptr);
+        std::thread reporting([] { FDReport(0); });
+        while (!printing)
+            usleep(1000);
+        in_a_child([] { FDOpen("a", 5); });
+        const bool waited = printed;
+        reporting.join();
+        _exit(!waited || gFDITable != nullptr);
+    });
+    EXPECT_TRUE(end.exited(0));
 }
 
 // A constructor of a library runs with the loader's lock held.

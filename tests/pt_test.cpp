@@ -1,23 +1,26 @@
-#include <k42mc/pt.h>
+#include <k42mc/byteorder.h>
+#include <k42mc/pt.hpp>
 
-#include "failing_hooks.h"
-#include "random.h"
+#include "capture.h"
+#include "ordered_suite.h"
 #include "small_stack.h"
 
-#include <algorithm>
 #include <array>
-#include <cstring>
 #include <deque>
-#include <map>
+#include <set>
+#include <stdio_ext.h>
+#include <sys/mman.h>
+
+using namespace k42mc;
 
 namespace {
 
 using Key = std::array<uint8_t, 16>; // bits past a tree's keyBits are arbitrary
 
 struct Element {
-    uint8_t front[16]; // the key field is this
+    Key front; // the key field is this
     PTNode node;
-    uint8_t back[16]; // or this
+    Key back; // or this
     const void *slots[4];
     Key key;
 };
@@ -34,30 +37,32 @@ Element *element_of(PTNode *node) {
     return reinterpret_cast<Element *>(reinterpret_cast<char *>(node) - offsetof(Element, node));
 }
 
-void note_and_wreck(void *element) {
-    hooks::destroy(element);
-    std::memset(element, 0xa5, sizeof(Element));
-}
+// A tree, what it should hold, and a check that it does after each operation. Where the typed front end
+// can take part, it does so by turns with the C functions.
+template <int bits, bool keyInFront> struct Tree {
+    using View = pt_view<Element, &Element::node, keyInFront ? &Element::front : &Element::back, bits>;
 
-// A tree, what it should hold, and a check that it does after each operation.
-struct Tree {
-    Tree(int keyBits, int keyIndirections, bool keyInFront)
-        : bits(keyBits), indirections(keyIndirections),
-          offset(keyInFront ? offsetof(Element, front) : offsetof(Element, back)) {
-        EXPECT_EQ(PTInit(&tree, hooks::alloc, hooks::dealloc, offsetof(Element, node), uint32_t(offset),
-                         int16_t(bits), uint8_t(indirections), note_and_wreck),
+    explicit Tree(int keyIndirections) : indirections(keyIndirections) {
+        EXPECT_EQ(PTInit(&tree, hooks::alloc, hooks::dealloc, offsetof(Element, node), offset, bits,
+                         uint8_t(indirections), note_and_wreck<Element>),
                   DS_OK);
         verify();
     }
     ~Tree() { PTDeinit(&tree); }
 
+    bool typed() { return !indirections && random() % 2; }
+
     Element *insert(const Key &key) {
         Element *element = &pool.emplace_back();
         fill(*element, key);
         const auto [at, added] = model.try_emplace(shortened(key), element);
+        const bool asks = random() % 4;
         void *existing = this;
-        PTInsert(tree, element, pool.size() % 4 ? &existing : nullptr);
-        EXPECT_EQ(existing, pool.size() % 4 == 0 ? this : added ? nullptr : (void *)at->second);
+        if (asks && typed())
+            existing = View(tree).insert(*element);
+        else
+            PTInsert(tree, element, asks ? &existing : nullptr);
+        EXPECT_EQ(existing, !asks ? this : added ? nullptr : (void *)at->second);
         if (added)
             cursor = cached = nullptr;
         verify();
@@ -70,7 +75,10 @@ struct Tree {
         if (byKey && destroy)
             EXPECT_EQ(PTRemoveAndDestroyByKey(tree, argument(key)), expected ? DS_OK : DS_FAILURE);
         else if (byKey)
-            EXPECT_EQ(PTRemoveByKey(tree, argument(key)), expected);
+            EXPECT_EQ(typed() ? View(tree).remove_key(key) : PTRemoveByKey(tree, argument(key)),
+                      expected);
+        else if (expected && !destroy && typed())
+            View(tree).remove(*expected);
         else if (expected)
             (destroy ? PTRemoveAndDestroy : PTRemove)(tree, expected);
         EXPECT_EQ(hooks::calls, expected && destroy ? "X" : "");
@@ -92,37 +100,71 @@ struct Tree {
         verify();
     }
 
-    // As an ordered walk would.
-    void fill_cache() {
-        if (model.size() < 2)
-            return;
-        tree->cursor = cursor = &model.begin()->second->node;
-        tree->head->right = cached = &std::next(model.begin())->second->node;
+    // Walks on from some element. The cache is filled where the next one hangs on the left of a node.
+    void step() {
+        auto at = model.begin();
+        std::advance(at, model.empty() ? 0 : random() % model.size());
+        for (size_t steps = random() % 5; steps && at != model.end(); --steps) {
+            PTNode *const node = &at->second->node;
+            Element *const next = ++at == model.end() ? nullptr : at->second;
+            if (cursor != node && next && onLeft.count(&next->node)) {
+                ASSERT_NE(std::next(at), model.end());
+                cursor = &next->node;
+                cached = &std::next(at)->second->node;
+            }
+            ASSERT_EQ(PTNext(tree, element_of(node)), next);
+            ASSERT_EQ(tree->cursor, cursor);
+            ASSERT_EQ(tree->head->right, cached);
+        }
     }
 
     void verify() {
         PTNode *const head = tree->head;
         ASSERT_EQ(PTIsEmpty(tree), model.empty());
         ASSERT_EQ(PTAny(tree), model.empty() ? nullptr : element_of(head->left));
-        ASSERT_EQ(tree->cursor, cursor);
-        ASSERT_EQ(head->right, cached);
         std::vector<PTNode *> found, expected{head};
+        onLeft.clear();
         ASSERT_NO_FATAL_FAILURE(walk(head, head->left, found));
         std::stable_partition(found.begin(), found.end(), [=](PTNode *node) { return node == head; });
+        Element *before = nullptr;
         for (auto &[key, element] : model) {
             expected.push_back(&element->node);
-            ASSERT_EQ(PTSearch(tree, argument(key)), element);
-            Key other = key;
-            other[0] ^= 0x80;
-            ASSERT_EQ(PTSearch(tree, argument(other)), stored(other));
+            Key other = key, odd = key;
+            other[0] ^= 0x80, odd[random() % 16] ^= uint8_t(1u << random() % 8);
+            for (const Key &each : {key, other, odd}) {
+                ASSERT_EQ(PTSearch(tree, argument(each)), stored(each));
+                ASSERT_EQ(PTNextByKey(tree, argument(each)), above(each));
+            }
+            ASSERT_EQ(PTPrev(tree, element), before);
+            if (!indirections) {
+                ASSERT_EQ(View(tree).search(odd), stored(odd));
+                ASSERT_EQ(View(tree).next_by_key(odd), above(odd));
+                ASSERT_EQ(View(tree).next(*element), above(key));
+                ASSERT_EQ(View(tree).prev(*element), before);
+            }
+            before = element;
         }
         ASSERT_EQ(found, expected);
+        ASSERT_EQ(PTFirst(tree), model.empty() ? nullptr : model.begin()->second);
+        ASSERT_EQ(PTLast(tree), before);
+        hooks::start();
+        PTVisit(tree, 0, hooks::destroy);
+        PTVisit(tree, -1, hooks::destroy);
+        for (size_t i = 1; i < expected.size(); ++i) {
+            ASSERT_EQ(hooks::destroyed.at(i - 1), element_of(expected[i]));
+            ASSERT_EQ(hooks::destroyed.at(2 * model.size() - i), element_of(expected[i]));
+        }
+        ASSERT_EQ(tree->cursor, cursor);
+        ASSERT_EQ(head->right, cached);
     }
 
     // Appends what a link and those below it lead up to, left to right.
     void walk(PTNode *from, PTNode *node, std::vector<PTNode *> &found) {
-        if (!leads_down(from, node))
+        if (!leads_down(from, node)) {
+            if (node == from->left)
+                onLeft.insert(node);
             return found.push_back(node);
+        }
         const Key own = key_of(node);
         ASSERT_TRUE(node->bit > from->bit || own == Key{} || key_of(from) == Key{});
         const size_t before = found.size();
@@ -149,6 +191,11 @@ struct Tree {
         return at == model.end() ? nullptr : at->second;
     }
 
+    Element *above(const Key &key) {
+        const auto at = model.upper_bound(shortened(key));
+        return at == model.end() ? nullptr : at->second;
+    }
+
     Key key_of(PTNode *node) { return node == tree->head ? Key{} : shortened(element_of(node)->key); }
 
     Key shortened(Key key) const {
@@ -170,10 +217,12 @@ struct Tree {
 
     const void *argument(const Key &key) { return fill(scratch, key); }
 
+    static constexpr size_t offset = keyInFront ? offsetof(Element, front) : offsetof(Element, back);
+    Random random;
     PTTree *tree;
-    int bits, indirections;
-    size_t offset;
+    const int indirections;
     std::map<Key, Element *> model;
+    std::set<PTNode *> onLeft; // those with the link that leads up to them on the left of a node
     std::deque<Element> pool;
     Element scratch;
     PTNode *cursor = nullptr, *cached = nullptr;
@@ -185,19 +234,16 @@ Key low_bit(int bits) {
     return key;
 }
 
-class PT : public testing::TestWithParam<int> {}; // that many key bits
-
-TEST_P(PT, AgreesWithModel) {
-    const int bits = GetParam();
-    Random random;
-    for (int variant = 0; variant < 8; ++variant) {
-        Tree tree(bits, variant / 2, variant % 2);
-        for (int step = 0; step < 600 && !HasFailure(); ++step) {
+template <int bits, bool keyInFront> void agree_with_model() {
+    for (int indirections = 0; indirections < 4; ++indirections) {
+        Tree<bits, keyInFront> tree(indirections);
+        Random &random = tree.random;
+        for (int step = 0; step < 600 && !testing::Test::HasFailure(); ++step) {
             Key key = random() % 4 ? Key{} : low_bit(bits); // those two are what is special
             for (size_t flips = random() % 3; flips; --flips)
                 key[random() % (random() % 2 ? 16 : 2)] ^= uint8_t(1u << random() % 8);
-            if (random() % 4 == 0)
-                tree.fill_cache();
+            if (random() % 2)
+                tree.step();
             // Every order of few keys, and now and then many.
             if (const size_t operation = random() % 100; operation < 1)
                 tree.destroy();
@@ -209,8 +255,67 @@ TEST_P(PT, AgreesWithModel) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(KeyBits, PT, testing::Values(1, 12, 32, 64, 128),
-                         testing::PrintToStringParamName());
+template <class Bits> class PT : public testing::Test {};
+template <int bits> using Bits = std::integral_constant<int, bits>;
+using KeyBits = testing::Types<Bits<1>, Bits<12>, Bits<23>, Bits<32>, Bits<55>, Bits<64>, Bits<128>>;
+TYPED_TEST_SUITE(PT, KeyBits);
+
+TYPED_TEST(PT, AgreesWithModel) {
+    agree_with_model<TypeParam::value, false>();
+    agree_with_model<TypeParam::value, true>();
+}
+
+// Keys with a number in their last bytes, so that 0 and 1 are the two that are special.
+template <size_t size> struct Item {
+    struct Key {
+        explicit Key(uint32_t number) {
+            number = K42MC_BE32(number);
+            std::memcpy(bytes + size - sizeof number, &number, sizeof number);
+        }
+        uint8_t bytes[size]{};
+    };
+
+    explicit Item(Key itsKey) : key(itsKey) {}
+    Key key;
+    PTNode node;
+};
+
+template <size_t size> struct Front : pt_tree<Item<size>, &Item<size>::node, &Item<size>::key> {
+    using Element = Item<size>;
+    using Key = typename Element::Key;
+
+    Front() : Front::owner({hooks::alloc, hooks::dealloc, note_and_wreck<Element>}) {}
+    void remove_and_destroy(Element &element) { PTRemoveAndDestroy(this->record(), &element); }
+    int32_t remove_and_destroy_key(Key key) { return PTRemoveAndDestroyByKey(this->record(), &key); }
+    void verify(const std::vector<Element *> &) {}
+};
+
+// The C functions, on a tree that the front end created and looks at as well.
+struct Functions : Front<4> {
+    static Element *as(void *element) { return static_cast<Element *>(element); }
+    template <class Visit> static int32_t call(void *element, void *visit) {
+        return (*static_cast<Visit *>(visit))(*as(element));
+    }
+    Element *insert(Element &element) {
+        void *existing;
+        PTInsert(record(), &element, &existing);
+        return as(existing);
+    }
+    void remove(Element &element) { PTRemove(record(), &element); }
+    Element *remove_key(Key key) { return as(PTRemoveByKey(record(), &key)); }
+    Element *search(Key key) { return as(PTSearch(record(), &key)); }
+    Element *first() { return as(PTFirst(record())); }
+    Element *last() { return as(PTLast(record())); }
+    Element *next(Element &element) { return as(PTNext(record(), &element)); }
+    Element *prev(Element &element) { return as(PTPrev(record(), &element)); }
+    Element *next_by_key(Key key) { return as(PTNextByKey(record(), &key)); }
+    template <class Visit> int32_t visit(int order, Visit f) {
+        return PTVisitWithArg(record(), order, call<Visit>, &f);
+    }
+};
+
+using Trees = testing::Types<Functions, Front<4>, Front<16>>;
+INSTANTIATE_TYPED_TEST_SUITE_P(PT, Ordered, Trees);
 
 void expect_node(const PTNode &node, int bit, const PTNode *left, const PTNode *right) {
     EXPECT_EQ(node.bit, bit);
@@ -218,16 +323,41 @@ void expect_node(const PTNode &node, int bit, const PTNode *left, const PTNode *
     EXPECT_EQ(node.right, right);
 }
 
+std::string statistics(const char *entries, const char *greatest, const char *average) {
+    return std::string("> number of entries : ") + entries + "\n> max height        : " + greatest +
+           "\n> average height    : " + average + "\n";
+}
+
+void print(const PTTree *tree) {
+    PTInfo(tree);
+    EXPECT_EQ(__fpending(stdout), 0u);
+    PTDump(tree);
+    EXPECT_EQ(__fpending(stdout), 0u);
+}
+
+std::string printed(const std::string &info, const std::string &dump) {
+    return "===========PT Info=========\n" + info + "===========PT Dump=========\n" + dump;
+}
+
+void expect_printed(const PTTree *tree, const std::string &info, const std::string &dump) {
+    EXPECT_EQ(captured_stdout([=] { print(tree); }), printed(info, dump));
+}
+
 TEST(PTStructure, IsExact) {
     for (const bool byKey : {false, true}) {
-        Tree tree(32, 0, false);
+        Tree<32, false> tree(0);
         PTNode *const head = tree.tree->head;
         PTNode &zero = tree.insert({})->node;
         expect_node(zero, 31, &zero, head);
         PTNode &one = tree.insert({0, 0, 0, 1})->node;
         expect_node(zero, 31, &zero, &one);
         expect_node(one, 31, head, &one);
+        expect_printed(tree.tree, statistics("2", "2", "1.500000"), " 0[31]\n     1[31]\n");
         tree.destroy();
+        tree.insert({0, 0, 0, 1}), tree.insert({});
+        expect_printed(tree.tree, statistics("2", "2", "1.500000"), "     0[31]\n 1[31]\n");
+        tree.destroy();
+        expect_printed(tree.tree, ">>>>> EMPTY <<<<<\n", ">>>>> EMPTY <<<<<\n");
 
         PTNode &a = tree.insert({10, 0, 0, 1})->node, &b = tree.insert({10, 0, 0, 2})->node;
         PTNode &c = tree.insert({0xc0, 0xa8, 0, 1})->node;
@@ -235,9 +365,28 @@ TEST(PTStructure, IsExact) {
         expect_node(c, 0, &a, &c);
         expect_node(a, 4, head, &b);
         expect_node(b, 30, &a, &b);
+        expect_printed(tree.tree, statistics("3", "3", "2.333333"),
+                       "           a000001[4]\n           a000002[30]\n c0a80001[0]\n");
         tree.remove({10, 0, 0, 1}, byKey, false); // its own child leads up to it
         expect_node(c, 0, &b, &c);
         expect_node(b, 4, head, &b);
+    }
+}
+
+TEST(PTDump, ShowsTheFirstBytesOfKeys) {
+    for (const auto &[bits, shown] :
+         std::initializer_list<std::pair<int16_t, const char *>>{{1, "87000000"},
+                                                                 {8, "87000000"},
+                                                                 {9, "87650000"},
+                                                                 {24, "87650000"},
+                                                                 {25, "87654321"},
+                                                                 {40, "87654321"}}) {
+        PTTree *tree;
+        PTInit(&tree, nullptr, nullptr, offsetof(Element, node), 0, bits, 0, DS_DUMMY);
+        Element element{.front{0x87, 0x65, 0x43, 0x21, 0xff, 0xff}, .node{}, .back{}, .slots{}, .key{}};
+        PTInsert(tree, &element, nullptr);
+        expect_printed(tree, statistics("1", "1", "1.000000"), std::string(" ") + shown + "[0]\n");
+        PTDeinit(&tree);
     }
 }
 
@@ -251,12 +400,16 @@ TEST(PTInit, RefusesKeysWithoutBits) {
     }
 }
 
-void *destroy_tree(void *tree) {
-    return PTDestroy(static_cast<PTTree *>(tree)), nullptr;
+void *walk_and_destroy(void *given) {
+    auto *const tree = static_cast<PTTree *>(given);
+    PTVisit(tree, 0, hooks::destroy);
+    PTVisit(tree, 1, hooks::destroy);
+    print(tree);
+    return PTDestroy(tree), nullptr;
 }
 
 // A path through every bit of the longest key. Keys are windows into eight buffers with one bit set.
-TEST(PTDestroy, NeedsNoStackForDeepTrees) {
+TEST(PTWalks, NeedNoStackForDeepTrees) {
     constexpr int bits = 32767, middle = 4096;
     struct Deep {
         const uint8_t *key;
@@ -265,6 +418,7 @@ TEST(PTDestroy, NeedsNoStackForDeepTrees) {
     std::vector<std::array<uint8_t, 2 * middle>> buffers(8);
     std::vector<Deep> elements(bits);
     hooks::Blocks expected;
+    std::string dump;
     hooks::start();
     PTTree *tree;
     PTInit(&tree, nullptr, nullptr, offsetof(Deep, node), 0, bits, 1, hooks::destroy);
@@ -273,10 +427,62 @@ TEST(PTDestroy, NeedsNoStackForDeepTrees) {
         elements[i].key = &buffers[i % 8][middle - i / 8];
         PTInsert(tree, &elements[i], nullptr);
         expected.push_back(&elements[i]);
+        char line[32]; // the field holds a pointer
+        snprintf(line, sizeof line, "%x[%zu]\n", K42MC_BE32(uintptr_t(elements[i].key)), i);
+        dump.append(i % 256 ? 6 * (i % 256) - 1 : 1, ' ').append(line);
     }
-    on_small_stack(destroy_tree, tree);
+    const std::string text = captured_stdout([=] { on_small_stack(walk_and_destroy, tree); });
+    const std::string info = statistics("32767", "255", "127.503891"); // depths count modulo 256
+    EXPECT_TRUE(text == printed(info, dump));
+    expected.insert(expected.end(), expected.rbegin(), expected.rend());
+    expected.insert(expected.end(), expected.begin(), expected.begin() + bits);
     EXPECT_TRUE(hooks::destroyed == expected);
     PTDeinit(&tree);
+}
+
+// A page of which nothing behind may be read.
+uint8_t *end_of_page() {
+    const long size = sysconf(_SC_PAGESIZE);
+    void *const pages =
+        mmap(nullptr, 2 * size_t(size), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    uint8_t *const end = static_cast<uint8_t *>(pages) + size;
+    mprotect(end, size_t(size), PROT_NONE);
+    return end;
+}
+
+// Words of as many bits as limit says, which there may not be.
+template <int length = 8 * sizeof(size_t)>
+void expect_words(const uint8_t *a, const uint8_t *b, int start, int limit, int expected) {
+    if (limit == length) {
+        const bits::key<length> x(a), y(b);
+        ASSERT_EQ(bits::bit_at(x, start), bits::bit_at(a, start));
+        ASSERT_EQ(bits::DSFirstDiffBit(x, y, 0, limit), expected);
+        ASSERT_EQ(bits::DSFirstDiffBit(x, y, 0, start + 1), std::min(start + 1, expected));
+        ASSERT_EQ(bits::DSKeyDiffers(x, y, limit), expected < limit);
+    } else if constexpr (length > 1) {
+        expect_words<length - 1>(a, b, start, limit, expected);
+    }
+}
+
+TEST(PTKeys, AreNotReadBeyondTheirEnd) {
+    Random random;
+    uint8_t *const ends[] = {end_of_page(), end_of_page()};
+    for (int round = 0; round < 100000; ++round) {
+        const int limit = 1 + int(random() % 200);
+        const size_t size = (size_t(limit) + 7) / 8;
+        uint8_t *const a = ends[0] - size, *const b = ends[1] - size;
+        std::generate(a, a + size, std::ref(random));
+        std::copy(a, a + size, b);
+        for (size_t flips = random() % 3; flips; --flips)
+            b[random() % size] ^= uint8_t(1u << random() % 8);
+        int expected = 0;
+        while (expected < limit && bits::bit_at(a, expected) == bits::bit_at(b, expected))
+            ++expected;
+        const int start = int(random() % unsigned(std::min(expected + 1, limit)));
+        ASSERT_EQ(bits::DSFirstDiffBit(a, b, start, limit), expected);
+        ASSERT_EQ(bits::DSKeyDiffers(a, b, limit), expected < limit);
+        ASSERT_NO_FATAL_FAILURE(expect_words(a, b, start, limit, expected));
+    }
 }
 
 } // namespace

@@ -15,18 +15,23 @@
  *              and the XXRemoveAndDestroy operations hand elements to it, and its default frees them.
  *   Visits     A callback must not insert, unlink or free elements of the container being walked.
  *   Threads    No function takes a lock: one thread at a time, or a lock of the caller's.
- *   Output     XXInfo and XXCheck print on standard output; XXInfo flushes it.
+ *   Output     XXInfo, XXCheck and XXDump print on standard output; XXInfo and XXDump flush it.
  *
- * Which family, and what it costs (n elements; k bits of key):
+ * Which family, and what it costs (n elements; k bits of key; a hash table's costs are averages):
  *
  *   family            first, last  insert         remove an element   search  ordered
  *   SL list           O(1)         O(1)           its successor O(1)  -       as inserted
  *   DL list           O(1)         O(1)           O(1)                -       as inserted
+ *   HT hash table     O(1), -      O(1)           O(1)                O(1)    no
+ *   AVL tree          O(log n)     O(log n)       O(log n)            O(log n)  by comparison
  *   PT Patricia tree  O(k)         O(k)           O(k)                O(k)    by key bits
- *   BH binary heap    O(1)         O(log n)       O(log n)            -       least first
+ *   PX prefix table   O(k)         O(k)           O(k)                O(k)    by prefix
+ *   BH binary heap    O(1), -      O(log n)       O(log n)            -       least first
  *
- * SL when elements leave at the front; DL when they leave from anywhere; PT for unique keys of a fixed
- * length, compared bit by bit; BH when the least element leaves first, or keys change.
+ * SL when elements leave at the front; DL when they leave from anywhere; HT to find keys of any kind
+ * when their order does not matter; AVL for unique keys in an order of the caller's; PT for unique keys
+ * of a fixed length, compared bit by bit; PX to find the longest prefix of a key, as routing does; BH to
+ * take the least element, time and again.
  */
 #ifndef K42MC_DS_H
 #define K42MC_DS_H

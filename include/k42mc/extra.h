@@ -38,9 +38,10 @@ int k42mcx_fd_event(const char *name, int descriptor, unsigned type);
 /*
  * What redirect_fd.h puts around calls of libc. They take the checker's lock, keep errno and return what
  * they were given, so that they fit around a call: fd = k42mcx_fd_opened(__func__, open(path, flags)).
- * An open, read or write that failed is no event. Where a descriptor is closed that the checker believes
- * closed already, and the system knows as open, code that reports nothing has opened it: an open by
- * "(not routed)" is recorded first.
+ * An open, read or write that failed is no event. Of the reads and of the writes between two opens and
+ * closes, the last one stays. Where a descriptor is closed that the checker believes closed already, and
+ * the system knows as open, code that reports nothing has opened it: an open by "(not routed)" is
+ * recorded first. What a child of vfork does with its descriptors is no event of its parent's.
  */
 int k42mcx_fd_opened(const char *name, int descriptor);
 int k42mcx_fd_opened_pair(const char *name, const int *descriptors, int result);

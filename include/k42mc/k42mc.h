@@ -3,6 +3,7 @@
 #define K42MC_K42MC_H
 
 #include <k42mc/alloc.h>
+#include <k42mc/avl.h>
 #include <k42mc/bh.h>
 #include <k42mc/byteorder.h>
 #include <k42mc/dl.h>
@@ -10,8 +11,10 @@
 #include <k42mc/extra.h>
 #include <k42mc/fdcheck.h>
 #include <k42mc/guard.h>
+#include <k42mc/ht.h>
 #include <k42mc/memcheck.h>
 #include <k42mc/pt.h>
+#include <k42mc/px.h>
 #include <k42mc/sl.h>
 
 #endif

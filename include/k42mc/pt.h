@@ -88,6 +88,42 @@ void PTRemoveAndDestroy(PTTree *tree, void *element);
 /* Unlinks and destroys the element with this key. Returns DS_OK, or DS_FAILURE when there is none. */
 int32_t PTRemoveAndDestroyByKey(PTTree *tree, const void *key);
 
+/* Return the element with the least, with the greatest key; null when the tree is empty. O(keyBits). */
+void *PTFirst(const PTTree *tree);
+void *PTLast(const PTTree *tree);
+
+/*
+ * Returns the element with the next greater key, or null. The element given must be in the tree. A step
+ * that descends for its result finds the element after that too and keeps both in the tree, where the
+ * next step finds its own: threads that walk the same tree need a lock. O(keyBits), O(1) for such a
+ * step.
+ */
+void *PTNext(PTTree *tree, const void *element);
+
+/* Returns the element with the next smaller key, or null. It must be in the tree. O(keyBits). */
+void *PTPrev(const PTTree *tree, const void *element);
+
+/*
+ * Returns the element with the least key above this one, which need not be in the tree. Null when there
+ * is none. O(keyBits).
+ */
+void *PTNextByKey(const PTTree *tree, const void *key);
+
+/* Calls visit for each element, by ascending keys where order is 0, else by descending ones. O(n). */
+void PTVisit(const PTTree *tree, int order, DSVisitFn visit);
+
+/* The same with an argument. Returns the first nonzero result, where the walk ends, or 0. O(n). */
+int32_t PTVisitWithArg(const PTTree *tree, int order, DSVisitArgFn visit, void *argument);
+
+/* Prints the number of elements and how many bits a search for one tests at most, on average. O(n). */
+void PTInfo(const PTTree *tree);
+
+/*
+ * Prints a line for each element by ascending keys, indented by depth: the first bytes of its key field
+ * in hexadecimal and the bit that its node tests. Flushes standard output. O(n).
+ */
+void PTDump(const PTTree *tree);
+
 K42MC_END_DECLS
 
 #endif

@@ -8,7 +8,7 @@
  *     inotify_init inotify_init1 fopen freopen fdopen tmpfile popen opendir fdopendir
  *   closed, before it happens
  *     close fclose freopen pclose closedir
- *   used, once that succeeded
+ *   used, once that succeeded; of the reads and of the writes between two opens and closes the last stays
  *     read pread readv recv recvfrom recvmsg write pwrite writev send sendto sendmsg
  *
  * and what libc calls these with 64 behind. dup2 and dup3 report the new number as opened; that they
@@ -22,6 +22,7 @@
  *   - descriptors from elsewhere: inherited ones, those that fcntl makes or a message brings. Ahead of
  *     their close an open by "(not routed)" is recorded where it is needed to keep the alarm away;
  *   - that exec and exit close descriptors;
+ *   - what a child of vfork does ahead of exec: its descriptors are not its parent's;
  *   - C++, where these are names of methods: call FDOpen and FDClose (fdcheck.h) there.
  *
  * For whole programs, compile every source with the flags of `pkg-config --cflags k42mc_r-redirect-fd`
@@ -30,6 +31,9 @@
  * declares its functions; so the source's own feature-test macros keep working. By hand, include this
  * file after the system headers, or at least after feature-test macros: it includes those that declare
  * the names.
+ *
+ * A signal handler that may interrupt an allocation must not report: put the name in parentheses there,
+ * (write)(fd, "", 1), or leave that source out.
  *
  * Where a name is followed by a parenthesis and is no call of libc's function (a struct member called
  * like one, the definition of a function of the name), the macro is in the way: compile that source with
@@ -88,8 +92,14 @@
 #ifndef K42MC_FD_NO_REDIRECT_mkstemp
 #define mkstemp(...) k42mcx_fd_opened(__func__, (mkstemp)(__VA_ARGS__))
 #endif
+#ifndef K42MC_FD_NO_REDIRECT_mkstemp64
+#define mkstemp64(...) k42mcx_fd_opened(__func__, (mkstemp64)(__VA_ARGS__))
+#endif
 #ifndef K42MC_FD_NO_REDIRECT_mkostemp
 #define mkostemp(...) k42mcx_fd_opened(__func__, (mkostemp)(__VA_ARGS__))
+#endif
+#ifndef K42MC_FD_NO_REDIRECT_mkostemp64
+#define mkostemp64(...) k42mcx_fd_opened(__func__, (mkostemp64)(__VA_ARGS__))
 #endif
 #ifndef K42MC_FD_NO_REDIRECT_memfd_create
 #define memfd_create(...) k42mcx_fd_opened(__func__, (memfd_create)(__VA_ARGS__))
@@ -135,6 +145,9 @@
 #endif
 #ifndef K42MC_FD_NO_REDIRECT_tmpfile
 #define tmpfile(...) k42mcx_fd_opened_stream(__func__, (tmpfile)(__VA_ARGS__))
+#endif
+#ifndef K42MC_FD_NO_REDIRECT_tmpfile64
+#define tmpfile64(...) k42mcx_fd_opened_stream(__func__, (tmpfile64)(__VA_ARGS__))
 #endif
 #ifndef K42MC_FD_NO_REDIRECT_popen
 #define popen(...) k42mcx_fd_opened_stream(__func__, (popen)(__VA_ARGS__))

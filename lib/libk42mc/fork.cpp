@@ -1,5 +1,6 @@
 #include "fork.h"
 
+#include "errno_keeper.h"
 #include "fdcheck/state.h"
 #include "linkage.h"
 #include "memcheck/debug_stream.h"
@@ -43,6 +44,7 @@ constinit pthread_once_t hooked = PTHREAD_ONCE_INIT;
 
 void hook_fork() {
     pthread_once(&hooked, [] {
+        const ErrnoKeeper errno_keeper;
         platform::local_time(time(nullptr)); // so that children know the offset from UTC
         pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     });

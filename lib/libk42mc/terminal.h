@@ -1,6 +1,7 @@
 // Standard error as the checkers use it.
 #pragma once
 
+#include "fork.h"
 #include "printing.h"
 
 #include <stdio.h>
@@ -11,7 +12,10 @@ namespace k42mc {
 // the stream's own lock may be waiting in a wrapper.
 class TerminalLock {
 public:
-    TerminalLock() { flockfile(stream_); }
+    TerminalLock() {
+        hook_fork();
+        flockfile(stream_);
+    }
     ~TerminalLock() { funlockfile(stream_); }
     TerminalLock(const TerminalLock &) = delete;
     TerminalLock &operator=(const TerminalLock &) = delete;

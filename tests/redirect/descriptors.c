@@ -20,6 +20,7 @@
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 static int faults;
@@ -48,6 +49,17 @@ static int newest(int fd, unsigned type, const char *function) {
     return event && event->type == type && strcmp(event->name, function) == 0;
 }
 
+/* A history as the initials of its events. */
+static const char *history(int fd) {
+    static char text[100];
+    char *end = text;
+    for (const FDEvent *event = SLFirst(info(fd)->events); event;
+         event = SLNext(info(fd)->events, event))
+        *end++ = gFDEventType[event->type][0];
+    *end = 0;
+    return text;
+}
+
 #define OPENED(fd) EXPECT(newest(fd, FD_EV_OPEN, __func__))
 #define CLOSED(fd) EXPECT(newest(fd, FD_EV_CLOSE, __func__))
 
@@ -59,16 +71,21 @@ static void opens(int fd) {
 }
 
 static void descriptors(void) {
-    char name[] = "/tmp/k42mcXXXXXX", other[] = "/tmp/k42mcXXXXXX";
+    char names[4][20];
     int fds[2];
+    for (int i = 0; i < 4; ++i)
+        strcpy(names[i], "/tmp/k42mcXXXXXX");
     sigset_t none;
     sigemptyset(&none);
     opens(open("/dev/null", O_RDONLY));
     opens(open("/tmp", O_TMPFILE | O_RDWR, 0600));
     opens(openat(AT_FDCWD, "/dev/null", O_RDONLY));
     opens(creat("/dev/null", 0600));
-    opens(mkstemp(name));
-    opens(mkostemp(other, O_CLOEXEC));
+    opens(open64("/dev/null", O_RDONLY));
+    opens(openat64(AT_FDCWD, "/dev/null", O_RDONLY));
+    opens(creat64("/dev/null", 0600));
+    opens(mkstemp(names[0])), opens(mkostemp(names[1], O_CLOEXEC));
+    opens(mkstemp64(names[2])), opens(mkostemp64(names[3], O_CLOEXEC));
     opens(memfd_create("a", 0));
     opens(dup(0));
     opens(dup2(0, 20));
@@ -92,7 +109,8 @@ static void descriptors(void) {
     EXPECT(signalfd(signals, &none, 0) == signals && dup2(signals, signals) == signals);
     EXPECT(info(signals)->opens == before);
     opens(signals);
-    unlink(name), unlink(other);
+    for (int i = 0; i < 4; ++i)
+        unlink(names[i]);
 
     errno = 0;
     EXPECT(open("/nowhere", O_RDONLY) == -1 && errno == ENOENT);
@@ -117,6 +135,20 @@ static void connections(void) {
     close(listener);
 }
 
+/* A number that no other part uses, for a history that is new, or that an alarm freezes. */
+static int at(int number, int fd) {
+    const int there = dup2(fd, number);
+    close(fd);
+    return there;
+}
+
+#define WRITES(fd, call) EXPECT((call) == 1 && newest(fd, FD_EV_WRITE, __func__))
+#define READS(fd, call)  EXPECT((call) == 1 && newest(fd, FD_EV_READ, __func__))
+
+static void elsewhere(int fd) {
+    WRITES(fd, write(fd, "a", 1));
+}
+
 static void transfers(void) {
     char byte = 'a';
     struct iovec part = {&byte, 1};
@@ -124,8 +156,6 @@ static void transfers(void) {
     int fds[2];
     EXPECT(socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0);
     const int file = open("/tmp", O_TMPFILE | O_RDWR, 0600);
-#define WRITES(fd, call) EXPECT((call) == 1 && newest(fd, FD_EV_WRITE, __func__))
-#define READS(fd, call)  EXPECT((call) == 1 && newest(fd, FD_EV_READ, __func__))
     WRITES(fds[0], write(fds[0], &byte, 1));
     READS(fds[1], read(fds[1], &byte, 1));
     WRITES(fds[0], writev(fds[0], &part, 1));
@@ -138,25 +168,55 @@ static void transfers(void) {
     READS(fds[1], recvmsg(fds[1], &message, 0));
     WRITES(file, pwrite(file, &byte, 1, 0));
     READS(file, pread(file, &byte, 1, 0));
+    WRITES(file, pwrite64(file, &byte, 1, 0));
+    READS(file, pread64(file, &byte, 1, 0));
+    WRITES(file, write(file, &byte, 1));
+    EXPECT(read(file, &byte, 1) == 0 && newest(file, FD_EV_READ, __func__));
+    /* The newest of each kind since the last open or close stays. */
+    fds[0] = at(50, fds[0]), fds[1] = at(51, fds[1]);
+    for (int i = 0; i < 100; ++i) {
+        WRITES(fds[0], write(fds[0], &byte, 1));
+        READS(fds[1], read(fds[1], &byte, 1));
+        WRITES(fds[1], write(fds[1], &byte, 1));
+        READS(fds[0], read(fds[0], &byte, 1));
+    }
+    EXPECT(strcmp(history(fds[0]), "OWR") == 0);
+    EXPECT(strcmp(history(fds[1]), "ORW") == 0);
+    for (int i = 0; i < 20; ++i) {
+        dup2(file, fds[1]);
+        WRITES(fds[1], write(fds[1], &byte, 1));
+        elsewhere(fds[1]);
+    }
+    EXPECT(strcmp(history(fds[1]), "WOWOWOWOWOWOWOWOWOWOW") == 0 && info(fds[1])->opens == 21);
     close(file), close(fds[0]), close(fds[1]);
     errno = 0;
     EXPECT(read(file, &byte, 1) == -1 && errno == EBADF && newest(file, FD_EV_CLOSE, __func__));
 }
 
 static void streams(void) {
-    FILE *stream = fopen("/dev/null", "r");
-    int fd = fileno(stream);
-    OPENED(fd);
-    stream = freopen("/dev/zero", "r", stream);
-    OPENED(fd);
-    EXPECT(info(fd)->opens == info(fd)->closes + 1);
-    fclose(stream);
-    CLOSED(fd);
+    FILE *stream;
+    int fd;
+    for (int wide = 0; wide < 2; ++wide) {
+        stream = wide ? fopen64("/dev/null", "r") : fopen("/dev/null", "r");
+        fd = fileno(stream);
+        OPENED(fd);
+        stream = wide ? freopen64("/dev/zero", "r", stream) : freopen("/dev/zero", "r", stream);
+        OPENED(fd);
+        EXPECT(info(fd)->opens == info(fd)->closes + 1);
+        fclose(stream);
+        CLOSED(fd);
+    }
     fd = open("/dev/null", O_RDONLY);
     stream = fdopen(fd, "r");
     EXPECT(newest(fileno(stream), FD_EV_OPEN, __func__) && fclose(stream) == 0);
     stream = tmpfile();
     EXPECT(newest(fileno(stream), FD_EV_OPEN, __func__) && fclose(stream) == 0);
+    stream = tmpfile64();
+    EXPECT(newest(fileno(stream), FD_EV_OPEN, __func__) && fclose(stream) == 0);
+    char text[4];
+    stream = fmemopen(text, sizeof text, "w"); /* a stream without descriptor */
+    errno = 0;
+    EXPECT(fclose(stream) == 0 && errno == 0);
     stream = popen("exit 3", "r");
     EXPECT(newest(fileno(stream), FD_EV_OPEN, __func__) && pclose(stream) == 3 << 8);
     DIR *directory = opendir("/tmp");
@@ -164,13 +224,6 @@ static void streams(void) {
     directory = fdopendir(open("/tmp", O_RDONLY | O_DIRECTORY));
     EXPECT(newest(dirfd(directory), FD_EV_OPEN, __func__) && closedir(directory) == 0);
     EXPECT(fopen("/nowhere", "r") == NULL && opendir("/nowhere") == NULL && errno == ENOENT);
-}
-
-/* A number that no other part uses, so that a history frozen by an alarm is in nobody's way. */
-static int at(int number, int fd) {
-    const int there = dup2(fd, number);
-    close(fd);
-    return there;
 }
 
 static void double_closes(void) {
@@ -193,6 +246,17 @@ static void double_closes(void) {
     fclose(stream);
     at(33, open("/dev/null", O_RDONLY));
     EXPECT(fclose(closed_stream) == EOF && info(33)->alarms == 1 && close(33) == 0);
+
+    /* A stream whose memory stays. */
+    FILE *volatile input = stdin;
+    fclose(stdin);
+    errno = 0;
+    EXPECT(info(0)->alarms == 0 && fclose(input) == EOF && errno == EBADF && info(0)->alarms == 1);
+
+    /* What has been counted stays right behind an alarm. */
+    const FDInfo before = *info(33);
+    EXPECT(close(at(33, open("/dev/null", O_RDONLY))) == 0 && fclose(closed_stream) == EOF);
+    EXPECT(info(33)->opens == before.opens + 1 && info(33)->closes == before.closes + 2);
 }
 
 /* What must not raise an alarm. */
@@ -212,6 +276,18 @@ static void healthy(void) {
     }
     const int fd = (*table.open)("/dev/null", O_RDONLY);
     (*table.close)(fd);
+    /* A child of vfork works on its parent's memory, but not on its descriptors. */
+    for (int round = 0; round < 4; ++round) {
+        const int null = open("/dev/null", O_RDWR);
+        const pid_t child = vfork();
+        if (child == 0) {
+            dup2(null, 1);
+            close(null);
+            _exit(0);
+        }
+        EXPECT(waitpid(child, NULL, 0) == child && newest(null, FD_EV_OPEN, __func__));
+        close(null);
+    }
     for (int standard = 0; standard < 3; ++standard)
         EXPECT(info(standard)->events == NULL);
 }

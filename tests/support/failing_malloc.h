@@ -11,9 +11,12 @@ struct MallocCalls {
     inline static bool failing_stays = false;
     inline static int allocations = 0;
     inline static int releases = 0;
+    inline static void (*during_allocation)() = nullptr;
 
     static bool fails() {
         ++allocations;
+        if (during_allocation != nullptr)
+            during_allocation();
         if (until_failure == 0 || --until_failure > 0)
             return false;
         until_failure = failing_stays;

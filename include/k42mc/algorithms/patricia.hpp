@@ -1,5 +1,5 @@
 // The algorithms of the Patricia tree, over nodes. Where a node's key lies is a parameter: `Keys` is
-// called with a node and returns its key's bytes, and knows how many `bits` a key has.
+// called with a node and returns its key as bits.hpp has it, and knows how many `bits` a key has.
 //
 // A link leads down when it goes to a larger bit, else up. Two different nodes have equal bits only
 // where the all-zero key meets the key 00...01: whoever follows a key takes that link for one that leads
@@ -12,8 +12,22 @@
 
 namespace k42mc::patricia {
 
+inline bool is_empty(const PTNode *head) {
+    return head->left == head;
+}
+
+// What an ordered walk found out holds until an insertion, or the removal of a node that it is about.
+inline void clear_cache(PTTree *tree) {
+    tree->cursor = tree->head->right = nullptr;
+}
+
+inline void forget(PTTree *tree, const PTNode *removed) {
+    if (tree->cursor == removed || tree->head->right == removed)
+        clear_cache(tree);
+}
+
 // The link that the bits of a key select.
-inline PTNode *&toward(PTNode *node, const uint8_t *key) {
+template <class Key> PTNode *&toward(PTNode *node, Key key) {
     return bits::bit_at(key, node->bit) ? node->right : node->left;
 }
 
@@ -29,14 +43,14 @@ struct Descent {
     PTNode *holder;
     PTNode *end;
 
-    void step(const uint8_t *key) {
+    template <class Key> void step(Key key) {
         parent = holder;
         holder = end;
         end = toward(end, key);
     }
 };
 
-inline Descent descend(PTNode *head, const uint8_t *key) {
+template <class Key> Descent descend(PTNode *head, Key key) {
     Descent descent{head, head, head->left};
     while (descent.end->bit > descent.holder->bit)
         descent.step(key);
@@ -44,53 +58,69 @@ inline Descent descend(PTNode *head, const uint8_t *key) {
 }
 
 // As descend; where the key is not in the tree, the end is the head.
-template <class Keys> Descent search(PTNode *head, const Keys &keys, const uint8_t *key) {
+template <class Keys, class Key> Descent search(PTNode *head, const Keys &keys, Key key) {
     Descent descent = descend(head, key);
     if (descent.end != head && bits::DSKeyDiffers(key, keys(descent.end), keys.bits))
         descent.end = head;
     return descent;
 }
 
-// Links a node that tests `bit` into the link from parent to below.
-inline void link_between(PTNode *parent, PTNode *below, PTNode *node, int bit, const uint8_t *key) {
-    link_to(parent, below) = node;
-    node->bit = static_cast<int16_t>(bit);
-    node->left = node->right = below;
-    toward(node, key) = node;
+// The node with this key, or null.
+template <class Keys, class Key> PTNode *find(PTNode *head, const Keys &keys, Key key) {
+    PTNode *end = search(head, keys, key).end;
+    return end == head ? nullptr : end;
 }
 
-// Links a node and returns null, or returns the node that has its key already. One pass: each node on
-// the way is compared over the bits that are not yet known to agree, up to the one it tests.
-template <class Keys> PTNode *insert(PTNode *head, const Keys &keys, PTNode *node) {
-    const uint8_t *key = keys(node);
+// Where a key leaves the tree: from this bit on it differs from all that is reached through the link
+// from parent to below. With the `bits` of a key it differs nowhere: below is the node that has it, or
+// the head.
+struct Parting {
+    PTNode *parent;
+    PTNode *below;
+    int bit;
+};
+
+// One pass: each node on the way is compared over the bits that are not yet known to agree, up to the
+// one it tests. Calls passed(node, next) for each node that the key goes past.
+template <class Keys, class Key, class Passed>
+Parting part(PTNode *head, const Keys &keys, Key key, Passed passed) {
     PTNode *parent = head;
     PTNode *below = head->left;
     int agreed = 0;
     while (below->bit >= agreed) {
         if (below->bit > agreed) {
             const int bit = bits::DSFirstDiffBit(key, keys(below), agreed, below->bit);
-            if (bit < below->bit) {
-                link_between(parent, below, node, bit, key);
-                return nullptr;
-            }
+            if (bit < below->bit)
+                return {parent, below, bit};
         }
         parent = below;
         below = toward(parent, key);
         agreed = parent->bit + 1;
+        passed(parent, below);
     }
+    return {parent, below,
+            agreed < keys.bits ? bits::DSFirstDiffBit(key, keys(below), agreed, keys.bits) : keys.bits};
+}
 
-    int bit = agreed < keys.bits ? bits::DSFirstDiffBit(key, keys(below), agreed, keys.bits) : keys.bits;
-    if (bit == keys.bits) {
-        if (below != head)
-            return below;
-        bit = keys.bits - 1; // the head only keeps the place of the all-zero key
+// Links a node and returns null, or returns the node that has its key already.
+template <class Keys> PTNode *insert(PTTree *tree, const Keys &keys, PTNode *node) {
+    const auto key = keys(node);
+    Parting at = part(tree->head, keys, key, [](PTNode *, PTNode *) {});
+    if (at.bit == keys.bits) {
+        if (at.below != tree->head)
+            return at.below;
+        at.bit = keys.bits - 1; // the head only keeps the place of the all-zero key
     }
-    link_between(parent, below, node, bit, key);
+    link_to(at.parent, at.below) = node;
+    node->bit = static_cast<int16_t>(at.bit);
+    node->left = node->right = at.below;
+    toward(node, key) = node;
+    clear_cache(tree);
     return nullptr;
 }
 
 // The node above the one given, which must be on the key's path.
-inline PTNode *parent_of(PTNode *head, const PTNode *node, const uint8_t *key) {
+template <class Key> PTNode *parent_of(PTNode *head, const PTNode *node, Key key) {
     PTNode *parent = head;
     for (PTNode *at = head->left; at != node; at = toward(at, key))
         parent = at;
@@ -118,20 +148,23 @@ inline void unlink(PTNode *parent, const Descent &up) {
 }
 
 // Unlinks a node that is in the tree.
-inline void remove(PTNode *head, PTNode *node, const uint8_t *key) {
-    PTNode *parent = parent_of(head, node, key);
+template <class Keys> void remove(PTTree *tree, const Keys &keys, PTNode *node) {
+    const auto key = keys(node);
+    PTNode *parent = parent_of(tree->head, node, key);
     Descent up{parent, node, toward(node, key)};
     while (up.end != node)
         up.step(key);
     unlink(parent, up);
+    forget(tree, node);
 }
 
 // Unlinks and returns the node with this key, or returns null.
-template <class Keys> PTNode *remove_key(PTNode *head, const Keys &keys, const uint8_t *key) {
-    const Descent up = search(head, keys, key);
-    if (up.end == head)
+template <class Keys, class Key> PTNode *remove_key(PTTree *tree, const Keys &keys, Key key) {
+    const Descent up = search(tree->head, keys, key);
+    if (up.end == tree->head)
         return nullptr;
-    unlink(parent_of(head, up.end, key), up);
+    unlink(parent_of(tree->head, up.end, key), up);
+    forget(tree, up.end);
     return up.end;
 }
 

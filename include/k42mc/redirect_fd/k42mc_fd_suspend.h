@@ -16,8 +16,12 @@
 #undef creat64
 #pragma push_macro("mkstemp")
 #undef mkstemp
+#pragma push_macro("mkstemp64")
+#undef mkstemp64
 #pragma push_macro("mkostemp")
 #undef mkostemp
+#pragma push_macro("mkostemp64")
+#undef mkostemp64
 #pragma push_macro("memfd_create")
 #undef memfd_create
 #pragma push_macro("dup")
@@ -88,6 +92,8 @@
 #undef fdopen
 #pragma push_macro("tmpfile")
 #undef tmpfile
+#pragma push_macro("tmpfile64")
+#undef tmpfile64
 #pragma push_macro("popen")
 #undef popen
 #pragma push_macro("freopen")

@@ -61,7 +61,42 @@ void fill(FDEvent &event, const char *name, uint32_t type) {
         event.frameCount = static_cast<uint32_t>(platform::backtrace_skip(event.frames, FD_MOST_FRAMES));
 }
 
+// Takes the last event of this type since the last open or close out of the history. Null if there is
+// none.
+FDEvent *take_last_use(SLList *events, uint32_t type) {
+    bool found = false;
+    FDEvent *ahead = nullptr; // of the one found
+    FDEvent *previous = nullptr;
+    for (auto *event = static_cast<FDEvent *>(SLFirst(events)); event != nullptr;
+         event = static_cast<FDEvent *>(SLNext(events, event))) {
+        if (event->type == type) {
+            found = true;
+            ahead = previous;
+        } else if (event->type <= FD_EV_CLOSE) {
+            found = false;
+        }
+        previous = event;
+    }
+    if (!found)
+        return nullptr;
+    return static_cast<FDEvent *>(ahead != nullptr ? SLRemoveNext(events, ahead)
+                                                   : SLRemoveFirst(events));
+}
+
 } // namespace
+
+void fd_record_use(const char *name, int32_t descriptor, uint32_t type) {
+    SLList *const events = fd_growing_history(descriptor);
+    FDEvent *const last = events != nullptr ? take_last_use(events, type) : nullptr;
+    if (last == nullptr) {
+        FDAddEvent(name, descriptor, type);
+        return;
+    }
+    const ErrnoKeeper errno_keeper;
+    SLInsertLast(events, last);
+    fill(*last, name, type);
+}
+
 } // namespace k42mc
 
 using namespace k42mc;

@@ -2,21 +2,30 @@
 
 #include "checker_lock.h"
 #include "fdcheck/state.h"
+#include "fork.h"
+
+#include <utility>
 
 namespace k42mc {
 
-// gFDLock for a function that records, unless it must not: once the checker is shut down, and on a
-// thread that prints for a checker, since a stream of the process's own may report what is written to
-// it.
+// gFDLock for a function that records, unless it must not: once the checker is shut down; on a thread
+// that prints for a checker, since a stream of the process's own may report what is written to it; and
+// on one that is recording, since an allocator or a signal handler of the process's own may report, too.
 class RecordLock {
 public:
-    RecordLock() {
-        if (held_)
-            pthread_mutex_lock(&gFDLock);
+    explicit RecordLock(bool wanted = true)
+        : held_(wanted && !fd_deinitialized() && !thread_is_printing &&
+                !std::exchange(thread_is_recording, true)) {
+        if (!held_)
+            return;
+        hook_fork();
+        pthread_mutex_lock(&gFDLock);
     }
     ~RecordLock() {
-        if (held_)
-            pthread_mutex_unlock(&gFDLock);
+        if (!held_)
+            return;
+        pthread_mutex_unlock(&gFDLock);
+        thread_is_recording = false;
     }
     RecordLock(const RecordLock &) = delete;
     RecordLock &operator=(const RecordLock &) = delete;
@@ -24,7 +33,7 @@ public:
     explicit operator bool() const { return held_; }
 
 private:
-    const bool held_ = !fd_deinitialized() && !thread_is_printing;
+    const bool held_;
 };
 
 } // namespace k42mc

@@ -65,44 +65,46 @@ bool is_open_directory(const void *directory) {
     return fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-bool seems_closed(int32_t descriptor) {
-    if (gFDITable == nullptr || descriptor < 0 || descriptor >= fd_table_size())
-        return false;
-    const SLList *events = gFDITable[descriptor].events;
-    const auto *newest = events != nullptr ? static_cast<const FDEvent *>(SLLast(events)) : nullptr;
-    return newest != nullptr && newest->type == FD_EV_CLOSE;
+// What happened last to a descriptor. Null where nothing did, or where an alarm has frozen the history.
+const FDEvent *newest_event(int32_t descriptor) {
+    const SLList *events = fd_growing_history(descriptor);
+    return events != nullptr ? static_cast<const FDEvent *>(SLLast(events)) : nullptr;
 }
 
 void add_close(const char *name, int32_t descriptor) {
-    if (seems_closed(descriptor) && is_open_descriptor(descriptor))
+    const FDEvent *newest = newest_event(descriptor);
+    if (newest != nullptr && newest->type == FD_EV_CLOSE && is_open_descriptor(descriptor))
         FDAddEvent("(not routed)", descriptor, FD_EV_OPEN);
     FDAddEvent(name, descriptor, FD_EV_CLOSE);
 }
 
 void add_open(const char *name, const void *address, int32_t descriptor) {
-    if (descriptor >= 0)
-        FDAddEvent(name, descriptor, FD_EV_OPEN);
+    FDAddEvent(name, descriptor, FD_EV_OPEN);
     remember(address, descriptor, false);
+}
+
+// A child of vfork has its parent's histories, but descriptors of its own: it leaves no events.
+RecordLock route_lock() {
+    return RecordLock(!platform::borrows_memory());
 }
 
 // Records the close of a stream or directory. Returns false for the second close of one.
 bool closes(const char *name, const void *address, int32_t (*descriptor_of)(const void *),
             bool (*is_open)(const void *)) {
     const ErrnoKeeper errno_keeper;
-    const RecordLock lock;
+    const RecordLock lock = route_lock();
     if (!lock)
         return true;
     const Handle *handle = find(address);
     if (handle != nullptr && handle->closed && !is_open(address)) {
-        if (!seems_closed(
-                handle->descriptor)) // the number is in use again: what closed it first is past
+        const FDEvent *newest = newest_event(handle->descriptor);
+        if (newest != nullptr && newest->type != FD_EV_CLOSE) // in use again: the first close is past
             FDAddEvent(name, handle->descriptor, FD_EV_CLOSE);
         FDAddEvent(name, handle->descriptor, FD_EV_CLOSE);
         return false;
     }
     const int32_t descriptor = descriptor_of(address);
-    if (descriptor >= 0)
-        add_close(name, descriptor);
+    add_close(name, descriptor);
     remember(address, descriptor, true);
     return true;
 }
@@ -131,7 +133,7 @@ using namespace k42mc;
 
 int k42mcx_fd_opened(const char *name, int descriptor) {
     if (descriptor >= 0)
-        if (const RecordLock lock; lock)
+        if (const RecordLock lock = route_lock(); lock)
             FDAddEvent(name, descriptor, FD_EV_OPEN);
     return descriptor;
 }
@@ -146,22 +148,22 @@ int k42mcx_fd_opened_pair(const char *name, const int *descriptors, int result) 
 
 int k42mcx_fd_closing(const char *name, int descriptor) {
     const ErrnoKeeper errno_keeper;
-    if (const RecordLock lock; lock)
+    if (const RecordLock lock = route_lock(); lock)
         add_close(name, descriptor);
     return descriptor;
 }
 
 ptrdiff_t k42mcx_fd_used(const char *name, int descriptor, unsigned type, ptrdiff_t result) {
     if (result >= 0)
-        if (const RecordLock lock; lock)
-            FDAddEvent(name, descriptor, type);
+        if (const RecordLock lock = route_lock(); lock)
+            fd_record_use(name, descriptor, type);
     return result;
 }
 
 FILE *k42mcx_fd_opened_stream(const char *name, FILE *stream) {
     const ErrnoKeeper errno_keeper;
     if (stream != nullptr)
-        if (const RecordLock lock; lock)
+        if (const RecordLock lock = route_lock(); lock)
             add_open(name, stream, fileno(stream));
     return stream;
 }
@@ -174,7 +176,7 @@ FILE *k42mcx_fd_closing_stream(const char *name, FILE *stream) {
 DIR *k42mcx_fd_opened_directory(const char *name, DIR *directory) {
     const ErrnoKeeper errno_keeper;
     if (directory != nullptr)
-        if (const RecordLock lock; lock)
+        if (const RecordLock lock = route_lock(); lock)
             add_open(name, directory, dirfd(directory));
     return directory;
 }

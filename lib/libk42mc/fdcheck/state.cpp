@@ -18,6 +18,7 @@ constexpr const char *const gFDReportScheme[FD_REPORT_SCHEMES] = {
 namespace k42mc {
 
 constinit pthread_mutex_t gFDLock = PTHREAD_MUTEX_INITIALIZER;
+constinit thread_local bool thread_is_recording = false;
 
 namespace {
 
@@ -37,6 +38,13 @@ int32_t fd_table_size() {
     if (gFDITable != nullptr)
         return gFDITableSize;
     return static_cast<int32_t>(std::min(platform::descriptor_limit(), most_records));
+}
+
+SLList *fd_growing_history(int32_t descriptor) {
+    if (gFDITable == nullptr || descriptor < 0 || descriptor >= fd_table_size())
+        return nullptr;
+    const FDInfo &info = gFDITable[descriptor];
+    return info.alarms == 0 ? info.events : nullptr;
 }
 
 FDInfo *fd_table() {

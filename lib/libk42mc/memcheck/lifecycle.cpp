@@ -1,5 +1,4 @@
 #include "checker_lock.h"
-#include "fork.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
@@ -38,7 +37,6 @@ uint32_t first_initialisation(uint32_t file_type, uint32_t bitmap) {
         MCCloseSink();
         return 0;
     }
-    hook_fork();
     if (!gMCExitHooked) {
         gMCExitHooked = true;
         atexit(MCExit);
@@ -84,6 +82,7 @@ void switch_off() {
 
 // Writes the farewell unless MCDeinit did. Returns whether there is anything to report.
 bool announce_exit() {
+    const TerminalLock terminal;
     const bool locked = pthread_mutex_lock(&gMCLock) == 0;
     const bool on = !gMCDone;
     if (on)

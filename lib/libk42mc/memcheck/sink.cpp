@@ -43,6 +43,14 @@ void open_own_report(OpenedFile &file, const char *directory, time_t now) {
     }
 }
 
+// A wrapper's line may be what opens the file.
+void say(const OpenedFile &file) {
+    char text[path_room + 256];
+    snprintf(text, sizeof text, file.stream != nullptr ? "MC: Reporting to \"%s\"\n" : "%s: %m\n",
+             file.path);
+    write_text(stderr, text, strlen(text));
+}
+
 void open_report_file(bool own) {
     OpenedFile file{};
     const time_t now = time(nullptr);
@@ -58,10 +66,7 @@ void open_report_file(bool own) {
         open_in(K42MC_FALLBACK_DIR);
     gMCReportFile = file.stream;
     sink_inherited = false;
-    if (file.stream != nullptr)
-        fprintf(stderr, "MC: Reporting to \"%s\"\n", file.path);
-    else
-        perror(file.path);
+    say(file);
 }
 
 bool is_regular(int descriptor) {

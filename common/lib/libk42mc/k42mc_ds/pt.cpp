@@ -1,12 +1,12 @@
 // The Patricia tree: creation, insertion, search and removal.
-#include "conventions.h"
+#include "pt_access.h"
 
 #include <k42mc/algorithms/patricia.hpp>
 
-#include <cstddef>
 #include <new>
 
 using namespace k42mc;
+using ds::OffsetKeys;
 
 static_assert(offsetof(PTNode, bit) == 0 && offsetof(PTNode, left) == sizeof(void *) &&
               offsetof(PTNode, right) == 2 * sizeof(void *) && sizeof(PTNode) == 3 * sizeof(void *));
@@ -20,45 +20,6 @@ static_assert(offsetof(PTTree, head) == 0 && offsetof(PTTree, keyOffset) == size
               sizeof(PTTree) == 5 * sizeof(void *) + 8);
 
 namespace {
-
-// The bytes of a key, from the key field of an element or from a key argument.
-const uint8_t *key_bytes(const void *field, uint8_t indirections) {
-    for (; indirections; --indirections)
-        field = bits::load<const void *>(field);
-    return static_cast<const uint8_t *>(field);
-}
-
-// Keys at the offsets that a tree was created with.
-struct OffsetKeys {
-    explicit OffsetKeys(const PTTree *tree)
-        : fromNode(static_cast<ptrdiff_t>(tree->keyOffset) - static_cast<ptrdiff_t>(tree->nodeOffset)),
-          bits(tree->keyBits), indirections(tree->keyIndirections) {}
-
-    const uint8_t *operator()(const PTNode *node) const {
-        return key_bytes(reinterpret_cast<const char *>(node) + fromNode, indirections);
-    }
-
-    ptrdiff_t fromNode;
-    int bits;
-    uint8_t indirections;
-};
-
-PTNode *node_of(const PTTree *tree, const void *element) {
-    return ds::link_at<PTNode>(element, tree->nodeOffset);
-}
-
-void *element_of(const PTTree *tree, const PTNode *node) {
-    return ds::element_at(node, tree->nodeOffset);
-}
-
-void clear_cache(PTTree *tree) {
-    tree->cursor = tree->head->right = nullptr;
-}
-
-void forget(PTTree *tree, const PTNode *removed) {
-    if (tree->cursor == removed || tree->head->right == removed)
-        clear_cache(tree);
-}
 
 // The dummy element has the head as its node. Without indirections its key field holds the all-zero key;
 // with n, a pointer to n - 1 more pointers in a row and then the key, all of which begin at `rest`.
@@ -120,52 +81,44 @@ void PTDeinit(PTTree **handle) {
     *handle = nullptr;
     PTDestroy(tree);
     const DSDeallocHook dealloc = tree->dealloc;
-    dealloc(element_of(tree, tree->head));
+    dealloc(ds::element_of(tree, tree->head));
     dealloc(tree);
 }
 
 void PTDestroy(PTTree *tree) {
     if (ds::owns_elements(tree->destroy))
-        patricia::take_apart(tree->head, [=](PTNode *node) { tree->destroy(element_of(tree, node)); });
+        patricia::take_apart(tree->head,
+                             [=](PTNode *node) { tree->destroy(ds::element_of(tree, node)); });
     tree->head->left = tree->head;
-    clear_cache(tree);
+    patricia::clear_cache(tree);
 }
 
 int PTIsEmpty(const PTTree *tree) {
-    return tree->head->left == tree->head;
+    return patricia::is_empty(tree->head);
 }
 
 void *PTAny(const PTTree *tree) {
-    return PTIsEmpty(tree) ? nullptr : element_of(tree, tree->head->left);
+    return PTIsEmpty(tree) ? nullptr : ds::element_of(tree, tree->head->left);
 }
 
 void PTInsert(PTTree *tree, void *element, void **existing) {
-    const PTNode *present = patricia::insert(tree->head, OffsetKeys(tree), node_of(tree, element));
-    if (!present)
-        clear_cache(tree);
+    const PTNode *present = patricia::insert(tree, OffsetKeys(tree), ds::node_of(tree, element));
     if (existing)
-        *existing = present ? element_of(tree, present) : nullptr;
+        *existing = ds::element_of(tree, present);
 }
 
 void *PTSearch(const PTTree *tree, const void *key) {
-    const patricia::Descent found =
-        patricia::search(tree->head, OffsetKeys(tree), key_bytes(key, tree->keyIndirections));
-    return found.end == tree->head ? nullptr : element_of(tree, found.end);
+    return ds::element_of(tree,
+                          patricia::find(tree->head, OffsetKeys(tree), ds::key_argument(tree, key)));
 }
 
 void PTRemove(PTTree *tree, void *element) {
-    PTNode *node = node_of(tree, element);
-    patricia::remove(tree->head, node, OffsetKeys(tree)(node));
-    forget(tree, node);
+    patricia::remove(tree, OffsetKeys(tree), ds::node_of(tree, element));
 }
 
 void *PTRemoveByKey(PTTree *tree, const void *key) {
-    const PTNode *node =
-        patricia::remove_key(tree->head, OffsetKeys(tree), key_bytes(key, tree->keyIndirections));
-    if (!node)
-        return nullptr;
-    forget(tree, node);
-    return element_of(tree, node);
+    return ds::element_of(tree,
+                          patricia::remove_key(tree, OffsetKeys(tree), ds::key_argument(tree, key)));
 }
 
 void PTRemoveAndDestroy(PTTree *tree, void *element) {

@@ -1,0 +1,104 @@
+// The Patricia tree: ordered access, visits and printouts.
+#include "pt_access.h"
+
+#include <k42mc/algorithms/patricia_walks.hpp>
+
+#include <algorithm>
+
+using namespace k42mc;
+using ds::OffsetKeys;
+
+namespace {
+
+// Says so where there is nothing more to print.
+bool begin_printout(const PTTree *tree, const char *banner) {
+    std::puts(banner);
+    if (!PTIsEmpty(tree))
+        return true;
+    std::puts(">>>>> EMPTY <<<<<");
+    return false;
+}
+
+// What lies in the key field, be it key or pointer, as a number with the first byte on top.
+unsigned shown_key(const void *field, int bits) {
+    const size_t number = bits <= 8    ? bits::big_endian<1>(field) << 24
+                          : bits <= 24 ? bits::big_endian<2>(field) << 16
+                                       : bits::big_endian<4>(field);
+    return static_cast<unsigned>(number);
+}
+
+} // namespace
+
+void *PTFirst(const PTTree *tree) {
+    return ds::element_of(tree, patricia::first(tree->head));
+}
+
+void *PTLast(const PTTree *tree) {
+    return ds::element_of(tree, patricia::last(tree->head));
+}
+
+void *PTNext(PTTree *tree, const void *element) {
+    return ds::element_of(tree,
+                          patricia::next_cached(tree, OffsetKeys(tree), ds::node_of(tree, element)));
+}
+
+void *PTPrev(const PTTree *tree, const void *element) {
+    return ds::element_of(tree,
+                          patricia::prev(tree->head, OffsetKeys(tree), ds::node_of(tree, element)));
+}
+
+void *PTNextByKey(const PTTree *tree, const void *key) {
+    return ds::element_of(
+        tree, patricia::next_by_key(tree->head, OffsetKeys(tree), ds::key_argument(tree, key)));
+}
+
+void PTVisit(const PTTree *tree, int order, DSVisitFn visit) {
+    patricia::walk(tree->head, OffsetKeys(tree), order,
+                   [=](PTNode *node, unsigned) { return visit(ds::element_of(tree, node)), 0; });
+}
+
+int32_t PTVisitWithArg(const PTTree *tree, int order, DSVisitArgFn visit, void *argument) {
+    return patricia::walk(tree->head, OffsetKeys(tree), order, [=](PTNode *node, unsigned) {
+        return visit(ds::element_of(tree, node), argument);
+    });
+}
+
+void PTInfo(const PTTree *tree) {
+    if (begin_printout(tree, "===========PT Info=========")) {
+        uint32_t entries = 0, sum = 0;
+        uint8_t greatest = 0;
+        patricia::walk(tree->head, OffsetKeys(tree), 0, [&](PTNode *, unsigned holder) {
+            const auto depth = static_cast<uint8_t>(holder + 1);
+            ++entries;
+            sum += depth;
+            greatest = std::max(greatest, depth);
+            return 0;
+        });
+        std::printf("> number of entries : %u\n> max height        : %u\n> average height    : %f\n",
+                    entries, greatest, static_cast<double>(sum) / entries);
+    }
+    std::fflush(stdout);
+}
+
+void PTDump(const PTTree *tree) {
+    if (begin_printout(tree, "===========PT Dump=========")) {
+        const OffsetKeys keys(tree);
+        patricia::walk(tree->head, keys, 0, [&](PTNode *node, unsigned holder) {
+            const auto depth = static_cast<uint8_t>(holder);
+            std::printf("%*c%x[%d]\n", 6 * depth - 1, ' ', shown_key(keys.field(node), keys.bits),
+                        node->bit);
+            return 0;
+        });
+    }
+    std::fflush(stdout);
+}
+
+K42MC_EXPORT(PTFirst);
+K42MC_EXPORT(PTLast);
+K42MC_EXPORT(PTNext);
+K42MC_EXPORT(PTPrev);
+K42MC_EXPORT(PTNextByKey);
+K42MC_EXPORT(PTVisit);
+K42MC_EXPORT(PTVisitWithArg);
+K42MC_EXPORT(PTInfo);
+K42MC_EXPORT(PTDump);
