@@ -1,8 +1,8 @@
 // What all contestants go through. A contestant is an adapter around a container: a class that is made
 // for a number of elements, holds none at first, has an Element type, and of these what it can do:
 //   insert(Element &)   as the family inserts
-//   find(Key)           returns what tells whether there is such an element
-//   visit(f)            calls f(Element &) for each, in the container's order
+//   find(Key)           returns the element, or null
+//   visit(f)            calls f(Element &) for each, in the quickest way there is
 //   remove(Element &)   removes this element, which is there
 //   pop()               removes the first element, in the container's order
 //   change(Element &)   puts an element right whose key has changed
@@ -42,6 +42,12 @@ struct no_link {};
 inline int32_t compare(const void *a, const void *b) {
     const Key x = *static_cast<const Key *>(a), y = *static_cast<const Key *>(b);
     return x < y ? -1 : x > y;
+}
+
+// For C functions that walk with a callback and its argument.
+template <class Element, class F> int32_t call(void *element, void *function) {
+    (*static_cast<F *>(function))(*static_cast<Element *>(element));
+    return 0;
 }
 
 // Ours get their memory from where the others get theirs, not from the checked allocator.
@@ -126,8 +132,8 @@ template <class Adapter> void find(benchmark::State &state) {
     Round<Adapter> round(state);
     on_filled(state, round, [&](Adapter &container) {
         for (const size_t i : round.load.order)
-            if (auto found = container.find(round.load.keys[i]); !found)
-                state.SkipWithError("lost an element");
+            if (!container.find(round.load.keys[i]))
+                return state.SkipWithError("lost an element");
     });
 }
 

@@ -32,6 +32,7 @@ struct C {
     }
     ~C() { BHDeinit(&heap); }
     void insert(Element &element) { (void)BHInsert(heap, &element); }
+    template <class F> void visit(F f) { BHVisitWithArg(heap, call<Element, F>, &f); }
     void remove(Element &element) { BHRemove(heap, &element); }
     void pop() { BHRemoveRoot(heap); }
     void change(Element &element) { BHChange(heap, &element); }

@@ -28,10 +28,7 @@ struct C {
     explicit C(size_t) { DLInit(&list, std::malloc, std::free, offsetof(Node, link), DS_DUMMY); }
     ~C() { DLDeinit(&list); }
     void insert(Element &element) { DLInsertLast(list, &element); }
-    template <class F> void visit(F f) {
-        for (void *at = DLFirst(list); at; at = DLNext(list, at))
-            f(*static_cast<Element *>(at));
-    }
+    template <class F> void visit(F f) { DLVisitWithArg(list, DL_FORWARD, call<Element, F>, &f); }
     void remove(Element &element) { DLRemove(list, &element); }
     void pop() { DLRemoveFirst(list); }
 
@@ -84,8 +81,8 @@ struct Glib {
         element.link = queue.tail;
     }
     template <class F> void visit(F f) {
-        for (GList *at = queue.head; at; at = at->next)
-            f(*static_cast<Element *>(at->data));
+        g_queue_foreach(
+            &queue, [](void *element, void *f) { call<Element, F>(element, f); }, &f);
     }
     void remove(Element &element) { g_queue_delete_link(&queue, element.link); }
     void pop() { g_queue_pop_head(&queue); }

@@ -27,10 +27,7 @@ struct C {
     explicit C(size_t) { SLInit(&list, std::malloc, std::free, offsetof(Node, link), DS_DUMMY); }
     ~C() { SLDeinit(&list); }
     void insert(Element &element) { SLInsertFirst(list, &element); }
-    template <class F> void visit(F f) {
-        for (void *at = SLFirst(list); at; at = SLNext(list, at))
-            f(*static_cast<Element *>(at));
-    }
+    template <class F> void visit(F f) { SLVisitWithArg(list, call<Element, F>, &f); }
     void pop() { SLRemoveFirst(list); }
 
     SLList *list;
@@ -70,8 +67,8 @@ struct Glib {
     ~Glib() { g_slist_free(list); }
     void insert(Element &element) { list = g_slist_prepend(list, &element); }
     template <class F> void visit(F f) {
-        for (GSList *at = list; at; at = at->next)
-            f(*static_cast<Element *>(at->data));
+        g_slist_foreach(
+            list, [](void *element, void *f) { call<Element, F>(element, f); }, &f);
     }
     void pop() { list = g_slist_delete_link(list, list); }
 

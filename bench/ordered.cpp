@@ -1,0 +1,167 @@
+// Both trees, beside the same peers.
+#include "bench.h"
+
+#include <k42mc/avl.hpp>
+#include <k42mc/pt.hpp>
+
+#include <boost/intrusive/avl_set.hpp>
+#include <boost/intrusive/set.hpp>
+#include <glib.h>
+#include <set>
+
+namespace {
+
+using namespace bench;
+
+template <class Tree> struct Typed {
+    using Element = typename Tree::value_type;
+    explicit Typed(size_t) : tree(plain) {}
+    void insert(Element &element) { tree.insert(element); }
+    Element *find(Key key) { return tree.search(key); }
+    template <class F> void visit(F f) {
+        tree.visit(0, [&](Element &element) { return f(element), 0; });
+    }
+    void remove(Element &element) { tree.remove(element); }
+
+    Tree tree;
+};
+
+struct AVLC {
+    using Element = bench::Element<AVLNode>;
+    explicit AVLC(size_t) {
+        AVLInit(&tree, std::malloc, std::free, offsetof(Element, link), offsetof(Element, key), compare,
+                DS_DUMMY);
+    }
+    ~AVLC() { AVLDeinit(&tree); }
+    void insert(Element &element) {
+        void *existing;
+        AVLInsert(tree, &element, &existing);
+    }
+    void *find(Key key) { return AVLSearch(tree, &key); }
+    template <class F> void visit(F f) { AVLVisitWithArg(tree, 0, call<Element, F>, &f); }
+    void remove(Element &element) { AVLRemove(tree, &element); }
+
+    AVLTree *tree;
+};
+
+struct PTC {
+    using Element = bench::Element<PTNode>;
+    explicit PTC(size_t) {
+        PTInit(&tree, std::malloc, std::free, offsetof(Element, link), offsetof(Element, key), 32, 0,
+               DS_DUMMY);
+    }
+    ~PTC() { PTDeinit(&tree); }
+    void insert(Element &element) {
+        void *existing;
+        PTInsert(tree, &element, &existing);
+    }
+    void *find(Key key) { return PTSearch(tree, &key); }
+    template <class F> void visit(F f) { PTVisitWithArg(tree, 0, call<Element, F>, &f); }
+    void remove(Element &element) { PTRemove(tree, &element); }
+
+    PTTree *tree;
+};
+
+struct Less {
+    using is_transparent = void;
+    static Key key(Key key) { return key; }
+    template <class Element> static Key key(const Element *element) { return element->key; }
+    template <class A, class B> bool operator()(const A &a, const B &b) const { return key(a) < key(b); }
+};
+
+struct StdSet {
+    using Element = bench::Element<no_link>;
+    explicit StdSet(size_t) {}
+    void insert(Element &element) { set.insert(&element); }
+    Element *find(Key key) {
+        const auto at = set.find(key);
+        return at == set.end() ? nullptr : *at;
+    }
+    template <class F> void visit(F f) {
+        for (Element *element : set)
+            f(*element);
+    }
+    void remove(Element &element) { set.erase(&element); }
+
+    std::set<Element *, Less> set;
+};
+
+struct StdMap {
+    using Element = bench::Element<no_link>;
+    explicit StdMap(size_t) {}
+    void insert(Element &element) { map.emplace(element.key, &element); }
+    Element *find(Key key) {
+        const auto at = map.find(key);
+        return at == map.end() ? nullptr : at->second;
+    }
+    template <class F> void visit(F f) {
+        for (auto &[key, element] : map)
+            f(*element);
+    }
+    void remove(Element &element) { map.erase(element.key); }
+
+    std::map<Key, Element *> map;
+};
+
+namespace intrusive = boost::intrusive;
+
+template <class Element> struct KeyOf {
+    using type = Key;
+    const Key &operator()(const Element &element) const { return element.key; }
+};
+
+template <class Node, class Set> struct Boost {
+    using Element = Node;
+    explicit Boost(size_t) {}
+    void insert(Element &element) { set.insert(element); }
+    Element *find(Key key) {
+        const auto at = set.find(key);
+        return at == set.end() ? nullptr : &*at;
+    }
+    template <class F> void visit(F f) { std::for_each(set.begin(), set.end(), f); }
+    void remove(Element &element) { set.erase(Set::s_iterator_to(element)); }
+
+    Set set;
+};
+
+template <template <class...> class Set, class Hook, class Node = Element<Hook>>
+using BoostOf =
+    Boost<Node, Set<Node, intrusive::member_hook<Node, Hook, &Node::link>,
+                    intrusive::key_of_value<KeyOf<Node>>, intrusive::constant_time_size<false>>>;
+
+using Normal = intrusive::link_mode<intrusive::normal_link>;
+
+struct Glib {
+    using Element = bench::Element<no_link>;
+    explicit Glib(size_t) {}
+    ~Glib() { g_tree_destroy(tree); }
+    void insert(Element &element) { g_tree_insert(tree, &element.key, &element); }
+    void *find(Key key) { return g_tree_lookup(tree, &key); }
+    template <class F> void visit(F f) {
+        const auto visit = [](void *, void *element, void *function) {
+            return call<Element, F>(element, function);
+        };
+        g_tree_foreach(tree, visit, &f);
+    }
+    void remove(Element &element) { g_tree_remove(tree, &element.key); }
+
+    GTree *tree = g_tree_new(compare);
+};
+
+template <class Ours, class OursInC> bool contests(const char *family) {
+    return contest<Ours>(family, "typed") && contest<OursInC>(family, "C") &&
+           contest<StdSet>(family, "std::set") && contest<StdMap>(family, "std::map") &&
+           contest<BoostOf<intrusive::set, intrusive::set_member_hook<Normal>>>(family, "boost::set") &&
+           contest<BoostOf<intrusive::avl_set, intrusive::avl_set_member_hook<Normal>>>(
+               family, "boost::avl_set") &&
+           contest<Glib>(family, "GTree");
+}
+
+using AVLElement = Element<AVLNode>;
+using PTElement = Element<PTNode>;
+[[maybe_unused]] const bool registered[] = {
+    contests<Typed<k42mc::avl_tree<AVLElement, &AVLElement::link, &AVLElement::key>>, AVLC>("AVL"),
+    contests<Typed<k42mc::pt_tree<PTElement, &PTElement::link, &PTElement::key>>, PTC>("PT"),
+};
+
+} // namespace
