@@ -2,6 +2,7 @@
 // processor or system sits behind this header, in a file of its own.
 #pragma once
 
+#include <dirent.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -61,8 +62,10 @@ bool borrows_memory();
 // there is where it has none.
 uint64_t descriptor_limit();
 
-// Whether memory that held a stream once holds one that is open. Looks before it reads.
+// Whether memory that held a stream or a directory once holds one that is open. They look before they
+// read. May change errno.
 bool is_open_stream(const FILE *stream);
+bool is_open_directory(const DIR *directory);
 
 // Writes past all streams; stops at the first failure. May change errno.
 void write_all(int descriptor, const char *bytes, size_t size);

@@ -1,6 +1,8 @@
 #include "platform.h"
 #include "unsanitized.h"
 
+#include <sys/stat.h>
+
 namespace k42mc::platform {
 namespace {
 
@@ -18,6 +20,14 @@ K42MC_UNSANITIZED bool is_open_stream(const FILE *stream) {
     const auto flags = static_cast<unsigned>(*const_cast<const volatile int *>(&stream->_flags));
     constexpr unsigned closed = no_reads | no_writes;
     return (flags & magic_mask) == magic && (flags & closed) != closed;
+}
+
+// A directory begins with its descriptor. Of a freed one that is left, or something that is none.
+K42MC_UNSANITIZED bool is_open_directory(const DIR *directory) {
+    const auto *descriptor = reinterpret_cast<const volatile int *>(directory);
+    struct stat status;
+    return readable(directory, sizeof *descriptor) && fstat(*descriptor, &status) == 0 &&
+           S_ISDIR(status.st_mode);
 }
 
 } // namespace k42mc::platform

@@ -8,7 +8,7 @@
  *     inotify_init inotify_init1 fopen freopen fdopen tmpfile popen opendir fdopendir
  *   closed, before it happens
  *     close fclose freopen pclose closedir
- *   used, once that succeeded; of the reads and of the writes between two opens and closes the last stays
+ *   used, once that succeeded; of the reads, and of the writes, between opens and closes the last stays
  *     read pread readv recv recvfrom recvmsg write pwrite writev send sendto sendmsg
  *
  * and what libc calls these with 64 behind. dup2 and dup3 report the new number as opened; that they

@@ -216,7 +216,8 @@ static void streams(void) {
     char text[4];
     stream = fmemopen(text, sizeof text, "w"); /* a stream without descriptor */
     errno = 0;
-    EXPECT(fclose(stream) == 0 && errno == 0);
+    EXPECT(k42mcx_fd_closing_stream(__func__, stream) == stream && errno == 0);
+    (fclose)(stream);
     stream = popen("exit 3", "r");
     EXPECT(newest(fileno(stream), FD_EV_OPEN, __func__) && pclose(stream) == 3 << 8);
     DIR *directory = opendir("/tmp");

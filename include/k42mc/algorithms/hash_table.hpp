@@ -95,12 +95,13 @@ inline uint32_t hash_4_bytes(const void *key) {
 // Each byte's weight depends on how many bytes follow. Blocks of eight with the weights worked out
 // beforehand leave one multiplication in a block that waits for the block before.
 inline constexpr size_t block_size = 8;
-inline constexpr auto weights = [] {
+constexpr std::array<uint32_t, block_size + 1> powers() {
     std::array<uint32_t, block_size + 1> all{1};
     for (size_t i = 1; i < all.size(); ++i)
         all[i] = all[i - 1] * 65587;
     return all;
-}();
+}
+inline constexpr auto weights = powers();
 
 template <size_t... index> uint32_t hash_of_block(const uint8_t *block, std::index_sequence<index...>) {
     return (... + (block[index] * weights[block_size - 1 - index]));
@@ -130,8 +131,8 @@ inline void push(HTLink **bucket, HTLink *link) {
 
 // What leads to the first link in a chain that matches, or the null at its end.
 template <class Match> HTLink **find(HTLink **at, const Match &match) {
-    for (HTLink *link; (link = *at) && !match(link);)
-        at = &link->next;
+    while (*at && !match(*at))
+        at = &(*at)->next;
     return at;
 }
 

@@ -1,6 +1,6 @@
 /*
- * Sets the macros of redirect_fd.h aside, as they are at this point, while a system header is read. Pairs
- * of this and k42mc_fd_resume.h nest. No include guard: it is there to be read each time.
+ * Sets the macros of redirect_fd.h aside, as they are at this point, while a system header is read.
+ * Pairs of this and k42mc_fd_resume.h nest. No include guard: it is there to be read each time.
  */
 #pragma push_macro("open")
 #undef open

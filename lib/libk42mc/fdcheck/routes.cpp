@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 
 namespace k42mc {
 namespace {
@@ -53,16 +52,6 @@ void remember(const void *address, int32_t descriptor, bool closed) {
 
 bool is_open_descriptor(int32_t descriptor) {
     return fcntl(descriptor, F_GETFD) != -1;
-}
-
-// Of a freed directory the descriptor is left, or something that is none.
-bool is_open_directory(const void *directory) {
-    if (!platform::readable(directory, sizeof(int32_t)))
-        return false;
-    int32_t descriptor;
-    __builtin_memcpy(&descriptor, directory, sizeof descriptor);
-    struct stat status;
-    return fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 // What happened last to a descriptor. Null where nothing did, or where an alarm has frozen the history.
@@ -115,6 +104,14 @@ int32_t descriptor_of_stream(const void *stream) {
 
 bool is_open_stream(const void *stream) {
     return platform::is_open_stream(static_cast<const FILE *>(stream));
+}
+
+int32_t descriptor_of_directory(const void *directory) {
+    return dirfd(static_cast<DIR *>(const_cast<void *>(directory)));
+}
+
+bool is_open_directory(const void *directory) {
+    return platform::is_open_directory(static_cast<const DIR *>(directory));
 }
 
 bool closes_stream(const char *name, FILE *stream) {
@@ -190,11 +187,8 @@ int k42mcx_fd_pclose(const char *name, FILE *stream) {
 }
 
 int k42mcx_fd_closedir(const char *name, DIR *directory) {
-    const auto descriptor = [](const void *address) -> int32_t {
-        return dirfd(static_cast<DIR *>(const_cast<void *>(address)));
-    };
-    return closes(name, directory, descriptor, is_open_directory) ? closedir(directory)
-                                                                  : closed_before();
+    return closes(name, directory, descriptor_of_directory, is_open_directory) ? closedir(directory)
+                                                                               : closed_before();
 }
 
 K42MC_EXPORT(k42mcx_fd_opened);

@@ -22,9 +22,11 @@ static const uint8_t *key_bytes(const void *key) {
 
 // Hands over a whole chain. An element may be gone once it was handed over.
 static void destroy_chain(const PXTable *table, void *element) {
-    for (void *next; element; element = next) {
-        next = PXElements{table}.next(element);
+    const PXElements elements{table};
+    while (element) {
+        void *next = elements.next(element);
         table->destroy(element);
+        element = next;
     }
 }
 
