@@ -67,7 +67,7 @@ public:
     // The order is one of avl's. Ends with the first result of f(T &) that is not 0, and returns it.
     template <class Visit> int32_t visit(uint32_t order, Visit f) const {
         return avl::visit(container->root, order,
-                          [&](const AVLNode *at) -> int32_t { return f(*node::element(at)); });
+                          [&](const AVLNode *at) -> int32_t { return f(node::around(*at)); });
     }
 
     // Hands every element to the destroy hook.
@@ -88,7 +88,7 @@ private:
     }
 
     static auto order_of(const key_type &sought) {
-        return [&sought](const AVLNode *at) { return Compare{}(sought, *key::of(*node::element(at))); };
+        return [&sought](const AVLNode *at) { return Compare{}(sought, *key::of(node::around(*at))); };
     }
 };
 

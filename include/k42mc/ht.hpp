@@ -94,7 +94,7 @@ public:
     // each chain; this need not.
     template <class Function> void visit(Function function) const {
         hash_table::visit(container, [&](const HTLink *at) {
-            function(*link::element(at));
+            function(link::around(*at));
             return 0;
         });
     }
@@ -109,13 +109,13 @@ private:
     }
 
     struct HashOf {
-        uint32_t operator()(const HTLink *at) const { return hash(*key::of(*link::element(at))); }
+        uint32_t operator()(const HTLink *at) const { return hash(*key::of(link::around(*at))); }
     };
 
     struct Has {
         const key_type &sought;
 
-        bool operator()(const HTLink *at) const { return Equal{}(sought, *key::of(*link::element(at))); }
+        bool operator()(const HTLink *at) const { return Equal{}(sought, *key::of(link::around(*at))); }
     };
 
     HTLink **find(const key_type &sought) const {

@@ -81,7 +81,7 @@ public:
     // Calls f(T &) in ascending (0) or descending order; ends at a result other than 0 and returns it.
     template <class F> int32_t visit(int order, F f) const {
         return patricia::walk(head(), keys{}, order,
-                              [&](const PTNode *node, unsigned) { return f(*link::element(node)); });
+                              [&](const PTNode *node, unsigned) { return f(link::around(*node)); });
     }
 
     // Hands every element to the destroy hook.
