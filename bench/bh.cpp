@@ -16,7 +16,7 @@ struct Typed {
     using Element = Node;
     explicit Typed(size_t) : heap({std::realloc, std::free}) {}
     void insert(Element &element) { heap.insert(element); }
-    template <class F> void visit(F f) { std::for_each(heap.begin(), heap.end(), f); }
+    template <class F> void visit(F f) { heap.visit(f); }
     void remove(Element &element) { heap.remove(element); }
     void pop() { heap.remove_root(); }
     void change(Element &element) { heap.change(element); }

@@ -6,6 +6,7 @@ many times as long each peer takes: GLib's containers beside the C functions, al
 ends.
 """
 import json
+import statistics
 import sys
 
 TO_NS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
@@ -13,14 +14,17 @@ TO_NS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 def medians(path):
     """{(family, operation, elements): {contestant: nanoseconds per element}}"""
-    table = {}
+    times = {}
     with open(path, encoding="utf-8") as file:
         for run in json.load(file)["benchmarks"]:
-            if run.get("aggregate_name") != "median":
-                continue
-            family, operation, contestant, n = run["run_name"].split("/")[:4]
-            time = run["real_time"] * TO_NS[run["time_unit"]] / int(n)
-            table.setdefault((family, operation, int(n)), {})[contestant] = time
+            if run["run_type"] == "iteration":
+                time = run["real_time"] * TO_NS[run["time_unit"]]
+                times.setdefault(run["run_name"], []).append(time)
+    table = {}
+    for name, repetitions in times.items():
+        family, operation, contestant, n = name.split("/")[:4]
+        time = statistics.median(repetitions) / int(n)
+        table.setdefault((family, operation, int(n)), {})[contestant] = time
     return table
 
 

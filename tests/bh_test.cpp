@@ -116,7 +116,7 @@ struct Modelled {
     }
 
     void verify() {
-        hooks::Blocks held{nullptr}, walked{nullptr}, iterated{nullptr};
+        hooks::Blocks held{nullptr}, walked{nullptr}, iterated{nullptr}, visited{nullptr};
         for (uint32_t slot = 1; slot <= heap->count; ++slot) {
             held.push_back(reinterpret_cast<char *>(heap->slots[slot]) - offsetof(Item, node));
             ASSERT_EQ(heap->slots[slot]->i, slot);
@@ -125,8 +125,10 @@ struct Modelled {
             walked.push_back(item);
         for (Item &item : view)
             iterated.push_back(&item);
+        view.visit([&](Item &item) { visited.push_back(&item); });
         const hooks::Blocks expected(slots.begin(), slots.end());
-        ASSERT_TRUE(held == expected && walked == expected && iterated == expected);
+        ASSERT_TRUE(held == expected && walked == expected);
+        ASSERT_TRUE(iterated == expected && visited == expected);
         ASSERT_EQ(BHIsEmpty(heap), keys.empty());
         ASSERT_EQ(view.empty(), keys.empty());
         ASSERT_EQ(view.size(), keys.size());

@@ -71,6 +71,14 @@ public:
     k42mc::iterator<bh_view> begin() const { return {*this, first()}; }
     k42mc::iterator<bh_view> end() const { return {*this, nullptr}; }
 
+    // Calls function for each element, in the same order. Iterators have to ask each element for its
+    // slot; this need not.
+    template <class Function> void visit(Function function) const {
+        BHNode *const *slot = container->slots;
+        for (uint32_t n = container->count; n; --n)
+            function(node::around(**++slot));
+    }
+
 protected:
     BHHeap *container;
 };
