@@ -1,4 +1,4 @@
-#include "bench.h"
+#include "standard.h"
 
 #include <k42mc/ht.hpp>
 
@@ -56,39 +56,8 @@ struct Equal {
     template <class Element> bool operator()(Key a, const Element *b) const { return a == b->key; }
 };
 
-struct StdSet {
-    using Element = bench::Element<no_link>;
-    explicit StdSet(size_t) {}
-    void insert(Element &element) { set.insert(&element); }
-    Element *find(Key key) {
-        const auto at = set.find(key);
-        return at == set.end() ? nullptr : *at;
-    }
-    template <class F> void visit(F f) {
-        for (Element *element : set)
-            f(*element);
-    }
-    void remove(Element &element) { set.erase(&element); }
-
-    std::unordered_set<Element *, Hash, Equal> set;
-};
-
-struct StdMap {
-    using Element = bench::Element<no_link>;
-    explicit StdMap(size_t) {}
-    void insert(Element &element) { map.emplace(element.key, &element); }
-    Element *find(Key key) {
-        const auto at = map.find(key);
-        return at == map.end() ? nullptr : at->second;
-    }
-    template <class F> void visit(F f) {
-        for (auto &[key, element] : map)
-            f(*element);
-    }
-    void remove(Element &element) { map.erase(element.key); }
-
-    std::unordered_map<Key, Element *> map;
-};
+using StandardSet = StdSet<std::unordered_set<bench::Element<no_link> *, Hash, Equal>>;
+using StandardMap = StdMap<std::unordered_map<Key, bench::Element<no_link> *>>;
 
 namespace intrusive = boost::intrusive;
 using Hook = intrusive::unordered_set_member_hook<intrusive::link_mode<intrusive::normal_link>>;
@@ -140,8 +109,8 @@ struct Glib {
 [[maybe_unused]] const bool contests[] = {
     contest<Typed>("HT", "typed"),
     contest<C>("HT", "C"),
-    contest<StdSet>("HT", "std::unordered_set"),
-    contest<StdMap>("HT", "std::unordered_map"),
+    contest<StandardSet>("HT", "std::unordered_set"),
+    contest<StandardMap>("HT", "std::unordered_map"),
     contest<Boost>("HT", "boost::unordered_set"),
     contest<Glib>("HT", "GHashTable"),
 };

@@ -1,5 +1,5 @@
 // Both trees, beside the same peers.
-#include "bench.h"
+#include "standard.h"
 
 #include <k42mc/avl.hpp>
 #include <k42mc/pt.hpp>
@@ -69,39 +69,8 @@ struct Less {
     template <class A, class B> bool operator()(const A &a, const B &b) const { return key(a) < key(b); }
 };
 
-struct StdSet {
-    using Element = bench::Element<no_link>;
-    explicit StdSet(size_t) {}
-    void insert(Element &element) { set.insert(&element); }
-    Element *find(Key key) {
-        const auto at = set.find(key);
-        return at == set.end() ? nullptr : *at;
-    }
-    template <class F> void visit(F f) {
-        for (Element *element : set)
-            f(*element);
-    }
-    void remove(Element &element) { set.erase(&element); }
-
-    std::set<Element *, Less> set;
-};
-
-struct StdMap {
-    using Element = bench::Element<no_link>;
-    explicit StdMap(size_t) {}
-    void insert(Element &element) { map.emplace(element.key, &element); }
-    Element *find(Key key) {
-        const auto at = map.find(key);
-        return at == map.end() ? nullptr : at->second;
-    }
-    template <class F> void visit(F f) {
-        for (auto &[key, element] : map)
-            f(*element);
-    }
-    void remove(Element &element) { map.erase(element.key); }
-
-    std::map<Key, Element *> map;
-};
+using StandardSet = StdSet<std::set<bench::Element<no_link> *, Less>>;
+using StandardMap = StdMap<std::map<Key, bench::Element<no_link> *>>;
 
 namespace intrusive = boost::intrusive;
 
@@ -150,7 +119,7 @@ struct Glib {
 
 template <class Ours, class OursInC> bool contests(const char *family) {
     return contest<Ours>(family, "typed") && contest<OursInC>(family, "C") &&
-           contest<StdSet>(family, "std::set") && contest<StdMap>(family, "std::map") &&
+           contest<StandardSet>(family, "std::set") && contest<StandardMap>(family, "std::map") &&
            contest<BoostOf<intrusive::set, intrusive::set_member_hook<Normal>>>(family, "boost::set") &&
            contest<BoostOf<intrusive::avl_set, intrusive::avl_set_member_hook<Normal>>>(
                family, "boost::avl_set") &&

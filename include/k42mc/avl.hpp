@@ -24,8 +24,8 @@ public:
     AVLTree *record() const { return container; }
 
     static int32_t create(AVLTree **tree, const ds_hooks &hooks) {
-        return AVLInit(tree, hooks.alloc, hooks.dealloc, node::offset(), key::offset(), compare,
-                       hooks.destroy);
+        return AVLInit(tree, hooks.alloc, hooks.dealloc, node::offset(), key::offset(),
+                       compare_hook<key_type, Compare>, hooks.destroy);
     }
     static void destroy(AVLTree **tree) { AVLDeinit(tree); }
 
@@ -80,13 +80,6 @@ protected:
     AVLTree *container;
 
 private:
-    // The C functions' hook.
-    static int32_t compare(const void *sought, const void *present) {
-        const auto compared =
-            Compare{}(*static_cast<const key_type *>(sought), *static_cast<const key_type *>(present));
-        return compared < 0 ? -1 : compared > 0;
-    }
-
     static auto order_of(const key_type &sought) {
         return [&sought](const AVLNode *at) { return Compare{}(sought, *key::of(node::around(*at))); };
     }

@@ -20,16 +20,10 @@ struct bh_hooks {
 template <class T, BHNode T::*Node, auto Key, class Compare = std::compare_three_way> class bh_view {
     using node = member<Node>;
     using key = member<Key>;
-    using Value = typename key::value_type;
 
     static constexpr auto order = [](const BHNode *a, const BHNode *b) {
         return Compare()(*key::of(node::around(*a)), *key::of(node::around(*b)));
     };
-
-    static int32_t compare(const void *a, const void *b) {
-        const auto result = Compare()(*static_cast<const Value *>(a), *static_cast<const Value *>(b));
-        return (result > 0) - (result < 0);
-    }
 
 public:
     using value_type = T;
@@ -40,8 +34,8 @@ public:
     BHHeap *record() const { return container; }
 
     static int32_t create(BHHeap **heap, const bh_hooks &hooks) {
-        return BHInit(heap, hooks.realloc, hooks.dealloc, node::offset(), key::offset(), compare,
-                      hooks.destroy);
+        return BHInit(heap, hooks.realloc, hooks.dealloc, node::offset(), key::offset(),
+                      compare_hook<typename key::value_type, Compare>, hooks.destroy);
     }
     static void destroy(BHHeap **heap) { BHDeinit(heap); }
 

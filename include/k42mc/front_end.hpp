@@ -1,9 +1,10 @@
 // What the typed front ends of the containers share.
 //
 // For each family there are two class templates over the element type and its members:
-//   xx_view   refers to a container, as a pointer does: one word, copied freely. It works on every
-//             container of its family whose offsets are the members', whoever created it.
-//   xx_owner  the same and the owner: xx_list, xx_tree, ... create and destroy the container.
+//   xx_view                 refers to a container, as a pointer does: one word, copied freely. It works
+//   on
+//                           every container of its family with the members' offsets, whoever created it.
+//   xx_list, xx_tree, ...   the same, and the owner: it creates and destroys the container.
 // Elements are the caller's, and a container does not make them const: like a span, it gives T & even
 // where it is const itself.
 //
@@ -58,6 +59,12 @@ template <class T, class Value, Value T::*Member> struct member<Member> {
     // The same; null for null.
     static T *element(const Value *value) { return value ? &around(*value) : nullptr; }
 };
+
+// A comparison of keys as the C functions call it. Compare gives what compares with 0.
+template <class Key, class Compare> int32_t compare_hook(const void *a, const void *b) {
+    const auto result = Compare{}(*static_cast<const Key *>(a), *static_cast<const Key *>(b));
+    return (result > 0) - (result < 0);
+}
 
 // A position in the container that a view refers to: an element, or behind the last. What the view calls
 // next() takes it forward, and prev() and last() backward where there are such.

@@ -13,26 +13,23 @@ foreach(name malloc calloc realloc reallocarray posix_memalign aligned_alloc mem
     list(APPEND no_builtins -fno-builtin-${name})
 endforeach()
 
-add_library(k42mc_r_redirect INTERFACE)
-add_library(k42mc_r::redirect ALIAS k42mc_r_redirect)
-set_target_properties(k42mc_r_redirect PROPERTIES EXPORT_NAME redirect)
-target_link_libraries(k42mc_r_redirect INTERFACE k42mc_r)
-target_include_directories(k42mc_r_redirect SYSTEM INTERFACE
-    $<BUILD_INTERFACE:${top}/include/k42mc/redirect>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/k42mc/redirect>)
-target_compile_options(k42mc_r_redirect INTERFACE
-    "$<$<COMPILE_LANGUAGE:C,CXX>:SHELL:-include k42mc/redirect.h>"
-    "$<$<COMPILE_LANGUAGE:C,CXX>:${no_builtins}>")
+# A target whose users' sources in the given languages include k42mc/<name>.h first, and find the wrappers of
+# the system headers in k42mc/<name>/.
+function(k42mc_redirect name languages)
+    add_library(k42mc_r_${name} INTERFACE)
+    add_library(k42mc_r::${name} ALIAS k42mc_r_${name})
+    set_target_properties(k42mc_r_${name} PROPERTIES EXPORT_NAME ${name})
+    target_link_libraries(k42mc_r_${name} INTERFACE k42mc_r)
+    target_include_directories(k42mc_r_${name} SYSTEM INTERFACE
+        $<BUILD_INTERFACE:${top}/include/k42mc/${name}>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/k42mc/${name}>)
+    target_compile_options(k42mc_r_${name} INTERFACE
+        "$<$<COMPILE_LANGUAGE:${languages}>:SHELL:-include k42mc/${name}.h>")
+endfunction()
 
-add_library(k42mc_r_redirect_fd INTERFACE)
-add_library(k42mc_r::redirect_fd ALIAS k42mc_r_redirect_fd)
-set_target_properties(k42mc_r_redirect_fd PROPERTIES EXPORT_NAME redirect_fd)
-target_link_libraries(k42mc_r_redirect_fd INTERFACE k42mc_r)
-target_include_directories(k42mc_r_redirect_fd SYSTEM INTERFACE
-    $<BUILD_INTERFACE:${top}/include/k42mc/redirect_fd>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/k42mc/redirect_fd>)
-target_compile_options(k42mc_r_redirect_fd INTERFACE
-    "$<$<COMPILE_LANGUAGE:C>:SHELL:-include k42mc/redirect_fd.h>")
+k42mc_redirect(redirect C,CXX)
+target_compile_options(k42mc_r_redirect INTERFACE "$<$<COMPILE_LANGUAGE:C,CXX>:${no_builtins}>")
+k42mc_redirect(redirect_fd C)
 
 install(TARGETS k42mc_r k42mc_r_redirect k42mc_r_redirect_fd EXPORT k42mc_r)
 install(DIRECTORY ${top}/include/k42mc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})

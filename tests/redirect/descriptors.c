@@ -23,15 +23,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-static int faults;
-
-#define EXPECT(condition)                                                                               \
-    do {                                                                                                \
-        if (!(condition)) {                                                                             \
-            printf("%s:%d: not so: %s\n", __FILE__, __LINE__, #condition);                              \
-            faults++;                                                                                   \
-        }                                                                                               \
-    } while (0)
+#include "expect.h"
 
 /* A member of such a name is fine as long as the call goes through (*member). */
 static const struct functions {

@@ -18,17 +18,9 @@
 #include <emmintrin.h>
 #endif
 
+#include "expect.h"
+
 extern void posix_part(void);
-
-static int faults;
-
-#define EXPECT(condition)                                                                               \
-    do {                                                                                                \
-        if (!(condition)) {                                                                             \
-            printf("%s:%d: not so: %s\n", __FILE__, __LINE__, #condition);                              \
-            faults++;                                                                                   \
-        }                                                                                               \
-    } while (0)
 
 /* Members of these names are fine as long as the calls go through (*member). */
 static const struct functions {

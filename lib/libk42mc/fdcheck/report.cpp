@@ -120,7 +120,8 @@ void FDReport(uint32_t scheme) {
         return;
     fprintf(stderr, "Showing the last operator for %s\n---\n", gFDReportScheme[scheme]);
     int reported = 0;
-    for (int32_t descriptor = 0; descriptor < fd_table_size(); ++descriptor) {
+    const int32_t size = fd_table_size();
+    for (int32_t descriptor = 0; descriptor < size; ++descriptor) {
         const FDInfo &info = gFDITable[descriptor];
         if (info.events == nullptr)
             continue;

@@ -17,6 +17,8 @@ struct Depths {
         sum += depth;
         greatest = std::max(greatest, depth);
     }
+
+    double average() const { return static_cast<double>(sum) / count; }
 };
 
 inline void print_info(const char *banner, const Depths &depths) {
@@ -24,7 +26,7 @@ inline void print_info(const char *banner, const Depths &depths) {
     if (depths.count) {
         std::printf("> number of entries : %u\n", depths.count);
         std::printf("> max height        : %u\n", depths.greatest);
-        std::printf("> average height    : %f\n", double(depths.sum) / double(depths.count));
+        std::printf("> average height    : %f\n", depths.average());
     } else {
         std::puts(">>>>> EMPTY <<<<<");
     }

@@ -1,23 +1,14 @@
 // The Patricia tree: ordered access, visits and printouts.
 #include "pt_access.h"
 
-#include <k42mc/algorithms/patricia_walks.hpp>
+#include "depths.h"
 
-#include <algorithm>
+#include <k42mc/algorithms/patricia_walks.hpp>
 
 using namespace k42mc;
 using ds::OffsetKeys;
 
 namespace {
-
-// Says so where there is nothing more to print.
-bool begin_printout(const PTTree *tree, const char *banner) {
-    std::puts(banner);
-    if (!PTIsEmpty(tree))
-        return true;
-    std::puts(">>>>> EMPTY <<<<<");
-    return false;
-}
 
 // What lies in the key field, be it key or pointer, as a number with the first byte on top.
 unsigned shown_key(const void *field, int bits) {
@@ -64,32 +55,25 @@ int32_t PTVisitWithArg(const PTTree *tree, int order, DSVisitArgFn visit, void *
 }
 
 void PTInfo(const PTTree *tree) {
-    if (begin_printout(tree, "===========PT Info=========")) {
-        uint32_t entries = 0, sum = 0;
-        uint8_t greatest = 0;
-        patricia::walk(tree->head, OffsetKeys(tree), 0, [&](PTNode *, unsigned holder) {
-            const auto depth = static_cast<uint8_t>(holder + 1);
-            ++entries;
-            sum += depth;
-            greatest = std::max(greatest, depth);
-            return 0;
-        });
-        std::printf("> number of entries : %u\n> max height        : %u\n> average height    : %f\n",
-                    entries, greatest, static_cast<double>(sum) / entries);
-    }
-    std::fflush(stdout);
+    ds::Depths depths;
+    patricia::walk(tree->head, OffsetKeys(tree), 0, [&](PTNode *, unsigned holder) {
+        depths.add(static_cast<uint8_t>(holder + 1));
+        return 0;
+    });
+    ds::print_info("===========PT Info=========", depths);
 }
 
 void PTDump(const PTTree *tree) {
-    if (begin_printout(tree, "===========PT Dump=========")) {
-        const OffsetKeys keys(tree);
-        patricia::walk(tree->head, keys, 0, [&](PTNode *node, unsigned holder) {
-            const auto depth = static_cast<uint8_t>(holder);
-            std::printf("%*c%x[%d]\n", 6 * depth - 1, ' ', shown_key(keys.field(node), keys.bits),
-                        node->bit);
-            return 0;
-        });
-    }
+    const OffsetKeys keys(tree);
+    std::puts("===========PT Dump=========");
+    if (PTIsEmpty(tree))
+        std::puts(">>>>> EMPTY <<<<<");
+    patricia::walk(tree->head, keys, 0, [&](PTNode *node, unsigned holder) {
+        const auto depth = static_cast<uint8_t>(holder);
+        std::printf("%*c%x[%d]\n", 6 * depth - 1, ' ', shown_key(keys.field(node), keys.bits),
+                    node->bit);
+        return 0;
+    });
     std::fflush(stdout);
 }
 

@@ -1,4 +1,5 @@
 // The prefix table: steps in table order, visits, statistics and the check.
+#include "depths.h"
 #include "px_elements.h"
 
 using namespace k42mc;
@@ -22,27 +23,22 @@ template <class Act> int32_t walk(const PXTable *table, Act act) {
 }
 
 void print_statistics(const PXTable *table) {
-    uint32_t prefixes = 0;
+    ds::Depths prefixes;
     uint32_t nodes = 0;
-    uint32_t sum = 0;
-    uint8_t highest = 0;
     walk(table, [&](prefix_table::When now, const PXNode *node, unsigned depth) {
         if (now == prefix_table::When::enter) {
             ++nodes;
-            if (node->element) {
-                const auto height = static_cast<uint8_t>(depth + 1); // counted modulo 256
-                ++prefixes;
-                sum += height;
-                highest = std::max(highest, height);
-            }
+            if (node->element)
+                prefixes.add(static_cast<uint8_t>(depth + 1)); // counted modulo 256
         }
         return 0;
     });
     std::puts("(counting duplicates as one)");
-    std::printf("> number of prefixes : %u\n", prefixes);
-    std::printf("> max height         : %u\n", highest);
-    std::printf("> average height     : %f\n", static_cast<double>(sum) / prefixes);
-    std::printf("> efficiency (%%)     : %f (%u/%u)\n", 100.0 * prefixes / nodes, prefixes, nodes);
+    std::printf("> number of prefixes : %u\n", prefixes.count);
+    std::printf("> max height         : %u\n", prefixes.greatest);
+    std::printf("> average height     : %f\n", prefixes.average());
+    std::printf("> efficiency (%%)     : %f (%u/%u)\n", 100.0 * prefixes.count / nodes, prefixes.count,
+                nodes);
 }
 
 // The number stands for the test that failed.
