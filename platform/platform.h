@@ -8,6 +8,8 @@
 #include <stdio.h>
 #include <time.h>
 
+#include <span>
+
 namespace k42mc::platform {
 
 // ---- Traces ----
@@ -22,6 +24,14 @@ int backtrace_skip(void **frames, int most);
 // included; without the function where no symbol covers the address, without the module where none is
 // loaded there. Allocates nothing and never waits for the loader's lock; keeps errno.
 void backtrace_symbols_fd(void *const *frames, int count, int descriptor);
+
+// Puts where an address lies: the path of its module, cut to the room there is and without a terminator,
+// and the offset from the address that the module was loaded at. Returns the length of the path, 0 where
+// no module is. As free of locks and allocations; keeps errno.
+size_t module_place(const void *address, std::span<char> path, uintptr_t &offset);
+
+// Keeps the library loaded for good. May wait for the loader's lock.
+void stay_loaded();
 
 // ---- Time ----
 

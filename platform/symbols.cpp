@@ -61,25 +61,34 @@ bool is_executable(const Module &module) {
     return program_headers >= module.begin && program_headers < module.end;
 }
 
-// Puts the module's path and opens the file. The link to the executable leads to the file that runs,
-// even if it was deleted or another one has its path now. Without an interpreter the loader itself was
-// run, by hand, with the executable as its argument.
-int put_path(Line &line, const Module &module, uintptr_t path) {
-    char *const text = line.text;
-    if (!is_executable(module)) {
-        line.length = strnlen(text, fetch(own_memory, path, text, most_path_bytes));
-    } else if (getauxval(AT_BASE) != 0) {
-        const ssize_t length = readlink(own_executable, text, most_path_bytes);
-        if (length > 0) {
-            line.length = static_cast<size_t>(length);
-            return open(own_executable, O_RDONLY | O_CLOEXEC);
-        }
+// Puts a module's path, given where the loader has it, and returns its length; `link`: the path was read
+// from the link to the executable. Without an interpreter the loader itself was run, by hand, with the
+// executable as its argument.
+size_t read_path(const Module &module, uintptr_t path, std::span<char> text, bool &link) {
+    link = false;
+    if (!is_executable(module))
+        return strnlen(text.data(), fetch(own_memory, path, text.data(), text.size()));
+    if (getauxval(AT_BASE) != 0) {
+        const ssize_t length = readlink(own_executable, text.data(), text.size());
+        link = length > 0;
+        if (link)
+            return static_cast<size_t>(length);
     }
-    if (line.length == 0 && is_executable(module))
-        line.put(program_invocation_name);
-    text[line.length] = '\0';
+    const size_t length = std::min(strlen(program_invocation_name), text.size());
+    memcpy(text.data(), program_invocation_name, length);
+    return length;
+}
+
+// Puts the module's path and opens the file. The link to the executable leads to the file that runs,
+// even if it was deleted or another one has its path now.
+int put_path(Line &line, const Module &module, uintptr_t path) {
+    bool link;
+    line.length = read_path(module, path, std::span(line.text, most_path_bytes), link);
+    if (link)
+        return open(own_executable, O_RDONLY | O_CLOEXEC);
+    line.text[line.length] = '\0';
     // A path may lead to a pipe by now: do not wait for its writer.
-    return line.length == 0 ? -1 : open(text, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    return line.length == 0 ? -1 : open(line.text, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
 }
 
 // The call is the byte before its return address: one that never returns may end its function.
@@ -119,6 +128,27 @@ void backtrace_symbols_fd(void *const *frames, int count, int descriptor) {
     for (int i = 0; i < count; ++i)
         write_line(reinterpret_cast<uintptr_t>(frames[i]), descriptor);
     errno = kept_errno;
+}
+
+size_t module_place(const void *address, std::span<char> path, uintptr_t &offset) {
+    const int kept_errno = errno;
+    const auto place = reinterpret_cast<uintptr_t>(address);
+    Module module;
+    uintptr_t name = 0;
+    size_t length = 0;
+    bool link;
+    if (find_module(place - 1, module, name)) {
+        length = read_path(module, name, path, link);
+        offset = place - module.base;
+    }
+    errno = kept_errno;
+    return length;
+}
+
+void stay_loaded() {
+    dl_find_object found;
+    if (_dl_find_object(reinterpret_cast<void *>(&stay_loaded), &found) == 0)
+        dlopen(found.dlfo_link_map->l_name, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 }
 
 } // namespace k42mc::platform

@@ -24,6 +24,56 @@ void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_
 /* Releases a block that k42mcx_alloc handed out under this type. Null is ignored. */
 void k42mcx_free(const char *file, int line, int type, void *ptr);
 
+/* ---- Checks and reports on request ----
+ *
+ * Any thread may call these. Limits are numbers in host byte order: a block is reported once it has
+ * survived that many report cycles; 0 reports all.
+ */
+
+/*
+ * Compares the guards of every live recorded block with what they have to be, and stops for nothing.
+ * Each damaged block gets a line on the report sink, "file:line:WO:type:0xADDRESS:size:cycles", or WU
+ * for an underrun, and the trace of its allocation. Returns how many are damaged; 0 while the checker is
+ * off, which it says on standard error. Takes the checker's lock; allocates nothing.
+ */
+unsigned k42mcx_verify(void);
+
+/*
+ * Writes what a report would say as JSON, an object a line, without counting as a cycle: a "cycle", a
+ * "site" for each place and call chain that holds blocks (most bytes first), a "damage" for each damaged
+ * block, whatever it has survived, and an "end". The checker's lock is released before anything is
+ * written. fd  Open for writing; stays open. Returns 0, or -1 with errno: EBADF; ENOMEM, with nothing
+ * written; EINVAL while the checker is off, which it says on standard error; or what write says.
+ */
+int k42mcx_report_json(int fd, uint32_t limit);
+
+#define K42MCX_EXIT_VERIFY 1
+#define K42MCX_EXIT_JSON   2
+
+/*
+ * Asks for more than the report at exit. K42MCX_EXIT_VERIFY: k42mcx_verify ahead of it.
+ * K42MCX_EXIT_JSON: all blocks as JSON after it, in a file beside the report file with ".json" for
+ * ".txt". 0 takes both back. Takes no lock.
+ */
+void k42mcx_at_exit(uint32_t flags);
+
+/*
+ * Calls MCReport with the limit each time the signal arrives, from a thread that the first call starts;
+ * the signal's action is replaced. Signals that arrive while one waits for its report are one. Another
+ * call for the same signal changes the limit, another signal adds. A forked child has no such thread: it
+ * ignores the signals until it calls this function itself. The library stays loaded from then on.
+ * Returns 0 or an errno value: EINVAL for a signal that cannot be caught, EAGAIN without a thread.
+ */
+int k42mcx_report_on_signal(int signo, uint32_t limit);
+
+/*
+ * Tries this folder for report files ahead of the usual ones, and makes it if it is missing. A file
+ * there is never truncated: "-1", "-2" ... goes into the name in front of the extension. What is open
+ * stays. path  Is copied. Null takes the folder back. Returns 0 or an errno value: ENAMETOOLONG for
+ * PATH_MAX bytes or more. Takes the checker's lock.
+ */
+int k42mcx_report_folder(const char *path);
+
 /* ---- Descriptors ---- */
 
 struct _IO_FILE;    /* FILE */

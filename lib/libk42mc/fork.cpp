@@ -4,6 +4,7 @@
 #include "fdcheck/state.h"
 #include "linkage.h"
 #include "memcheck/debug_stream.h"
+#include "memcheck/report_signal.h"
 #include "memcheck/sink.h"
 #include "platform/platform.h"
 
@@ -36,6 +37,7 @@ void after_fork_in_child() {
     if (forked_among_threads)
         platform::freeze_utc_offset();
     leave_sink_to_parent();
+    leave_signals_to_parent();
 }
 
 constinit pthread_once_t hooked = PTHREAD_ONCE_INIT;

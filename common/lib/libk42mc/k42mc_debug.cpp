@@ -294,6 +294,19 @@ ReleasedBlock guard_release(uint32_t arena, void *user, Assurance assurance) {
             .alignment = uint32_t{1} << layout.log2_alignment};
 }
 
+int live_defect(uint32_t arena, const void *user, size_t size) {
+    const uintptr_t address = address_of(user);
+    const uintptr_t tail = address + size;
+    Layout layout{};
+    const Finding finding = examine(arena, address, {.header_readable = true, .tail = tail}, layout);
+    if (layout.tail == tail) [[likely]]
+        return finding.defect == K42MC_DEFECT_NONE ? K42MC_DEFECT_NONE : K42MC_DEFECT_WO;
+    const Word *header = words_at(address - guard_bytes);
+    if (header[magic_word].value == magic || carries_pattern(words_at(tail), tail_words))
+        return K42MC_DEFECT_WU;
+    return K42MC_DEFECT_NONE;
+}
+
 bool guarded_size(const void *user, size_t *size) {
     const uintptr_t address = address_of(user);
     const Word *header = words_at(address - guard_bytes);

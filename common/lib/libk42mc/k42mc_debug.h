@@ -31,4 +31,9 @@ ReleasedBlock guard_release(uint32_t arena, void *user, Assurance assurance);
 // must be readable.
 bool guarded_size(const void *user, size_t *size);
 
+// The defect of a block that is live: K42MC_DEFECT_NONE, _WO or _WU. Header and tail, as the registry's
+// size implies it, must be readable. A block whose memory was released past the registry or never had
+// guards has no defect.
+int live_defect(uint32_t arena, const void *user, size_t size);
+
 } // namespace k42mc

@@ -1,5 +1,6 @@
 #include "checker_lock.h"
 #include "memcheck/control_lock.h"
+#include "memcheck/exit_wishes.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
 
@@ -96,7 +97,9 @@ bool announce_exit() {
 void MCExit() {
     if (!announce_exit())
         return;
+    verify_at_exit();
     MCReport(0);
+    write_json_at_exit();
     const ControlLock lock("MCExit");
     if (!lock || gMCTree == nullptr)
         return;
@@ -116,6 +119,7 @@ void MCInit(uint32_t file_type, uint32_t bitmap) {
     bitmap = __builtin_bswap32(bitmap);
     if (!valid_arguments(file_type, bitmap))
         return;
+    prepare_sink();
     const ControlLock lock("MCInit");
     if (!lock)
         return;

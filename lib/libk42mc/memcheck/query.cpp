@@ -17,12 +17,7 @@ uintptr_t reverse_bytes(uintptr_t address) {
 void print_record(const MCAllocRec &record) {
     fprintf(stderr, "%s:%d:%s:0x%0" PRIXPTR ":%zu:%u\n", record.key.file, record.key.line,
             gAllocatorType[record.key.type], record.address, record.key.size, record.cycles);
-    fflush(stderr);
-    if (record.frameCount > 0)
-        write_backtrace(stderr, "Backtrace of the allocation:\n", record.frames,
-                        static_cast<int>(record.frameCount));
-    else
-        fputs("No backtrace available\n------\n", stderr);
+    write_allocation_trace(stderr, record.frames, record.frameCount);
 }
 
 } // namespace

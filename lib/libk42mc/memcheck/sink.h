@@ -1,6 +1,7 @@
 // The report sink: the stream that every line of the checker's reports goes to.
 #pragma once
 
+#include <stdint.h>
 #include <stdio.h>
 #include <time.h>
 
@@ -14,6 +15,9 @@ extern FILE *gMCReportFile;
 // where a report file of its own takes the place of the parent's.
 FILE *MCSink();
 
+// Makes what opening a report file takes. To be called with no lock held, by whoever may open one.
+void prepare_sink();
+
 // Makes standard error (0) or a report file (1) the sink and says so on standard error. A report file
 // that is open already is kept. Leaves gMCReportFile null when no file can be opened.
 void MCOpenSink(int to_file);
@@ -25,6 +29,13 @@ void MCCloseSink();
 // `flags` adds to the open flags. Null with errno set.
 FILE *open_for_writing(const char *path, int flags);
 
+// Opens a file for more about the same: named as the report file is, with another extension (".json"),
+// or as one would be. Never through a symbolic link. Returns a descriptor; -1 after saying why not.
+int open_beside_report(const char *extension);
+
+// Where the bytes of a sink go.
+int descriptor_of(FILE *out);
+
 // Writes a line that begins with a name of any length to the sink, and flushes it. For the wrappers,
 // which print with gMCLock held: standard error is written past the stream, whose lock comes before
 // ours.
@@ -32,6 +43,9 @@ FILE *open_for_writing(const char *path, int flags);
 
 // Writes a trace below a line that is out already: the title, a line a frame, the closing line.
 void write_backtrace(FILE *out, const char *title, void *const *frames, int count);
+
+// The same for a recorded block, below a line that may be in the stream's buffer.
+void write_allocation_trace(FILE *out, void *const *frames, uint32_t count);
 
 // Around a fork: what is buffered is written by the parent alone.
 void flush_sink();

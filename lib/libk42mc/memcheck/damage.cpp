@@ -1,0 +1,37 @@
+#include "memcheck/damage.h"
+
+#include "k42mc_debug.h"
+#include "platform/platform.h"
+
+#include <iterator>
+
+namespace k42mc {
+
+int GuardInspector::defect(const MCAllocRec &record) {
+    constexpr size_t guard = K42MC_GUARD_OVERHEAD / 2;
+    if (!readable(record.address - guard, guard) || !readable(record.address + record.key.size, guard))
+        return K42MC_DEFECT_NONE;
+    const auto *user =
+        reinterpret_cast<const void *>(record.address); // NOLINT(performance-no-int-to-ptr)
+    return live_defect(record.key.type + 1u, user, record.key.size);
+}
+
+bool GuardInspector::readable(uintptr_t address, size_t size) {
+    const uintptr_t first = address / smallest_page;
+    const uintptr_t last = (address + size - 1) / smallest_page;
+    return page_readable(first) && (last == first || page_readable(last));
+}
+
+bool GuardInspector::page_readable(uintptr_t page) {
+    uintptr_t &known = pages_[page % std::size(pages_)];
+    if (known == page)
+        return page != 0;
+    const auto *address =
+        reinterpret_cast<const void *>(page * smallest_page); // NOLINT(performance-no-int-to-ptr)
+    if (!platform::readable(address, 1))
+        return false;
+    known = page;
+    return true;
+}
+
+} // namespace k42mc

@@ -1,0 +1,90 @@
+// The registry summed up by allocation site, to be looked at once its lock is released.
+#pragma once
+
+#include "memcheck/state.h"
+
+#include <span>
+#include <stdlib.h>
+
+namespace k42mc {
+
+struct CallChain {
+    uint32_t count;
+    void *frames[MCAllocRec::most_frames];
+};
+
+struct Origin {
+    const char *file;
+    int32_t line;
+    uint16_t type;
+    CallChain chain;
+};
+
+struct AllocationSite {
+    Origin origin;
+    MCCounter held;
+    uint32_t oldest;
+    size_t largest;
+};
+
+struct DamagedBlock {
+    Origin origin;
+    int defect;
+    uintptr_t address;
+    size_t size;
+    uint32_t cycles;
+};
+
+// A sequence in memory from the system allocator; its records are plain.
+template <typename Record> struct Sequence {
+    Record *records = nullptr;
+    size_t size = 0;
+    size_t room = 0;
+
+    // Null when memory runs out.
+    Record *add() {
+        if (size == room) {
+            const size_t wanted = room != 0 ? 2 * room : 16;
+            void *grown = realloc(static_cast<void *>(records), wanted * sizeof(Record));
+            if (grown == nullptr)
+                return nullptr;
+            records = static_cast<Record *>(grown);
+            room = wanted;
+        }
+        return &records[size++];
+    }
+};
+
+class Snapshot {
+public:
+    Snapshot() = default;
+    ~Snapshot() { release(); }
+    Snapshot(const Snapshot &) = delete;
+    Snapshot &operator=(const Snapshot &) = delete;
+
+    // Takes in every block, and the sites of those that have survived `limit` cycles. With gMCLock held.
+    // Returns false when memory runs out.
+    bool take(uint32_t limit);
+    void release();
+
+    // Most bytes first.
+    std::span<const AllocationSite> sites() const { return {sites_.records, sites_.size}; }
+    std::span<const DamagedBlock> damaged() const { return {damaged_.records, damaged_.size}; }
+
+    uint32_t cycle = 0;
+    MCCounter live{};
+    MCCounter allocated{};
+    MCCounter freed{};
+
+private:
+    bool take_block(const MCAllocRec &record);
+    bool add_damage(const MCAllocRec &record, int defect);
+    bool grow_slots();
+
+    Sequence<AllocationSite> sites_;
+    Sequence<DamagedBlock> damaged_;
+    uint32_t *slots_ = nullptr; // open addressing: the number of a site, from 1
+    size_t slot_count_ = 0;     // a power of two
+};
+
+} // namespace k42mc

@@ -1,0 +1,50 @@
+#include "memcheck/control_lock.h"
+#include "memcheck/damage.h"
+#include "memcheck/sink.h"
+
+#include <inttypes.h>
+
+namespace k42mc {
+namespace {
+
+void print_damage(const MCAllocRec &record, int defect) {
+    FILE *out = MCSink();
+    fprintf(out, "%s:%d:%s:%s:0x%0" PRIXPTR ":%zu:%u\n", record.key.file, record.key.line,
+            k42mc_defect_desc[defect], gAllocatorType[record.key.type], record.address, record.key.size,
+            record.cycles);
+    write_allocation_trace(out, record.frames, record.frameCount);
+}
+
+unsigned print_damaged_blocks() {
+    GuardInspector inspector;
+    unsigned damaged = 0;
+    const auto *record = static_cast<MCAllocRec *>(DLFirst(gMCList));
+    for (; record != nullptr; record = static_cast<MCAllocRec *>(DLNext(gMCList, record))) {
+        const int defect = inspector.defect(*record);
+        if (defect != K42MC_DEFECT_NONE) [[unlikely]] {
+            print_damage(*record, defect);
+            ++damaged;
+        }
+    }
+    fflush(MCSink());
+    return damaged;
+}
+
+} // namespace
+} // namespace k42mc
+
+using namespace k42mc;
+
+unsigned k42mcx_verify() {
+    static constexpr const char *name = "k42mcx_verify";
+    const ControlLock lock(name);
+    if (!lock)
+        return 0;
+    if (gMCTree == nullptr) {
+        say_not_initialized(name);
+        return 0;
+    }
+    return print_damaged_blocks();
+}
+
+K42MC_EXPORT(k42mcx_verify);
