@@ -1,0 +1,200 @@
+// Reports as JSON, at exit, into a folder of the process's own, and on a signal.
+#include "checker.h"
+#include "ended.h"
+
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <regex>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using JsonReport = WithChecker;
+
+// What is written, with what differs from run to run replaced.
+std::string json(uint32_t limit) {
+    std::string text = captured_stdout([&] { EXPECT_EQ(k42mcx_report_json(STDOUT_FILENO, limit), 0); });
+    text = std::regex_replace(text, std::regex("\"pid\":\\d+,\"time\":\\d{10},"), "");
+    return std::regex_replace(text,
+                              std::regex("\"chain\":\\[\"/[^\"]*json_report_test\\+0x[0-9a-f]+\","
+                                         "(\"/[^\"]*\\+0x[0-9a-f]+\",?)+\\]"),
+                              "CHAIN");
+}
+
+std::string cycle(const std::string &rest) {
+    return "{\"kind\":\"cycle\",\"program\":\"json_report_test\",\"width\":" +
+           std::to_string(8 * sizeof(void *)) + "," + rest + "\n";
+}
+
+void *from_one_place(size_t size) {
+    return k42MC_malloc("s.c", 1, size);
+}
+
+TEST_F(JsonReport, SumsUpBySiteWithoutAging) {
+    EXPECT_EQ(json(0),
+              cycle("\"cycle\":0,\"limit\":0,\"blocks\":0,\"bytes\":0,\"allocated\":{\"blocks\":0,"
+                    "\"bytes\":0},\"freed\":{\"blocks\":0,\"bytes\":0}}") +
+                  "{\"kind\":\"end\",\"sites\":0,\"damaged\":0}\n");
+    char *volatile blocks[3];
+    const std::string text = captured_stderr([&] {
+        for (int i = 0; i < 3; ++i) {
+            blocks[i] = static_cast<char *>(from_one_place(10 + size_t(i)));
+            if (i == 1)
+                MCReport(K42MC_BE32(99));
+        }
+    });
+    // From here on all lines differ, and a name holds what needs an escape.
+    void *odd = k42MC_malloc("\"\\\n\xc3\xa4\xff.c", 2, 1000);
+    blocks[1][11] = char(blocks[1][11] ^ 1);
+    k42MC_free("s.c", 3, k42MC_malloc("s.c", 3, 7));
+    const std::string counts = "\"blocks\":4,\"bytes\":1033,\"allocated\":{\"blocks\":5,\"bytes\":1040},"
+                               "\"freed\":{\"blocks\":1,\"bytes\":7}}";
+    const std::string damage = "{\"kind\":\"damage\",\"cycle\":1,\"defect\":\"WO\",\"file\":\"s.c\","
+                               "\"line\":1,\"type\":\"STD\","
+                               "\"address\":\"" +
+                               address(blocks[1]) + "\",\"size\":11,\"cycles\":1,CHAIN}\n";
+    const std::string end = ",\"damaged\":1}\n";
+    for (int again = 0; again < 2; ++again)
+        EXPECT_EQ(json(0),
+                  cycle("\"cycle\":1,\"limit\":0," + counts) +
+                      "{\"kind\":\"site\",\"cycle\":1,\"file\":\"\\\"\\\\\\u000a\xc3\xa4\\ufffd.c\","
+                      "\"line\":2,\"type\":\"STD\",CHAIN,\"blocks\":1,\"bytes\":1000,\"oldest\":0,"
+                      "\"largest\":1000}\n"
+                      "{\"kind\":\"site\",\"cycle\":1,\"file\":\"s.c\",\"line\":1,\"type\":\"STD\","
+                      "CHAIN,\"blocks\":3,\"bytes\":33,\"oldest\":1,\"largest\":12}\n" +
+                      damage + "{\"kind\":\"end\",\"sites\":2" + end);
+    EXPECT_EQ(json(1),
+              cycle("\"cycle\":1,\"limit\":1," + counts) +
+                  "{\"kind\":\"site\",\"cycle\":1,\"file\":\"s.c\",\"line\":1,\"type\":\"STD\",CHAIN,"
+                  "\"blocks\":2,\"bytes\":21,\"oldest\":1,\"largest\":11}\n" +
+                  damage + "{\"kind\":\"end\",\"sites\":1" + end);
+    blocks[1][11] = char(blocks[1][11] ^ 1);
+    for (char *block : blocks)
+        k42MC_free("s.c", 4, block);
+    k42MC_free("s.c", 4, odd);
+}
+
+TEST_F(JsonReport, SaysWhyItFailed) {
+    errno = 0;
+    EXPECT_EQ(k42mcx_report_json(-1, 0), -1);
+    EXPECT_EQ(errno, EBADF);
+    const int reading = open("/dev/null", O_RDONLY);
+    EXPECT_EQ(k42mcx_report_json(reading, 0), -1);
+    EXPECT_EQ(errno, EBADF);
+    close(reading);
+    checker_off();
+    const std::string text =
+        captured_stderr([] { EXPECT_EQ(k42mcx_report_json(STDOUT_FILENO, 0), -1); });
+    EXPECT_EQ(text, "k42mcx_report_json: ERROR: MC not currently initialized\n");
+    EXPECT_EQ(k42mcx_report_folder(std::string(PATH_MAX, 'a').c_str()), ENAMETOOLONG);
+    EXPECT_EQ(k42mcx_report_on_signal(SIGKILL, 0), EINVAL);
+    EXPECT_EQ(k42mcx_report_on_signal(0, 0), EINVAL);
+}
+
+// The files in a folder, by name, with the time cut out.
+std::map<std::string, std::string> files(const fs::path &folder) {
+    std::map<std::string, std::string> found;
+    for (const auto &entry : fs::directory_iterator(folder))
+        found[std::regex_replace(entry.path().filename().string(), std::regex("\\d{12}"), "T")] =
+            contents(entry.path());
+    return found;
+}
+
+TEST(ExitReport, VerifiesAndWritesJsonIntoAFolderOfItsOwn) {
+    const fs::path folder = fs::temp_directory_path() / ("k42mc_json_" + std::to_string(getpid()));
+    const Ended end = ended([&] {
+        k42mcx_report_folder(folder.c_str());
+        k42mcx_at_exit(K42MCX_EXIT_VERIFY | K42MCX_EXIT_JSON);
+        MCInit(K42MC_BE32(MC_TO_FILE), 0);
+        volatile char *volatile block = static_cast<char *>(k42MC_malloc("e.c", 1, 10));
+        block[10] = 0;
+    });
+    EXPECT_TRUE(end.exited(0));
+    auto found = files(folder);
+    EXPECT_EQ(found.size(), 2u);
+    const std::string text = found["json_report_test.MC.T.txt"];
+    const size_t exit = text.find("==========MC exit==========\ne.c:1:WO:STD:0x");
+    EXPECT_NE(exit, std::string::npos) << text;
+    EXPECT_LT(exit, text.find("<cycle 1>"));
+    EXPECT_CONTAINS(found["json_report_test.MC.T.json"],
+                    "{\"kind\":\"site\",\"cycle\":1,\"file\":\"e.c\"");
+    EXPECT_ENDS(found["json_report_test.MC.T.json"], "{\"kind\":\"end\",\"sites\":1,\"damaged\":1}\n");
+    fs::remove_all(folder);
+}
+
+TEST(ReportFolder, KeepsFilesThatAreThere) {
+    const fs::path folder = fs::temp_directory_path() / ("k42mc_kept_" + std::to_string(getpid()));
+    const Ended end = ended([&] {
+        k42mcx_report_folder((folder.string() + "/").c_str());
+        for (int i = 0; i < 20; ++i) { // within a second or two
+            MCInit(K42MC_BE32(MC_TO_FILE), 0);
+            MCDeinit();
+        }
+    });
+    EXPECT_TRUE(end.exited(0));
+    size_t reports = 0;
+    for (const auto &entry : fs::directory_iterator(folder)) {
+        ++reports;
+        EXPECT_STARTS(contents(entry.path()), "==========MC init==========\n");
+    }
+    EXPECT_EQ(reports, 20u);
+    EXPECT_TRUE(files(folder).contains("json_report_test.MC.T-1.txt"));
+    fs::remove_all(folder);
+}
+
+// Waits until the process has reported that often. Cycles are counted past the interface, in the JSON.
+void wait_for_cycle(unsigned wanted) {
+    const std::string text = "\"cycle\":" + std::to_string(wanted) + ",\"limit\"";
+    const int file = memfd_create("cycles", MFD_CLOEXEC);
+    for (std::string seen; !contains(seen, text);) {
+        usleep(1000);
+        ftruncate(file, 0) == 0 ? lseek(file, 0, SEEK_SET) : 0;
+        k42mcx_report_json(file, 99);
+        seen = contents("/proc/self/fd/" + std::to_string(file));
+    }
+    close(file);
+}
+
+TEST(ReportOnSignal, ReportsFromAThreadOfItsOwn) {
+    const Ended end = ended([] {
+        alarm(60);
+        MCInit(0, 0);
+        k42mcx_report_on_signal(SIGUSR1, 5);
+        k42mcx_report_on_signal(SIGUSR1, 1); // the limit in force
+        k42mcx_report_on_signal(SIGUSR2, 9);
+        void *block = k42MC_malloc("g.c", 1, 10);
+        kill(getpid(), SIGUSR1);
+        wait_for_cycle(1);
+        kill(getpid(), SIGUSR2);
+        wait_for_cycle(2);
+        const pid_t child = fork();
+        if (child == 0) {
+            kill(getpid(), SIGUSR1); // ignored: there is no thread
+            k42mcx_report_on_signal(SIGUSR2, 3);
+            kill(getpid(), SIGUSR2);
+            wait_for_cycle(3);
+            _exit(7);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        k42MC_free("g.c", 2, block);
+        _exit(status == 7 << 8 ? 0 : 1);
+    });
+    EXPECT_TRUE(end.exited(0)) << end.err;
+    std::string lines;
+    for (size_t at = 0; at < end.err.size();) {
+        const std::string line = line_at(end.err, at);
+        at += line.size() + 1;
+        if (contains(line, "<cycle") || contains(line, ":LK:"))
+            lines += std::regex_replace(line, std::regex("0x[0-9A-F]+"), "A") + "\n";
+    }
+    EXPECT_EQ(lines, "-----------<cycle 1>-----------\ng.c:1:LK:STD:A:10:1\n"
+                     "-----------<cycle 2>-----------\n"
+                     "-----------<cycle 3>-----------\ng.c:1:LK:STD:A:10:3\n");
+}
+
+} // namespace
