@@ -136,6 +136,17 @@ TEST(Hangs, NotInAChildForkedAheadOfTheFirstEvent) {
     EXPECT_TRUE(end.exited(0));
 }
 
+// fflush(NULL) holds libc's list of streams while it waits for each.
+TEST(Hangs, NotWhileAllStreamsAreFlushed) {
+    const auto flush = [] { fflush(nullptr); };
+    const auto report_to_files = [] {
+        start(MC_TO_FILE);
+        MCReport(0);
+        MCDeinit();
+    };
+    EXPECT_TRUE(side_by_side(report_to_files, flush).exited(0));
+}
+
 // A constructor of a library runs with the loader's lock held.
 TEST(Hangs, NotWhileALibraryIsLoaded) {
     const auto load = [] {
