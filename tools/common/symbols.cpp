@@ -1,0 +1,166 @@
+#include "symbols.h"
+
+#include <cstdlib>
+#include <cxxabi.h>
+#include <dwarf.h>
+#include <elfutils/libdwfl.h>
+#include <map>
+
+namespace {
+
+constexpr Dwfl_Callbacks callbacks = {
+    .find_elf = dwfl_build_id_find_elf,
+    .find_debuginfo = dwfl_standard_find_debuginfo,
+    .section_address = dwfl_offline_section_address,
+    .debuginfo_path = nullptr,
+};
+
+struct EndDwfl {
+    void operator()(Dwfl *dwfl) const { dwfl_end(dwfl); }
+};
+
+struct Free {
+    void operator()(void *memory) const { free(memory); }
+};
+
+// One file, laid out by libdw as if it were loaded.
+struct Module {
+    std::unique_ptr<Dwfl, EndDwfl> dwfl;
+    Dwfl_Module *module = nullptr;
+    GElf_Addr bias = 0;       // of libdw's layout over the file's own addresses
+    GElf_Addr first_page = 0; // the file's own address of the start of its first segment
+};
+
+std::string demangled(const char *name) {
+    if (name == nullptr)
+        return {};
+    int status = 0;
+    const std::unique_ptr<char, Free> text(abi::__cxa_demangle(name, nullptr, nullptr, &status));
+    return status == 0 ? text.get() : name;
+}
+
+GElf_Addr first_page_of(Elf *elf) {
+    constexpr GElf_Addr page_mask = 4095;
+    size_t count = 0;
+    elf_getphdrnum(elf, &count);
+    for (size_t i = 0; i < count; ++i) {
+        GElf_Phdr segment;
+        if (gelf_getphdr(elf, static_cast<int>(i), &segment) != nullptr && segment.p_type == PT_LOAD)
+            return segment.p_vaddr & ~page_mask;
+    }
+    return 0;
+}
+
+Module open_module(const std::string &path) {
+    Module module{.dwfl = std::unique_ptr<Dwfl, EndDwfl>(dwfl_begin(&callbacks))};
+    module.module = dwfl_report_offline(module.dwfl.get(), "", path.c_str(), -1);
+    dwfl_report_end(module.dwfl.get(), nullptr, nullptr);
+    if (module.module == nullptr)
+        return module;
+    if (Elf *elf = dwfl_module_getelf(module.module, &module.bias))
+        module.first_page = first_page_of(elf);
+    return module;
+}
+
+// A scope's name as the linker knows it, else as the source has it.
+std::string name_of(Dwarf_Die *scope) {
+    Dwarf_Attribute attribute;
+    for (const unsigned which : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name})
+        if (dwarf_attr_integrate(scope, which, &attribute) != nullptr)
+            return demangled(dwarf_formstring(&attribute));
+    const char *name = dwarf_diename(scope);
+    return name != nullptr ? name : "";
+}
+
+Dwarf_Word number(Dwarf_Die *scope, unsigned which) {
+    Dwarf_Attribute attribute;
+    Dwarf_Word value = 0;
+    if (dwarf_attr(scope, which, &attribute) != nullptr)
+        dwarf_formudata(&attribute, &value);
+    return value;
+}
+
+void place_at_call(Dwarf_Die *scope, Dwarf_Die *unit, SourceFrame &frame) {
+    Dwarf_Files *files = nullptr;
+    size_t count = 0;
+    const Dwarf_Word file = number(scope, DW_AT_call_file);
+    frame.file.clear();
+    if (dwarf_getsrcfiles(unit, &files, &count) == 0 && file < count)
+        if (const char *path = dwarf_filesrc(files, file, nullptr, nullptr))
+            frame.file = path;
+    frame.line = static_cast<int>(number(scope, DW_AT_call_line));
+}
+
+// The scopes around an address, innermost first, through all that was inlined there.
+struct Scopes {
+    std::unique_ptr<Dwarf_Die[], Free> dies;
+    int count = 0;
+};
+
+Scopes scopes_around(Dwarf_Die *unit, Dwarf_Addr address) {
+    Dwarf_Die *dies = nullptr;
+    if (dwarf_getscopes(unit, address, &dies) <= 0)
+        return {};
+    Dwarf_Die innermost = dies[0];
+    free(dies);
+    dies = nullptr;
+    const int count = dwarf_getscopes_die(&innermost, &dies);
+    return {std::unique_ptr<Dwarf_Die[], Free>(dies), count};
+}
+
+// Replaces the one frame that the symbol table gives by those that debug information tells apart.
+void unfold_inlined(Module &module, GElf_Addr address, std::vector<SourceFrame> &frames) {
+    Dwarf_Addr bias = 0;
+    Dwarf_Die *unit = dwfl_module_addrdie(module.module, address, &bias);
+    if (unit == nullptr)
+        return;
+    SourceFrame frame = frames.back();
+    frames.clear();
+    const Scopes scopes = scopes_around(unit, address - bias);
+    for (int i = 0; i < scopes.count; ++i) {
+        Dwarf_Die *scope = &scopes.dies[static_cast<size_t>(i)];
+        if (dwarf_tag(scope) == DW_TAG_subprogram)
+            break;
+        if (dwarf_tag(scope) != DW_TAG_inlined_subroutine)
+            continue;
+        frames.push_back({name_of(scope), frame.file, frame.line, true});
+        place_at_call(scope, unit, frame);
+    }
+    frames.push_back(std::move(frame));
+}
+
+} // namespace
+
+struct Symbolizer::Modules {
+    std::map<std::string, Module, std::less<>> by_path;
+
+    Module &at(std::string_view path) {
+        const auto found = by_path.find(path);
+        if (found != by_path.end())
+            return found->second;
+        return by_path.emplace(path, open_module(std::string(path))).first->second;
+    }
+};
+
+Symbolizer::Symbolizer() : modules_(std::make_unique<Modules>()) {}
+
+Symbolizer::~Symbolizer() = default;
+
+std::vector<SourceFrame> Symbolizer::lookup(std::string_view module_and_offset) {
+    std::vector<SourceFrame> frames(1);
+    const size_t plus = module_and_offset.rfind("+0x");
+    if (plus == std::string_view::npos)
+        return frames;
+    Module &module = modules_->at(module_and_offset.substr(0, plus));
+    if (module.module == nullptr)
+        return frames;
+    const std::string offset(module_and_offset.substr(plus + 1));
+    const GElf_Addr own = strtoull(offset.c_str(), nullptr, 16) + module.first_page;
+    const GElf_Addr address = own + module.bias - 1; // in the call, not behind it
+    frames[0].function = demangled(dwfl_module_addrname(module.module, address));
+    if (Dwfl_Line *line = dwfl_module_getsrc(module.module, address))
+        if (const char *path = dwfl_lineinfo(line, nullptr, &frames[0].line, nullptr, nullptr, nullptr))
+            frames[0].file = path;
+    unfold_inlined(module, address, frames);
+    return frames;
+}

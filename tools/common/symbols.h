@@ -1,0 +1,32 @@
+// From addresses in reports to functions and source lines.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct SourceFrame {
+    std::string function; // demangled; empty when no symbol covers the address
+    std::string file;     // empty when there is no debug information
+    int line = 0;
+    bool inlined = false; // into the frame that follows
+};
+
+// Reads each module once and keeps it open. Not for several threads at a time.
+class Symbolizer {
+public:
+    Symbolizer();
+    ~Symbolizer();
+    Symbolizer(const Symbolizer &) = delete;
+    Symbolizer &operator=(const Symbolizer &) = delete;
+
+    // What stands at a return address, written "/usr/lib/libfoo.so.1+0x1a2b": the functions around the
+    // call ahead of it, innermost first. The offset counts from where the module is loaded. Always at
+    // least one frame; an empty one when nothing is known.
+    std::vector<SourceFrame> lookup(std::string_view module_and_offset);
+
+private:
+    struct Modules;
+    std::unique_ptr<Modules> modules_;
+};
