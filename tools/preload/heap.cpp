@@ -1,0 +1,154 @@
+// The malloc family, over guarded blocks. The wrappers' own calls of these names come back here, from
+// inside the checker, and go to libc; so does what libc allocates while the checker prints.
+#include "depth.h"
+#include "guarded.h"
+#include "libc.h"
+#include "session.h"
+#include "site.h"
+
+#include <k42mc/k42mc.h>
+
+#include <bit>
+#include <dlfcn.h>
+#include <errno.h>
+#include <malloc.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+__thread int checker_depth = 0;
+
+namespace {
+
+#define CALLER __builtin_return_address(0)
+
+void *allocate(const void *caller, size_t size) {
+    if (checker_depth != 0)
+        return __libc_malloc(size);
+    const InsideChecker inside;
+    return k42MC_malloc(site_of(caller), 0, size);
+}
+
+void *resize(const void *caller, void *ptr, size_t size) {
+    if (ptr == nullptr)
+        return allocate(caller, size);
+    if (checker_depth != 0)
+        return __libc_realloc(ptr, size);
+    if (!is_guarded(ptr) && !was_guarded(ptr))
+        return __libc_realloc(ptr, size);
+    const InsideChecker inside;
+    return k42mcx_realloc(site_of(caller), 0, ptr, size);
+}
+
+// libc rounds alignments up to a power of two.
+void *allocate_aligned(const void *caller, size_t alignment, size_t size) {
+    if (checker_depth != 0)
+        return __libc_memalign(alignment, size);
+    const InsideChecker inside;
+    return k42mcx_memalign(site_of(caller), 0, alignment, size);
+}
+
+size_t page_size() {
+    return static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+// Inside the checker, blocks that libc allocated outside of it stay where they are: releasing one would
+// want the lock that this thread may hold.
+void release(const void *caller, void *ptr) {
+    if (ptr == nullptr)
+        return;
+    if (checker_depth != 0) {
+        if (called_by_checker(caller) || !is_guarded(ptr))
+            __libc_free(ptr);
+        return;
+    }
+    if (!is_guarded(ptr) && !was_guarded(ptr)) {
+        __libc_free(ptr);
+        return;
+    }
+    const InsideChecker inside;
+    k42MC_free(site_of(caller), 0, ptr);
+}
+
+} // namespace
+
+extern "C" {
+
+[[gnu::visibility("default")]] void *malloc(size_t size) {
+    return allocate(CALLER, size);
+}
+
+[[gnu::visibility("default")]] void *calloc(size_t nmemb, size_t size) {
+    if (checker_depth != 0)
+        return __libc_calloc(nmemb, size);
+    const InsideChecker inside;
+    return k42MC_calloc(site_of(CALLER), 0, nmemb, size);
+}
+
+[[gnu::visibility("default")]] void *realloc(void *ptr, size_t size) {
+    return resize(CALLER, ptr, size);
+}
+
+[[gnu::visibility("default")]] void *reallocarray(void *ptr, size_t nmemb, size_t size) {
+    size_t bytes;
+    if (__builtin_mul_overflow(nmemb, size, &bytes)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return resize(CALLER, ptr, bytes);
+}
+
+[[gnu::visibility("default")]] void free(void *ptr) {
+    release(CALLER, ptr);
+}
+
+[[gnu::visibility("default")]] void cfree(void *ptr) {
+    release(CALLER, ptr);
+}
+
+[[gnu::visibility("default")]] void *memalign(size_t alignment, size_t size) {
+    return allocate_aligned(CALLER, alignment, size);
+}
+
+[[gnu::visibility("default")]] void *aligned_alloc(size_t alignment, size_t size) {
+    return allocate_aligned(CALLER, alignment, size);
+}
+
+[[gnu::visibility("default")]] void *valloc(size_t size) {
+    return allocate_aligned(CALLER, page_size(), size);
+}
+
+[[gnu::visibility("default")]] void *pvalloc(size_t size) {
+    const size_t page = page_size();
+    size_t padded;
+    if (__builtin_add_overflow(size, page - 1, &padded)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return allocate_aligned(CALLER, page, padded & -page);
+}
+
+[[gnu::visibility("default")]] int posix_memalign(void **memptr, size_t alignment, size_t size) {
+    if (alignment < sizeof(void *) || !std::has_single_bit(alignment))
+        return EINVAL;
+    const int saved_errno = errno;
+    void *block = allocate_aligned(CALLER, alignment, size);
+    errno = saved_errno;
+    if (block == nullptr)
+        return ENOMEM;
+    *memptr = block;
+    return 0;
+}
+
+[[gnu::visibility("default")]] size_t malloc_usable_size(void *ptr) {
+    if (ptr == nullptr)
+        return 0;
+    if (is_guarded(ptr)) {
+        const InsideChecker inside;
+        return k42mcx_malloc_usable_size(ptr);
+    }
+    using UsableSize = size_t (*)(void *);
+    const InsideChecker inside; // dlsym may allocate
+    const auto libc = reinterpret_cast<UsableSize>(dlsym(RTLD_NEXT, "malloc_usable_size"));
+    return libc != nullptr ? libc(ptr) : 0;
+}
+}

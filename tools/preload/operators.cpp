@@ -1,0 +1,149 @@
+// operator new and delete, over guarded blocks of their own types, so that mixed-up releases show.
+// Linked without the C++ library: a program that has operators to call brings it.
+#include "depth.h"
+#include "guarded.h"
+#include "libc.h"
+#include "site.h"
+
+#include <k42mc/extra.h>
+#include <k42mc/memcheck.h>
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <new>
+#include <stdlib.h>
+
+namespace {
+
+#define CALLER   __builtin_return_address(0)
+#define EXPORTED [[gnu::visibility("default")]]
+
+template <class Function> Function *in_process(const char *name) {
+    const InsideChecker inside; // dlsym may allocate
+    return reinterpret_cast<Function *>(dlsym(RTLD_DEFAULT, name));
+}
+
+void *try_once(const void *caller, int type, size_t alignment, size_t size) {
+    const InsideChecker inside;
+    return k42mcx_alloc(site_of(caller), 0, type, alignment, size);
+}
+
+// Null when there is no memory and no handler left to make some. Handlers may throw.
+void *try_allocate(const void *caller, int type, size_t alignment, size_t size) {
+    for (;;) {
+        if (void *block = try_once(caller, type, alignment, size))
+            return block;
+        const auto get_handler = in_process<std::new_handler()>("_ZSt15get_new_handlerv");
+        const std::new_handler handler = get_handler != nullptr ? get_handler() : nullptr;
+        if (handler == nullptr || errno == EINVAL)
+            return nullptr;
+        handler();
+    }
+}
+
+void *allocate(const void *caller, int type, size_t alignment, size_t size) {
+    if (void *block = try_allocate(caller, type, alignment, size))
+        return block;
+    if (const auto throw_bad_alloc = in_process<void()>("_ZSt17__throw_bad_allocv"))
+        throw_bad_alloc();
+    abort();
+}
+
+void release(const void *caller, int type, void *block) {
+    if (block == nullptr)
+        return;
+    if (!is_guarded(block) && !was_guarded(block)) {
+        __libc_free(block);
+        return;
+    }
+    const InsideChecker inside;
+    k42mcx_free(site_of(caller), 0, type, block);
+}
+
+// The least that a guarded block can be told to have.
+size_t least(std::align_val_t alignment) {
+    const auto wanted = static_cast<size_t>(alignment);
+    return wanted < sizeof(void *) ? sizeof(void *) : wanted;
+}
+
+} // namespace
+
+EXPORTED void *operator new(size_t size) {
+    return allocate(CALLER, MC_FIX, 1, size);
+}
+
+EXPORTED void *operator new[](size_t size) {
+    return allocate(CALLER, MC_VAR, 1, size);
+}
+
+EXPORTED void *operator new(size_t size, const std::nothrow_t &) noexcept {
+    return try_allocate(CALLER, MC_FIX, 1, size);
+}
+
+EXPORTED void *operator new[](size_t size, const std::nothrow_t &) noexcept {
+    return try_allocate(CALLER, MC_VAR, 1, size);
+}
+
+EXPORTED void *operator new(size_t size, std::align_val_t alignment) {
+    return allocate(CALLER, MC_FIX, least(alignment), size);
+}
+
+EXPORTED void *operator new[](size_t size, std::align_val_t alignment) {
+    return allocate(CALLER, MC_VAR, least(alignment), size);
+}
+
+EXPORTED void *operator new(size_t size, std::align_val_t alignment, const std::nothrow_t &) noexcept {
+    return try_allocate(CALLER, MC_FIX, least(alignment), size);
+}
+
+EXPORTED void *operator new[](size_t size, std::align_val_t alignment, const std::nothrow_t &) noexcept {
+    return try_allocate(CALLER, MC_VAR, least(alignment), size);
+}
+
+EXPORTED void operator delete(void *block) noexcept {
+    release(CALLER, MC_FIX, block);
+}
+
+EXPORTED void operator delete[](void *block) noexcept {
+    release(CALLER, MC_VAR, block);
+}
+
+EXPORTED void operator delete(void *block, const std::nothrow_t &) noexcept {
+    release(CALLER, MC_FIX, block);
+}
+
+EXPORTED void operator delete[](void *block, const std::nothrow_t &) noexcept {
+    release(CALLER, MC_VAR, block);
+}
+
+EXPORTED void operator delete(void *block, size_t) noexcept {
+    release(CALLER, MC_FIX, block);
+}
+
+EXPORTED void operator delete[](void *block, size_t) noexcept {
+    release(CALLER, MC_VAR, block);
+}
+
+EXPORTED void operator delete(void *block, std::align_val_t) noexcept {
+    release(CALLER, MC_FIX, block);
+}
+
+EXPORTED void operator delete[](void *block, std::align_val_t) noexcept {
+    release(CALLER, MC_VAR, block);
+}
+
+EXPORTED void operator delete(void *block, std::align_val_t, const std::nothrow_t &) noexcept {
+    release(CALLER, MC_FIX, block);
+}
+
+EXPORTED void operator delete[](void *block, std::align_val_t, const std::nothrow_t &) noexcept {
+    release(CALLER, MC_VAR, block);
+}
+
+EXPORTED void operator delete(void *block, size_t, std::align_val_t) noexcept {
+    release(CALLER, MC_FIX, block);
+}
+
+EXPORTED void operator delete[](void *block, size_t, std::align_val_t) noexcept {
+    release(CALLER, MC_VAR, block);
+}
