@@ -5,8 +5,7 @@
 #include "libc.h"
 #include "site.h"
 
-#include <k42mc/extra.h>
-#include <k42mc/memcheck.h>
+#include <k42mc/k42mc.h>
 
 #include <dlfcn.h>
 #include <errno.h>

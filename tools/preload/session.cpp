@@ -27,7 +27,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-extern "C" int k42mcx_report_json(int fd, uint32_t limit) __attribute__((weak));
 extern "C" int __cxa_atexit(void (*function)(void *), void *argument, void *library);
 
 namespace {
@@ -56,8 +55,6 @@ int open_file(const char *extension, int flags) {
 }
 
 void write_json() {
-    if (k42mcx_report_json == nullptr)
-        return;
     const int file = open_file("json", O_APPEND);
     if (file < 0)
         return;

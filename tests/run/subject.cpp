@@ -1,0 +1,96 @@
+// A program that knows nothing of the checker, with bugs to order: subject <what>.
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <malloc.h>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// Through a pointer that the compiler cannot see through.
+char *volatile kept;
+
+[[gnu::noinline]] void leaky_function() {
+    kept = strdup("eleven long");
+    kept = nullptr;
+}
+
+// Released by the last destructors.
+struct Late {
+    ~Late() { free(memory); }
+    void *memory = malloc(100);
+} late;
+
+void churn() {
+    for (size_t i = 1; i < 20000; ++i) {
+        auto text = std::make_unique<std::string>(i % 300, 'x');
+        void *block = realloc(malloc(i % 77), i % 500 + 1);
+        free(block);
+        auto *numbers = new int[i % 50];
+        delete[] numbers;
+    }
+}
+
+bool sound_interface() {
+    void *block = nullptr;
+    if (posix_memalign(&block, 4096, 10) != 0 || reinterpret_cast<uintptr_t>(block) % 4096 != 0)
+        return false;
+    free(block);
+    block = calloc(3, 7);
+    const bool size_kept = malloc_usable_size(block) == 21;
+    free(block);
+    block = malloc(0);
+    const bool zero_is_a_block = block != nullptr;
+    free(block);
+    return size_kept && zero_is_a_block;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const std::string_view what = argc > 1 ? argv[1] : "";
+    if (what == "leak")
+        leaky_function();
+    else if (what == "interface")
+        return sound_interface() ? 0 : 1;
+    else if (what == "status")
+        return 7;
+    else if (what == "signal")
+        raise(SIGTERM);
+    else if (what == "overrun") {
+        kept = static_cast<char *>(malloc(10));
+        kept[10] = 'x';
+    } else if (what == "double-free") {
+        kept = static_cast<char *>(malloc(10));
+        free(kept);
+        free(kept);
+    } else if (what == "mixed") {
+        kept = reinterpret_cast<char *>(new int);
+        free(kept);
+    } else if (what == "threads") {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i)
+            threads.emplace_back(churn);
+        for (std::thread &thread : threads)
+            thread.join();
+    } else if (what == "fork") {
+        if (fork() == 0) {
+            leaky_function();
+            return 0;
+        }
+        wait(nullptr);
+    } else if (what == "exec") {
+        execl(argv[0], argv[0], "leak", nullptr);
+    } else if (what == "dlopen") {
+        void *module = dlopen("libresolv.so.2", RTLD_NOW);
+        if (module == nullptr || dlclose(module) != 0)
+            return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,11 @@
+#include "commands.h"
+
+#include <CLI/CLI.hpp>
+
+int main(int argc, char **argv) {
+    CLI::App app("Finds memory and descriptor bugs of programs while they run.", "k42mc");
+    app.require_subcommand(1);
+    for (const auto add : {add_run})
+        add(app);
+    CLI11_PARSE(app, argc, argv);
+}

@@ -1,0 +1,115 @@
+#include "launch.h"
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <elf.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *shim_name = "libk42mc_preload.so";
+
+struct Width {
+    int bits;
+    unsigned char elf_class;
+    const char *triplet;
+};
+
+constexpr std::array widths = {Width{64, ELFCLASS64, "x86_64-linux-gnu"},
+                               Width{32, ELFCLASS32, "i386-linux-gnu"}};
+
+// Beside the command, where the system keeps libraries of the width, or in the build of the other width.
+fs::path find_shim(const Width &width) {
+    const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
+    std::string sibling = here;
+    if (const size_t at = sibling.rfind("64"); at != std::string::npos)
+        sibling.replace(at, 2, std::to_string(width.bits));
+    for (const fs::path &folder : {fs::path(sibling), here.parent_path() / "lib" / width.triplet})
+        if (fs::exists(folder / shim_name))
+            return folder;
+    return {};
+}
+
+// As the shell finds it.
+std::string find_program(const std::string &name) {
+    if (name.find('/') != std::string::npos)
+        return name;
+    const char *path = getenv("PATH");
+    std::istringstream folders(path != nullptr ? path : "/usr/bin:/bin");
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        const std::string candidate = folder + "/" + name;
+        if (access(candidate.c_str(), X_OK) == 0)
+            return candidate;
+    }
+    return name;
+}
+
+// Of a script, its interpreter's class; 0 for what cannot be read.
+unsigned char elf_class_of(const std::string &program, int most_interpreters = 4) {
+    std::ifstream file(program, std::ios::binary);
+    std::string head(EI_NIDENT, '\0');
+    if (!file.read(head.data(), EI_NIDENT))
+        file.clear();
+    if (head.starts_with(ELFMAG))
+        return static_cast<unsigned char>(head[EI_CLASS]);
+    if (!head.starts_with("#!") || most_interpreters == 0)
+        return 0;
+    file.seekg(2);
+    std::string interpreter;
+    file >> interpreter;
+    return elf_class_of(interpreter, most_interpreters - 1);
+}
+
+} // namespace
+
+std::string lay_out_preload(const std::string &folder, const std::string &program) {
+    if (folder.find_first_of(" :$") != std::string::npos)
+        throw std::runtime_error("the loader cannot read folder names with blanks, colons or dollars: " +
+                                 folder);
+    const unsigned char wanted = elf_class_of(find_program(program));
+    fs::create_directories(folder + "/lib");
+    for (const Width &width : widths) {
+        const fs::path shims = find_shim(width);
+        const fs::path link = fs::path(folder) / "lib" / width.triplet;
+        if (shims.empty() && width.elf_class == wanted)
+            throw std::runtime_error("no " + std::to_string(width.bits) + "-bit " + shim_name +
+                                     " is installed");
+        fs::remove(link);
+        if (!shims.empty())
+            fs::create_directory_symlink(shims, link);
+    }
+    return folder + "/$LIB/" + shim_name;
+}
+
+int launch(const std::vector<std::string> &command, const std::vector<Setting> &environment) {
+    std::vector<char *> arguments;
+    for (const std::string &word : command)
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    const pid_t child = fork();
+    if (child < 0)
+        throw std::runtime_error(std::string("fork: ") + strerror(errno));
+    if (child == 0) {
+        for (const Setting &setting : environment)
+            setenv(setting.variable.c_str(), setting.value.c_str(), 1);
+        execvp(arguments[0], arguments.data());
+        fprintf(stderr, "k42mc run: %s: %s\n", arguments[0], strerror(errno));
+        _exit(errno == ENOENT ? 127 : 126);
+    }
+    // The keyboard's signals are the program's to answer.
+    signal(SIGINT, SIG_IGN);
+    signal(SIGQUIT, SIG_IGN);
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR)
+        continue;
+    return status;
+}
