@@ -3,6 +3,7 @@
 set -uo pipefail
 
 k42mc=$1 subject=$2
+[[ -x $k42mc ]] || exit 77 # the 64-bit build is missing
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1

@@ -133,6 +133,7 @@ void unfold_inlined(Module &module, GElf_Addr address, std::vector<SourceFrame> 
 
 struct Symbolizer::Modules {
     std::map<std::string, Module, std::less<>> by_path;
+    std::map<std::string, std::vector<SourceFrame>, std::less<>> known; // by what was asked
 
     Module &at(std::string_view path) {
         const auto found = by_path.find(path);
@@ -140,18 +141,27 @@ struct Symbolizer::Modules {
             return found->second;
         return by_path.emplace(path, open_module(std::string(path))).first->second;
     }
+
+    std::vector<SourceFrame> find(std::string_view module_and_offset);
 };
 
 Symbolizer::Symbolizer() : modules_(std::make_unique<Modules>()) {}
 
 Symbolizer::~Symbolizer() = default;
 
-std::vector<SourceFrame> Symbolizer::lookup(std::string_view module_and_offset) {
+const std::vector<SourceFrame> &Symbolizer::lookup(std::string_view module_and_offset) {
+    const auto found = modules_->known.find(module_and_offset);
+    if (found != modules_->known.end())
+        return found->second;
+    return modules_->known.emplace(module_and_offset, modules_->find(module_and_offset)).first->second;
+}
+
+std::vector<SourceFrame> Symbolizer::Modules::find(std::string_view module_and_offset) {
     std::vector<SourceFrame> frames(1);
     const size_t plus = module_and_offset.rfind("+0x");
     if (plus == std::string_view::npos)
         return frames;
-    Module &module = modules_->at(module_and_offset.substr(0, plus));
+    Module &module = at(module_and_offset.substr(0, plus));
     if (module.module == nullptr)
         return frames;
     const std::string offset(module_and_offset.substr(plus + 1));

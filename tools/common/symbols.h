@@ -13,7 +13,8 @@ struct SourceFrame {
     bool inlined = false; // into the frame that follows
 };
 
-// Reads each module once and keeps it open. Not for several threads at a time.
+// Reads each module once and keeps it open, and remembers what it has found. Not for several threads at
+// a time.
 class Symbolizer {
 public:
     Symbolizer();
@@ -23,8 +24,8 @@ public:
 
     // What stands at a return address, written "/usr/lib/libfoo.so.1+0x1a2b": the functions around the
     // call ahead of it, innermost first. The offset counts from where the module is loaded. Always at
-    // least one frame; an empty one when nothing is known.
-    std::vector<SourceFrame> lookup(std::string_view module_and_offset);
+    // least one frame; an empty one when nothing is known. Valid as long as this is.
+    const std::vector<SourceFrame> &lookup(std::string_view module_and_offset);
 
 private:
     struct Modules;

@@ -21,11 +21,11 @@ constexpr const char *shim_name = "libk42mc_preload.so";
 struct Width {
     int bits;
     unsigned char elf_class;
-    const char *triplet;
+    std::vector<const char *> folders; // what the system's loaders put for $LIB
 };
 
-constexpr std::array widths = {Width{64, ELFCLASS64, "x86_64-linux-gnu"},
-                               Width{32, ELFCLASS32, "i386-linux-gnu"}};
+const std::array widths = {Width{64, ELFCLASS64, {"lib/x86_64-linux-gnu"}},
+                           Width{32, ELFCLASS32, {"lib/i386-linux-gnu", "lib32"}}};
 
 // Beside the command, where the system keeps libraries of the width, or in the build of the other width.
 fs::path find_shim(const Width &width) {
@@ -33,7 +33,10 @@ fs::path find_shim(const Width &width) {
     std::string sibling = here;
     if (const size_t at = sibling.rfind("64"); at != std::string::npos)
         sibling.replace(at, 2, std::to_string(width.bits));
-    for (const fs::path &folder : {fs::path(sibling), here.parent_path() / "lib" / width.triplet})
+    std::vector<fs::path> candidates = {sibling};
+    for (const char *folder : width.folders)
+        candidates.push_back(here.parent_path() / folder);
+    for (const fs::path &folder : candidates)
         if (fs::exists(folder / shim_name))
             return folder;
     return {};
@@ -79,13 +82,15 @@ std::string lay_out_preload(const std::string &folder, const std::string &progra
     fs::create_directories(folder + "/lib");
     for (const Width &width : widths) {
         const fs::path shims = find_shim(width);
-        const fs::path link = fs::path(folder) / "lib" / width.triplet;
         if (shims.empty() && width.elf_class == wanted)
             throw std::runtime_error("no " + std::to_string(width.bits) + "-bit " + shim_name +
                                      " is installed");
-        fs::remove(link);
-        if (!shims.empty())
-            fs::create_directory_symlink(shims, link);
+        for (const char *name : width.folders) {
+            const fs::path link = fs::path(folder) / name;
+            fs::remove(link);
+            if (!shims.empty())
+                fs::create_directory_symlink(shims, link);
+        }
     }
     return folder + "/$LIB/" + shim_name;
 }
