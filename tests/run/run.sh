@@ -1,8 +1,9 @@
 #!/bin/bash
-# k42mc run on a program that was built without it: run.sh <k42mc> <subject>.
+# k42mc run on a program that was built without it: run.sh <k42mc> <subject> <program with
+# operators of its own>.
 set -uo pipefail
 
-k42mc=$1 subject=$2
+k42mc=$1 subject=$2 own_operators=$3
 [[ -x $k42mc ]] || exit 77 # the 64-bit build is missing
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -65,5 +66,8 @@ run 134 double-free
 grep -q '^k42mc detected DF: alloc(STD) free(STD)' out || fail 'no DF'
 run 134 mixed
 grep -q '^k42mc detected BF: alloc(FIX) free(STD)' out || fail 'no BF'
+
+subject=$own_operators
+run 0 '' --verify --error-exitcode 99
 
 exit $failed

@@ -9,6 +9,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <link.h>
 #include <new>
 #include <stdlib.h>
 
@@ -22,9 +23,35 @@ template <class Function> Function *in_process(const char *name) {
     return reinterpret_cast<Function *>(dlsym(RTLD_DEFAULT, name));
 }
 
+const link_map *module_of(void *function) {
+    dl_find_object object;
+    return _dl_find_object(function, &object) == 0 ? object.dlfo_link_map : nullptr;
+}
+
+// Whether the program has an operator new or delete of its own. The other forms are then to lead to it,
+// as the C++ library's do, and no block can be told by its type.
+bool replaced() {
+    enum { unknown, no, yes };
+    static constinit int answer = unknown;
+    if (answer == unknown) {
+        void *(*const allocating)(size_t) = ::operator new;
+        void (*const releasing)(void *) = ::operator delete;
+        const link_map *own = module_of(reinterpret_cast<void *>(module_of));
+        answer = module_of(reinterpret_cast<void *>(allocating)) == own &&
+                         module_of(reinterpret_cast<void *>(releasing)) == own
+                     ? no
+                     : yes;
+    }
+    return answer == yes;
+}
+
+int shown_type(int type) {
+    return replaced() ? MC_STD : type;
+}
+
 void *try_once(const void *caller, int type, size_t alignment, size_t size) {
     const InsideChecker inside;
-    return k42mcx_alloc(site_of(caller), 0, type, alignment, size);
+    return k42mcx_alloc(site_of(caller), 0, shown_type(type), alignment, size);
 }
 
 // Null when there is no memory and no handler left to make some. Handlers may throw.
@@ -56,7 +83,7 @@ void release(const void *caller, int type, void *block) {
         return;
     }
     const InsideChecker inside;
-    k42mcx_free(site_of(caller), 0, type, block);
+    k42mcx_free(site_of(caller), 0, shown_type(type), block);
 }
 
 // The least that a guarded block can be told to have.
@@ -72,14 +99,20 @@ EXPORTED void *operator new(size_t size) {
 }
 
 EXPORTED void *operator new[](size_t size) {
+    if (replaced())
+        return ::operator new(size);
     return allocate(CALLER, MC_VAR, 1, size);
 }
 
 EXPORTED void *operator new(size_t size, const std::nothrow_t &) noexcept {
+    if (replaced())
+        return ::operator new(size);
     return try_allocate(CALLER, MC_FIX, 1, size);
 }
 
 EXPORTED void *operator new[](size_t size, const std::nothrow_t &) noexcept {
+    if (replaced())
+        return ::operator new[](size);
     return try_allocate(CALLER, MC_VAR, 1, size);
 }
 
@@ -104,22 +137,32 @@ EXPORTED void operator delete(void *block) noexcept {
 }
 
 EXPORTED void operator delete[](void *block) noexcept {
+    if (replaced())
+        return ::operator delete(block);
     release(CALLER, MC_VAR, block);
 }
 
 EXPORTED void operator delete(void *block, const std::nothrow_t &) noexcept {
+    if (replaced())
+        return ::operator delete(block);
     release(CALLER, MC_FIX, block);
 }
 
 EXPORTED void operator delete[](void *block, const std::nothrow_t &) noexcept {
+    if (replaced())
+        return ::operator delete[](block);
     release(CALLER, MC_VAR, block);
 }
 
 EXPORTED void operator delete(void *block, size_t) noexcept {
+    if (replaced())
+        return ::operator delete(block);
     release(CALLER, MC_FIX, block);
 }
 
 EXPORTED void operator delete[](void *block, size_t) noexcept {
+    if (replaced())
+        return ::operator delete[](block);
     release(CALLER, MC_VAR, block);
 }
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "suppressions.h"
-#include "symbols.h"
+#include "tools/common/symbols.h"
 
 #include <map>
 #include <ostream>

@@ -1,6 +1,6 @@
-#include "commands.h"
 #include "run/findings.h"
 #include "run/launch.h"
+#include "tools/commands.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
