@@ -1,5 +1,5 @@
-#include "run/findings.h"
-#include "run/launch.h"
+#include "findings.h"
+#include "launch.h"
 #include "tools/commands.h"
 
 #include <CLI/CLI.hpp>
