@@ -45,7 +45,7 @@ unsigned k42mcx_verify(void);
  * written. fd  Open for writing; stays open. Returns 0, or -1 with errno: EBADF; ENOMEM, with nothing
  * written; EINVAL while the checker is off, which it says on standard error; or what write says.
  */
-int k42mcx_report_json(int fd, uint32_t limit);
+int k42mcx_report_json(int fd, __UINT32_TYPE__ limit);
 
 #define K42MCX_EXIT_VERIFY 1
 #define K42MCX_EXIT_JSON   2
@@ -55,7 +55,7 @@ int k42mcx_report_json(int fd, uint32_t limit);
  * K42MCX_EXIT_JSON: all blocks as JSON after it, in a file beside the report file with ".json" for
  * ".txt". 0 takes both back. Takes no lock.
  */
-void k42mcx_at_exit(uint32_t flags);
+void k42mcx_at_exit(__UINT32_TYPE__ flags);
 
 /*
  * Calls MCReport with the limit each time the signal arrives, from a thread that the first call starts;
@@ -64,7 +64,7 @@ void k42mcx_at_exit(uint32_t flags);
  * ignores the signals until it calls this function itself. The library stays loaded from then on.
  * Returns 0 or an errno value: EINVAL for a signal that cannot be caught, EAGAIN without a thread.
  */
-int k42mcx_report_on_signal(int signo, uint32_t limit);
+int k42mcx_report_on_signal(int signo, __UINT32_TYPE__ limit);
 
 /*
  * Tries this folder for report files ahead of the usual ones, and makes it if it is missing. A file

@@ -88,10 +88,13 @@ int k42mcx_report_on_signal(int signo, uint32_t limit) {
     struct sigaction action = {};
     action.sa_handler = handle;
     action.sa_flags = SA_RESTART;
+    struct sigaction former = {};
+    if (sigaction(signo, &action, &former) != 0)
+        return errno;
     const int failure = start_thread();
     if (failure != 0)
-        return failure;
-    return sigaction(signo, &action, nullptr) == 0 ? 0 : errno;
+        sigaction(signo, &former, nullptr);
+    return failure;
 }
 
 K42MC_EXPORT(k42mcx_report_on_signal);
