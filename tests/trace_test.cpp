@@ -1,0 +1,229 @@
+// Traces beside those of the compiler's unwinder, which finds its way by the same tables at leisure.
+#include "call_shapes.h"
+#include "ended.h"
+#include "random.h"
+#include "small_stack.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <ucontext.h>
+#include <unwind.h>
+
+extern "C" int shim_trace(void **frames, int most);
+
+namespace {
+
+constexpr CallShapes sets[] = {call_shapes_O0, call_shapes_O1_frame_pointer, call_shapes_O2_realigned,
+                               call_shapes_O3, call_shapes_Os};
+constexpr int most = 100;
+
+// Static, so that comparing takes no room on a small stack.
+struct Trace {
+    std::array<void *, most> frames;
+    int count;
+};
+Trace ours, theirs;
+std::atomic<int> compared, different, longest;
+
+_Unwind_Reason_Code add_frame(_Unwind_Context *context, void *) {
+    int interrupted = 0;
+    void *const place = reinterpret_cast<void *>(_Unwind_GetIPInfo(context, &interrupted));
+    if (place == nullptr || theirs.count == most)
+        return _URC_END_OF_STACK;
+    theirs.frames[size_t(theirs.count++)] = place;
+    return _URC_NO_REASON;
+}
+
+// The two begin at calls side by side.
+[[gnu::noinline]] void compare() {
+    theirs.count = 0;
+    ours.count = shim_trace(ours.frames.data(), most);
+    _Unwind_Backtrace(add_frame, nullptr);
+    ++compared;
+    longest = std::max<int>(longest, ours.count);
+    if (ours.count != theirs.count ||
+        !std::equal(&ours.frames[1], &ours.frames[size_t(ours.count)], &theirs.frames[1]))
+        ++different;
+}
+
+void follow_a_path(Random &random, int depth, void (*end)() = compare) {
+    Path path = {uint32_t(random()), depth, end};
+    sets[random() % std::size(sets)](path);
+}
+
+class Traces : public testing::Test {
+protected:
+    void SetUp() override { compared = different = longest = 0; }
+    void TearDown() override {
+        EXPECT_GT(compared, 0);
+        EXPECT_EQ(different, 0) << "of " << compared;
+    }
+
+    Random random;
+};
+
+TEST_F(Traces, AreExactWhateverCalls) {
+    for (int round = 0; round < 3000; ++round)
+        follow_a_path(random, int(random() % 12));
+    follow_a_path(random, 1000);
+    EXPECT_EQ(longest, most);
+}
+
+// One set's end is the next one's begin.
+TEST_F(Traces, AreExactAcrossSets) {
+    static Random *shared;
+    static unsigned further;
+    static void (*const go_on)() = [] {
+        if (further-- > 0)
+            follow_a_path(*shared, int((*shared)() % 4), go_on);
+        else
+            compare();
+    };
+    shared = &random;
+    for (int round = 0; round < 1000; ++round) {
+        further = random() % 6;
+        go_on();
+    }
+}
+
+TEST_F(Traces, AreExactOnStacksOfAnySize) {
+    on_small_stack(
+        [](void *given) {
+            follow_a_path(*static_cast<Random *>(given), 1);
+            return static_cast<void *>(nullptr);
+        },
+        &random);
+    Path path = {1, 4000, compare};
+    call_shapes_O3(path);
+}
+
+// ---- Interrupted code ----
+
+void interrupt_with(void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags | SA_RESTART;
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval often = {{0, 300}, {0, 300}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+}
+
+void interrupt_no_more() {
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    signal(SIGALRM, SIG_IGN);
+}
+
+void interrupted_until(int count, Random &random) {
+    while (compared < count)
+        follow_a_path(random, int(random() % 12), [] {});
+    interrupt_no_more();
+}
+
+TEST_F(Traces, AreExactWhereverCodeIsInterrupted) {
+    interrupt_with([](int) { compare(); }, 0);
+    interrupted_until(400, random);
+}
+
+TEST_F(Traces, LeaveAnAlternateStack) {
+    static std::array<char, 65536> memory;
+    const stack_t other = {memory.data(), 0, memory.size()}, none = {nullptr, SS_DISABLE, 0};
+    sigaltstack(&other, nullptr);
+    interrupt_with([](int) { compare(); }, SA_ONSTACK);
+    interrupted_until(400, random);
+    sigaltstack(&none, nullptr);
+}
+
+// A trace that interrupts a trace disturbs neither.
+TEST_F(Traces, MayInterruptTraces) {
+    interrupt_with(
+        [](int) {
+            void *frames[most];
+            shim_trace(frames, most);
+        },
+        0);
+    for (int round = 0; round < 3000; ++round)
+        follow_a_path(random, int(random() % 12));
+    interrupt_no_more();
+}
+
+// ---- Stacks that are not what they should be ----
+
+TEST_F(Traces, EndWhereAContextBegins) {
+    constexpr size_t size = 1 << 18;
+    static ucontext_t back, context;
+    static Random *shared;
+    shared = &random;
+    void *const stack = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    for (int round = 0; round < 20; ++round) {
+        getcontext(&context);
+        context.uc_stack.ss_sp = stack;
+        context.uc_stack.ss_size = size;
+        context.uc_link = &back;
+        makecontext(
+            &context, [] { follow_a_path(*shared, 8); }, 0);
+        swapcontext(&back, &context);
+    }
+    munmap(stack, size);
+}
+
+// Overwrites words of the callers' frames, and puts them back before anybody returns to them.
+[[gnu::noinline, gnu::no_sanitize_address]] void trace_on_a_damaged_stack() {
+    static std::mt19937 random;
+    static std::array<uintptr_t, 400> kept;
+    auto *const stack = reinterpret_cast<volatile uintptr_t *>(__builtin_frame_address(0));
+    for (size_t i = 0; i < kept.size(); ++i)
+        kept[i] = stack[i];
+    for (size_t damages = 1 + random() % 6; damages; --damages) {
+        auto value = uintptr_t(random()) * 0x100000001;
+        if (random() % 4)
+            value = reinterpret_cast<uintptr_t>(&stack[random() % 4096]) - random() % 2 * 8192;
+        else if (random() % 4)
+            value = kept[random() % kept.size()];
+        stack[random() % kept.size()] = value;
+    }
+    void *frames[most];
+    const int count = shim_trace(frames, most);
+    for (size_t i = 0; i < kept.size(); ++i)
+        stack[i] = kept[i];
+    compared += count > 0;
+}
+
+TEST_F(Traces, EndOnDamagedStacks) {
+    const Ended end = ended([&] {
+        for (int round = 0; round < 20000; ++round)
+            follow_a_path(random, 8 + int(random() % 12), trace_on_a_damaged_stack);
+        std::exit(compared != 20000);
+    });
+    EXPECT_TRUE(end.exited(0)) << end.err;
+    compared = 1;
+}
+
+TEST_F(Traces, AreTakenInAThreadsLastMoments) {
+    static pthread_key_t key;
+    pthread_key_create(&key, [](void *) { compare(); });
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr, [](void *given) -> void * { return pthread_setspecific(key, given), nullptr; },
+        &key);
+    pthread_join(thread, nullptr);
+    pthread_key_delete(key);
+}
+
+// ---- Code that comes and goes ----
+
+TEST_F(Traces, FollowModulesThatTakeEachOthersPlace) {
+    for (int round = 0; round < 4; ++round) {
+        void *const module = dlopen(round % 2 ? TRACE_MODULE_B : TRACE_MODULE_A, RTLD_NOW);
+        ASSERT_NE(module, nullptr) << dlerror();
+        const auto call = reinterpret_cast<void (*)(void (*)())>(dlsym(module, "module_call"));
+        call(compare);
+        dlclose(module);
+    }
+}
+
+} // namespace
