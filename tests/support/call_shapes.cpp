@@ -77,11 +77,10 @@ void go_on(Path &path);
 }
 
 [[gnu::noinline]] void thrower(Path &path) {
-    if (path.depth >= 0)
+    if (path.throws)
         throw &path;
 }
 
-// The path goes on from a destructor while an exception is on its way.
 [[gnu::noinline]] void exception_in_flight(Path &path) {
     struct GoesOn {
         Path &path;

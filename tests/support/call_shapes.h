@@ -7,6 +7,7 @@ struct Path {
     uint32_t random;
     int depth; // calls still to go
     void (*end)();
+    bool throws; // where it goes on from a destructor, on the way of an exception
 };
 
 // Follows the path through the set by calls at random, down to its end.
