@@ -17,12 +17,13 @@ struct CallChain {
     int count = 0;
     bool inside = true; // still in the leading run of the library's own frames
 
-    // Returns whether there is room for more.
-    [[gnu::always_inline]] bool add(uintptr_t address) {
+    bool has_room() const { return count < most; }
+
+    // Leaves out what does not fit.
+    [[gnu::always_inline]] void add(uintptr_t address) {
         inside = inside && is_own(address);
-        if (!inside)
+        if (!inside && has_room())
             frames[count++] = reinterpret_cast<void *>(address);
-        return count < most;
     }
 
     // A return address lies behind its call: the last one may be the end of the code itself.

@@ -99,8 +99,8 @@ private:
     Registers start = {};
     capture(start);
     Walk walk(start);
-    while (walk.step() && chain.add(walk.place())) {
-    }
+    while (chain.has_room() && walk.step())
+        chain.add(walk.place());
 }
 
 } // namespace k42mc::platform

@@ -94,9 +94,10 @@ UnwindRule learn_rule(uintptr_t called_from) {
     FrameRules rules;
     if (!find_frame_info(call, info))
         return UnwindRule::of(UnwindRule::outermost);
-    const UnwindRule rule =
+    UnwindRule rule =
         rules_at(info, call, rules) ? shorten(info, rules) : UnwindRule::of(UnwindRule::outermost);
-    if (is_startup_module(info.module))
+    rule.stays = is_startup_module(info.module);
+    if (rule.stays)
         keep(called_from, rule);
     return rule;
 }

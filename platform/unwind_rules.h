@@ -22,15 +22,16 @@ struct UnwindRule {
 
     // In words: kind 3 bits, whether the frame pointer was saved 1, where 12, the distance 16.
     uint32_t bits;
+    bool stays; // what it is about is never unloaded
 
     static constexpr int most_distance = 0x7fff, most_save = 0x7ff;
 
-    static UnwindRule of(Kind kind) { return {kind}; }
+    static UnwindRule of(Kind kind) { return {kind, false}; }
     static UnwindRule of(Kind kind, int distance) {
-        return {kind | static_cast<uint32_t>(distance) << 16};
+        return {kind | static_cast<uint32_t>(distance) << 16, false};
     }
     UnwindRule saving_at(int save) const {
-        return {bits | 8u | (static_cast<uint32_t>(save) & 0xfffu) << 4};
+        return {bits | 8u | (static_cast<uint32_t>(save) & 0xfffu) << 4, stays};
     }
 
     Kind kind() const { return static_cast<Kind>(bits & 7u); }
@@ -64,7 +65,7 @@ UnwindRule learn_rule(uintptr_t return_address);
     for (int probe = 0; probe < most_probes; ++probe, ++slot) {
         const uintptr_t address = slot->address.load(std::memory_order_acquire);
         if (address == return_address) [[likely]]
-            return {slot->rule.load(std::memory_order_relaxed)};
+            return {slot->rule.load(std::memory_order_relaxed), true};
         if (address == 0)
             break;
     }

@@ -55,6 +55,15 @@ void follow_a_path(Random &random, int depth, void (*end)() = compare) {
     sets[random() % std::size(sets)](path);
 }
 
+// The same frames each time.
+[[gnu::noinline]] void call_plainly(int depth, void (*end)()) {
+    if (depth > 0)
+        call_plainly(depth - 1, end);
+    else
+        end();
+    __asm__ volatile("" : : : "memory");
+}
+
 class Traces : public testing::Test {
 protected:
     void SetUp() override { compared = different = longest = 0; }
@@ -99,6 +108,26 @@ TEST_F(Traces, AreExactOnStacksOfAnySize) {
         &random);
     Path path = {1, 4000, compare, true};
     call_shapes_O3(path);
+}
+
+// What is remembered of a trace does not outlive a change of one word that it came from.
+[[gnu::noinline, gnu::no_sanitize_address]] void change_a_return_address() {
+    compare();
+    void *const own = ours.frames[1], *const recursive = ours.frames[3];
+    const size_t callers = size_t(compared) % 8;
+    auto *slot = static_cast<void *volatile *>(__builtin_frame_address(0));
+    for (size_t seen = 0; *slot != recursive || seen++ < callers;)
+        ++slot;
+    *slot = own;
+    Trace changed;
+    changed.count = shim_trace(changed.frames.data(), most);
+    *slot = recursive;
+    different += changed.frames[1 + callers] == own || changed.frames[2 + callers] != own;
+}
+
+TEST_F(Traces, SeeEveryChange) {
+    for (int round = 0; round < 100; ++round)
+        call_plainly(12, change_a_return_address);
 }
 
 // ---- Interrupted code ----
