@@ -46,7 +46,6 @@ public:
 
     bool run() {
         rules = {};
-        initial = {};
         if (!run(info.common_program, info.common_program_end))
             return false;
         initial = rules;
@@ -209,8 +208,8 @@ private:
     const uintptr_t pc;
     uintptr_t location;
     FrameRules &rules;
-    FrameRules initial;
-    FrameRules remembered[most_remembered];
+    FrameRules initial = {};
+    FrameRules remembered[most_remembered] = {};
     int remembered_count = 0;
 };
 

@@ -187,7 +187,7 @@ private:
 
     const Registers &registers;
     const Stack &memory;
-    uintptr_t values[most];
+    uintptr_t values[most] = {};
     int depth = 0;
     bool failed = false;
 };

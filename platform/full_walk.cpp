@@ -99,7 +99,7 @@ private:
     Registers start = {};
     capture(start);
     Walk walk(start);
-    while (chain.has_room() && walk.step())
+    while (chain.room() > 0 && walk.step())
         chain.add(walk.place());
 }
 

@@ -2,40 +2,60 @@
 
 #include <algorithm>
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 namespace k42mc::platform {
+
+constinit thread_local Memo *Memo::own = nullptr;
+
 namespace {
 
-// Threads are spread over them. Only those that are used take memory.
-constexpr uint32_t memo_bits = 6;
-constinit Memo gMemos[1 << memo_bits] = {};
+// For so many threads at a time; only what is used takes memory. Nobody tells when a thread ends, and
+// the thread's own memory is no place: a library that is loaded late finds little room there.
+constinit Memo gMemos[64] = {};
 
-constexpr int32_t most_credit = 16;
+// Of a thread that came too late.
+constinit Memo gNone = {};
 
-// Traces in a row: after so many, new ones may repeat where old ones did not.
 constexpr uint32_t shortest_rest = 256, most_doublings = 6;
+
+uint64_t number_of(pid_t process, pid_t thread) {
+    return uint64_t{static_cast<uint32_t>(process)} << 32 | static_cast<uint32_t>(thread);
+}
+
+// What a forked child inherits may be the memo of the thread that forked: the child leaves it alone.
+bool is_abandoned(uint64_t owner, pid_t process) {
+    return owner >> 32 == static_cast<uint32_t>(process) &&
+           syscall(SYS_tgkill, process, static_cast<pid_t>(owner), 0) != 0;
+}
 
 } // namespace
 
-Memo *Memo::borrow(const Stack &stack) {
-    const uint32_t page = static_cast<uint32_t>(stack.high >> 12);
-    Memo &memo = gMemos[page * 0x9e3779b1u >> (32 - memo_bits)];
-    if (const uint32_t rest = memo.rest.load(std::memory_order_relaxed); rest > 0) {
-        memo.rest.store(rest - 1, std::memory_order_relaxed);
-        return nullptr;
+Memo *Memo::claim() {
+    const int kept_errno = errno;
+    const pid_t process = getpid();
+    const uint64_t self = number_of(process, gettid());
+    gNone.in_use = true;
+    own = &gNone;
+    for (Memo &memo : gMemos) {
+        uint64_t owner = memo.owner.load(std::memory_order_relaxed);
+        if ((owner == 0 || is_abandoned(owner, process)) &&
+            memo.owner.compare_exchange_strong(owner, self, std::memory_order_acquire)) {
+            memo.in_use = false;
+            memo.rest = 0;
+            own = &memo;
+            break;
+        }
     }
-    return memo.in_use.exchange(true, std::memory_order_acquire) ? nullptr : &memo;
+    errno = kept_errno;
+    return own;
 }
 
-// A miss costs about as much as two hits save.
-void Memo::give_back(bool was_useful) {
-    if (was_useful) {
-        credit = std::min(credit + 1, most_credit);
-        rests = credit == most_credit ? 0 : rests;
-    } else if ((credit -= 2) < -most_credit) {
-        credit = 0;
-        rest.store(shortest_rest << std::min(rests++, most_doublings), std::memory_order_relaxed);
-    }
-    in_use.store(false, std::memory_order_release);
+// Traces that did not repeat for a while may do so later.
+void Memo::retire() {
+    credit = 0;
+    rest = shortest_rest << std::min(rests++, most_doublings);
 }
 
 } // namespace k42mc::platform

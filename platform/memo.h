@@ -10,6 +10,7 @@
 #include "stack.h"
 #include "unwind_rules.h"
 
+#include <algorithm>
 #include <atomic>
 
 namespace k42mc::platform {
@@ -20,121 +21,165 @@ struct Frame {
     uintptr_t stack_pointer, frame_pointer;
 };
 
-// A word on the stack, by its distance from the stack pointer at the start.
-struct Slot {
-    uintptr_t distance, value;
-};
+// Two words side by side: a saved frame pointer and the return address above it, in many frames.
+typedef uintptr_t Pair __attribute__((vector_size(2 * sizeof(uintptr_t))));
+
+inline void load_pair(Pair &pair, uintptr_t address) {
+    __builtin_memcpy(&pair, reinterpret_cast<const void *>(address), sizeof pair);
+}
 
 struct Segment {
-    static constexpr uint32_t most_frames = 4, most_others = 6;
+    // The innermost calls change the most. A guard keeps five frames, below those of the wrappers; one
+    // more segment holds what the checker keeps.
+    static constexpr int innermost_frames = 6, most_frames = 12, most_others = 4;
 
     Frame start;
-    bool needs_frame_pointer; // a rule used the one at the start
-    bool moves_frame_pointer; // the one at the end is another
-    bool is_last;             // nobody called the last frame
-    uint32_t frames;          // at least one
-    uint32_t other_count;
-    Slot returns[most_frames];        // the places that the walk came to; the last one in the rest
-    Slot others[most_others];         // what else led there: frame pointers, mostly
-    uintptr_t frame_pointer_distance; // where the one at the end is saved
+    uint32_t length;                 // from the stack pointer at the start to the one at the end
+    uint32_t frame_pointer_distance; // from there to where the one at the end is saved
+    bool needs_frame_pointer;        // a rule used the one at the start
+    bool moves_frame_pointer;        // the one at the end is another
+    bool is_last;                    // nobody called the last frame
+    uint8_t frames;                  // at least one
+    uint8_t others;
+
+    uintptr_t places[most_frames]; // that the walk came to
+    // Where their return addresses were, with the word below, and which of the two it went by.
+    uint32_t distances[most_frames];
+    Pair values[most_frames], masks[most_frames];
+
+    // What else it went by: frame pointers saved elsewhere, mostly.
+    uint32_t other_distances[most_others];
+    uintptr_t other_values[most_others];
 
     bool starts_at(const Frame &frame) const {
         return start.place == frame.place && start.stack_pointer == frame.stack_pointer &&
                (!needs_frame_pointer || start.frame_pointer == frame.frame_pointer);
     }
 
-    uintptr_t length() const { return returns[most_frames - 1].distance + sizeof(uintptr_t); }
-
-    // Whether the walk would go this way again.
-    bool holds(const Stack &stack) const {
-        if (length() > stack.high - start.stack_pointer)
+    // Whether the walk would go this way again for so many frames.
+    bool holds(const Stack &stack, int wanted) const {
+        const uintptr_t stack_pointer = start.stack_pointer;
+        if (length > stack.high - stack_pointer)
             return false;
-        uintptr_t difference = 0;
-        for (const Slot &slot : returns)
-            difference |= load(start.stack_pointer + slot.distance) ^ slot.value;
-        for (uint32_t i = 0; i < other_count; ++i)
-            difference |= load(start.stack_pointer + others[i].distance) ^ others[i].value;
-        return difference == 0;
+        Pair difference = {}, pair;
+        for (int i = 0; i < wanted; ++i) {
+            load_pair(pair, stack_pointer + distances[i]);
+            difference |= (pair ^ values[i]) & masks[i];
+        }
+        uintptr_t other_difference = difference[0] | difference[1];
+        for (int i = 0; i < others; ++i)
+            other_difference |= load(stack_pointer + other_distances[i]) ^ other_values[i];
+        return other_difference == 0;
     }
 
     void go(Frame &frame) const {
         if (moves_frame_pointer)
             frame.frame_pointer = load(frame.stack_pointer + frame_pointer_distance);
-        frame.stack_pointer += length();
-        frame.place = returns[most_frames - 1].value;
+        frame.stack_pointer += length;
+        frame.place = places[frames - 1];
     }
 };
 
 // Notes down what a walk reads, for a segment.
 class Recorder {
 public:
-    explicit Recorder(const Frame &start) { segment.start = start; }
+    // The segment is none, which starts nowhere, until it is complete.
+    Recorder(Segment &result, const Frame &its_start, int wanted)
+        : segment(result), start(its_start), most(wanted) {
+        segment.start = {};
+        segment.frame_pointer_distance = 0;
+        segment.needs_frame_pointer = segment.moves_frame_pointer = segment.is_last = false;
+        segment.frames = segment.others = 0;
+    }
 
-    bool has_room() const { return segment.frames < Segment::most_frames; }
+    bool has_room() const { return segment.frames < most; }
 
     void applied(UnwindRule rule) { is_sound = is_sound && rule.stays; }
     void ended() { segment.is_last = true; }
+
     void used_pointer(const Frame &frame) {
+        const uint32_t saved_at = segment.frame_pointer_distance;
         if (!segment.moves_frame_pointer)
             segment.needs_frame_pointer = true;
+        else if (segment.frames > 0 && saved_at == segment.distances[segment.frames - 1])
+            segment.masks[segment.frames - 1][0] = UINTPTR_MAX;
         else
-            depended_on(segment.start.stack_pointer + segment.frame_pointer_distance,
-                        frame.frame_pointer);
+            depended_on(start.stack_pointer + saved_at, frame.frame_pointer);
     }
+
     void depended_on(uintptr_t address, uintptr_t value) {
-        is_sound = is_sound && segment.other_count < Segment::most_others;
-        if (is_sound)
-            segment.others[segment.other_count++] = slot(address, value);
+        if (segment.others == Segment::most_others) {
+            is_sound = false;
+            return;
+        }
+        segment.other_distances[segment.others] = distance(address);
+        segment.other_values[segment.others++] = value;
     }
+
     void restored_pointer(uintptr_t address) {
         segment.moves_frame_pointer = true;
-        segment.frame_pointer_distance = address - segment.start.stack_pointer;
-    }
-    void returned(uintptr_t address, uintptr_t place) {
-        for (uint32_t i = segment.frames; i < Segment::most_frames; ++i)
-            segment.returns[i] = slot(address, place);
-        ++segment.frames;
+        segment.frame_pointer_distance = distance(address);
     }
 
-    // A damaged stack can lead a walk to slots elsewhere, which may not be there any more later.
-    bool is_complete() const {
-        bool inside = is_inside(segment.frame_pointer_distance);
-        for (uint32_t i = 0; i < segment.other_count; ++i)
-            inside = inside && is_inside(segment.others[i].distance);
-        return is_sound && inside && segment.frames > 0 && (segment.is_last || !has_room());
+    void returned(uintptr_t address, uintptr_t place) {
+        const uint8_t i = segment.frames++;
+        segment.places[i] = place;
+        segment.distances[i] = distance(address - sizeof(uintptr_t));
+        load_pair(segment.values[i], address - sizeof(uintptr_t));
+        segment.masks[i] = Pair{0, UINTPTR_MAX};
+        segment.length = distance(address + sizeof(uintptr_t));
     }
-    const Segment &result() const { return segment; }
+
+    void complete() {
+        if (is_sound && segment.frames > 0 && is_inside())
+            segment.start = start;
+    }
 
 private:
-    bool is_inside(uintptr_t distance) const { return distance < segment.length(); }
+    static constexpr uint32_t too_far = UINT32_MAX / 2;
 
-    Slot slot(uintptr_t address, uintptr_t value) const {
-        return {address - segment.start.stack_pointer, value};
+    uint32_t distance(uintptr_t address) const {
+        const uintptr_t distance = address - start.stack_pointer;
+        return distance < too_far ? static_cast<uint32_t>(distance) : too_far;
     }
 
-    Segment segment{};
+    // A damaged stack can lead a walk to words elsewhere, which may not be there any more later. Those
+    // of sound frames follow one another.
+    bool is_inside() const {
+        bool inside = segment.length < too_far && segment.frame_pointer_distance < segment.length;
+        for (int i = 0; i < segment.frames; ++i)
+            inside = inside && segment.distances[i] < segment.length;
+        for (int i = 0; i < segment.others; ++i)
+            inside = inside && segment.other_distances[i] < segment.length;
+        return inside;
+    }
+
+    Segment &segment;
+    const Frame start;
+    const int most;
     bool is_sound = true;
 };
 
-// The segments of a thread, or of several: a segment of one thread's stack is none of another's. Whoever
-// finds them in use, a signal handler too, does without.
+// The segments of one thread.
 class Memo {
 public:
-    // Null where the memo is in use, or has been of little use lately.
-    static Memo *borrow(const Stack &stack);
-    void give_back(bool was_useful);
+    // The thread's own; null where it has none, or it is in use by what a signal handler has
+    // interrupted, or has been of little use lately.
+    static Memo *borrow();
+    void give_back(bool was_known);
 
-    // The segment that the walk would go by.
-    const Segment *find(const Frame &frame, const Stack &stack) const {
+    // The segment by which the walk would go on for so many frames, or to the segment's end.
+    const Segment *find(const Frame &frame, const Stack &stack, int wanted) const {
         for (const Segment &segment : segments[set_of(frame)])
-            if (segment.starts_at(frame) && segment.holds(stack))
+            if (segment.starts_at(frame) && segment.holds(stack, std::min<int>(segment.frames, wanted)))
                 return &segment;
         return nullptr;
     }
 
-    void keep(const Segment &segment) {
-        const uint32_t set = set_of(segment.start);
-        segments[set][next[set]++ % ways] = segment;
+    // Where to put a segment with this start, in place of an older one.
+    Segment &place_for(const Frame &start) {
+        const uint32_t set = set_of(start);
+        return segments[set][next[set]++ % ways];
     }
 
 private:
@@ -147,12 +192,43 @@ private:
         return mixed * 0x9e3779b1u >> 28;
     }
 
-    std::atomic<bool> in_use = false;
-    std::atomic<uint32_t> rest = 0; // traces to come that do without
-    uint32_t rests = 0;             // since the last success, so that each is longer than the one before
+    static constexpr int32_t most_credit = 16;
+
+    static Memo *claim();
+    void retire();
+
+    std::atomic<uint64_t> owner = 0; // process and thread, as the system numbers them
+    bool in_use = false;
+    uint32_t rest = 0;  // traces to come that do without
+    uint32_t rests = 0; // since the last success, so that each is longer than the one before
     int32_t credit = 0;
     uint8_t next[sets] = {}; // the way to fill
     Segment segments[sets][ways] = {};
+
+    static constinit thread_local Memo *own;
 };
+
+inline Memo *Memo::borrow() {
+    Memo *const memo = own ? own : claim();
+    if (memo->in_use)
+        return nullptr;
+    if (memo->rest > 0) {
+        --memo->rest;
+        return nullptr;
+    }
+    memo->in_use = true;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    return memo;
+}
+
+// A trace with a part that was unknown costs about as much more as a known one saves.
+inline void Memo::give_back(bool was_known) {
+    if (was_known)
+        credit += credit < most_credit;
+    else if (--credit < -most_credit)
+        retire();
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    in_use = false;
+}
 
 } // namespace k42mc::platform

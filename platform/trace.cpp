@@ -74,46 +74,55 @@ template <class Notes>
 Outcome walk(const Stack &stack, Frame frame, CallChain &chain) {
     NoNotes none;
     Outcome outcome = Outcome::went_on;
-    while (chain.has_room() && (outcome = step(stack, frame, none)) == Outcome::went_on)
+    while (chain.room() > 0 && (outcome = step(stack, frame, none)) == Outcome::went_on)
         chain.add(frame.place);
     return outcome;
 }
 
-// Walks the frames of a segment, also those that do not fit into the chain any more.
-[[gnu::noinline]] Outcome walk_new_segment(const Stack &stack, Frame &frame, CallChain &chain,
-                                           Memo &memo) {
-    Recorder recorder(frame);
-    Outcome outcome = Outcome::went_on;
-    while (recorder.has_room() && (outcome = step(stack, frame, recorder)) == Outcome::went_on)
-        chain.add(frame.place);
-    if (recorder.is_complete())
-        memo.keep(recorder.result());
-    return outcome;
+// What a walk has come to.
+struct Progress {
+    Frame frame;
+    CallChain chain;
+    Outcome outcome;
+};
+
+[[gnu::noinline]] void walk_new_segment(const Stack &stack, Memo &memo, int frames, Progress &progress) {
+    Recorder recorder(memo.place_for(progress.frame), progress.frame, frames);
+    while (recorder.has_room() &&
+           (progress.outcome = step(stack, progress.frame, recorder)) == Outcome::went_on)
+        progress.chain.add(progress.frame.place);
+    recorder.complete();
 }
 
-Outcome walk_by_memo(const Stack &stack, Frame frame, CallChain &chain, Memo &memo) {
-    int known = 0, unknown = 0;
+Outcome walk_by_memo(const Stack stack, Frame frame, CallChain &result, Memo &memo) {
+    int most_frames = Segment::innermost_frames;
+    bool is_known = true;
+    CallChain chain = result;
     Outcome outcome = Outcome::went_on;
-    while (chain.has_room() && outcome == Outcome::went_on) {
-        if (const Segment *segment = memo.find(frame, stack)) {
-            ++known;
-            for (uint32_t i = 0; i < segment->frames; ++i)
-                chain.add(segment->returns[i].value);
+    while (chain.room() > 0 && outcome == Outcome::went_on) {
+        if (const Segment *segment = memo.find(frame, stack, chain.room())) {
+            chain.add(segment->places, segment->frames);
             segment->go(frame);
             outcome = segment->is_last ? Outcome::ended : Outcome::went_on;
         } else {
-            ++unknown;
-            outcome = walk_new_segment(stack, frame, chain, memo);
+            is_known = false;
+            Progress progress = {frame, chain, outcome};
+            walk_new_segment(stack, memo, std::min(most_frames, chain.room()), progress);
+            frame = progress.frame;
+            chain = progress.chain;
+            outcome = progress.outcome;
         }
+        most_frames = Segment::most_frames;
     }
-    memo.give_back(known >= unknown);
+    memo.give_back(is_known);
+    result = chain;
     return outcome;
 }
 
 [[gnu::noinline, gnu::cold]] int walk_again(void **frames, int most) {
-    CallChain chain = {frames, most};
+    CallChain chain(frames, most);
     full_walk(chain);
-    return chain.count;
+    return most - chain.room();
 }
 
 } // namespace
@@ -125,12 +134,12 @@ int backtrace_skip(void **frames, int most) {
     const auto base = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
     const Stack stack = stack_of(base);
     const Frame caller = {load(base + word), base + 2 * word, load(base)};
-    CallChain chain = {frames, most};
+    CallChain chain(frames, most);
     chain.add(caller.place);
-    Memo *const memo = Memo::borrow(stack);
+    Memo *const memo = Memo::borrow();
     const Outcome outcome =
         memo ? walk_by_memo(stack, caller, chain, *memo) : walk(stack, caller, chain);
-    return outcome == Outcome::unusual ? walk_again(frames, most) : chain.count;
+    return outcome == Outcome::unusual ? walk_again(frames, most) : most - chain.room();
 }
 
 } // namespace k42mc::platform

@@ -49,15 +49,15 @@ using Action = void (*)(Run &);
 
 void left(int depth, uint32_t path, Action action, Run &run);
 
-#define CALLS_FROM_HERE(name, other)                                                                     \
-    [[gnu::noinline]] void name(int depth, uint32_t path, Action action, Run &run) {                     \
-        if (depth == 0)                                                                                  \
-            action(run);                                                                                 \
-        else if (path & 1)                                                                               \
-            other(depth - 1, path >> 1, action, run);                                                    \
-        else                                                                                             \
-            name(depth - 1, path >> 1, action, run);                                                     \
-        __asm__ volatile("");                                                                            \
+#define CALLS_FROM_HERE(name, other)                                                                    \
+    [[gnu::noinline]] void name(int depth, uint32_t path, Action action, Run &run) {                    \
+        if (depth == 0)                                                                                 \
+            action(run);                                                                                \
+        else if (path & 1)                                                                              \
+            other(depth - 1, path >> 1, action, run);                                                   \
+        else                                                                                            \
+            name(depth - 1, path >> 1, action, run);                                                    \
+        __asm__ volatile("");                                                                           \
     }
 
 CALLS_FROM_HERE(right, left)
