@@ -62,6 +62,15 @@ TEST(Hangs, NotWhileAThreadHoldsStandardError) {
     EXPECT_TRUE(side_by_side(report_and_fork, with_stream_locked).exited(0));
 }
 
+// libc takes the lock on its list of streams for that, and then each stream's.
+TEST(Hangs, NotWhileAllStreamsAreFlushed) {
+    const auto open_and_close_a_report = [] {
+        start(MC_TO_FILE);
+        MCDeinit();
+    };
+    EXPECT_TRUE(side_by_side(open_and_close_a_report, [] { fflush(nullptr); }).exited(0));
+}
+
 TEST(Hangs, NotInAChildOfAThreadedProcess) {
     // Reports of earlier runs take names that the children would have to try.
     std::filesystem::remove_all(std::filesystem::path(K42MC_REPORT_DIR).parent_path());

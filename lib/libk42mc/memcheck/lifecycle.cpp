@@ -25,8 +25,8 @@ bool valid_arguments(uint32_t file_type, uint32_t bitmap) {
 }
 
 // Returns the bitmap to put in force, or 0 when the checker has to stay off.
-uint32_t first_initialisation(uint32_t file_type, uint32_t bitmap) {
-    MCOpenSink(file_type == MC_TO_FILE);
+uint32_t first_initialisation(uint32_t file_type, uint32_t bitmap, SinkChange &change) {
+    change.open(file_type == MC_TO_FILE);
     if (gMCReportFile == nullptr) {
         fprintf(stderr, "%s: Failed to open report file\n", "MCInit");
         return 0;
@@ -34,7 +34,7 @@ uint32_t first_initialisation(uint32_t file_type, uint32_t bitmap) {
     fputs("==========MC init==========\n", MCSink());
     if (!create_containers()) {
         fprintf(MCSink(), "%s: Memory allocation failure!\n", "MCInit");
-        MCCloseSink();
+        change.close();
         return 0;
     }
     if (!gMCExitHooked) {
@@ -97,11 +97,12 @@ void MCExit() {
     if (!announce_exit())
         return;
     MCReport(0);
+    SinkChange change(false);
     const ControlLock lock("MCExit");
     if (!lock || gMCTree == nullptr)
         return;
     switch_off();
-    MCCloseSink();
+    change.close();
     PTDeinit(&gMCTree);
     DLDeinit(&gMCList);
 }
@@ -116,11 +117,12 @@ void MCInit(uint32_t file_type, uint32_t bitmap) {
     bitmap = __builtin_bswap32(bitmap);
     if (!valid_arguments(file_type, bitmap))
         return;
+    SinkChange change(file_type == MC_TO_FILE);
     const ControlLock lock("MCInit");
     if (!lock)
         return;
     const uint32_t wanted =
-        checker_on() ? reinitialisation(bitmap) : first_initialisation(file_type, bitmap);
+        checker_on() ? reinitialisation(bitmap) : first_initialisation(file_type, bitmap, change);
     if (wanted == 0)
         return;
     put_in_force(wanted);
@@ -128,6 +130,7 @@ void MCInit(uint32_t file_type, uint32_t bitmap) {
 }
 
 void MCDeinit() {
+    SinkChange change(false);
     const ControlLock lock("MCDeinit");
     if (!lock)
         return;
@@ -142,7 +145,7 @@ void MCDeinit() {
     SLDeinit(&gMCFilterIn);
     SLDeinit(&gMCFilterOut);
     fprintf(MCSink(), "========== %s: Done ==========\n", "MCDeinit");
-    MCCloseSink();
+    change.close();
 }
 
 K42MC_EXPORT(MCInit);

@@ -40,9 +40,9 @@ uint32_t live_allocations() {
 
 // Moves a report that is too long for the terminal to a file. Returns false when no file can be opened;
 // the sink is standard error then, as before.
-bool leave_terminal() {
+bool leave_terminal(SinkChange &change) {
     fprintf(stderr, "%s: Too many reports for terminal: switching to file\n", function_name);
-    MCOpenSink(1);
+    change.open(1);
     if (gMCReportFile != nullptr && gMCReportFile != stderr)
         return true;
     gMCReportFile = stderr;
@@ -79,6 +79,7 @@ using namespace k42mc;
 
 void MCReport(uint32_t limit) {
     limit = __builtin_bswap32(limit);
+    SinkChange change(true);
     const ControlLock lock(function_name);
     if (!lock)
         return;
@@ -88,7 +89,7 @@ void MCReport(uint32_t limit) {
     }
     const uint32_t next = gMCCycle + 1;
     if (next >= limit && MCSink() == stderr && live_allocations() > most_for_terminal &&
-        !leave_terminal())
+        !leave_terminal(change))
         return;
     gMCCycle = next;
     print_report(MCSink(), limit);

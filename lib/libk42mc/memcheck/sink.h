@@ -14,12 +14,29 @@ extern FILE *gMCReportFile;
 // where a report file of its own takes the place of the parent's.
 FILE *MCSink();
 
-// Makes standard error (0) or a report file (1) the sink and says so on standard error. A report file
-// that is open already is kept. Leaves gMCReportFile null when no file can be opened.
-void MCOpenSink(int to_file);
+// Opening and closing a stream takes libc's lock on its list of streams, which a thread that flushes
+// them all holds while it waits for standard error's, and that is taken ahead of our locks. So a
+// function that changes the sink has one of these from before it takes locks until after it has released
+// them: with a stream, if it may need one, that only has to be given its file, and room for one to be
+// closed.
+class SinkChange {
+public:
+    explicit SinkChange(bool may_open);
+    ~SinkChange();
+    SinkChange(const SinkChange &) = delete;
+    SinkChange &operator=(const SinkChange &) = delete;
 
-// Closes the sink unless it is standard error, and leaves none.
-void MCCloseSink();
+    // Makes standard error (0) or a report file (1) the sink and says so on standard error. A report
+    // file that is open already is kept. Leaves gMCReportFile null when no file can be opened.
+    void open(int to_file);
+
+    // Closes the sink unless it is standard error, and leaves none.
+    void close();
+
+private:
+    FILE *prepared_ = nullptr;
+    FILE *closed_ = nullptr;
+};
 
 // A stream over a file that is created or truncated, never through a symbolic link, and closed on exec;
 // `flags` adds to the open flags. Null with errno set.
