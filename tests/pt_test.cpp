@@ -48,6 +48,8 @@ struct Typed {
     Element *(*remove_key)(PTTree *, const Key &);
     Element *(*search)(PTTree *, const Key &);
     Element *(*next_by_key)(PTTree *, const Key &);
+
+    friend std::ostream &operator<<(std::ostream &out, const Typed &typed) { return out << typed.bits; }
 };
 
 template <int bits, auto Field> Typed typed(size_t offset) {
