@@ -163,10 +163,25 @@ private:
 // The segments of one thread.
 class Memo {
 public:
-    // The thread's own; null where it has none, or it is in use by what a signal handler has
-    // interrupted, or has been of little use lately.
-    static Memo *borrow();
-    void give_back(bool was_known);
+    // The thread's own. Null while it is in use by what a signal handler has interrupted, or rests
+    // because it has been of little use, and for threads that have none.
+    static Memo *take() {
+        Memo *const memo = own;
+        if (!memo || memo->state != available) [[unlikely]]
+            return take_another_time();
+        memo->state = in_use;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        ++memo->uses;
+        return memo;
+    }
+
+    void give_back() {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        state = available;
+    }
+
+    // After a trace of which a part was unknown.
+    void give_back_after_miss();
 
     // The segment by which the walk would go on for so many frames, or to the segment's end.
     const Segment *find(const Frame &frame, const Stack &stack, int wanted) const {
@@ -183,6 +198,8 @@ public:
     }
 
 private:
+    enum State : uint32_t { available, in_use, resting };
+
     // With two ways, traces drive each other out where addresses happen to fall so.
     static constexpr uint32_t sets = 16, ways = 4;
 
@@ -192,43 +209,19 @@ private:
         return mixed * 0x9e3779b1u >> 28;
     }
 
-    static constexpr int32_t most_credit = 16;
-
-    static Memo *claim();
-    void retire();
+    [[gnu::noinline]] static Memo *take_another_time();
+    static void claim();
+    void start();
 
     std::atomic<uint64_t> owner = 0; // process and thread, as the system numbers them
-    bool in_use = false;
-    uint32_t rest = 0;  // traces to come that do without
-    uint32_t rests = 0; // since the last success, so that each is longer than the one before
-    int32_t credit = 0;
-    uint8_t next[sets] = {}; // the way to fill
+    State state = available;
+    uint32_t uses = 0, misses = 0; // of late
+    uint32_t rest = 0;             // traces to come that do without
+    uint32_t rests = 0;            // in a row, so that each is longer than the one before
+    uint8_t next[sets] = {};       // the way to fill
     Segment segments[sets][ways] = {};
 
     static constinit thread_local Memo *own;
 };
-
-inline Memo *Memo::borrow() {
-    Memo *const memo = own ? own : claim();
-    if (memo->in_use)
-        return nullptr;
-    if (memo->rest > 0) {
-        --memo->rest;
-        return nullptr;
-    }
-    memo->in_use = true;
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    return memo;
-}
-
-// A trace with a part that was unknown costs about as much more as a known one saves.
-inline void Memo::give_back(bool was_known) {
-    if (was_known)
-        credit += credit < most_credit;
-    else if (--credit < -most_credit)
-        retire();
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    in_use = false;
-}
 
 } // namespace k42mc::platform

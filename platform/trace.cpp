@@ -71,53 +71,14 @@ template <class Notes>
     return Outcome::went_on;
 }
 
-Outcome walk(const Stack &stack, Frame frame, CallChain &chain) {
-    NoNotes none;
-    Outcome outcome = Outcome::went_on;
-    while (chain.room() > 0 && (outcome = step(stack, frame, none)) == Outcome::went_on)
-        chain.add(frame.place);
-    return outcome;
-}
-
-// What a walk has come to.
-struct Progress {
-    Frame frame;
+// Room for a trace, and what is in it.
+struct Trace {
+    void **frames;
+    int most;
     CallChain chain;
-    Outcome outcome;
+
+    int count() const { return most - chain.room(); }
 };
-
-[[gnu::noinline]] void walk_new_segment(const Stack &stack, Memo &memo, int frames, Progress &progress) {
-    Recorder recorder(memo.place_for(progress.frame), progress.frame, frames);
-    while (recorder.has_room() &&
-           (progress.outcome = step(stack, progress.frame, recorder)) == Outcome::went_on)
-        progress.chain.add(progress.frame.place);
-    recorder.complete();
-}
-
-Outcome walk_by_memo(const Stack stack, Frame frame, CallChain &result, Memo &memo) {
-    int most_frames = Segment::innermost_frames;
-    bool is_known = true;
-    CallChain chain = result;
-    Outcome outcome = Outcome::went_on;
-    while (chain.room() > 0 && outcome == Outcome::went_on) {
-        if (const Segment *segment = memo.find(frame, stack, chain.room())) {
-            chain.add(segment->places, segment->frames);
-            segment->go(frame);
-            outcome = segment->is_last ? Outcome::ended : Outcome::went_on;
-        } else {
-            is_known = false;
-            Progress progress = {frame, chain, outcome};
-            walk_new_segment(stack, memo, std::min(most_frames, chain.room()), progress);
-            frame = progress.frame;
-            chain = progress.chain;
-            outcome = progress.outcome;
-        }
-        most_frames = Segment::most_frames;
-    }
-    memo.give_back(is_known);
-    result = chain;
-    return outcome;
-}
 
 [[gnu::noinline, gnu::cold]] int walk_again(void **frames, int most) {
     CallChain chain(frames, most);
@@ -125,21 +86,75 @@ Outcome walk_by_memo(const Stack stack, Frame frame, CallChain &result, Memo &me
     return most - chain.room();
 }
 
+int finish(const Trace &trace, Outcome outcome) {
+    return outcome == Outcome::unusual ? walk_again(trace.frames, trace.most) : trace.count();
+}
+
+[[gnu::noinline]] int walk(const Stack stack, Frame frame, Trace trace) {
+    NoNotes none;
+    Outcome outcome = Outcome::went_on;
+    while (trace.chain.room() > 0 && (outcome = step(stack, frame, none)) == Outcome::went_on)
+        trace.chain.add(frame.place);
+    return finish(trace, outcome);
+}
+
+Outcome walk_new_segment(const Stack &stack, Memo &memo, int frames, Frame &frame, CallChain &chain) {
+    Recorder recorder(memo.place_for(frame), frame, frames);
+    Outcome outcome = Outcome::went_on;
+    while (recorder.has_room() && (outcome = step(stack, frame, recorder)) == Outcome::went_on)
+        chain.add(frame.place);
+    recorder.complete();
+    return outcome;
+}
+
+// Goes on where the memo ends, and back to it where it knows the rest.
+[[gnu::noinline]] int walk_and_learn(const Stack stack, Frame frame, Trace trace, Memo &memo,
+                                     int most_frames) {
+    CallChain &chain = trace.chain;
+    Outcome outcome = Outcome::went_on;
+    while (chain.room() > 0 && outcome == Outcome::went_on) {
+        if (const Segment *segment = memo.find(frame, stack, chain.room())) {
+            chain.add(segment->places, segment->frames);
+            segment->go(frame);
+            outcome = segment->is_last ? Outcome::ended : Outcome::went_on;
+        } else {
+            outcome = walk_new_segment(stack, memo, std::min(most_frames, chain.room()), frame, chain);
+        }
+        most_frames = Segment::most_frames;
+    }
+    memo.give_back_after_miss();
+    return finish(trace, outcome);
+}
+
 } // namespace
 
+// The way of a trace that is known whole; all others go on in functions of their own, so that it needs
+// few registers.
 int backtrace_skip(void **frames, int most) {
     if (most <= 0)
         return 0;
     // A function that asks for its frame's address has a frame pointer.
     const auto base = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
     const Stack stack = stack_of(base);
-    const Frame caller = {load(base + word), base + 2 * word, load(base)};
-    CallChain chain(frames, most);
-    chain.add(caller.place);
-    Memo *const memo = Memo::borrow();
-    const Outcome outcome =
-        memo ? walk_by_memo(stack, caller, chain, *memo) : walk(stack, caller, chain);
-    return outcome == Outcome::unusual ? walk_again(frames, most) : most - chain.room();
+    Frame frame = {load(base + word), base + 2 * word, load(base)};
+    Trace trace = {frames, most, CallChain(frames, most)};
+    trace.chain.add(frame.place);
+    Memo *const memo = Memo::take();
+    if (!memo)
+        return walk(stack, frame, trace);
+    int most_frames = Segment::innermost_frames;
+    while (trace.chain.room() > 0) {
+        const Segment *segment = memo->find(frame, stack, trace.chain.room());
+        if (!segment)
+            return walk_and_learn(stack, frame, trace, *memo, most_frames);
+        trace.chain.add(segment->places, segment->frames);
+        if (segment->is_last)
+            break;
+        segment->go(frame);
+        most_frames = Segment::most_frames;
+    }
+    memo->give_back();
+    return trace.count();
 }
 
 } // namespace k42mc::platform

@@ -244,6 +244,34 @@ TEST_F(Traces, AreTakenInAThreadsLastMoments) {
     pthread_key_delete(key);
 }
 
+TEST_F(Traces, RepeatInAnyNumberOfThreads) {
+    constexpr int threads = 100; // at a time, twice
+    static pthread_barrier_t all_there;
+    static std::atomic<int> failed;
+    pthread_barrier_init(&all_there, nullptr, threads);
+    failed = 0;
+    const auto repeat = [](void *) -> void * {
+        pthread_barrier_wait(&all_there);
+        call_plainly(8, [] {
+            void *first[most], *next[most];
+            for (int i = 0; i < 100; ++i) {
+                const int count = shim_trace(i ? next : first, most);
+                failed += count < 10 || (i && !std::equal(first + 1, first + count, next + 1));
+            }
+        });
+        return nullptr;
+    };
+    for (int round = 0; round < 2; ++round) {
+        std::array<pthread_t, threads> ids;
+        for (pthread_t &id : ids)
+            pthread_create(&id, nullptr, repeat, nullptr);
+        for (const pthread_t id : ids)
+            pthread_join(id, nullptr);
+    }
+    EXPECT_EQ(failed, 0);
+    compared = 1;
+}
+
 // ---- Code that comes and goes ----
 
 TEST_F(Traces, FollowModulesThatTakeEachOthersPlace) {
