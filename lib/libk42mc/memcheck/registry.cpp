@@ -7,12 +7,16 @@
 #include "printing.h"
 
 #include <inttypes.h>
+#include <k42mc/pt.hpp>
 #include <stdlib.h>
 #include <string.h>
 #include <utility>
 
 namespace k42mc {
 namespace {
+
+// Every allocation goes through the tree: by its typed front end, which knows what it holds.
+using Tree = pt_view<MCAllocRec, &MCAllocRec::node, &MCAllocRec::address>;
 
 // What is known of a block while the checker is off: its header is taken on trust.
 constexpr Assurance unexamined{.header_readable = true, .tail = 0};
@@ -68,11 +72,9 @@ MCAllocRec *enter(uintptr_t address, MCAllocRec *&record) {
         return nullptr;
     }
     record->address = address;
-    void *existing;
-    PTInsert(gMCTree, record, &existing);
-    if (existing == nullptr)
+    MCAllocRec *const stale = Tree(gMCTree).insert(*record);
+    if (stale == nullptr)
         return std::exchange(record, nullptr);
-    auto *stale = static_cast<MCAllocRec *>(existing);
     MCCountFree(stale->key.type, stale->key.size);
     unlist(stale);
     return stale;
@@ -113,7 +115,7 @@ void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace 
 
 // The first half of forgetting a block: out of the tree.
 MCAllocRec *take(uintptr_t address) {
-    return gMCTree != nullptr ? static_cast<MCAllocRec *>(PTRemoveByKey(gMCTree, &address)) : nullptr;
+    return gMCTree != nullptr ? Tree(gMCTree).remove_key(address) : nullptr;
 }
 
 // The second half: everything else. The record is memory afterwards.
@@ -182,14 +184,12 @@ RecordInHand take_record(const void *user) {
 void put_record_back(const RecordInHand &hand) {
     if (hand.record == nullptr || pthread_mutex_lock(&gMCLock) != 0)
         return;
-    void *existing = hand.record;
-    if (hand.generation == gMCGeneration)
-        PTInsert(gMCTree, hand.record, &existing);
-    MCAllocRec *memory = nullptr;
-    if (existing != nullptr)
-        unlist(memory = hand.record);
+    const bool back = hand.generation == gMCGeneration && Tree(gMCTree).insert(*hand.record) == nullptr;
+    if (!back)
+        unlist(hand.record);
     MCUnlock();
-    free(memory);
+    if (!back)
+        free(hand.record);
 }
 
 void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
