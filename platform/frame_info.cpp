@@ -1,5 +1,3 @@
-// The loader knows the module of an address, without a lock; the linker has put a table of the module's
-// entries, sorted by address, into each.
 #include "frame_info.h"
 
 #include "dwarf.h"
@@ -10,54 +8,37 @@ namespace {
 
 using namespace dwarf;
 
-struct Module {
-    uintptr_t begin, end;
-    const link_map *map;
-    uintptr_t table;
+struct Entry {
+    int32_t function, description; // relative to the table
 };
 
-bool find_module(uintptr_t pc, Module &module) {
-    dl_find_object found;
-    if (_dl_find_object(reinterpret_cast<void *>(pc), &found) != 0 || found.dlfo_eh_frame == nullptr)
-        return false;
-    module = {reinterpret_cast<uintptr_t>(found.dlfo_map_start),
-              reinterpret_cast<uintptr_t>(found.dlfo_map_end), found.dlfo_link_map,
-              reinterpret_cast<uintptr_t>(found.dlfo_eh_frame)};
-    return true;
-}
+struct Entries {
+    const Entry *first;
+    uintptr_t count;
+};
 
-// The address of the last entry that begins at or before pc, 0 if there is none.
-uintptr_t look_up(const Module &module, uintptr_t pc) {
-    Reader reader(module.table, module.end);
+Entries entries_of(const FrameTable &table) {
+    Reader reader(table.address, table.module_end);
     const uint8_t version = reader.byte(), frames_encoding = reader.byte(),
                   count_encoding = reader.byte(), table_encoding = reader.byte();
     // Linkers write no other table.
     if (version != 1 || table_encoding != (DW_EH_PE_datarel | DW_EH_PE_sdata4))
-        return 0;
+        return {nullptr, 0};
     reader.pointer(frames_encoding);
     const uintptr_t count = reader.pointer(count_encoding);
-    struct Entry {
-        int32_t function, description; // relative to the table
-    };
-    if (count > reader.left() / sizeof(Entry))
-        return 0;
-    const auto *const entries = reinterpret_cast<const Entry *>(reader.position());
-    const auto wanted = static_cast<intptr_t>(pc - module.table);
-    uintptr_t low = 0, high = count;
-    while (low < high) {
-        const uintptr_t middle = (low + high) / 2;
-        if (entries[middle].function <= wanted)
-            low = middle + 1;
-        else
-            high = middle;
-    }
-    return low == 0 ? 0 : module.table + static_cast<uintptr_t>(intptr_t{entries[low - 1].description});
+    if (count > reader.left() / sizeof(Entry) || count > UINT32_MAX)
+        return {nullptr, 0};
+    return {reinterpret_cast<const Entry *>(reader.position()), count};
+}
+
+uintptr_t description_of(const FrameTable &table, const Entry &entry) {
+    return table.address + static_cast<uintptr_t>(intptr_t{entry.description});
 }
 
 // A reader over an entry behind its length and, in `id`, the field that tells the two kinds apart.
-Reader open_entry(const Module &module, uintptr_t address, uintptr_t &id_at, uint32_t &id) {
-    const bool inside = address >= module.begin && address < module.end;
-    Reader reader(inside ? address : module.end, module.end);
+Reader open_entry(const FrameTable &table, uintptr_t address, uintptr_t &id_at, uint32_t &id) {
+    const bool inside = address >= table.module_begin && address < table.module_end;
+    Reader reader(inside ? address : table.module_end, table.module_end);
     const auto length = reader.read<uint32_t>();
     reader.end_at(reader.position() + length);
     id_at = reader.position();
@@ -65,10 +46,10 @@ Reader open_entry(const Module &module, uintptr_t address, uintptr_t &id_at, uin
     return reader;
 }
 
-bool read_common(const Module &module, uintptr_t address, FrameInfo &info) {
+bool read_common(const FrameTable &table, uintptr_t address, FrameInfo &info) {
     uintptr_t id_at;
     uint32_t id;
-    Reader reader = open_entry(module, address, id_at, id);
+    Reader reader = open_entry(table, address, id_at, id);
     const uint8_t version = reader.byte();
     if (id != 0 || (version != 1 && version != 3))
         return false;
@@ -108,11 +89,11 @@ bool read_common(const Module &module, uintptr_t address, FrameInfo &info) {
     return true;
 }
 
-bool read_description(const Module &module, uintptr_t address, uintptr_t pc, FrameInfo &info) {
+bool read_description(const FrameTable &table, uintptr_t address, uintptr_t pc, FrameInfo &info) {
     uintptr_t id_at;
     uint32_t distance;
-    Reader reader = open_entry(module, address, id_at, distance);
-    if (distance == 0 || !read_common(module, id_at - distance, info))
+    Reader reader = open_entry(table, address, id_at, distance);
+    if (distance == 0 || !read_common(table, id_at - distance, info))
         return false;
     info.function = reader.pointer(info.pointer_encoding);
     const uintptr_t size = reader.pointer(info.pointer_encoding & 0x0f);
@@ -121,19 +102,78 @@ bool read_description(const Module &module, uintptr_t address, uintptr_t pc, Fra
     reader.skip(reader.uleb128()); // augmentation
     info.program = reader.position();
     info.program_end = reader.position() + reader.left();
-    info.module = module.map;
-    info.module_end = module.end;
+    info.module = table.module;
+    info.module_end = table.module_end;
     return true;
+}
+
+// Mixes in the bytes of an entry, which begins with its length.
+void mix(const FrameTable &table, uintptr_t address, uint64_t &mixed) {
+    Reader length(address, table.module_end);
+    Reader reader(address, table.module_end);
+    reader.end_at(address + sizeof(uint32_t) + length.read<uint32_t>());
+    while (!reader.at_end()) {
+        const bool whole = reader.left() >= sizeof(uint64_t);
+        mixed ^= whole ? reader.read<uint64_t>() : reader.byte();
+        mixed *= 0x9e3779b97f4a7c15u;
+        mixed ^= mixed >> 32;
+    }
 }
 
 } // namespace
 
-bool find_frame_info(uintptr_t pc, FrameInfo &info) {
-    Module module;
-    if (!find_module(pc, module))
+bool find_frame_table(uintptr_t pc, FrameTable &table) {
+    dl_find_object found;
+    if (_dl_find_object(reinterpret_cast<void *>(pc), &found) != 0 || found.dlfo_eh_frame == nullptr)
         return false;
-    const uintptr_t description = look_up(module, pc);
-    return description != 0 && read_description(module, description, pc, info);
+    table = {reinterpret_cast<uintptr_t>(found.dlfo_map_start),
+             reinterpret_cast<uintptr_t>(found.dlfo_map_end), found.dlfo_link_map,
+             reinterpret_cast<uintptr_t>(found.dlfo_eh_frame)};
+    return true;
+}
+
+bool find_frame_entry(const FrameTable &table, uintptr_t pc, uint32_t &index) {
+    const Entries entries = entries_of(table);
+    const auto wanted = static_cast<intptr_t>(pc - table.address);
+    uintptr_t low = 0, high = entries.count;
+    while (low < high) {
+        const uintptr_t middle = (low + high) / 2;
+        if (entries.first[middle].function <= wanted)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    index = static_cast<uint32_t>(low - 1);
+    return low > 0;
+}
+
+bool is_entry_for(const FrameTable &table, uint32_t index, uintptr_t pc) {
+    const Entries entries = entries_of(table);
+    const auto wanted = static_cast<intptr_t>(pc - table.address);
+    return index < entries.count && entries.first[index].function <= wanted &&
+           (index + 1 == entries.count || entries.first[index + 1].function > wanted);
+}
+
+bool read_frame_info(const FrameTable &table, uint32_t index, uintptr_t pc, FrameInfo &info) {
+    return read_description(table, description_of(table, entries_of(table).first[index]), pc, info);
+}
+
+uint64_t fingerprint(const FrameTable &table, uint32_t index) {
+    const uintptr_t description = description_of(table, entries_of(table).first[index]);
+    uint64_t mixed = 0;
+    uintptr_t id_at;
+    uint32_t distance;
+    open_entry(table, description, id_at, distance);
+    mix(table, description, mixed);
+    mix(table, id_at - distance, mixed);
+    return mixed;
+}
+
+bool find_frame_info(uintptr_t pc, FrameInfo &info) {
+    FrameTable table;
+    uint32_t index;
+    return find_frame_table(pc, table) && find_frame_entry(table, pc, index) &&
+           read_frame_info(table, index, pc, info);
 }
 
 } // namespace k42mc::platform

@@ -22,8 +22,28 @@ struct FrameInfo {
     bool is_signal_frame; // its caller was interrupted, not called from
 };
 
-// Finds the entry of the function with the instruction at pc. Waits for nobody. Returns false when no
-// module has one.
+// What the loader tells of a module, without a lock, and the table of its entries that the linker has
+// made, sorted by address.
+struct FrameTable {
+    uintptr_t module_begin, module_end;
+    const link_map *module;
+    uintptr_t address;
+};
+
+// Both return false where nothing is known.
+bool find_frame_table(uintptr_t pc, FrameTable &table);
+bool find_frame_entry(const FrameTable &table, uintptr_t pc, uint32_t &index);
+
+// Whether the entry at the index is the one for pc.
+bool is_entry_for(const FrameTable &table, uint32_t index, uintptr_t pc);
+
+// What an entry says. Returns false if it says nothing about pc, or what compilers do not write.
+bool read_frame_info(const FrameTable &table, uint32_t index, uintptr_t pc, FrameInfo &info);
+
+// A number that is another one, as good as always, for an entry that says anything else.
+uint64_t fingerprint(const FrameTable &table, uint32_t index);
+
+// All in one.
 bool find_frame_info(uintptr_t pc, FrameInfo &info);
 
 } // namespace k42mc::platform

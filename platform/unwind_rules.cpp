@@ -2,6 +2,7 @@
 
 #include "cfi.h"
 #include "dwarf.h"
+#include "passing_rules.h"
 #include "startup_modules.h"
 
 namespace k42mc::platform {
@@ -90,15 +91,21 @@ void keep(uintptr_t address, UnwindRule rule) {
 UnwindRule learn_rule(uintptr_t called_from) {
     // A call may be the last thing that a function does: its return address lies behind.
     const uintptr_t call = called_from - 1;
+    FrameTable table;
+    uint32_t index;
+    UnwindRule rule = UnwindRule::of(UnwindRule::outermost);
+    if (!find_frame_table(call, table) || recall_rule(table, called_from, rule) ||
+        !find_frame_entry(table, call, index))
+        return rule;
     FrameInfo info;
     FrameRules rules;
-    if (!find_frame_info(call, info))
-        return UnwindRule::of(UnwindRule::outermost);
-    UnwindRule rule =
-        rules_at(info, call, rules) ? shorten(info, rules) : UnwindRule::of(UnwindRule::outermost);
-    rule.stays = is_startup_module(info.module);
+    if (read_frame_info(table, index, call, info) && rules_at(info, call, rules))
+        rule = shorten(info, rules);
+    rule.stays = is_startup_module(table.module);
     if (rule.stays)
         keep(called_from, rule);
+    else
+        remember_rule(table, index, called_from, rule);
     return rule;
 }
 

@@ -209,7 +209,7 @@ TEST_F(Traces, EndWhereAContextBegins) {
     for (size_t i = 0; i < kept.size(); ++i)
         kept[i] = stack[i];
     for (size_t damages = 1 + random() % 6; damages; --damages) {
-        auto value = uintptr_t(random()) * 0x100000001;
+        auto value = uintptr_t(uint64_t(random()) << 32 | random());
         if (random() % 4)
             value = reinterpret_cast<uintptr_t>(&stack[random() % 4096]) - random() % 2 * 8192;
         else if (random() % 4)
