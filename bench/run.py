@@ -11,6 +11,7 @@ import platform
 import re
 import statistics
 import subprocess
+import tempfile
 
 import containers
 
@@ -109,6 +110,88 @@ def traffic_tables(results):
     yield ""
 
 
+# Programs that nobody changed, and how they are given something to do.
+WORK = TOP / "bench/trace/work"
+STATEMENTS = TOP / "build/bench/work.sql"
+PROGRAMS = {
+    "perl": (["perl", WORK / "work.pl"], {}, 150),
+    "sqlite3": (["sqlite3", ":memory:", f".read {STATEMENTS}"], {}, 150),
+    "python3": (["/usr/bin/python3", WORK / "work.py"], {"PYTHONMALLOC": "malloc"}, 55),
+    "a parser in C++": ([BUILDS[64] / "trace/parser"], {}, 55),
+}
+TRACES = {
+    "repeated-16": ("the same 16 frames over and over", 1.3, 120),
+    "repeated-5": ("the same 5 frames over and over", 2.6, 100),
+    "paths-16": ("16 frames on 16 paths at random", 5, None),
+    "paths-512": ("16 frames on 512 paths at random", 5, None),
+}
+
+
+def measure_traces(width, rounds):
+    """{what: {walker: [nanoseconds, of each round]}}, less what calling nothing takes"""
+    output = subprocess.check_output([BUILDS[width] / "trace/bench_trace", str(rounds)], text=True)
+    times = {}
+    for line in output.splitlines():
+        what, walker, nanoseconds = line.split()
+        times.setdefault(what, {}).setdefault(walker, []).append(float(nanoseconds))
+    return {
+        what: {name: [a - b for a, b in zip(all_, walkers["nothing"])] for name, all_ in walkers.items()}
+        for what, walkers in times.items()
+    }
+
+
+def median_ratio(a, b):
+    return statistics.median(x / y for x, y in zip(a, b))
+
+
+def write_statements():
+    with open(STATEMENTS, "w", encoding="utf-8") as file:
+        print("create table numbers(number integer primary key, text text);", file=file)
+        for i in range(5000):
+            print(f"insert into numbers values({i}, 'text {i * 7 % 1000}');", file=file)
+            if i % 10 == 0:
+                print(f"select count(*) from numbers where text like '%{i % 97}%' and number > {i - 20};", file=file)
+
+
+def traces_in(command, environment):
+    """Nanoseconds of ours and of the compiler's unwinder for a trace, in a program's own calls of malloc"""
+    with tempfile.NamedTemporaryFile("r") as times:
+        preload = {"LD_PRELOAD": BUILDS[64] / "trace/libtrace_preload.so", "K42MC_TRACE_TIMES": times.name}
+        subprocess.run(
+            [str(word) for word in command],
+            env={**os.environ, **environment, **{key: str(value) for key, value in preload.items()}},
+            stdout=subprocess.DEVNULL,
+            check=True,
+        )
+        return tuple(map(float, times.read().split()))
+
+
+def trace_tables(rounds):
+    yield "## Traces"
+    yield ""
+    yield "Beside a walk by frame pointers, the least there can be, and libc's `backtrace`:"
+    yield ""
+    yield row(["trace", "bits", "ours, ns", "of the pointer walk", "goal", "`backtrace` takes", "goal"])
+    yield row(["---"] * 7)
+    for width in (64, 32):
+        for what, times in measure_traces(width, rounds).items():
+            name, goal, backtrace_goal = TRACES[what]
+            ours, pointers, libc = (times[walker] for walker in ("ours", "pointers", "backtrace"))
+            cells = [name, width, f"{statistics.median(ours):.1f}", f"{median_ratio(ours, pointers):.2f}", goal]
+            yield row(cells + [f"{median_ratio(libc, ours):.0f} times", backtrace_goal or ""])
+    yield ""
+    yield "16 frames at each call of malloc in programs that nobody changed, beside the compiler's unwinder:"
+    yield ""
+    write_statements()
+    yield row(["program", "ours, ns", "the unwinder takes", "goal"])
+    yield row(["---"] * 4)
+    for name, (command, environment, goal) in PROGRAMS.items():
+        runs = [traces_in(command, environment) for _ in range(rounds)]
+        ours, theirs = zip(*runs)
+        yield row([name, f"{statistics.median(ours):.1f}", f"{median_ratio(theirs, ours):.0f} times", goal])
+    yield ""
+
+
 def report_table(rounds):
     yield "## Reports"
     yield ""
@@ -141,12 +224,13 @@ def main():
     parser.add_argument("--no-containers", action="store_true")
     parser.add_argument("--output", default=TOP / "bench/RESULTS.md")
     options = parser.parse_args()
-    rounds, pairs = (2, 50_000) if options.quick else (7, 300_000)
+    rounds, pairs = (2, 50_000) if options.quick else (5, 300_000)
     loads = (1_000, 100_000) if options.quick else (1_000, 100_000, 1_000_000)
 
     lines = ["# Results", "", f"`./dev bench{' --quick' if options.quick else ''}` on", *machine(), ""]
     lines += traffic_tables(measure_traffic(rounds, loads, pairs))
     lines += report_table(min(rounds, 3))
+    lines += trace_tables(rounds)
     if not options.no_containers:
         lines += containers.tables(BUILDS[64] / "containers/bench_containers", options.quick)
     text = "\n".join(lines) + "\n"

@@ -5,6 +5,7 @@
 #include "small_stack.h"
 
 #include <algorithm>
+#include <alloca.h>
 #include <array>
 #include <atomic>
 #include <dlfcn.h>
@@ -50,9 +51,14 @@ _Unwind_Reason_Code add_frame(_Unwind_Context *context, void *) {
         ++different;
 }
 
+// More than once, so that traces repeat.
 void follow_a_path(Random &random, int depth, void (*end)() = compare) {
-    Path path = {uint32_t(random()), depth, end, end == compare};
-    sets[random() % std::size(sets)](path);
+    const Path path = {uint32_t(random()), depth, end, end == compare};
+    const CallShapes set = sets[random() % std::size(sets)];
+    for (int time = 0; time < 4; ++time) {
+        Path again = path;
+        set(again);
+    }
 }
 
 // The same frames each time.
@@ -76,7 +82,7 @@ protected:
 };
 
 TEST_F(Traces, AreExactWhateverCalls) {
-    for (int round = 0; round < 3000; ++round)
+    for (int round = 0; round < 1500; ++round)
         follow_a_path(random, int(random() % 12));
     follow_a_path(random, 1000);
     EXPECT_EQ(longest, most);
@@ -87,13 +93,13 @@ TEST_F(Traces, AreExactAcrossSets) {
     static Random *shared;
     static unsigned further;
     static void (*const go_on)() = [] {
-        if (further-- > 0)
-            follow_a_path(*shared, int((*shared)() % 4), go_on);
-        else
-            compare();
+        if (further == 0)
+            return compare();
+        --further;
+        follow_a_path(*shared, int((*shared)() % 4), go_on);
     };
     shared = &random;
-    for (int round = 0; round < 1000; ++round) {
+    for (int round = 0; round < 500; ++round) {
         further = random() % 6;
         go_on();
     }
@@ -128,6 +134,27 @@ TEST_F(Traces, AreExactOnStacksOfAnySize) {
 TEST_F(Traces, SeeEveryChange) {
     for (int round = 0; round < 100; ++round)
         call_plainly(12, change_a_return_address);
+}
+
+// Frames that lie elsewhere though all below is where it was: found only by the frame pointers. The
+// words that the calls before have left are still there.
+[[gnu::noinline]] void call_from(size_t room) {
+    void *const memory = alloca(64 * room);
+    __asm__ volatile("" : : "r"(memory) : "memory");
+    compare();
+    __asm__ volatile("" : : "r"(memory) : "memory");
+}
+
+template <int caller> [[gnu::noinline]] void share_room(size_t room) {
+    void *const memory = alloca(64 * room);
+    __asm__ volatile("" : : "r"(memory) : "memory");
+    call_from(20 - room);
+    __asm__ volatile("" : : "r"(memory), "i"(caller) : "memory");
+}
+
+TEST_F(Traces, SeeFramePointersChange) {
+    for (size_t round = 0; round < 400; ++round)
+        (random() % 2 ? share_room<0> : share_room<1>)(random() % 8);
 }
 
 // ---- Interrupted code ----
@@ -225,7 +252,7 @@ TEST_F(Traces, EndWhereAContextBegins) {
 
 TEST_F(Traces, EndOnDamagedStacks) {
     const Ended end = ended([&] {
-        for (int round = 0; round < 20000; ++round)
+        for (int round = 0; round < 5000; ++round)
             follow_a_path(random, 8 + int(random() % 12), trace_on_a_damaged_stack);
         std::exit(compared != 20000);
     });
@@ -275,13 +302,19 @@ TEST_F(Traces, RepeatInAnyNumberOfThreads) {
 // ---- Code that comes and goes ----
 
 TEST_F(Traces, FollowModulesThatTakeEachOthersPlace) {
-    for (int round = 0; round < 4; ++round) {
+    int in_place = 0;
+    void *before = nullptr;
+    for (int round = 0; round < 20; ++round) {
         void *const module = dlopen(round % 2 ? TRACE_MODULE_B : TRACE_MODULE_A, RTLD_NOW);
         ASSERT_NE(module, nullptr) << dlerror();
         const auto call = reinterpret_cast<void (*)(void (*)())>(dlsym(module, "module_call"));
-        call(compare);
+        for (int time = 0; time < 20; ++time)
+            call(compare);
+        in_place += ours.frames[1] == before;
+        before = ours.frames[1];
         dlclose(module);
     }
+    EXPECT_GT(in_place, 0);
 }
 
 } // namespace
