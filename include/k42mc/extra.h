@@ -24,6 +24,28 @@ void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_
 /* Releases a block that k42mcx_alloc handed out under this type. Null is ignored. */
 void k42mcx_free(const char *file, int line, int type, void *ptr);
 
+/* ---- Damage ahead of the release ---- */
+
+/*
+ * Examines the guards of every recorded block now. For each damaged one, a line goes to the report sink,
+ * as "file:line:WO:type:0xADDRESS:size:cycles" for an overrun or with WU for an underrun, and the trace
+ * of its allocation, if one was taken. The process goes on; the release of such a block will stop it.
+ * Blocks whose memory is gone count as underrun. Returns  How many blocks are damaged. 0 also while the
+ * checker is off, with a message on standard error. Lock     gMCLock, as MCReport: allocations of other
+ * threads wait meanwhile. Takes    Time in proportion to the number of blocks; allocates nothing.
+ */
+unsigned k42mcx_verify(void);
+
+#define K42MCX_EXIT_VERIFY 0x1u
+
+/*
+ * Asks for more at the end of the process, while the checker is on.
+ *   wishes  K42MCX_EXIT_VERIFY for k42mcx_verify ahead of the exit report; 0 for nothing. The last call
+ *           holds.
+ *   Lock    gMCLock.
+ */
+void k42mcx_at_exit(unsigned wishes);
+
 /* ---- Descriptors ---- */
 
 struct _IO_FILE;    /* FILE */

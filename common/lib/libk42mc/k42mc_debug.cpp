@@ -294,6 +294,18 @@ ReleasedBlock guard_release(uint32_t arena, void *user, Assurance assurance) {
             .alignment = uint32_t{1} << layout.log2_alignment};
 }
 
+// The size comes from elsewhere: a damaged header may name a tail anywhere.
+int guard_damage(uint32_t arena, const void *user, size_t size) {
+    const uintptr_t address = address_of(user);
+    const Word *header = words_at(address - guard_bytes), *tail = words_at(address + size);
+    Layout layout{};
+    if (header[magic_word].value != magic || !decode_header(header, layout) ||
+        layout.tail != address + size)
+        return K42MC_DEFECT_WU;
+    return carries_pattern(tail, tail_words) && tail[arena_word].value == arena ? K42MC_DEFECT_NONE
+                                                                                : K42MC_DEFECT_WO;
+}
+
 bool guarded_size(const void *user, size_t *size) {
     const uintptr_t address = address_of(user);
     const Word *header = words_at(address - guard_bytes);

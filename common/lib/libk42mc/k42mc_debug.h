@@ -27,6 +27,10 @@ void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size
 // As k42mc_guard_free, and tells what the block's header said before it was marked as freed.
 ReleasedBlock guard_release(uint32_t arena, void *user, Assurance assurance);
 
+// What is wrong with a block in use, of this size and arena: nothing, an overrun (K42MC_DEFECT_WO) or an
+// underrun (K42MC_DEFECT_WU). Header and tail must be readable.
+int guard_damage(uint32_t arena, const void *user, size_t size);
+
 // The user size that a sound header implies; false when the header is none. Reads only the header, which
 // must be readable.
 bool guarded_size(const void *user, size_t *size);

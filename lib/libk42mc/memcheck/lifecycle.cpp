@@ -96,6 +96,8 @@ bool announce_exit() {
 void MCExit() {
     if (!announce_exit())
         return;
+    if (gMCExitWishes & K42MCX_EXIT_VERIFY)
+        k42mcx_verify();
     MCReport(0);
     SinkChange change(false);
     const ControlLock lock("MCExit");

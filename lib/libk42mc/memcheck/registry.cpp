@@ -7,16 +7,12 @@
 #include "printing.h"
 
 #include <inttypes.h>
-#include <k42mc/pt.hpp>
 #include <stdlib.h>
 #include <string.h>
 #include <utility>
 
 namespace k42mc {
 namespace {
-
-// Every allocation goes through the tree: by its typed front end, which knows what it holds.
-using Tree = pt_view<MCAllocRec, &MCAllocRec::node, &MCAllocRec::address>;
 
 // What is known of a block while the checker is off: its header is taken on trust.
 constexpr Assurance unexamined{.header_readable = true, .tail = 0};
@@ -72,7 +68,7 @@ MCAllocRec *enter(uintptr_t address, MCAllocRec *&record) {
         return nullptr;
     }
     record->address = address;
-    MCAllocRec *const stale = Tree(gMCTree).insert(*record);
+    MCAllocRec *const stale = RecordTree(gMCTree).insert(*record);
     if (stale == nullptr)
         return std::exchange(record, nullptr);
     MCCountFree(stale->key.type, stale->key.size);
@@ -115,7 +111,7 @@ void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace 
 
 // The first half of forgetting a block: out of the tree.
 MCAllocRec *take(uintptr_t address) {
-    return gMCTree != nullptr ? Tree(gMCTree).remove_key(address) : nullptr;
+    return gMCTree != nullptr ? RecordTree(gMCTree).remove_key(address) : nullptr;
 }
 
 // The second half: everything else. The record is memory afterwards.
@@ -184,7 +180,8 @@ RecordInHand take_record(const void *user) {
 void put_record_back(const RecordInHand &hand) {
     if (hand.record == nullptr || pthread_mutex_lock(&gMCLock) != 0)
         return;
-    const bool back = hand.generation == gMCGeneration && Tree(gMCTree).insert(*hand.record) == nullptr;
+    const bool back =
+        hand.generation == gMCGeneration && RecordTree(gMCTree).insert(*hand.record) == nullptr;
     if (!back)
         unlist(hand.record);
     MCUnlock();

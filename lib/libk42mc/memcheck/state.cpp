@@ -17,6 +17,7 @@ constinit uint16_t gMCTypeBitmap = 0;
 constinit uint32_t gMCCycle = 0;
 constinit uint32_t gMCGeneration = 0;
 constinit bool gMCDone = false;
+constinit uint32_t gMCExitWishes = 0;
 constinit bool gMCExitHooked = false;
 
 constinit MCCounter gMCAllocCycle[MC_ALLOCATOR_TYPES] = {};

@@ -3,6 +3,7 @@
 
 #include "linkage.h"
 
+#include <k42mc/pt.hpp>
 #include <stddef.h>
 #include <stdio.h>
 
@@ -60,10 +61,14 @@ extern DLList *gMCList;
 extern SLList *gMCFilterIn;
 extern SLList *gMCFilterOut;
 
+// Every allocation goes through the tree: by its typed front end, which knows what it holds.
+using RecordTree = pt_view<MCAllocRec, &MCAllocRec::node, &MCAllocRec::address>;
+
 extern uint16_t gMCTypeBitmap; // written atomically: the wrappers peek at it without the lock
 extern uint32_t gMCCycle;      // the number of the last report
 extern uint32_t gMCGeneration; // how often the registry was released
 extern bool gMCDone;           // shut down by MCDeinit
+extern uint32_t gMCExitWishes; // what k42mcx_at_exit asked for
 extern bool gMCExitHooked;     // MCExit is registered, once in a process
 
 extern MCCounter gMCAllocCycle[MC_ALLOCATOR_TYPES];
