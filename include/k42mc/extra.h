@@ -27,12 +27,14 @@ void k42mcx_free(const char *file, int line, int type, void *ptr);
 /* ---- Damage ahead of the release ---- */
 
 /*
- * Examines the guards of every recorded block now. For each damaged one, a line goes to the report sink,
- * as "file:line:WO:type:0xADDRESS:size:cycles" for an overrun or with WU for an underrun, and the trace
- * of its allocation, if one was taken. The process goes on; the release of such a block will stop it.
- * Blocks whose memory is gone count as underrun. Returns  How many blocks are damaged. 0 also while the
- * checker is off, with a message on standard error. Lock     gMCLock, as MCReport: allocations of other
- * threads wait meanwhile. Takes    Time in proportion to the number of blocks; allocates nothing.
+ * Examines the guards of every block that a report would list now. For each damaged one, a line goes to
+ * the report sink, as "file:line:WO:type:0xADDRESS:size:cycles" for an overrun or with WU for an
+ * underrun, and the trace of its allocation, if one was taken. The process goes on; the release of such
+ * a block will stop it. Blocks whose memory is gone count as underrun.
+ *   Returns  How many blocks are damaged. 0 also while the checker is off, with a message on standard
+ *            error.
+ *   Lock     gMCLock, as MCReport: allocations of other threads wait meanwhile.
+ *   Takes    Time in proportion to the number of blocks; allocates nothing.
  */
 unsigned k42mcx_verify(void);
 

@@ -55,7 +55,7 @@ MCAllocRec *new_record() {
 
 void unlist(MCAllocRec *record) {
     if (record->containers == 2)
-        DLRemove(gMCList, record);
+        RecordList(gMCList).remove(*record);
 }
 
 // The record for an address, linked into the tree and out of the live list: the new one, which is null
@@ -103,7 +103,7 @@ void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace 
     record->key = {.line = site.line, .size = size, .type = type, .file = site.file};
     record->cycles = 0;
     record->containers = 2;
-    DLInsertLast(gMCList, record);
+    RecordList(gMCList).insert_last(*record);
     keep_backtrace(record, trace);
     gMCAllocCycle[type].add(size);
     gMCAllocSinceReset[type].add(size);

@@ -3,6 +3,7 @@
 
 #include "linkage.h"
 
+#include <k42mc/dl.hpp>
 #include <k42mc/pt.hpp>
 #include <stddef.h>
 #include <stdio.h>
@@ -61,8 +62,9 @@ extern DLList *gMCList;
 extern SLList *gMCFilterIn;
 extern SLList *gMCFilterOut;
 
-// Every allocation goes through the tree: by its typed front end, which knows what it holds.
+// The typed front ends, which know what they hold: every allocation goes through them.
 using RecordTree = pt_view<MCAllocRec, &MCAllocRec::node, &MCAllocRec::address>;
+using RecordList = dl_view<MCAllocRec, &MCAllocRec::link>;
 
 extern uint16_t gMCTypeBitmap; // written atomically: the wrappers peek at it without the lock
 extern uint32_t gMCCycle;      // the number of the last report

@@ -58,13 +58,14 @@ unsigned verify_blocks() {
     const uintptr_t page_size = platform::page_size();
     memset(gReadablePages, 0, sizeof gReadablePages);
     unsigned damaged = 0;
-    RecordTree(gMCTree).visit(0, [&](const MCAllocRec &record) {
-        if (const int defect = damage_of(record, page_size); defect != K42MC_DEFECT_NONE) {
-            print_damage(record, defect);
-            ++damaged;
-        }
-        return 0;
-    });
+    // Oldest first, as in reports: neighbours in the list mostly have neighbouring addresses.
+    for (const MCAllocRec &record : RecordList(gMCList)) {
+        const int defect = damage_of(record, page_size);
+        if (defect == K42MC_DEFECT_NONE)
+            continue;
+        print_damage(record, defect);
+        ++damaged;
+    }
     return damaged;
 }
 
