@@ -23,6 +23,11 @@ int backtrace_skip(void **frames, int most);
 // loaded there. Allocates nothing and never waits for the loader's lock; keeps errno.
 void backtrace_symbols_fd(void *const *frames, int count, int descriptor);
 
+// Puts "path+0xoffset" for a return address, where the offset is that of the module's file as the loader
+// counts it; "0xaddress" where no module is loaded. Cut to the room, which includes a terminator, and
+// never waits for the loader's lock. Returns the length. May change errno.
+size_t module_place(const void *return_address, char *text, size_t room);
+
 // ---- Time ----
 
 struct LocalTime {

@@ -5,6 +5,7 @@
 #include "stack.h"
 
 #include "platform.h"
+
 #include <algorithm>
 #include <atomic>
 
@@ -20,7 +21,8 @@ constinit thread_local Stack own_stack = {0, 0};
 
 namespace {
 
-// A walk that starts deeper than this is treated as one on a stack of the process's own making.
+// A walk that starts so much deeper than any before is treated as one on a stack of the process's own
+// making.
 constexpr uintptr_t deepest_start = 64u << 20;
 
 // How much of a stack of the process's own making a walk sees. Enough for the callers of an allocation
@@ -47,8 +49,9 @@ void remember(const Stack &stack) {
 
 Stack find_stack(uintptr_t stack_pointer) {
     const uintptr_t page = page_size(), low = stack_pointer & -page, top = nearest_top(stack_pointer);
-    const uintptr_t known = own_stack.high == top && own_stack.low > low ? own_stack.low : top;
-    if (top - stack_pointer <= deepest_start &&
+    const Stack own = own_stack;
+    const uintptr_t known = own.high == top && own.low > low ? own.low : top;
+    if ((own.high == 0 || own.high == top) && known - low <= deepest_start &&
         readable(reinterpret_cast<const void *>(low), known - low)) {
         remember({low, top});
         return own_stack;

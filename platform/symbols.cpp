@@ -61,25 +61,31 @@ bool is_executable(const Module &module) {
     return program_headers >= module.begin && program_headers < module.end;
 }
 
-// Puts the module's path and opens the file. The link to the executable leads to the file that runs,
-// even if it was deleted or another one has its path now. Without an interpreter the loader itself was
-// run, by hand, with the executable as its argument.
-int put_path(Line &line, const Module &module, uintptr_t path) {
+// Puts the module's path. The link to the executable leads to the file that runs, even if it was deleted
+// or another one has its path now. Without an interpreter the loader itself was run, by hand, with the
+// executable as its argument.
+void put_path(Line &line, const Module &module, uintptr_t path) {
     char *const text = line.text;
     if (!is_executable(module)) {
         line.length = strnlen(text, fetch(own_memory, path, text, most_path_bytes));
     } else if (getauxval(AT_BASE) != 0) {
         const ssize_t length = readlink(own_executable, text, most_path_bytes);
-        if (length > 0) {
-            line.length = static_cast<size_t>(length);
-            return open(own_executable, O_RDONLY | O_CLOEXEC);
-        }
+        line.length = length > 0 ? static_cast<size_t>(length) : 0;
     }
     if (line.length == 0 && is_executable(module))
         line.put(program_invocation_name);
     text[line.length] = '\0';
+}
+
+// Opens the file whose path was put.
+int open_module(const Line &line, const Module &module) {
+    int file = -1;
+    if (is_executable(module) && getauxval(AT_BASE) != 0)
+        file = open(own_executable, O_RDONLY | O_CLOEXEC);
     // A path may lead to a pipe by now: do not wait for its writer.
-    return line.length == 0 ? -1 : open(text, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (file < 0 && line.length != 0)
+        file = open(line.text, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    return file;
 }
 
 // The call is the byte before its return address: one that never returns may end its function.
@@ -88,7 +94,8 @@ void put_place(Line &line, uintptr_t address) {
     uintptr_t path = 0;
     if (!find_module(address - 1, module, path))
         return;
-    const int file = put_path(line, module, path);
+    put_path(line, module, path);
+    const int file = open_module(line, module);
     if (line.length != 0) {
         line.put("(");
         uintptr_t function = 0;
@@ -113,6 +120,23 @@ void write_line(uintptr_t address, int descriptor) {
 }
 
 } // namespace
+
+size_t module_place(const void *return_address, char *text, size_t room) {
+    const auto address = reinterpret_cast<uintptr_t>(return_address);
+    Line line;
+    Module module;
+    uintptr_t path = 0;
+    const bool found = find_module(address - 1, module, path);
+    if (found) {
+        put_path(line, module, path);
+        line.put("+");
+    }
+    line.put_hexadecimal(found ? address - module.base : address);
+    const size_t length = std::min(line.length, room - 1);
+    memcpy(text, line.text, length);
+    text[length] = '\0';
+    return length;
+}
 
 void backtrace_symbols_fd(void *const *frames, int count, int descriptor) {
     const int kept_errno = errno;

@@ -48,6 +48,19 @@ unsigned k42mcx_verify(void);
  */
 void k42mcx_at_exit(unsigned wishes);
 
+/*
+ * Writes what the process holds as lines of JSON, for programs: an object of the kind "cycle" with the
+ * counters, one of the kind "site" for each place that holds blocks (file, line, type and call chain, as
+ * modules and offsets), most bytes first, one of the kind "damage" for each damaged block, and at last
+ * one of the kind "end". It does not count as a report: no block gets older.
+ *   descriptor  Open for writing; it stays open.
+ *   limit       Only blocks that have survived so many reports: 0 for all.
+ *   Returns     0, or -1 with errno EBADF, ENOMEM (nothing is written then), EINVAL while the checker is
+ *               off, or that of a failed write.
+ *   Lock        gMCLock, but not while it writes.
+ */
+int k42mcx_report_json(int descriptor, unsigned limit);
+
 /* ---- Descriptors ---- */
 
 struct _IO_FILE;    /* FILE */

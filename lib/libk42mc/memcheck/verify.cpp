@@ -1,8 +1,9 @@
 // Looks at the guards of all blocks in use, to find damage ahead of their release.
+#include "memcheck/verify.h"
 #include "k42mc_debug.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/sink.h"
-#include "memcheck/state.h"
+#include "platform/platform.h"
 
 #include <inttypes.h>
 #include <string.h>
@@ -35,14 +36,6 @@ bool readable(uintptr_t address, size_t size, uintptr_t page_size) {
     return true;
 }
 
-int damage_of(const MCAllocRec &record, uintptr_t page_size) {
-    if (!readable(record.address - guard_bytes, guard_bytes, page_size) ||
-        !readable(record.address + record.key.size, guard_bytes, page_size))
-        return K42MC_DEFECT_WU;
-    const auto *const user = reinterpret_cast<const void *>(record.address);
-    return guard_damage(record.key.type + 1u, user, record.key.size);
-}
-
 void print_damage(const MCAllocRec &record, int defect) {
     const MCFilterKey &key = record.key;
     FILE *const out = MCSink();
@@ -55,12 +48,11 @@ void print_damage(const MCAllocRec &record, int defect) {
 }
 
 unsigned verify_blocks() {
-    const uintptr_t page_size = platform::page_size();
-    memset(gReadablePages, 0, sizeof gReadablePages);
+    start_examination();
     unsigned damaged = 0;
     // Oldest first, as in reports: neighbours in the list mostly have neighbouring addresses.
     for (const MCAllocRec &record : RecordList(gMCList)) {
-        const int defect = damage_of(record, page_size);
+        const int defect = damage_of(record);
         if (defect == K42MC_DEFECT_NONE)
             continue;
         print_damage(record, defect);
@@ -70,6 +62,20 @@ unsigned verify_blocks() {
 }
 
 } // namespace
+
+void start_examination() {
+    memset(gReadablePages, 0, sizeof gReadablePages);
+}
+
+int damage_of(const MCAllocRec &record) {
+    const uintptr_t page_size = platform::page_size();
+    if (!readable(record.address - guard_bytes, guard_bytes, page_size) ||
+        !readable(record.address + record.key.size, guard_bytes, page_size))
+        return K42MC_DEFECT_WU;
+    const auto *const user = reinterpret_cast<const void *>(record.address);
+    return guard_damage(record.key.type + 1u, user, record.key.size);
+}
+
 } // namespace k42mc
 
 using namespace k42mc;
