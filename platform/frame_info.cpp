@@ -1,6 +1,7 @@
 #include "frame_info.h"
 
 #include "dwarf.h"
+
 #include <dlfcn.h>
 
 namespace k42mc::platform {
@@ -35,21 +36,19 @@ uintptr_t description_of(const FrameTable &table, const Entry &entry) {
     return table.address + static_cast<uintptr_t>(intptr_t{entry.description});
 }
 
-// A reader over an entry behind its length and, in `id`, the field that tells the two kinds apart.
-Reader open_entry(const FrameTable &table, uintptr_t address, uintptr_t &id_at, uint32_t &id) {
+// A reader over an entry, which begins with its length.
+Reader open_entry(const FrameTable &table, uintptr_t address) {
     const bool inside = address >= table.module_begin && address < table.module_end;
-    Reader reader(inside ? address : table.module_end, table.module_end);
-    const auto length = reader.read<uint32_t>();
-    reader.end_at(reader.position() + length);
-    id_at = reader.position();
-    id = reader.read<uint32_t>();
+    Reader reader(inside ? address : table.module_end, table.module_end), at_length = reader;
+    const auto length = at_length.read<uint32_t>();
+    reader.end_at(at_length.position() + length);
     return reader;
 }
 
 bool read_common(const FrameTable &table, uintptr_t address, FrameInfo &info) {
-    uintptr_t id_at;
-    uint32_t id;
-    Reader reader = open_entry(table, address, id_at, id);
+    Reader reader = open_entry(table, address);
+    reader.skip(sizeof(uint32_t));
+    const auto id = reader.read<uint32_t>();
     const uint8_t version = reader.byte();
     if (id != 0 || (version != 1 && version != 3))
         return false;
@@ -89,11 +88,18 @@ bool read_common(const FrameTable &table, uintptr_t address, FrameInfo &info) {
     return true;
 }
 
+// From where a description tells it, at its front.
+uintptr_t read_common_address(Reader &reader) {
+    reader.skip(sizeof(uint32_t));
+    const uintptr_t here = reader.position();
+    const auto distance = reader.read<uint32_t>();
+    return distance == 0 ? 0 : here - distance;
+}
+
 bool read_description(const FrameTable &table, uintptr_t address, uintptr_t pc, FrameInfo &info) {
-    uintptr_t id_at;
-    uint32_t distance;
-    Reader reader = open_entry(table, address, id_at, distance);
-    if (distance == 0 || !read_common(table, id_at - distance, info))
+    Reader reader = open_entry(table, address);
+    const uintptr_t common = read_common_address(reader);
+    if (common == 0 || !read_common(table, common, info))
         return false;
     info.function = reader.pointer(info.pointer_encoding);
     const uintptr_t size = reader.pointer(info.pointer_encoding & 0x0f);
@@ -102,16 +108,11 @@ bool read_description(const FrameTable &table, uintptr_t address, uintptr_t pc, 
     reader.skip(reader.uleb128()); // augmentation
     info.program = reader.position();
     info.program_end = reader.position() + reader.left();
-    info.module = table.module;
     info.module_end = table.module_end;
     return true;
 }
 
-// Mixes in the bytes of an entry, which begins with its length.
-void mix(const FrameTable &table, uintptr_t address, uint64_t &mixed) {
-    Reader length(address, table.module_end);
-    Reader reader(address, table.module_end);
-    reader.end_at(address + sizeof(uint32_t) + length.read<uint32_t>());
+void mix(Reader reader, uint64_t &mixed) {
     while (!reader.at_end()) {
         const bool whole = reader.left() >= sizeof(uint64_t);
         mixed ^= whole ? reader.read<uint64_t>() : reader.byte();
@@ -159,13 +160,10 @@ bool read_frame_info(const FrameTable &table, uint32_t index, uintptr_t pc, Fram
 }
 
 uint64_t fingerprint(const FrameTable &table, uint32_t index) {
-    const uintptr_t description = description_of(table, entries_of(table).first[index]);
+    Reader description = open_entry(table, description_of(table, entries_of(table).first[index]));
     uint64_t mixed = 0;
-    uintptr_t id_at;
-    uint32_t distance;
-    open_entry(table, description, id_at, distance);
-    mix(table, description, mixed);
-    mix(table, id_at - distance, mixed);
+    mix(description, mixed);
+    mix(open_entry(table, read_common_address(description)), mixed);
     return mixed;
 }
 

@@ -10,7 +10,6 @@ namespace k42mc::platform {
 // A frame description entry and the common information entry that it refers to.
 struct FrameInfo {
     uintptr_t module_end; // nothing of it lies behind
-    const link_map *module;
 
     uintptr_t common_program, common_program_end; // what holds at the function's begin
     uintptr_t program, program_end;               // what changes within it

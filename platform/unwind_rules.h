@@ -5,6 +5,7 @@
 #pragma once
 
 #include "registers.h"
+
 #include <atomic>
 
 namespace k42mc::platform {
