@@ -116,7 +116,7 @@ TEST(Hangs, NotWhenTheCheckerPrintsWhatNobodyAskedFor) {
 TEST(Hangs, NotInAChildForkedAheadOfTheFirstEvent) {
     const Ended end = ended([] {
         alarm(30);
-        static std::atomic<bool> printing = false, printed = false;
+        static std::atomic<bool> printing = false, printed = false, forked = false;
         const auto write = [](void *, const char *, size_t size) {
             printing = true;
             usleep(100000);
@@ -125,11 +125,16 @@ TEST(Hangs, NotInAChildForkedAheadOfTheFirstEvent) {
         };
         stderr = fopencookie(nullptr, "w", {nullptr, write, nullptr, nullptr});
         setbuf(stderr, nullptr);
-        std::thread reporting([] { FDReport(0); });
+        std::thread reporting([] {
+            FDReport(0);
+            while (!forked) // The thread sanitizer only lets a child of several threads renew locks.
+                usleep(1000);
+        });
         while (!printing)
             usleep(1000);
         in_a_child([] { FDOpen("a", 5); });
         const bool waited = printed;
+        forked = true;
         reporting.join();
         _exit(!waited || gFDITable != nullptr);
     });

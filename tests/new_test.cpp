@@ -19,6 +19,7 @@ struct Counted {
 };
 
 volatile size_t too_much = SIZE_MAX; // leaves no room for guards; volatile: the compiler would warn
+void *volatile kept;                 // what nobody keeps, the compiler may leave out
 
 TEST(New, EveryOperatorMatchesItsDelete) {
     const std::unique_ptr<Wide> wide(new Wide);
@@ -35,18 +36,18 @@ TEST(New, EveryOperatorMatchesItsDelete) {
 
 TEST(New, FailureAsksTheHandlerFirst) {
     static int asked;
-    EXPECT_THROW((void)::operator new(too_much), std::bad_alloc);
+    EXPECT_THROW(kept = ::operator new(too_much), std::bad_alloc);
     EXPECT_EQ(::operator new[](too_much, std::nothrow), nullptr);
     std::set_new_handler([] {
         if (++asked == 3)
             std::set_new_handler(nullptr);
     });
-    EXPECT_THROW((void)::operator new[](too_much), std::bad_alloc);
+    EXPECT_THROW(kept = ::operator new[](too_much), std::bad_alloc);
     EXPECT_EQ(asked, 3);
     std::set_new_handler([] { throw std::bad_alloc(); });
     EXPECT_EQ(::operator new(too_much, std::nothrow), nullptr);
     std::set_new_handler([] {});
-    EXPECT_THROW((void)::operator new (1, std::align_val_t{2 * size_t{K42MC_ALIGN_MAX}}),
+    EXPECT_THROW(kept = ::operator new (1, std::align_val_t{2 * size_t{K42MC_ALIGN_MAX}}),
                  std::bad_alloc);
     std::set_new_handler(nullptr);
 }

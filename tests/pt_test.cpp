@@ -37,20 +37,54 @@ Element *element_of(PTNode *node) {
     return reinterpret_cast<Element *>(reinterpret_cast<char *>(node) - offsetof(Element, node));
 }
 
+// The typed front end for elements with one of the two key fields.
+struct Typed {
+    int bits;
+    size_t offset; // of the key field
+    Element *(*insert)(PTTree *, Element &);
+    void (*remove)(PTTree *, Element &);
+    Element *(*next)(PTTree *, Element &);
+    Element *(*prev)(PTTree *, Element &);
+    Element *(*remove_key)(PTTree *, const Key &);
+    Element *(*search)(PTTree *, const Key &);
+    Element *(*next_by_key)(PTTree *, const Key &);
+
+    friend std::ostream &operator<<(std::ostream &out, const Typed &typed) { return out << typed.bits; }
+};
+
+template <int bits, auto Field> Typed typed(size_t offset) {
+    using View = pt_view<Element, &Element::node, Field, bits>;
+    return {bits,
+            offset,
+            [](PTTree *tree, Element &element) { return View(tree).insert(element); },
+            [](PTTree *tree, Element &element) { View(tree).remove(element); },
+            [](PTTree *tree, Element &element) { return View(tree).next(element); },
+            [](PTTree *tree, Element &element) { return View(tree).prev(element); },
+            [](PTTree *tree, const Key &key) { return View(tree).remove_key(key); },
+            [](PTTree *tree, const Key &key) { return View(tree).search(key); },
+            [](PTTree *tree, const Key &key) { return View(tree).next_by_key(key); }};
+}
+
+template <int bits> Typed front() {
+    return typed<bits, &Element::front>(offsetof(Element, front));
+}
+
+template <int bits> Typed back() {
+    return typed<bits, &Element::back>(offsetof(Element, back));
+}
+
 // A tree, what it should hold, and a check that it does after each operation. Where the typed front end
 // can take part, it does so by turns with the C functions.
-template <int bits, bool keyInFront> struct Tree {
-    using View = pt_view<Element, &Element::node, keyInFront ? &Element::front : &Element::back, bits>;
-
-    explicit Tree(int keyIndirections) : indirections(keyIndirections) {
-        EXPECT_EQ(PTInit(&tree, hooks::alloc, hooks::dealloc, offsetof(Element, node), offset, bits,
-                         uint8_t(indirections), note_and_wreck<Element>),
+struct Tree {
+    Tree(const Typed &its, int keyIndirections) : view(its), indirections(keyIndirections) {
+        EXPECT_EQ(PTInit(&tree, hooks::alloc, hooks::dealloc, offsetof(Element, node), view.offset,
+                         int16_t(view.bits), uint8_t(indirections), note_and_wreck<Element>),
                   DS_OK);
         verify();
     }
     ~Tree() { PTDeinit(&tree); }
 
-    bool typed() { return !indirections && random() % 2; }
+    bool by_turns() { return !indirections && random() % 2; }
 
     Element *insert(const Key &key) {
         Element *element = &pool.emplace_back();
@@ -58,8 +92,8 @@ template <int bits, bool keyInFront> struct Tree {
         const auto [at, added] = model.try_emplace(shortened(key), element);
         const bool asks = random() % 4;
         void *existing = this;
-        if (asks && typed())
-            existing = View(tree).insert(*element);
+        if (asks && by_turns())
+            existing = view.insert(tree, *element);
         else
             PTInsert(tree, element, asks ? &existing : nullptr);
         EXPECT_EQ(existing, !asks ? this : added ? nullptr : (void *)at->second);
@@ -75,10 +109,10 @@ template <int bits, bool keyInFront> struct Tree {
         if (byKey && destroy)
             EXPECT_EQ(PTRemoveAndDestroyByKey(tree, argument(key)), expected ? DS_OK : DS_FAILURE);
         else if (byKey)
-            EXPECT_EQ(typed() ? View(tree).remove_key(key) : PTRemoveByKey(tree, argument(key)),
+            EXPECT_EQ(by_turns() ? view.remove_key(tree, key) : PTRemoveByKey(tree, argument(key)),
                       expected);
-        else if (expected && !destroy && typed())
-            View(tree).remove(*expected);
+        else if (expected && !destroy && by_turns())
+            view.remove(tree, *expected);
         else if (expected)
             (destroy ? PTRemoveAndDestroy : PTRemove)(tree, expected);
         EXPECT_EQ(hooks::calls, expected && destroy ? "X" : "");
@@ -137,10 +171,10 @@ template <int bits, bool keyInFront> struct Tree {
             }
             ASSERT_EQ(PTPrev(tree, element), before);
             if (!indirections) {
-                ASSERT_EQ(View(tree).search(odd), stored(odd));
-                ASSERT_EQ(View(tree).next_by_key(odd), above(odd));
-                ASSERT_EQ(View(tree).next(*element), above(key));
-                ASSERT_EQ(View(tree).prev(*element), before);
+                ASSERT_EQ(view.search(tree, odd), stored(odd));
+                ASSERT_EQ(view.next_by_key(tree, odd), above(odd));
+                ASSERT_EQ(view.next(tree, *element), above(key));
+                ASSERT_EQ(view.prev(tree, *element), before);
             }
             before = element;
         }
@@ -199,7 +233,7 @@ template <int bits, bool keyInFront> struct Tree {
     Key key_of(PTNode *node) { return node == tree->head ? Key{} : shortened(element_of(node)->key); }
 
     Key shortened(Key key) const {
-        for (int bit = bits; bit < 128; ++bit)
+        for (int bit = view.bits; bit < 128; ++bit)
             key[size_t(bit) / 8] &= uint8_t(~(0x80 >> bit % 8));
         return key;
     }
@@ -211,13 +245,13 @@ template <int bits, bool keyInFront> struct Tree {
             element.slots[i] = target;
             target = &element.slots[i];
         }
-        return std::memcpy(reinterpret_cast<char *>(&element) + offset, indirections ? &target : target,
-                           indirections ? sizeof target : sizeof key);
+        return std::memcpy(reinterpret_cast<char *>(&element) + view.offset,
+                           indirections ? &target : target, indirections ? sizeof target : sizeof key);
     }
 
     const void *argument(const Key &key) { return fill(scratch, key); }
 
-    static constexpr size_t offset = keyInFront ? offsetof(Element, front) : offsetof(Element, back);
+    const Typed view;
     Random random;
     PTTree *tree;
     const int indirections;
@@ -234,12 +268,14 @@ Key low_bit(int bits) {
     return key;
 }
 
-template <int bits, bool keyInFront> void agree_with_model() {
+class PTModel : public testing::TestWithParam<Typed> {};
+
+TEST_P(PTModel, Agrees) {
     for (int indirections = 0; indirections < 4; ++indirections) {
-        Tree<bits, keyInFront> tree(indirections);
+        Tree tree(GetParam(), indirections);
         Random &random = tree.random;
         for (int step = 0; step < 600 && !testing::Test::HasFailure(); ++step) {
-            Key key = random() % 4 ? Key{} : low_bit(bits); // those two are what is special
+            Key key = random() % 4 ? Key{} : low_bit(GetParam().bits); // those two are what is special
             for (size_t flips = random() % 3; flips; --flips)
                 key[random() % (random() % 2 ? 16 : 2)] ^= uint8_t(1u << random() % 8);
             if (random() % 2)
@@ -255,15 +291,10 @@ template <int bits, bool keyInFront> void agree_with_model() {
     }
 }
 
-template <class Bits> class PT : public testing::Test {};
-template <int bits> using Bits = std::integral_constant<int, bits>;
-using KeyBits = testing::Types<Bits<1>, Bits<12>, Bits<23>, Bits<32>, Bits<55>, Bits<64>, Bits<128>>;
-TYPED_TEST_SUITE(PT, KeyBits);
-
-TYPED_TEST(PT, AgreesWithModel) {
-    agree_with_model<TypeParam::value, false>();
-    agree_with_model<TypeParam::value, true>();
-}
+INSTANTIATE_TEST_SUITE_P(, PTModel,
+                         testing::Values(front<1>(), back<12>(), front<23>(), back<32>(), front<55>(),
+                                         back<64>(), front<64>(), back<128>(), front<128>()),
+                         [](const auto &suite) { return std::to_string(suite.index); });
 
 // Keys with a number in their last bytes, so that 0 and 1 are the two that are special.
 template <size_t size> struct Item {
@@ -345,7 +376,7 @@ void expect_printed(const PTTree *tree, const std::string &info, const std::stri
 
 TEST(PTStructure, IsExact) {
     for (const bool byKey : {false, true}) {
-        Tree<32, false> tree(0);
+        Tree tree(back<32>(), 0);
         PTNode *const head = tree.tree->head;
         PTNode &zero = tree.insert({})->node;
         expect_node(zero, 31, &zero, head);
@@ -450,19 +481,24 @@ uint8_t *end_of_page() {
     return end;
 }
 
-// Words of as many bits as limit says, which there may not be.
-template <int length = 8 * sizeof(size_t)>
-void expect_words(const uint8_t *a, const uint8_t *b, int start, int limit, int expected) {
-    if (limit == length) {
-        const bits::key<length> x(a), y(b);
-        ASSERT_EQ(bits::bit_at(x, start), bits::bit_at(a, start));
-        ASSERT_EQ(bits::DSFirstDiffBit(x, y, 0, limit), expected);
-        ASSERT_EQ(bits::DSFirstDiffBit(x, y, 0, start + 1), std::min(start + 1, expected));
-        ASSERT_EQ(bits::DSKeyDiffers(x, y, limit), expected < limit);
-    } else if constexpr (length > 1) {
-        expect_words<length - 1>(a, b, start, limit, expected);
-    }
+// What the routines say of keys that fit into a word, whose length in bits is known when compiled.
+struct OfWords {
+    bool bit;
+    int first, bounded;
+    bool differs;
+};
+
+template <int length> OfWords of_words(const uint8_t *a, const uint8_t *b, int start) {
+    const bits::key<length> x(a), y(b);
+    return {bits::bit_at(x, start), bits::DSFirstDiffBit(x, y, 0, length),
+            bits::DSFirstDiffBit(x, y, 0, start + 1), bits::DSKeyDiffers(x, y, length)};
 }
+
+template <int... lengths> constexpr auto of_words_by_length(std::integer_sequence<int, lengths...>) {
+    return std::array{of_words<lengths + 1>...};
+}
+
+constexpr auto by_length = of_words_by_length(std::make_integer_sequence<int, 8 * sizeof(size_t)>());
 
 TEST(PTKeys, AreNotReadBeyondTheirEnd) {
     Random random;
@@ -481,7 +517,13 @@ TEST(PTKeys, AreNotReadBeyondTheirEnd) {
         const int start = int(random() % unsigned(std::min(expected + 1, limit)));
         ASSERT_EQ(bits::DSFirstDiffBit(a, b, start, limit), expected);
         ASSERT_EQ(bits::DSKeyDiffers(a, b, limit), expected < limit);
-        ASSERT_NO_FATAL_FAILURE(expect_words(a, b, start, limit, expected));
+        if (size_t(limit) <= by_length.size()) {
+            const OfWords words = by_length[size_t(limit) - 1](a, b, start);
+            ASSERT_EQ(words.bit, bits::bit_at(a, start));
+            ASSERT_EQ(words.first, expected);
+            ASSERT_EQ(words.bounded, std::min(start + 1, expected));
+            ASSERT_EQ(words.differs, expected < limit);
+        }
     }
 }
 

@@ -9,6 +9,7 @@
 #include <inttypes.h>
 #include <stdlib.h>
 #include <string.h>
+#include <utility>
 
 namespace k42mc {
 namespace {
@@ -47,32 +48,31 @@ void print_wrong_type(const MCAllocRec &record, Site site, uint16_t type) {
     print_current_trace("Backtrace of the bad free:\n");
 }
 
-void unlist_and_free(MCAllocRec *record) {
-    if (--record->containers == 0)
-        free(record);
-    else
-        DLRemoveAndDestroy(gMCList, record);
+// Memory for a record: obtained and released without the lock, where it can be.
+MCAllocRec *new_record() {
+    return static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec)));
 }
 
-// The record for an address, linked into the tree and out of the live list; null when memory ran out. A
-// block may still be recorded under the address if it was released past the wrappers.
-MCAllocRec *enter(uintptr_t address) {
-    auto *record = static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec)));
+void unlist(MCAllocRec *record) {
+    if (record->containers == 2)
+        RecordList(gMCList).remove(*record);
+}
+
+// The record for an address, linked into the tree and out of the live list: the new one, which is null
+// then, or the one of a block that was released past the wrappers and may still be recorded there. Null
+// when memory ran out.
+MCAllocRec *enter(uintptr_t address, MCAllocRec *&record) {
     if (record == nullptr) {
         const Printing printing;
         MCSinkLine("============ MCAlloc", ": Memory allocation failure ===========\n");
         return nullptr;
     }
     record->address = address;
-    void *existing;
-    PTInsert(gMCTree, record, &existing);
-    if (existing == nullptr)
-        return record;
-    free(record);
-    auto *stale = static_cast<MCAllocRec *>(existing);
+    MCAllocRec *const stale = RecordTree(gMCTree).insert(*record);
+    if (stale == nullptr)
+        return std::exchange(record, nullptr);
     MCCountFree(stale->key.type, stale->key.size);
-    if (stale->containers == 2)
-        DLRemove(gMCList, stale);
+    unlist(stale);
     return stale;
 }
 
@@ -86,7 +86,9 @@ void keep_backtrace(MCAllocRec *record, Trace &trace) {
     memcpy(record->frames, frames.data(), frames.size_bytes());
 }
 
-void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace &trace) {
+// Leaves memory that it does not need to its caller.
+void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace &trace,
+                MCAllocRec *&memory) {
     if (site.file == nullptr)
         site.file = "(null)";
     if (address == 0) {
@@ -95,13 +97,13 @@ void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace 
     }
     if (gMCTree == nullptr || type >= MC_ALLOCATOR_TYPES)
         return;
-    MCAllocRec *record = enter(address);
+    MCAllocRec *record = enter(address, memory);
     if (record == nullptr)
         return;
     record->key = {.line = site.line, .size = size, .type = type, .file = site.file};
     record->cycles = 0;
     record->containers = 2;
-    DLInsertLast(gMCList, record);
+    RecordList(gMCList).insert_last(*record);
     keep_backtrace(record, trace);
     gMCAllocCycle[type].add(size);
     gMCAllocSinceReset[type].add(size);
@@ -109,15 +111,15 @@ void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace 
 
 // The first half of forgetting a block: out of the tree.
 MCAllocRec *take(uintptr_t address) {
-    return gMCTree != nullptr ? static_cast<MCAllocRec *>(PTRemoveByKey(gMCTree, &address)) : nullptr;
+    return gMCTree != nullptr ? RecordTree(gMCTree).remove_key(address) : nullptr;
 }
 
-// The second half: everything else. The record is gone afterwards.
+// The second half: everything else. The record is memory afterwards.
 void settle(MCAllocRec *record, Site site, uint16_t type) {
     if (record->key.type != type)
         print_wrong_type(*record, site, type);
     MCCountFree(record->key.type, record->key.size);
-    unlist_and_free(record);
+    unlist(record);
 }
 
 Assurance assurance_for(const MCAllocRec *record) {
@@ -137,10 +139,14 @@ int trace_depth() {
 }
 
 void record_block(Site site, uint16_t type, const void *user, size_t size, Trace &trace) {
-    if (!checker_on() || !MCLock())
+    if (!checker_on())
         return;
-    add_record(site, type, address_of(user), size, trace);
-    MCUnlock();
+    MCAllocRec *memory = user != nullptr ? new_record() : nullptr;
+    if (MCLock()) {
+        add_record(site, type, address_of(user), size, trace, memory);
+        MCUnlock();
+    }
+    free(memory);
 }
 
 Assurance forget_block(Site site, uint16_t type, const void *user) {
@@ -151,6 +157,7 @@ Assurance forget_block(Site site, uint16_t type, const void *user) {
     if (record != nullptr)
         settle(record, site, type);
     MCUnlock();
+    free(record);
     return assurance;
 }
 
@@ -173,12 +180,13 @@ RecordInHand take_record(const void *user) {
 void put_record_back(const RecordInHand &hand) {
     if (hand.record == nullptr || pthread_mutex_lock(&gMCLock) != 0)
         return;
-    void *existing = hand.record;
-    if (hand.generation == gMCGeneration)
-        PTInsert(gMCTree, hand.record, &existing);
-    if (existing != nullptr)
-        unlist_and_free(hand.record);
+    const bool back =
+        hand.generation == gMCGeneration && RecordTree(gMCTree).insert(*hand.record) == nullptr;
+    if (!back)
+        unlist(hand.record);
     MCUnlock();
+    if (!back)
+        free(hand.record);
 }
 
 void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
@@ -191,11 +199,11 @@ void replace_record(const RecordInHand &hand, Site site, uint16_t type, const vo
         return;
     if (hand.generation == gMCGeneration)
         settle(hand.record, site, type);
-    else
-        MCRecordRelease(hand.record);
+    MCAllocRec *memory = hand.record;
     if (checker_on())
-        add_record(site, type, address_of(user), size, trace);
+        add_record(site, type, address_of(user), size, trace, memory);
     MCUnlock();
+    free(memory);
 }
 
 } // namespace k42mc
@@ -204,7 +212,9 @@ using namespace k42mc;
 
 void MCAlloc(const char *file, int line, uint16_t type, uintptr_t address, size_t size) {
     Trace trace;
-    add_record({file, line}, type, address, size, trace);
+    MCAllocRec *memory = address != 0 ? new_record() : nullptr;
+    add_record({file, line}, type, address, size, trace, memory);
+    free(memory);
 }
 
 void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
@@ -216,6 +226,7 @@ void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
     MCAllocRec *record = take(address);
     if (record != nullptr)
         settle(record, {file, line}, type);
+    free(record);
 }
 
 K42MC_EXPORT(MCAlloc);

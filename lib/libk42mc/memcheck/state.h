@@ -3,6 +3,8 @@
 
 #include "linkage.h"
 
+#include <k42mc/dl.hpp>
+#include <k42mc/pt.hpp>
 #include <stddef.h>
 #include <stdio.h>
 
@@ -59,6 +61,10 @@ extern PTTree *gMCTree;
 extern DLList *gMCList;
 extern SLList *gMCFilterIn;
 extern SLList *gMCFilterOut;
+
+// The typed front ends, which know what they hold: every allocation goes through them.
+using RecordTree = pt_view<MCAllocRec, &MCAllocRec::node, &MCAllocRec::address>;
+using RecordList = dl_view<MCAllocRec, &MCAllocRec::link>;
 
 extern uint16_t gMCTypeBitmap; // written atomically: the wrappers peek at it without the lock
 extern uint32_t gMCCycle;      // the number of the last report

@@ -7,6 +7,7 @@
 #include <boost/intrusive/avl_set.hpp>
 #include <boost/intrusive/set.hpp>
 #include <glib.h>
+#include <search.h>
 #include <set>
 
 namespace {
@@ -88,7 +89,7 @@ template <class Node, class Set> struct Boost {
         return at == set.end() ? nullptr : &*at;
     }
     template <class F> void visit(F f) { std::for_each(set.begin(), set.end(), f); }
-    void remove(Element &element) { set.erase(Set::s_iterator_to(element)); }
+    void remove(Element &element) { set.erase(element.key); }
 
     Set set;
 };
@@ -117,13 +118,34 @@ struct Glib {
     GTree *tree = g_tree_new(compare);
 };
 
+// glibc's. The key is the element's first member.
+struct Search {
+    using Element = bench::Element<no_link>;
+    explicit Search(size_t) {}
+    ~Search() {
+        tdestroy(root, [](void *) {});
+    }
+    void insert(Element &element) { tsearch(&element, &root, compare); }
+    void *find(Key key) { return tfind(&key, &root, compare); }
+    template <class F> void visit(F f) {
+        const auto visit = [](const void *node, VISIT order, void *function) {
+            if (order == postorder || order == leaf)
+                call<Element, F>(*static_cast<void *const *>(node), function);
+        };
+        twalk_r(root, visit, &f);
+    }
+    void remove(Element &element) { tdelete(&element, &root, compare); }
+
+    void *root = nullptr;
+};
+
 template <class Ours, class OursInC> bool contests(const char *family) {
     return contest<Ours>(family, "typed") && contest<OursInC>(family, "C") &&
            contest<StandardSet>(family, "std::set") && contest<StandardMap>(family, "std::map") &&
            contest<BoostOf<intrusive::set, intrusive::set_member_hook<Normal>>>(family, "boost::set") &&
            contest<BoostOf<intrusive::avl_set, intrusive::avl_set_member_hook<Normal>>>(
                family, "boost::avl_set") &&
-           contest<Glib>(family, "GTree");
+           contest<Glib>(family, "GTree") && contest<Search>(family, "tsearch");
 }
 
 using AVLElement = Element<AVLNode>;

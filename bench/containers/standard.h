@@ -5,9 +5,17 @@
 
 namespace bench {
 
+// Hash tables are as full as ours, which has at most so many buckets.
+inline constexpr float most_load = 8, most_buckets = 65521;
+
+template <class Container> void fill_like_ours(Container &container, size_t n) {
+    if constexpr (requires { container.max_load_factor(most_load); })
+        container.max_load_factor(std::max(most_load, float(n) / most_buckets));
+}
+
 template <class Set> struct StdSet {
     using Element = bench::Element<no_link>;
-    explicit StdSet(size_t) {}
+    explicit StdSet(size_t n) { fill_like_ours(set, n); }
     void insert(Element &element) { set.insert(&element); }
     Element *find(Key key) {
         const auto at = set.find(key);
@@ -24,7 +32,7 @@ template <class Set> struct StdSet {
 
 template <class Map> struct StdMap {
     using Element = bench::Element<no_link>;
-    explicit StdMap(size_t) {}
+    explicit StdMap(size_t n) { fill_like_ours(map, n); }
     void insert(Element &element) { map.emplace(element.key, &element); }
     Element *find(Key key) {
         const auto at = map.find(key);

@@ -62,7 +62,7 @@ using StandardMap = StdMap<std::unordered_map<Key, bench::Element<no_link> *>>;
 namespace intrusive = boost::intrusive;
 using Hook = intrusive::unordered_set_member_hook<intrusive::link_mode<intrusive::normal_link>>;
 
-// The buckets are its users' business: one for each element, from the start.
+// The buckets are its users' business: as many as ours has in the end, from the start.
 struct Boost {
     using Element = bench::Element<Hook>;
     struct KeyOf {
@@ -73,15 +73,20 @@ struct Boost {
                                          intrusive::key_of_value<KeyOf>, intrusive::hash<Hash>,
                                          intrusive::constant_time_size<false>>;
 
-    explicit Boost(size_t n)
-        : buckets(Set::suggested_upper_bucket_count(n)), set({buckets.data(), buckets.size()}) {}
+    explicit Boost(size_t n) : buckets(buckets_for(n)), set({buckets.data(), buckets.size()}) {}
+    static size_t buckets_for(size_t n) {
+        for (const size_t count : k42mc::hash_table::bucket_counts)
+            if (n < size_t(most_load) * count)
+                return count;
+        return size_t(most_buckets);
+    }
     void insert(Element &element) { set.insert(element); }
     Element *find(Key key) {
         const auto at = set.find(key);
         return at == set.end() ? nullptr : &*at;
     }
     template <class F> void visit(F f) { std::for_each(set.begin(), set.end(), f); }
-    void remove(Element &element) { set.erase(set.iterator_to(element)); }
+    void remove(Element &element) { set.erase(element.key); }
 
     std::vector<Set::bucket_type> buckets;
     Set set;

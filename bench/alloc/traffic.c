@@ -1,0 +1,171 @@
+/*
+ * Allocation traffic, the same whoever checks it: threads that each replace random ones of their blocks,
+ * 16 to 255 bytes large, from a depth of 14 calls on changing paths.
+ *
+ *   traffic <threads> <live blocks> <pairs a thread> [off|on|untraced|report]
+ *
+ * Prints the nanoseconds that a free and an allocation take together, in one thread while all run, and
+ * the bytes of memory that a live block takes. Where it is built with the checker, the last argument
+ * says in which state; report prints the lines a second of a report of the live blocks instead.
+ */
+#include <inttypes.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#ifdef CHECKED
+#include <k42mc/k42mc.h>
+#define allocate(size) k42MC_malloc(__FILE__, __LINE__, size)
+#define release(block) k42MC_free(__FILE__, __LINE__, block)
+#else
+#define allocate(size) malloc(size)
+#define release(block) free(block)
+#endif
+
+enum { call_depth = 14, pairs_a_path = 32 };
+
+struct worker {
+    pthread_t thread;
+    uint32_t random; /* xorshift */
+    size_t live, pairs;
+    char **blocks;
+};
+
+static pthread_barrier_t filled, measured;
+
+static uint32_t draw(struct worker *worker) {
+    uint32_t x = worker->random;
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    return worker->random = x;
+}
+
+/* The block is written to, as any block is, and the compiler cannot know that nobody reads it. */
+static char *make_block(struct worker *worker) {
+    char *const block = allocate(16 + draw(worker) % 240);
+    if (block == NULL)
+        abort();
+    block[0] = 1;
+    __asm__ volatile("" : : "r"(block) : "memory");
+    return block;
+}
+
+static void replace_blocks(struct worker *worker) {
+    for (int i = 0; i < pairs_a_path; ++i) {
+        char **const block = &worker->blocks[draw(worker) % worker->live];
+        release(*block);
+        *block = make_block(worker);
+    }
+}
+
+static void fill(struct worker *worker) {
+    for (size_t i = 0; i < worker->live; ++i)
+        worker->blocks[i] = make_block(worker);
+}
+
+static void left(int depth, uint32_t path, void (*action)(struct worker *), struct worker *worker);
+
+#define CALLS_FROM_HERE(name, other)                                                                    \
+    __attribute__((noinline)) static void name(                                                         \
+        int depth, uint32_t path, void (*action)(struct worker *), struct worker *worker) {             \
+        if (depth == 0)                                                                                 \
+            action(worker);                                                                             \
+        else if (path & 1)                                                                              \
+            other(depth - 1, path >> 1, action, worker);                                                \
+        else                                                                                            \
+            name(depth - 1, path >> 1, action, worker);                                                 \
+        __asm__ volatile(""); /* no tail call */                                                        \
+    }
+
+CALLS_FROM_HERE(right, left)
+CALLS_FROM_HERE(left, right)
+
+/* Below are main or the thread's start, and work. */
+static void *work(void *argument) {
+    struct worker *const worker = argument;
+    left(call_depth - 3, 0, fill, worker);
+    pthread_barrier_wait(&filled);
+    pthread_barrier_wait(&measured);
+    for (size_t i = 0; i < worker->pairs; i += pairs_a_path)
+        left(call_depth - 3, draw(worker) & 3, replace_blocks, worker);
+    return NULL;
+}
+
+static double seconds(void) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (double)now.tv_sec + 1e-9 * (double)now.tv_nsec;
+}
+
+static double resident_bytes(void) {
+    unsigned long total, resident = 0;
+    FILE *const file = fopen("/proc/self/statm", "r");
+    if (file != NULL) {
+        if (fscanf(file, "%lu %lu", &total, &resident) != 2)
+            resident = 0;
+        fclose(file);
+    }
+    return (double)resident * (double)sysconf(_SC_PAGESIZE);
+}
+
+static void start_checker(const char *state) {
+#ifdef CHECKED
+    if (strcmp(state, "off") == 0)
+        return;
+    MCInit(K42MC_BE32(strcmp(state, "report") == 0 ? MC_TO_FILE : MC_TO_STDERR),
+           K42MC_BE32(strcmp(state, "untraced") == 0 ? MC_TYPE_BT_OFF : 0));
+#else
+    (void)state;
+#endif
+}
+
+static void report(size_t live) {
+#ifdef CHECKED
+    const double start = seconds();
+    MCReport(K42MC_BE32(1));
+    printf("%.0f\n", (double)live / (seconds() - start));
+#else
+    (void)live;
+#endif
+}
+
+int main(int count, char **arguments) {
+    if (count < 4)
+        return 2;
+    const int threads = atoi(arguments[1]);
+    const size_t live = (size_t)atol(arguments[2]), pairs = (size_t)atol(arguments[3]);
+    const char *const state = count > 4 ? arguments[4] : "off";
+    struct worker *const workers = calloc((size_t)threads, sizeof *workers);
+    char **const blocks = calloc(live, sizeof *blocks);
+    memset(blocks, 1, live * sizeof *blocks); /* resident before the blocks are counted */
+    start_checker(state);
+    pthread_barrier_init(&filled, NULL, (unsigned)threads + 1);
+    pthread_barrier_init(&measured, NULL, (unsigned)threads + 1);
+
+    const double before = resident_bytes();
+    for (int i = 0; i < threads; ++i) {
+        struct worker *const worker = &workers[i];
+        *worker = (struct worker){.random = 2463534242u + (uint32_t)i,
+                                  .live = live / (size_t)threads,
+                                  .pairs = pairs,
+                                  .blocks = blocks + live / (size_t)threads * (size_t)i};
+        pthread_create(&worker->thread, NULL, work, worker);
+    }
+    pthread_barrier_wait(&filled);
+    const double bytes = (resident_bytes() - before) / (double)live;
+    const double start = seconds();
+    pthread_barrier_wait(&measured);
+    for (int i = 0; i < threads; ++i)
+        pthread_join(workers[i].thread, NULL);
+    const double nanoseconds = 1e9 * (seconds() - start) / (double)pairs;
+    if (strcmp(state, "report") == 0)
+        report(live);
+    else
+        printf("%.2f %.1f\n", nanoseconds, bytes);
+    fflush(stdout);
+    _exit(0); /* nobody is interested in what is left */
+}

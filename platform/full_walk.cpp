@@ -1,0 +1,106 @@
+#include "full_walk.h"
+
+#include "cfi.h"
+#include "cfi_expression.h"
+#include "stack.h"
+
+namespace k42mc::platform {
+namespace {
+
+using How = RegisterRule::How;
+
+class Walk {
+public:
+    explicit Walk(const Registers &start) : registers(start), stack(stack_of(start[Registers::sp])) {}
+
+    uintptr_t place() const { return registers[Registers::ra]; }
+
+    // Goes to the caller. Returns false where there is none, or it cannot be told.
+    bool step() {
+        FrameInfo info;
+        FrameRules rules;
+        uintptr_t frame_address;
+        const uintptr_t pc = place() - !was_interrupted;
+        if (!find_frame_info(pc, info) || !rules_at(info, pc, rules) ||
+            !find_address(info, rules, frame_address))
+            return false;
+        // Callers lie higher, or the stack is damaged; only a signal handler may run on another one.
+        if (frame_address <= registers[Registers::sp] && !info.is_signal_frame)
+            return false;
+        Registers caller = registers;
+        caller[Registers::sp] = frame_address;
+        caller[Registers::ra] = 0;
+        for (int number = 0; number < Registers::count; ++number)
+            if (!restore(info, rules.registers[number], frame_address, number, caller[number]))
+                return false;
+        // The return address is wherever the entry says; everybody says it is this.
+        if (info.return_column != Registers::ra || caller[Registers::ra] == 0)
+            return false;
+        was_interrupted = info.is_signal_frame;
+        registers = caller;
+        if (was_interrupted)
+            stack = stack_of(registers[Registers::sp]);
+        return true;
+    }
+
+private:
+    bool find_address(const FrameInfo &info, const FrameRules &rules, uintptr_t &result) const {
+        if (rules.address_by_expression)
+            return evaluate(info, rules.address_offset, registers, stack, nullptr, result);
+        if (rules.address_register < 0 || rules.address_register >= Registers::count)
+            return false;
+        result = registers[rules.address_register] + static_cast<uintptr_t>(rules.address_offset);
+        return true;
+    }
+
+    bool load_checked(uintptr_t address, uintptr_t &value) const {
+        if (!stack.holds(address))
+            return false;
+        value = load(address);
+        return true;
+    }
+
+    bool restore(const FrameInfo &info, const RegisterRule &rule, uintptr_t frame_address, int number,
+                 uintptr_t &value) const {
+        const uintptr_t offset = static_cast<uintptr_t>(rule.value);
+        uintptr_t address;
+        switch (rule.how) {
+        case How::same:
+            return true;
+        case How::undefined:
+            return number != Registers::ra;
+        case How::at_offset:
+            return load_checked(frame_address + offset, value);
+        case How::is_offset:
+            value = frame_address + offset;
+            return true;
+        case How::at_expression:
+            return evaluate(info, rule.value, registers, stack, &frame_address, address) &&
+                   load_checked(address, value);
+        case How::is_expression:
+            return evaluate(info, rule.value, registers, stack, &frame_address, value);
+        case How::in_register:
+            if (offset >= Registers::count)
+                return false;
+            value = registers[static_cast<int>(offset)];
+            return true;
+        }
+        return false;
+    }
+
+    Registers registers;
+    Stack stack;
+    bool was_interrupted = true; // the place is an instruction to come, not a return address
+};
+
+} // namespace
+
+[[gnu::noinline]] void full_walk(CallChain &chain) {
+    Registers start = {};
+    capture(start);
+    Walk walk(start);
+    while (chain.room() > 0 && walk.step())
+        chain.add(walk.place());
+}
+
+} // namespace k42mc::platform

@@ -1,0 +1,11 @@
+// The walk that follows every rule there is, with all registers: slower by a hundred times than the one
+// by short rules, which leaves to it what passes a signal handler or a function in unusual assembly.
+#pragma once
+
+#include "call_chain.h"
+
+namespace k42mc::platform {
+
+void full_walk(CallChain &chain);
+
+} // namespace k42mc::platform

@@ -1,0 +1,33 @@
+// The memory that a walk may read: a stack from the innermost frame up.
+#pragma once
+
+#include "registers.h"
+
+namespace k42mc::platform {
+
+struct Stack {
+    uintptr_t low, high; // high is the first byte behind
+
+    bool holds(uintptr_t address) const {
+        return address >= low && address < high && high - address >= sizeof(uintptr_t);
+    }
+};
+
+// What is known of the calling thread's own stack: nothing at first, and never more than was seen to be
+// readable. It stays mapped as long as the thread lives.
+extern constinit thread_local Stack own_stack;
+
+// Finds out, with a system call for each page that is new.
+Stack find_stack(uintptr_t stack_pointer);
+
+inline Stack stack_of(uintptr_t stack_pointer) {
+    const Stack own = own_stack;
+    return stack_pointer >= own.low && stack_pointer < own.high ? own : find_stack(stack_pointer);
+}
+
+// For an address that the stack holds.
+inline uintptr_t load(uintptr_t address) {
+    return *reinterpret_cast<const uintptr_t *>(address);
+}
+
+} // namespace k42mc::platform

@@ -1,0 +1,320 @@
+// Traces beside those of the compiler's unwinder, which finds its way by the same tables at leisure.
+#include "call_shapes.h"
+#include "ended.h"
+#include "random.h"
+#include "small_stack.h"
+
+#include <algorithm>
+#include <alloca.h>
+#include <array>
+#include <atomic>
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <ucontext.h>
+#include <unwind.h>
+
+extern "C" int shim_trace(void **frames, int most);
+
+namespace {
+
+constexpr CallShapes sets[] = {call_shapes_O0, call_shapes_O1_frame_pointer, call_shapes_O2_realigned,
+                               call_shapes_O3, call_shapes_Os};
+constexpr int most = 100;
+
+// Static, so that comparing takes no room on a small stack.
+struct Trace {
+    std::array<void *, most> frames;
+    int count;
+};
+Trace ours, theirs;
+std::atomic<int> compared, different, longest;
+
+_Unwind_Reason_Code add_frame(_Unwind_Context *context, void *) {
+    int interrupted = 0;
+    void *const place = reinterpret_cast<void *>(_Unwind_GetIPInfo(context, &interrupted));
+    if (place == nullptr || theirs.count == most)
+        return _URC_END_OF_STACK;
+    theirs.frames[size_t(theirs.count++)] = place;
+    return _URC_NO_REASON;
+}
+
+// The two begin at calls side by side.
+[[gnu::noinline]] void compare() {
+    theirs.count = 0;
+    ours.count = shim_trace(ours.frames.data(), most);
+    _Unwind_Backtrace(add_frame, nullptr);
+    ++compared;
+    longest = std::max<int>(longest, ours.count);
+    if (ours.count != theirs.count ||
+        !std::equal(&ours.frames[1], &ours.frames[size_t(ours.count)], &theirs.frames[1]))
+        ++different;
+}
+
+// More than once, so that traces repeat.
+void follow_a_path(Random &random, int depth, void (*end)() = compare) {
+    const Path path = {uint32_t(random()), depth, end, end == compare};
+    const CallShapes set = sets[random() % std::size(sets)];
+    for (int time = 0; time < 4; ++time) {
+        Path again = path;
+        set(again);
+    }
+}
+
+// The same frames each time.
+[[gnu::noinline]] void call_plainly(int depth, void (*end)()) {
+    if (depth > 0)
+        call_plainly(depth - 1, end);
+    else
+        end();
+    __asm__ volatile("" : : : "memory");
+}
+
+class Traces : public testing::Test {
+protected:
+    void SetUp() override { compared = different = longest = 0; }
+    void TearDown() override {
+        EXPECT_GT(compared, 0);
+        EXPECT_EQ(different, 0) << "of " << compared;
+    }
+
+    Random random;
+};
+
+TEST_F(Traces, AreExactWhateverCalls) {
+    for (int round = 0; round < 1500; ++round)
+        follow_a_path(random, int(random() % 12));
+    follow_a_path(random, 1000);
+    EXPECT_EQ(longest, most);
+}
+
+// One set's end is the next one's begin.
+TEST_F(Traces, AreExactAcrossSets) {
+    static Random *shared;
+    static unsigned further;
+    static void (*const go_on)() = [] {
+        if (further == 0)
+            return compare();
+        --further;
+        follow_a_path(*shared, int((*shared)() % 4), go_on);
+    };
+    shared = &random;
+    for (int round = 0; round < 500; ++round) {
+        further = random() % 6;
+        go_on();
+    }
+}
+
+TEST_F(Traces, AreExactOnStacksOfAnySize) {
+    on_small_stack(
+        [](void *given) {
+            follow_a_path(*static_cast<Random *>(given), 1);
+            return static_cast<void *>(nullptr);
+        },
+        &random);
+    Path path = {1, 4000, compare, true};
+    call_shapes_O3(path);
+}
+
+// What is remembered of a trace does not outlive a change of one word that it came from.
+[[gnu::noinline, gnu::no_sanitize_address]] void change_a_return_address() {
+    compare();
+    void *const own = ours.frames[1], *const recursive = ours.frames[3];
+    const size_t callers = size_t(compared) % 8;
+    auto *slot = static_cast<void *volatile *>(__builtin_frame_address(0));
+    for (size_t seen = 0; *slot != recursive || seen++ < callers;)
+        ++slot;
+    *slot = own;
+    Trace changed;
+    changed.count = shim_trace(changed.frames.data(), most);
+    *slot = recursive;
+    different += changed.frames[1 + callers] == own || changed.frames[2 + callers] != own;
+}
+
+TEST_F(Traces, SeeEveryChange) {
+    for (int round = 0; round < 100; ++round)
+        call_plainly(12, change_a_return_address);
+}
+
+// Frames that lie elsewhere though all below is where it was: found only by the frame pointers. The
+// words that the calls before have left are still there.
+[[gnu::noinline]] void call_from(size_t room) {
+    void *const memory = alloca(64 * room);
+    __asm__ volatile("" : : "r"(memory) : "memory");
+    compare();
+    __asm__ volatile("" : : "r"(memory) : "memory");
+}
+
+template <int caller> [[gnu::noinline]] void share_room(size_t room) {
+    void *const memory = alloca(64 * room);
+    __asm__ volatile("" : : "r"(memory) : "memory");
+    call_from(20 - room);
+    __asm__ volatile("" : : "r"(memory), "i"(caller) : "memory");
+}
+
+TEST_F(Traces, SeeFramePointersChange) {
+    for (size_t round = 0; round < 400; ++round)
+        (random() % 2 ? share_room<0> : share_room<1>)(random() % 8);
+}
+
+// ---- Interrupted code ----
+
+void interrupt_with(void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags | SA_RESTART;
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval often = {{0, 300}, {0, 300}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+}
+
+void interrupt_no_more() {
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    signal(SIGALRM, SIG_IGN);
+}
+
+// No exceptions: the tables say nothing right about where the unwinder switches frames.
+void interrupted_until(int count, Random &random) {
+    while (compared < count)
+        follow_a_path(random, int(random() % 12), [] {});
+    interrupt_no_more();
+}
+
+TEST_F(Traces, AreExactWhereverCodeIsInterrupted) {
+    interrupt_with([](int) { compare(); }, 0);
+    interrupted_until(400, random);
+}
+
+TEST_F(Traces, LeaveAnAlternateStack) {
+    static std::array<char, 65536> memory;
+    const stack_t other = {memory.data(), 0, memory.size()}, none = {nullptr, SS_DISABLE, 0};
+    sigaltstack(&other, nullptr);
+    interrupt_with([](int) { compare(); }, SA_ONSTACK);
+    interrupted_until(400, random);
+    sigaltstack(&none, nullptr);
+}
+
+// A trace that interrupts a trace disturbs neither.
+TEST_F(Traces, MayInterruptTraces) {
+    interrupt_with(
+        [](int) {
+            void *frames[most];
+            shim_trace(frames, most);
+        },
+        0);
+    for (int round = 0; round < 3000; ++round)
+        follow_a_path(random, int(random() % 12));
+    interrupt_no_more();
+}
+
+// ---- Stacks that are not what they should be ----
+
+TEST_F(Traces, EndWhereAContextBegins) {
+    constexpr size_t size = 1 << 18;
+    static ucontext_t back, context;
+    static Random *shared;
+    shared = &random;
+    void *const stack = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    for (int round = 0; round < 20; ++round) {
+        getcontext(&context);
+        context.uc_stack.ss_sp = stack;
+        context.uc_stack.ss_size = size;
+        context.uc_link = &back;
+        makecontext(
+            &context, [] { follow_a_path(*shared, 8); }, 0);
+        swapcontext(&back, &context);
+    }
+    munmap(stack, size);
+}
+
+// Overwrites words of the callers' frames, and puts them back before anybody returns to them.
+[[gnu::noinline, gnu::no_sanitize_address]] void trace_on_a_damaged_stack() {
+    static std::mt19937 random;
+    static std::array<uintptr_t, 400> kept;
+    auto *const stack = reinterpret_cast<volatile uintptr_t *>(__builtin_frame_address(0));
+    for (size_t i = 0; i < kept.size(); ++i)
+        kept[i] = stack[i];
+    for (size_t damages = 1 + random() % 6; damages; --damages) {
+        auto value = uintptr_t(uint64_t(random()) << 32 | random());
+        if (random() % 4)
+            value = reinterpret_cast<uintptr_t>(&stack[random() % 4096]) - random() % 2 * 8192;
+        else if (random() % 4)
+            value = kept[random() % kept.size()];
+        stack[random() % kept.size()] = value;
+    }
+    void *frames[most];
+    const int count = shim_trace(frames, most);
+    for (size_t i = 0; i < kept.size(); ++i)
+        stack[i] = kept[i];
+    compared += count > 0;
+}
+
+TEST_F(Traces, EndOnDamagedStacks) {
+    const Ended end = ended([&] {
+        for (int round = 0; round < 5000; ++round)
+            follow_a_path(random, 8 + int(random() % 12), trace_on_a_damaged_stack);
+        std::exit(compared != 20000);
+    });
+    EXPECT_TRUE(end.exited(0)) << end.err;
+    compared = 1;
+}
+
+TEST_F(Traces, AreTakenInAThreadsLastMoments) {
+    static pthread_key_t key;
+    pthread_key_create(&key, [](void *) { compare(); });
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr, [](void *given) -> void * { return pthread_setspecific(key, given), nullptr; },
+        &key);
+    pthread_join(thread, nullptr);
+    pthread_key_delete(key);
+}
+
+TEST_F(Traces, RepeatInAnyNumberOfThreads) {
+    constexpr int threads = 100; // at a time, twice
+    static pthread_barrier_t all_there;
+    static std::atomic<int> failed;
+    pthread_barrier_init(&all_there, nullptr, threads);
+    failed = 0;
+    const auto repeat = [](void *) -> void * {
+        pthread_barrier_wait(&all_there);
+        call_plainly(8, [] {
+            void *first[most], *next[most];
+            for (int i = 0; i < 100; ++i) {
+                const int count = shim_trace(i ? next : first, most);
+                failed += count < 10 || (i && !std::equal(first + 1, first + count, next + 1));
+            }
+        });
+        return nullptr;
+    };
+    for (int round = 0; round < 2; ++round) {
+        std::array<pthread_t, threads> ids;
+        for (pthread_t &id : ids)
+            pthread_create(&id, nullptr, repeat, nullptr);
+        for (const pthread_t id : ids)
+            pthread_join(id, nullptr);
+    }
+    EXPECT_EQ(failed, 0);
+    compared = 1;
+}
+
+// ---- Code that comes and goes ----
+
+TEST_F(Traces, FollowModulesThatTakeEachOthersPlace) {
+    int in_place = 0;
+    void *before = nullptr;
+    for (int round = 0; round < 20; ++round) {
+        void *const module = dlopen(round % 2 ? TRACE_MODULE_B : TRACE_MODULE_A, RTLD_NOW);
+        ASSERT_NE(module, nullptr) << dlerror();
+        const auto call = reinterpret_cast<void (*)(void (*)())>(dlsym(module, "module_call"));
+        for (int time = 0; time < 20; ++time)
+            call(compare);
+        in_place += ours.frames[1] == before;
+        before = ours.frames[1];
+        dlclose(module);
+    }
+    EXPECT_GT(in_place, 0);
+}
+
+} // namespace
