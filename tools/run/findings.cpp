@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <span>
 
 namespace {
 
@@ -90,7 +91,9 @@ void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symb
         if (finding.what != "left")
             return false;
         for (Suppression &suppression : suppressions) {
-            const bool matches = std::ranges::any_of(finding.chain, [&](const std::string &frame) {
+            const auto frames =
+                std::span(finding.chain).first(suppression.innermost ? 1 : finding.chain.size());
+            const bool matches = std::ranges::any_of(frames, [&](const std::string &frame) {
                 return matches_frame(suppression.pattern, frame, symbolizer);
             });
             if (!matches)

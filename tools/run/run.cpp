@@ -32,7 +32,7 @@ constexpr const char *examples = R"(Examples:
   k42mc run --verify --error-exitcode 99 --suppress known.txt -- ./server -p 80
   k42mc run --output /tmp/r --every 60 --limit 3 -- python3 app.py)";
 
-// What any process holds to its end, whatever it does: buffers of streams, the loader's records.
+// Who allocates what any process holds to its end: buffers of streams, the loader's records.
 constexpr std::initializer_list<const char *> always_left = {"^_IO_file_doallocate$", "ld-linux"};
 
 int signal_number(const std::string &name) {
@@ -90,7 +90,7 @@ bool summarize(const Options &options, const std::string &folder) {
         suppressions = read_suppressions(options.suppressions);
     const size_t own = suppressions.size();
     for (const char *pattern : always_left)
-        suppressions.push_back({pattern});
+        suppressions.push_back({pattern, true});
     Symbolizer symbolizer;
     Findings findings(folder);
     findings.suppress(suppressions, symbolizer);

@@ -62,7 +62,7 @@ std::vector<Suppression> read_suppressions(const std::string &path) {
             continue;
         if (!text.starts_with(kind) || text.size() == kind.size())
             throw std::runtime_error(path + ": no suppression: " + line);
-        suppressions.push_back({std::string(text.substr(kind.size()))});
+        suppressions.push_back({std::string(text.substr(kind.size())), false});
     }
     return suppressions;
 }

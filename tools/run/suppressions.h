@@ -8,7 +8,8 @@
 
 struct Suppression {
     std::string pattern;
-    uint64_t blocks = 0; // that it kept from the summary
+    bool innermost = false; // only of the frame that allocated
+    uint64_t blocks = 0;    // that it kept from the summary
     uint64_t bytes = 0;
 };
 
