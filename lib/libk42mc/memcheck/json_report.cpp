@@ -57,7 +57,7 @@ private:
     const int descriptor_;
     int failure_ = 0;
     size_t length_ = 0;
-    char buffer_[4096];
+    char buffer_[4096] = {};
 };
 
 // The length of the well-formed UTF-8 character there, 0 for none.
