@@ -72,7 +72,8 @@ TEST(Lifecycle, StartsAnew) {
 
 TEST(Lifecycle, StaysOffWhenMemoryRunsOut) {
     NEEDS_OWN_MALLOC();
-    captured_stderr([] { MCReport(0); }); // makes ready for forks: what follows is the checker's own
+    checker_on(),
+        checker_off(); // makes ready for forks and report files: what follows is the checker's own
     // Five blocks: headers of tree, dummy element, live list, two filter lists.
     for (int nth = 1; nth <= 5; ++nth) {
         const auto start = [=] {
