@@ -107,7 +107,7 @@ bool summarize(const Options &options, const std::string &folder) {
             std::cerr << ": " << suppression.blocks << " blocks, " << suppression.bytes << " bytes";
         std::cerr << '\n';
     }
-    std::cerr << "k42mc: reports in " << folder << "; read them with: k42mc report " << folder << '\n';
+    std::cerr << "k42mc: reports in " << folder << '\n';
     return !findings.empty();
 }
 
