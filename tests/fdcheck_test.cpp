@@ -6,6 +6,7 @@
 
 #include <deque>
 #include <map>
+#include <regex>
 #include <sys/resource.h>
 #include <thread>
 
@@ -216,6 +217,31 @@ TEST_F(FD, HistoryIsPrintedWhole) {
     EXPECT_ENDS(said, "------\n" + rest +
                           "Summary for fd(9)\n=========\nAlarms(1), Opens(2), Closes(2)\n"
                           "=================================\n");
+}
+
+TEST_F(FD, JsonTellsWhatTheHistoriesHold) {
+    const auto json = [] {
+        std::string text = captured_stdout([] { EXPECT_EQ(k42mcx_fd_report_json(STDOUT_FILENO), 0); });
+        return std::regex_replace(text, std::regex("\"time\":\"[0-9/: ]+\""), "TIME");
+    };
+    EXPECT_EQ(json(), "");
+    EXPECT_EQ(k42mcx_fd_report_json(-1), -1);
+    FDOpen("a \"name\"", 2);
+    gFDNoBacktrace = 0;
+    opens_for_the_test();
+    gFDNoBacktrace = 1;
+    FDClose("b", 9);
+    FDClose("c", 9);
+    const std::string text = json();
+    EXPECT_STARTS(text,
+                  "{\"kind\":\"descriptor\",\"descriptor\":2,\"open\":true,\"alarms\":0,\"opens\":1,"
+                  "\"closes\":0,\"events\":[{\"type\":\"OPEN\",\"operator\":\"a \\\"name\\\"\",TIME,"
+                  "\"chain\":[]}]}\n{\"kind\":\"descriptor\",\"descriptor\":9,\"open\":false,"
+                  "\"alarms\":1,\"opens\":1,\"closes\":2,\"events\":[{\"type\":\"OPEN\","
+                  "\"operator\":\"opener\",TIME,\"chain\":[\"/");
+    EXPECT_ENDS(text,
+                "\"]},{\"type\":\"CLOSE\",\"operator\":\"b\",TIME,\"chain\":[]},{\"type\":\"CLOSE\","
+                "\"operator\":\"c\",TIME,\"chain\":[]}]}\n");
 }
 
 std::string table_text(const char *scheme, const std::string &entries, int count) {

@@ -86,6 +86,14 @@ struct __dirstream; /* DIR */
 int k42mcx_fd_event(const char *name, int descriptor, unsigned type);
 
 /*
+ * Writes the histories of all descriptors as JSON, an object a line: whether the system has it open,
+ * what has been counted, and the events, oldest first. The checker's lock is released before anything is
+ * written.
+ * fd  Open for writing; stays open. Returns 0, or -1 with errno: EBADF, ENOMEM, or what write says.
+ */
+int k42mcx_fd_report_json(int fd);
+
+/*
  * What redirect_fd.h puts around calls of libc. They take the checker's lock, keep errno and return what
  * they were given, so that they fit around a call: fd = k42mcx_fd_opened(__func__, open(path, flags)).
  * An open, read or write that failed is no event. Of the reads and of the writes between two opens and

@@ -52,6 +52,34 @@ said '^k42mc: 1 blocks, 12 bytes at 1 sites in 1 processes$'
 run 0 exec --no-follow
 silent 'leaky_function'
 
+run 3 haste # without the last destructors
+said '^k42mc: 2 blocks, 112 bytes at 2 sites in 1 processes$'
+run 0 modules
+for name in a b; do
+    grep -q "^run_subject_module_$name.so+0x[0-9a-f]*:0:LK:" reports/*.txt || fail "nothing of module $name"
+done
+
+# Reports while it runs: the exit report is the last of them.
+run 0 reports --signal USR2 --limit 2
+said '^k42mc: 2 blocks, 24 bytes'
+(($(grep -c '<cycle' reports/*.txt) == 3)) || fail 'not three cycles'
+run 0 reports --signal USR2 --limit 3
+said '^k42mc: 1 blocks, 12 bytes'
+run 0 wait --every 1
+(($(grep -c '<cycle' reports/*.txt) >= 3)) || fail 'no reports by the clock'
+
+# A call chain for the one site that is asked for.
+run 0 leak
+site=$(grep ':LK:STD:.*:12:1$' reports/*.txt)
+run 0 leak --no-backtrace --filter "$site"
+said '^    .*leaky_function'
+
+run 99 descriptors --fds --error-exitcode 99
+grep -A1 '^  open: 2 descriptors$' err | grep -q opening_function || fail 'no open descriptors'
+grep -A1 '^  closed twice: 1 descriptors$' err | grep -q misuse_descriptors || fail 'no second close'
+[[ $(grep -c '^  [a-z].*: . descriptors$' err) == 2 ]] || fail 'other descriptors'
+run 0 descriptors --error-exitcode 99
+
 printf '# known\nleak:leaky_*tion\nleak:^nowhere$\n' >known
 run 0 leak --error-exitcode 99 --suppress "$PWD/known"
 said '^k42mc: suppressed: leak:leaky_\*tion: 1 blocks, 12 bytes$'
@@ -64,6 +92,9 @@ run 99 overrun --verify --error-exitcode 99
 said '^  WO: 1 blocks, 10 bytes$'
 run 134 double-free
 grep -q '^k42mc detected DF: alloc(STD) free(STD)' out || fail 'no DF'
+said '^k42mc: process [0-9]+ was stopped: k42mc detected DF: alloc\(STD\) free\(STD\)'
+[[ $(grep -A1 ' released ' err | grep -c '^    main') == 2 ]] || fail 'no call chains'
+run 99 double-free --error-exitcode 99
 run 134 mixed
 grep -q '^k42mc detected BF: alloc(FIX) free(STD)' out || fail 'no BF'
 

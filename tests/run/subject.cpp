@@ -1,7 +1,12 @@
 // A program that knows nothing of the checker, with bugs to order: subject <what>.
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <fstream>
 #include <malloc.h>
 #include <memory>
 #include <string>
@@ -51,6 +56,65 @@ bool sound_interface() {
     return size_kept && zero_is_a_block;
 }
 
+// Waits until the shim has written so many reports.
+void await_reports(int wanted) {
+    const std::string path = std::string(getenv("K42MC_RUN_OUTPUT")) + "/" +
+                             program_invocation_short_name + "." + std::to_string(getpid()) + ".json";
+    for (int tries = 0; tries < 3000; ++tries, usleep(10000)) {
+        std::ifstream file(path);
+        int reports = 0;
+        for (std::string line; std::getline(file, line);)
+            reports += line.find("\"end\"") != std::string::npos;
+        if (reports >= wanted)
+            return;
+    }
+    abort();
+}
+
+void leak_between_reports() {
+    for (int report = 1; report <= 2; ++report) {
+        leaky_function();
+        raise(SIGUSR2);
+        await_reports(report);
+    }
+}
+
+[[gnu::noinline]] int opening_function() {
+    volatile int descriptor = open("/dev/null", O_RDONLY);
+    return descriptor;
+}
+
+void misuse_descriptors() {
+    volatile int number = 2; // unknown to the compiler, or it would write the loop out
+    for (int i = 0; i < number; ++i)
+        dup2(opening_function(), 100);
+    close_range(100, 100, 0); // goes unseen, and is no leak all the same
+    DIR *folder = opendir("/");
+    const int of_folder = dirfd(folder);
+    closedir(folder);
+    close(of_folder);
+    FILE *stream = fopen("/dev/null", "r");
+    fclose(stream);
+    int ends[2];
+    if (pipe(ends) == 0) {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    stream = freopen("/dev/null", "r", stdin);
+    fclose(stream);
+}
+
+// The second module comes to where the first one was.
+void leak_in_modules(const std::string &program) {
+    for (const char *name : {"a", "b"}) {
+        void *module = dlopen((program + "_module_" + name + ".so").c_str(), RTLD_NOW);
+        if (module == nullptr)
+            abort();
+        reinterpret_cast<void (*)()>(dlsym(module, "leak"))();
+        dlclose(module);
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
@@ -87,6 +151,20 @@ int main(int argc, char **argv) {
         wait(nullptr);
     } else if (what == "exec") {
         execl(argv[0], argv[0], "leak", nullptr);
+    } else if (what == "reports") {
+        leak_between_reports();
+    } else if (what == "wait") {
+        await_reports(2);
+    } else if (what == "descriptors") {
+        misuse_descriptors();
+    } else if (what == "modules") {
+        leak_in_modules(argv[0]);
+    } else if (what == "haste") {
+        leaky_function();
+        if (fork() == 0)
+            _exit(0);
+        wait(nullptr);
+        _exit(3);
     } else if (what == "dlopen") {
         void *module = dlopen("libresolv.so.2", RTLD_NOW);
         if (module == nullptr || dlclose(module) != 0)

@@ -1,4 +1,5 @@
-// Whether this thread is inside the checker, whose own allocations go to libc.
+// Whether this thread is inside the checker, whose own allocations go to libc and whose own descriptors
+// nobody watches.
 #pragma once
 
 extern __thread int checker_depth;

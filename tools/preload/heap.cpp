@@ -21,6 +21,17 @@ namespace {
 
 #define CALLER __builtin_return_address(0)
 
+// libc's allocator is part of the checker: a signal handler that interrupts it finds its locks taken.
+void *resize_plain(void *ptr, size_t size) {
+    const InsideChecker inside;
+    return __libc_realloc(ptr, size);
+}
+
+void release_plain(void *ptr) {
+    const InsideChecker inside;
+    __libc_free(ptr);
+}
+
 void *allocate(const void *caller, size_t size) {
     if (checker_depth != 0)
         return __libc_malloc(size);
@@ -31,10 +42,8 @@ void *allocate(const void *caller, size_t size) {
 void *resize(const void *caller, void *ptr, size_t size) {
     if (ptr == nullptr)
         return allocate(caller, size);
-    if (checker_depth != 0)
-        return __libc_realloc(ptr, size);
-    if (!is_guarded(ptr) && !was_guarded(ptr))
-        return __libc_realloc(ptr, size);
+    if (checker_depth != 0 || (!is_guarded(ptr) && !was_guarded(ptr)))
+        return resize_plain(ptr, size);
     const InsideChecker inside;
     return k42mcx_realloc(site_of(caller), 0, ptr, size);
 }
@@ -62,7 +71,7 @@ void release(const void *caller, void *ptr) {
         return;
     }
     if (!is_guarded(ptr) && !was_guarded(ptr)) {
-        __libc_free(ptr);
+        release_plain(ptr);
         return;
     }
     const InsideChecker inside;

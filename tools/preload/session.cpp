@@ -1,122 +1,50 @@
 // Switches the checker on for the whole life of the process, as the environment asks:
-//   K42MC_RUN_OUTPUT     the folder for this process's files, "<program>.<pid>.txt" and ".json"
+//   K42MC_RUN_OUTPUT     the folder for this process's files
 //   K42MC_RUN_LIMIT      blocks count that have survived so many reports; 1 unless it is given
 //   K42MC_RUN_EVERY      seconds from one report to the next
 //   K42MC_RUN_SIGNAL     the number of a signal that asks for a report
 //   K42MC_RUN_BACKTRACE  0 for no call chains
 //   K42MC_RUN_FILTERS    filter lines for traces, one a line
 //   K42MC_RUN_VERIFY     1 to examine the guards of the blocks that are left at exit
+//   K42MC_RUN_FDS        1 to watch descriptors, too
 //   K42MC_RUN_FOLLOW     0 to leave programs that this one starts alone
 // Without a folder, blocks are guarded and nothing is recorded.
 #include "session.h"
 
 #include "depth.h"
+#include "descriptors.h"
+#include "next.h"
+#include "output.h"
+#include "platform/call_chain.h"
+#include "platform/platform.h"
+#include "reporter.h"
 
 #include <k42mc/k42mc.h>
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
-#include <signal.h>
-#include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 extern "C" int __cxa_atexit(void (*function)(void *), void *argument, void *library);
 
 namespace {
 
-constinit const char *folder = nullptr;
 constinit uint32_t limit = 1;
 constinit bool verifies = false;
 constinit FILE *sink = nullptr;
-constinit int wakes_reporter = -1;
-constinit int pause_seconds = 0;
+constinit pid_t first_process = 0;
 constinit bool registers_exit = false;
-
-constinit uintptr_t checker_begin = 0;
-constinit uintptr_t checker_end = UINTPTR_MAX;
-
-long number_in(const char *variable, long otherwise) {
-    const char *text = getenv(variable);
-    return text != nullptr ? strtol(text, nullptr, 10) : otherwise;
-}
-
-int open_file(const char *extension, int flags) {
-    char path[4096];
-    snprintf(path, sizeof path, "%s/%s.%d.%s", folder, program_invocation_short_name, getpid(),
-             extension);
-    return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | flags, 0666);
-}
-
-void write_json() {
-    const int file = open_file("json", O_APPEND);
-    if (file < 0)
-        return;
-    k42mcx_report_json(file, limit);
-    close(file);
-}
 
 void report() {
     const InsideChecker inside;
     const int saved_errno = errno;
     MCReport(K42MC_BE32(limit));
-    write_json();
+    write_json(limit);
     errno = saved_errno;
 }
-
-// ---- Reports while the process runs ----
-
-void ask_for_report(int) {
-    const int saved_errno = errno;
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(wakes_reporter, &one, sizeof one);
-    errno = saved_errno;
-}
-
-void *report_when_asked(void *) {
-    const InsideChecker inside; // whatever this thread allocates is none of the program's
-    for (;;) {
-        pollfd request{.fd = wakes_reporter, .events = POLLIN, .revents = 0};
-        const int ready = poll(&request, 1, pause_seconds > 0 ? pause_seconds * 1000 : -1);
-        uint64_t requests;
-        if (ready > 0 && read(wakes_reporter, &requests, sizeof requests) < 0)
-            return nullptr; // somebody closed it
-        if (ready >= 0)
-            report();
-    }
-}
-
-void start_reporter() {
-    const int signal_number = static_cast<int>(number_in("K42MC_RUN_SIGNAL", 0));
-    pause_seconds = static_cast<int>(number_in("K42MC_RUN_EVERY", 0));
-    if (signal_number == 0 && pause_seconds <= 0)
-        return;
-    wakes_reporter = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_t thread;
-    const bool started = pthread_create(&thread, nullptr, report_when_asked, nullptr) == 0;
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (!started)
-        return;
-    pthread_detach(thread);
-    if (signal_number != 0) {
-        struct sigaction action {};
-        action.sa_handler = ask_for_report;
-        action.sa_flags = SA_RESTART;
-        sigaction(signal_number, &action, nullptr);
-    }
-}
-
-// ---- The life of the checker ----
 
 // The checker takes standard error for its sink; here that is a file of the process's own for the
 // moment, so that nothing is said among what the program says.
@@ -142,33 +70,32 @@ void add_filters(bool traces_off) {
     free(lines);
 }
 
-// Behind the destructors of all libraries. What is allocated later still is guarded.
-void finish(void *) {
+// ---- The end: behind the destructors of all libraries. What is allocated later still is guarded. ----
+
+void finish() {
     if (sink == nullptr)
         return;
-    {
-        const InsideChecker inside;
-        if (verifies)
-            k42mcx_verify();
-        report();
-        MCDeinit();
-    }
+    const InsideChecker inside;
+    if (verifies)
+        k42mcx_verify();
+    report();
+    MCDeinit();
     sink = nullptr;
 }
 
-FILE *open_sink() {
-    const int file = open_file("txt", O_TRUNC);
-    // Away from the low numbers, which programs expect to be free.
-    const int high = file >= 0 ? fcntl(file, F_DUPFD_CLOEXEC, 200) : -1;
-    FILE *stream = fdopen(high >= 0 ? high : file, "w");
-    if (high >= 0)
-        close(file);
-    if (stream != nullptr)
-        setvbuf(stream, nullptr, _IOLBF, BUFSIZ);
-    return stream;
+void finish_at_exit(void *) {
+    finish();
 }
 
-// A child's report goes to a file of its own, on the same stream.
+// Of a child that ends this way most blocks are its parent's. In a signal handler that has interrupted
+// the checker there is no way to a report.
+void finish_in_haste() {
+    if (checker_depth == 0 && getpid() == first_process)
+        finish();
+}
+
+// ---- Fork: a child's report goes to a file of its own, on the same stream. ----
+
 constinit FILE *standard_error = nullptr;
 
 void before_fork() {
@@ -186,64 +113,70 @@ void after_fork_in_child() {
     if (sink == nullptr)
         return;
     const InsideChecker inside;
-    const int file = open_file("txt", O_TRUNC);
+    const int file = open_output("txt", O_TRUNC);
     if (file < 0)
         return;
     dup3(file, fileno(sink), O_CLOEXEC);
     close(file);
 }
 
-void find_checker() {
-    dl_find_object object;
-    if (_dl_find_object(reinterpret_cast<void *>(&MCLock), &object) != 0)
-        return;
-    checker_begin = reinterpret_cast<uintptr_t>(object.dlfo_map_start);
-    checker_end = reinterpret_cast<uintptr_t>(object.dlfo_map_end);
+// ---- The start ----
+
+void switch_on() {
+    const SinkAsStandardError quiet;
+    const bool traces_off = number_in("K42MC_RUN_BACKTRACE", 1) == 0;
+    registers_exit = true;
+    MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(traces_off ? MC_TYPE_LKBF | MC_TYPE_BT_OFF : 0));
+    registers_exit = false;
+    add_filters(traces_off);
 }
 
 [[gnu::constructor]] void begin() {
     const InsideChecker inside;
     const int saved_errno = errno;
-    find_checker();
-    folder = getenv("K42MC_RUN_OUTPUT");
     if (number_in("K42MC_RUN_FOLLOW", 1) == 0)
         unsetenv("LD_PRELOAD");
-    if (folder != nullptr)
-        sink = open_sink();
+    if (has_output_folder())
+        sink = open_text_output();
     if (sink == nullptr)
         return;
     limit = static_cast<uint32_t>(number_in("K42MC_RUN_LIMIT", 1));
     verifies = number_in("K42MC_RUN_VERIFY", 0) != 0;
-    const bool traces_off = number_in("K42MC_RUN_BACKTRACE", 1) == 0;
-    {
-        const SinkAsStandardError quiet;
-        registers_exit = true;
-        MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(traces_off ? MC_TYPE_LKBF | MC_TYPE_BT_OFF : 0));
-        registers_exit = false;
-        add_filters(traces_off);
-    }
+    first_process = getpid();
+    note_defects();
+    switch_on();
+    if (number_in("K42MC_RUN_FDS", 0) != 0)
+        watch_descriptors();
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
-    __cxa_atexit(finish, nullptr, nullptr);
-    start_reporter();
+    __cxa_atexit(finish_at_exit, nullptr, nullptr);
+    at_quick_exit(finish);
+    start_reporter(report);
     errno = saved_errno;
 }
 
 } // namespace
 
 bool called_by_checker(const void *caller) {
-    const auto address = reinterpret_cast<uintptr_t>(caller);
-    return address >= checker_begin && address < checker_end;
+    const auto address = reinterpret_cast<const char *>(caller);
+    return address > __ehdr_start && address <= etext;
 }
+
+extern "C" {
 
 // What belongs to a library runs ahead of the library's destructors. The checker's exit report must come
 // behind those of all libraries, so it belongs to none.
-extern "C" [[gnu::visibility("default")]] int __cxa_atexit(void (*function)(void *), void *argument,
-                                                           void *library) {
-    using Register = int (*)(void (*)(void *), void *, void *);
-    static constinit Register next = nullptr;
-    if (next == nullptr) {
-        const InsideChecker inside; // dlsym may allocate
-        next = reinterpret_cast<Register>(dlsym(RTLD_NEXT, "__cxa_atexit"));
-    }
-    return next(function, argument, registers_exit ? nullptr : library);
+[[gnu::visibility("default")]] int __cxa_atexit(void (*function)(void *), void *argument,
+                                                void *library) {
+    return NEXT(__cxa_atexit)(function, argument, registers_exit ? nullptr : library);
+}
+
+[[gnu::visibility("default")]] void _exit(int status) {
+    finish_in_haste();
+    NEXT(_exit)(status);
+    __builtin_unreachable();
+}
+
+[[gnu::visibility("default")]] void _Exit(int status) noexcept {
+    _exit(status);
+}
 }

@@ -21,6 +21,7 @@ struct Options {
     bool no_backtrace = false;
     std::vector<std::string> filters;
     bool verify = false;
+    bool fds = false;
     bool follow = true;
     std::string suppressions;
     int error_exitcode = 0;
@@ -73,6 +74,7 @@ std::vector<Setting> environment(const Options &options, const std::string &fold
                                      {"K42MC_RUN_EVERY", std::to_string(options.every)},
                                      {"K42MC_RUN_BACKTRACE", options.no_backtrace ? "0" : "1"},
                                      {"K42MC_RUN_VERIFY", options.verify ? "1" : "0"},
+                                     {"K42MC_RUN_FDS", options.fds ? "1" : "0"},
                                      {"K42MC_RUN_FOLLOW", options.follow ? "1" : "0"}};
     if (!options.signal.empty())
         settings.push_back({"K42MC_RUN_SIGNAL", std::to_string(signal_number(options.signal))});
@@ -155,6 +157,7 @@ void add_run(CLI::App &app) {
         ->type_name("LINE")
         ->allow_extra_args(false);
     command->add_flag("--verify", options->verify, "Examine the blocks left at exit");
+    command->add_flag("--fds", options->fds, "Watch descriptors, too");
     command->add_flag("--follow,!--no-follow", options->follow, "Check programs it starts (default)");
     command->add_option("--suppress", options->suppressions, "Lines leak:PATTERN of known leaks")
         ->type_name("FILE");

@@ -247,6 +247,8 @@ void print_defect_line() {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // nothing runs after the report
     describe(finding, arena, user);
     print_defect_line();
+    if (at_defect != nullptr)
+        at_defect(finding.trace);
     platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");
 }
 
@@ -262,6 +264,8 @@ void mark_as_freed(uintptr_t user, const Layout &layout) {
 }
 
 } // namespace
+
+constinit DefectListener at_defect = nullptr;
 
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size, const Trace &trace) {
     const uintptr_t mask = uintptr_t{alignment} - 1;

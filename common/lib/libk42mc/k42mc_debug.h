@@ -21,6 +21,10 @@ struct ReleasedBlock {
     uint32_t alignment; // 1 for none
 };
 
+// Called ahead of the abort on a defect, with the trace that the defect line shows. Null for nobody.
+using DefectListener = void (*)(std::span<const uintptr_t> trace);
+extern DefectListener at_defect;
+
 // As k42mc_guard_alloc, with a trace that was captured before.
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size, const Trace &trace);
 

@@ -1,4 +1,6 @@
 // What unchanged programs call: events around the functions of libc that open and close descriptors.
+#include "fdcheck/routes.h"
+
 #include "errno_keeper.h"
 #include "fdcheck/lock.h"
 #include "platform/platform.h"
@@ -114,16 +116,21 @@ bool is_open_directory(const void *directory) {
     return platform::is_open_directory(static_cast<const DIR *>(directory));
 }
 
-bool closes_stream(const char *name, FILE *stream) {
-    return closes(name, stream, descriptor_of_stream, is_open_stream);
-}
-
 int closed_before() {
     errno = EBADF;
     return -1;
 }
 
 } // namespace
+
+bool records_close(const char *name, FILE *stream) {
+    return closes(name, stream, descriptor_of_stream, is_open_stream);
+}
+
+bool records_close(const char *name, DIR *directory) {
+    return closes(name, directory, descriptor_of_directory, is_open_directory);
+}
+
 } // namespace k42mc
 
 using namespace k42mc;
@@ -166,7 +173,7 @@ FILE *k42mcx_fd_opened_stream(const char *name, FILE *stream) {
 }
 
 FILE *k42mcx_fd_closing_stream(const char *name, FILE *stream) {
-    closes_stream(name, stream);
+    records_close(name, stream);
     return stream;
 }
 
@@ -179,16 +186,15 @@ DIR *k42mcx_fd_opened_directory(const char *name, DIR *directory) {
 }
 
 int k42mcx_fd_fclose(const char *name, FILE *stream) {
-    return closes_stream(name, stream) ? fclose(stream) : closed_before();
+    return records_close(name, stream) ? fclose(stream) : closed_before();
 }
 
 int k42mcx_fd_pclose(const char *name, FILE *stream) {
-    return closes_stream(name, stream) ? pclose(stream) : closed_before();
+    return records_close(name, stream) ? pclose(stream) : closed_before();
 }
 
 int k42mcx_fd_closedir(const char *name, DIR *directory) {
-    return closes(name, directory, descriptor_of_directory, is_open_directory) ? closedir(directory)
-                                                                               : closed_before();
+    return records_close(name, directory) ? closedir(directory) : closed_before();
 }
 
 K42MC_EXPORT(k42mcx_fd_opened);

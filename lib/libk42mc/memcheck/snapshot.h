@@ -2,9 +2,9 @@
 #pragma once
 
 #include "memcheck/state.h"
+#include "sequence.h"
 
 #include <span>
-#include <stdlib.h>
 
 namespace k42mc {
 
@@ -33,26 +33,6 @@ struct DamagedBlock {
     uintptr_t address;
     size_t size;
     uint32_t cycles;
-};
-
-// A sequence in memory from the system allocator; its records are plain.
-template <typename Record> struct Sequence {
-    Record *records = nullptr;
-    size_t size = 0;
-    size_t room = 0;
-
-    // Null when memory runs out.
-    Record *add() {
-        if (size == room) {
-            const size_t wanted = room != 0 ? 2 * room : 16;
-            void *grown = realloc(static_cast<void *>(records), wanted * sizeof(Record));
-            if (grown == nullptr)
-                return nullptr;
-            records = static_cast<Record *>(grown);
-            room = wanted;
-        }
-        return &records[size++];
-    }
 };
 
 class Snapshot {
