@@ -36,6 +36,7 @@ layer() { # sets REPLY
     lib/libk42mc/memcheck/*) REPLY=memcheck ;;
     lib/libk42mc/fdcheck/*) REPLY=fdcheck ;;
     lib/*) REPLY=wrappers ;;
+    tools/preload/*) REPLY=preload ;;
     tools/*) REPLY=tools ;;
     *) REPLY=unknown ;;
     esac
@@ -49,7 +50,8 @@ declare -A allowed=(
     [memcheck]='include platform common wrappers'
     [fdcheck]='include platform common wrappers'
     [wrappers]='include platform common memcheck fdcheck'
-    [tools]='include platform'
+    [preload]='include platform common wrappers fdcheck memcheck'
+    [tools]='include'
 )
 
 faults=0
