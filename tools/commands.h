@@ -7,3 +7,6 @@ class App;
 }
 
 void add_run(CLI::App &app);
+void add_report(CLI::App &app);
+void add_diff(CLI::App &app);
+void add_symbolize(CLI::App &app);

@@ -5,7 +5,7 @@
 int main(int argc, char **argv) {
     CLI::App app("Finds memory and descriptor bugs of programs while they run.", "k42mc");
     app.require_subcommand(1);
-    for (const auto add : {add_run})
+    for (const auto add : {add_run, add_report, add_diff, add_symbolize})
         add(app);
     CLI11_PARSE(app, argc, argv);
 }

@@ -5,6 +5,7 @@
 #include <dwarf.h>
 #include <elfutils/libdwfl.h>
 #include <map>
+#include <optional>
 
 namespace {
 
@@ -29,14 +30,58 @@ struct Module {
     Dwfl_Module *module = nullptr;
     GElf_Addr bias = 0;       // of libdw's layout over the file's own addresses
     GElf_Addr first_page = 0; // the file's own address of the start of its first segment
+    std::multimap<std::string, GElf_Addr, std::less<>> functions; // the file's own addresses, by name
 };
+
+// A place in a module, taken apart.
+struct Place {
+    std::string_view module;
+    std::string_view function; // what the offset counts from; empty for the module
+    GElf_Addr offset = 0;
+    GElf_Addr address = 0; // in the process, where it is known
+};
+
+GElf_Addr hexadecimal(std::string_view text) {
+    return strtoull(std::string(text).c_str(), nullptr, 16);
+}
+
+// "module(function+0x12) [0x55ee]"
+Place parse_trace(std::string_view text, size_t bracket) {
+    Place place;
+    place.address = hexadecimal(text.substr(bracket + 2));
+    text = text.substr(0, bracket);
+    const size_t open = text.rfind('(');
+    const size_t plus = text.rfind("+0x");
+    if (open == std::string_view::npos || plus == std::string_view::npos || plus < open)
+        return place;
+    place.module = text.substr(0, open);
+    place.function = text.substr(open + 1, plus - open - 1);
+    place.offset = hexadecimal(text.substr(plus + 1));
+    return place;
+}
+
+Place parse_place(std::string_view text) {
+    if (const size_t bracket = text.rfind(" [0x"); bracket != std::string_view::npos)
+        return parse_trace(text, bracket);
+    const size_t plus = text.rfind("+0x");
+    if (plus == std::string_view::npos)
+        return {};
+    return {text.substr(0, plus), {}, hexadecimal(text.substr(plus + 1)), 0};
+}
+
+// Without the version that the linker puts behind some.
+std::string bare_name(const char *name) {
+    const std::string_view text = name;
+    return std::string(text.substr(0, text.find('@')));
+}
 
 std::string demangled(const char *name) {
     if (name == nullptr)
         return {};
+    const std::string bare = bare_name(name);
     int status = 0;
-    const std::unique_ptr<char, Free> text(abi::__cxa_demangle(name, nullptr, nullptr, &status));
-    return status == 0 ? text.get() : name;
+    const std::unique_ptr<char, Free> text(abi::__cxa_demangle(bare.c_str(), nullptr, nullptr, &status));
+    return status == 0 ? text.get() : bare;
 }
 
 GElf_Addr first_page_of(Elf *elf) {
@@ -52,7 +97,8 @@ GElf_Addr first_page_of(Elf *elf) {
 }
 
 Module open_module(const std::string &path) {
-    Module module{.dwfl = std::unique_ptr<Dwfl, EndDwfl>(dwfl_begin(&callbacks))};
+    Module module;
+    module.dwfl.reset(dwfl_begin(&callbacks));
     module.module = dwfl_report_offline(module.dwfl.get(), "", path.c_str(), -1);
     dwfl_report_end(module.dwfl.get(), nullptr, nullptr);
     if (module.module == nullptr)
@@ -60,6 +106,33 @@ Module open_module(const std::string &path) {
     if (Elf *elf = dwfl_module_getelf(module.module, &module.bias))
         module.first_page = first_page_of(elf);
     return module;
+}
+
+void list_functions(Module &module) {
+    const int count = dwfl_module_getsymtab(module.module);
+    for (int i = 1; i < count; ++i) {
+        GElf_Sym symbol;
+        GElf_Addr address = 0;
+        const char *name =
+            dwfl_module_getsym_info(module.module, i, &symbol, &address, nullptr, nullptr, nullptr);
+        if (name != nullptr && address != 0)
+            module.functions.emplace(bare_name(name), address - module.bias);
+    }
+}
+
+// The file's own address of a place. Of functions with one name, the one that fits the address in the
+// process: modules lie at the start of pages.
+std::optional<GElf_Addr> own_address(Module &module, const Place &place) {
+    constexpr GElf_Addr in_page = 4095;
+    if (place.function.empty())
+        return place.offset + module.first_page;
+    if (module.functions.empty())
+        list_functions(module);
+    const auto [first, last] = module.functions.equal_range(place.function);
+    for (auto candidate = first; candidate != last; ++candidate)
+        if (((candidate->second + place.offset - place.address) & in_page) == 0)
+            return candidate->second + place.offset;
+    return {};
 }
 
 // A scope's name as the linker knows it, else as the source has it.
@@ -142,35 +215,50 @@ struct Symbolizer::Modules {
         return by_path.emplace(path, open_module(std::string(path))).first->second;
     }
 
-    std::vector<SourceFrame> find(std::string_view module_and_offset);
+    std::vector<SourceFrame> find(std::string_view text);
 };
 
 Symbolizer::Symbolizer() : modules_(std::make_unique<Modules>()) {}
 
 Symbolizer::~Symbolizer() = default;
 
-const std::vector<SourceFrame> &Symbolizer::lookup(std::string_view module_and_offset) {
-    const auto found = modules_->known.find(module_and_offset);
+const std::vector<SourceFrame> &Symbolizer::lookup(std::string_view place) {
+    const auto found = modules_->known.find(place);
     if (found != modules_->known.end())
         return found->second;
-    return modules_->known.emplace(module_and_offset, modules_->find(module_and_offset)).first->second;
+    return modules_->known.emplace(place, modules_->find(place)).first->second;
 }
 
-std::vector<SourceFrame> Symbolizer::Modules::find(std::string_view module_and_offset) {
+std::vector<SourceFrame> Symbolizer::Modules::find(std::string_view text) {
     std::vector<SourceFrame> frames(1);
-    const size_t plus = module_and_offset.rfind("+0x");
-    if (plus == std::string_view::npos)
+    const Place place = parse_place(text);
+    if (place.module.empty())
         return frames;
-    Module &module = at(module_and_offset.substr(0, plus));
+    Module &module = at(place.module);
     if (module.module == nullptr)
         return frames;
-    const std::string offset(module_and_offset.substr(plus + 1));
-    const GElf_Addr own = strtoull(offset.c_str(), nullptr, 16) + module.first_page;
-    const GElf_Addr address = own + module.bias - 1; // in the call, not behind it
+    const std::optional<GElf_Addr> own = own_address(module, place);
+    if (!own)
+        return frames;
+    const GElf_Addr address = *own + module.bias - 1; // in the call, not behind it
     frames[0].function = demangled(dwfl_module_addrname(module.module, address));
     if (Dwfl_Line *line = dwfl_module_getsrc(module.module, address))
         if (const char *path = dwfl_lineinfo(line, nullptr, &frames[0].line, nullptr, nullptr, nullptr))
             frames[0].file = path;
     unfold_inlined(module, address, frames);
     return frames;
+}
+
+std::string describe(std::string_view place, const SourceFrame &frame) {
+    std::string text = frame.function.empty() ? std::string(place) : frame.function;
+    if (!frame.file.empty())
+        text += " at " + frame.file + ":" + std::to_string(frame.line);
+    else if (!frame.function.empty())
+        text += " (" + std::string(place) + ")";
+    return text;
+}
+
+std::string_view module_of(std::string_view place) {
+    const std::string_view module = parse_place(place).module;
+    return module.empty() ? place : module;
 }

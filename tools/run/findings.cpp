@@ -1,98 +1,11 @@
 #include "findings.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <span>
 #include <tuple>
 
 namespace {
-
-using Json = nlohmann::json;
-
-std::vector<std::string> chain_of(const Json &line, const char *member = "chain") {
-    return line.at(member).get<std::vector<std::string>>();
-}
-
-Finding finding_of(const Json &line, std::string what) {
-    const bool site = line.at("kind") == "site";
-    Finding finding{std::move(what), 1, 0, chain_of(line), {}};
-    if (site)
-        finding.count = line.at("blocks").get<uint64_t>();
-    finding.bytes = line.at(site ? "bytes" : "size").get<uint64_t>();
-    if (finding.chain.empty()) // no call chains were asked for
-        finding.chain.push_back(line.at("file").get<std::string>());
-    return finding;
-}
-
-// What the last report of one process says.
-struct Report {
-    std::vector<Finding> blocks;
-    std::vector<Finding> descriptors;
-    std::vector<Defect> defects;
-};
-
-// The descriptor checker's own records of what it watches.
-bool is_history(const Json &site) {
-    return site.at("file") == "common/lib/libk42mc/k42mc_ds";
-}
-
-bool is_standard(const Json &descriptor) {
-    return descriptor.at("descriptor") <= 2;
-}
-
-Finding alarming_descriptor(const Json &line) {
-    const Json &events = line.at("events");
-    const bool twice = !is_standard(line) && events.size() > 1;
-    Finding finding{twice ? "closed twice" : "standard descriptor", 1, 0, chain_of(events.back()), {}};
-    if (twice)
-        finding.before = chain_of(events[events.size() - 2]);
-    return finding;
-}
-
-void add_open_descriptor(std::vector<Finding> &descriptors, const Json &event) {
-    const std::vector<std::string> chain = chain_of(event);
-    const auto known = std::ranges::find_if(descriptors, [&chain](const Finding &finding) {
-        return finding.what == "open" && finding.chain == chain;
-    });
-    if (known != descriptors.end())
-        ++known->count;
-    else
-        descriptors.push_back({"open", 1, 0, chain, {}});
-}
-
-void add_descriptor(std::vector<Finding> &descriptors, const Json &line) {
-    const Json &newest = line.at("events").back();
-    if (line.at("alarms") != 0)
-        descriptors.push_back(alarming_descriptor(line));
-    else if (line.at("open") == true && newest.at("type") != "CLOSE" && !is_standard(line))
-        add_open_descriptor(descriptors, newest);
-}
-
-void add_line(Report &report, const Json &line) {
-    const std::string kind = line.at("kind");
-    if (kind == "cycle") // what stands before it is of an earlier report
-        report = {};
-    else if (kind == "site" && !is_history(line))
-        report.blocks.push_back(finding_of(line, "left"));
-    else if (kind == "damage")
-        report.blocks.push_back(finding_of(line, line.at("defect")));
-    else if (kind == "descriptor")
-        add_descriptor(report.descriptors, line);
-    else if (kind == "defect")
-        report.defects.push_back(
-            {line.at("pid"), line.at("text"), chain_of(line), chain_of(line, "block")});
-}
-
-template <class Sequence> void append(Sequence &to, const Sequence &more) {
-    to.insert(to.end(), more.begin(), more.end());
-}
-
-std::string module_of(const std::string &frame) {
-    return frame.substr(0, frame.rfind("+0x"));
-}
 
 bool matches_frame(const std::string &pattern, const std::string &frame, Symbolizer &symbolizer) {
     if (matches_pattern(pattern, module_of(frame)))
@@ -102,13 +15,41 @@ bool matches_frame(const std::string &pattern, const std::string &frame, Symboli
     });
 }
 
-std::string described(const std::string &frame, const SourceFrame &source) {
-    std::string text = source.function.empty() ? frame : source.function;
-    if (!source.file.empty())
-        text += " at " + source.file + ":" + std::to_string(source.line);
-    else if (!source.function.empty())
-        text += " (" + frame + ")";
-    return text;
+// Without call chains, what stands for the source file.
+std::vector<std::string> chain_of(const Place &place) {
+    return place.chain.empty() ? std::vector{place.file} : place.chain;
+}
+
+void add_blocks(const Report &report, const Process &process, std::vector<Finding> &blocks) {
+    if (!process.cycles.empty())
+        for (const Holding &holding : process.cycles.back().holdings)
+            blocks.push_back({"left",
+                              holding.held.blocks,
+                              holding.held.bytes,
+                              chain_of(report.places()[holding.place]),
+                              {}});
+    for (const Damage &damage : process.damages)
+        blocks.push_back({damage.defect, 1, damage.size, chain_of(report.places()[damage.place]), {}});
+}
+
+Finding alarm_of(const Descriptor &descriptor) {
+    const auto &events = descriptor.events;
+    if (descriptor.is_standard() || events.size() < 2)
+        return {"standard descriptor", 1, 0, events.back().chain, {}};
+    return {"closed twice", 1, 0, events.back().chain, events[events.size() - 2].chain};
+}
+
+void add_descriptors(const Process &process, std::vector<Finding> &descriptors) {
+    std::map<std::vector<std::string>, Finding> left_open;
+    for (const Descriptor &descriptor : process.descriptors) {
+        const std::vector<std::string> &chain = descriptor.events.back().chain;
+        if (descriptor.alarm)
+            descriptors.push_back(alarm_of(descriptor));
+        else if (descriptor.is_left_open())
+            ++left_open.try_emplace(chain, Finding{"open", 0, 0, chain, {}}).first->second.count;
+    }
+    for (const auto &[chain, finding] : left_open)
+        descriptors.push_back(finding);
 }
 
 // A child of fork reports what its parent holds, too: chains count once, at their most.
@@ -136,7 +77,7 @@ void print_chain(std::ostream &out, const std::vector<std::string> &chain, Symbo
     constexpr size_t most_frames = 4;
     for (size_t at = 0; at < std::min(chain.size(), most_frames); ++at)
         for (const SourceFrame &source : symbolizer.lookup(chain[at]))
-            out << "    " << described(chain[at], source) << '\n';
+            out << "    " << describe(chain[at], source) << '\n';
 }
 
 void print_findings(std::ostream &out, const std::vector<Finding> &findings, const char *unit,
@@ -159,26 +100,14 @@ void print_findings(std::ostream &out, const std::vector<Finding> &findings, con
 
 } // namespace
 
-Findings::Findings(const std::string &folder) {
-    for (const auto &file : std::filesystem::directory_iterator(folder))
-        if (file.path().extension() == ".json")
-            add_report(file.path());
+Findings::Findings(const Report &report) : processes_(report.processes.size()) {
+    for (const Process &process : report.processes) {
+        add_blocks(report, process, blocks_);
+        add_descriptors(process, descriptors_);
+        stops_.insert(stops_.end(), process.stops.begin(), process.stops.end());
+    }
     merge(blocks_);
     merge(descriptors_);
-}
-
-void Findings::add_report(const std::string &path) {
-    std::ifstream file(path);
-    Report report;
-    for (std::string text; std::getline(file, text);) {
-        const Json line = Json::parse(text, nullptr, false);
-        if (line.is_object()) // else the process ended in mid-line
-            add_line(report, line);
-    }
-    ++processes_;
-    append(blocks_, report.blocks);
-    append(descriptors_, report.descriptors);
-    append(defects_, report.defects);
 }
 
 void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer) {
@@ -215,13 +144,12 @@ void Findings::print(std::ostream &out, Symbolizer &symbolizer) const {
         out << "k42mc: descriptors\n";
         print_findings(out, descriptors_, "descriptors", symbolizer);
     }
-    for (const Defect &defect : defects_) {
-        out << "k42mc: process " << defect.process
-            << " was stopped: " << defect.text.substr(0, defect.text.find(" trace buffer")) << '\n';
-        out << "  released by\n";
-        print_chain(out, defect.chain, symbolizer);
-        out << (defect.text.starts_with("k42mc detected DF") ? "  released before by\n"
-                                                             : "  allocated by\n");
-        print_chain(out, defect.block, symbolizer);
+    for (const Stop &stop : stops_) {
+        out << "k42mc: process " << stop.process
+            << " was stopped: " << stop.text.substr(0, stop.text.find(" trace buffer"))
+            << "\n  released by\n";
+        print_chain(out, stop.chain, symbolizer);
+        out << (stop.is_double_free() ? "  released before by\n" : "  allocated by\n");
+        print_chain(out, stop.block, symbolizer);
     }
 }

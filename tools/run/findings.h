@@ -3,11 +3,12 @@
 
 #include "suppressions.h"
 #include "tools/common/symbols.h"
+#include "tools/report/model.h"
 
 #include <ostream>
 
 // Blocks of one call chain that were left, one chain's damaged blocks, or descriptors that one chain
-// opened.
+// opened or closed.
 struct Finding {
     std::string what; // "left", or a defect: "WO", "WU"; "open", "closed twice", "standard descriptor"
     uint64_t count = 0;
@@ -16,31 +17,19 @@ struct Finding {
     std::vector<std::string> before; // of a second close: that of the first
 };
 
-// What stopped a process.
-struct Defect {
-    int process;
-    std::string text;
-    std::vector<std::string> chain; // of the release that found it
-    std::vector<std::string> block; // of the allocation or the release before
-};
-
 class Findings {
 public:
-    // Reads the last report of each process in the folder.
-    explicit Findings(const std::string &folder);
+    explicit Findings(const Report &report);
 
     // Drops what a suppression matches, and counts it there.
     void suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer);
 
-    bool empty() const { return blocks_.empty() && descriptors_.empty() && defects_.empty(); }
-    size_t processes() const { return processes_; }
+    bool empty() const { return blocks_.empty() && descriptors_.empty() && stops_.empty(); }
     void print(std::ostream &out, Symbolizer &symbolizer) const;
 
 private:
-    void add_report(const std::string &path);
-
     std::vector<Finding> blocks_;
     std::vector<Finding> descriptors_;
-    std::vector<Defect> defects_;
+    std::vector<Stop> stops_;
     size_t processes_ = 0;
 };

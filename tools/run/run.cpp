@@ -1,8 +1,10 @@
 #include "findings.h"
 #include "launch.h"
 #include "tools/commands.h"
+#include "tools/report/reader.h"
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -94,9 +96,10 @@ bool summarize(const Options &options, const std::string &folder) {
     for (const char *pattern : always_left)
         suppressions.push_back({pattern, true});
     Symbolizer symbolizer;
-    Findings findings(folder);
+    const Report report = read_reports(std::array{folder});
+    Findings findings(report);
     findings.suppress(suppressions, symbolizer);
-    if (findings.processes() == 0)
+    if (report.processes.empty())
         std::cerr << "k42mc: no process got as far as its report\n";
     else
         findings.print(std::cerr, symbolizer);
@@ -109,7 +112,7 @@ bool summarize(const Options &options, const std::string &folder) {
             std::cerr << ": " << suppression.blocks << " blocks, " << suppression.bytes << " bytes";
         std::cerr << '\n';
     }
-    std::cerr << "k42mc: reports in " << folder << '\n';
+    std::cerr << "k42mc: read more with: k42mc report " << folder << '\n';
     return !findings.empty();
 }
 

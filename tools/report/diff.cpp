@@ -1,0 +1,43 @@
+#include "diff.h"
+
+#include "table.h"
+
+#include <algorithm>
+#include <iomanip>
+
+std::vector<Change> changes_between(const Report &before, const Report &after) {
+    std::map<Place, Change> by_place;
+    for (const Site &site : sites_of(before, Order::bytes))
+        by_place[before.places()[site.place]].before = site.held;
+    for (const Site &site : sites_of(after, Order::bytes))
+        by_place[after.places()[site.place]].after = site.held;
+    std::vector<Change> changes;
+    for (auto &[place, change] : by_place) {
+        change.place = place;
+        if (change.bytes() != 0 || change.blocks() != 0)
+            changes.push_back(change);
+    }
+    std::ranges::stable_sort(changes, std::greater(), &Change::bytes);
+    return changes;
+}
+
+void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t top,
+                   Symbolizer &symbolizer) {
+    int64_t bytes = 0;
+    int64_t blocks = 0;
+    for (const Change &change : changes) {
+        bytes += change.bytes();
+        blocks += change.blocks();
+    }
+    if (!changes.empty())
+        out << std::setw(14) << "GROWTH" << std::setw(10) << "BLOCKS" << std::setw(14) << "BYTES"
+            << "  SITE\n";
+    for (size_t i = 0; i < std::min(top, changes.size()); ++i)
+        out << std::showpos << std::setw(14) << changes[i].bytes() << std::setw(10)
+            << changes[i].blocks() << std::noshowpos << std::setw(14) << changes[i].after.bytes << "  "
+            << name_of(changes[i].place, symbolizer) << '\n';
+    if (top < changes.size())
+        out << "  and " << changes.size() - top << " sites more\n";
+    out << "total: " << std::showpos << bytes << " bytes, " << blocks << " blocks" << std::noshowpos
+        << " at " << changes.size() << " sites\n";
+}

@@ -1,0 +1,26 @@
+// What grew between two reports.
+#pragma once
+
+#include "model.h"
+#include "tools/common/symbols.h"
+
+#include <ostream>
+
+struct Change {
+    Place place;
+    Counter before;
+    Counter after;
+
+    int64_t bytes() const {
+        return static_cast<int64_t>(after.bytes) - static_cast<int64_t>(before.bytes);
+    }
+    int64_t blocks() const {
+        return static_cast<int64_t>(after.blocks) - static_cast<int64_t>(before.blocks);
+    }
+};
+
+// Places whose holdings differ, most growth first.
+std::vector<Change> changes_between(const Report &before, const Report &after);
+
+void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t top,
+                   Symbolizer &symbolizer);

@@ -1,0 +1,31 @@
+#include "html.h"
+
+#include "page.h" // made from the page's files at build time
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+namespace {
+
+// Fits between script tags, whatever names the program has.
+std::string data_of(const nlohmann::json &report) {
+    std::string data = report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    for (size_t at = 0; (at = data.find('<', at)) != std::string::npos;)
+        data.replace(at, 1, "\\u003c");
+    return data;
+}
+
+} // namespace
+
+void print_html(std::ostream &out, const nlohmann::json &report) {
+    std::string_view rest = page::html;
+    for (const auto &[mark, text] : {std::pair<std::string_view, std::string>{"/* style */", page::css},
+                                     {"/* report */", data_of(report)},
+                                     {"/* script */", page::js}}) {
+        const size_t at = rest.find(mark);
+        out << rest.substr(0, at) << text;
+        rest.remove_prefix(at + mark.size());
+    }
+    out << rest;
+}

@@ -1,0 +1,128 @@
+#include "reader.h"
+
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using Json = nlohmann::json;
+
+std::vector<std::string> chain_of(const Json &line, const char *member = "chain") {
+    return line.at(member).get<std::vector<std::string>>();
+}
+
+Place place_of(const Json &line) {
+    return {line.at("file"), line.at("line"), line.at("type"), chain_of(line)};
+}
+
+Counter counter_of(const Json &line) {
+    return {line.at("blocks"), line.at("bytes")};
+}
+
+class JsonReader {
+public:
+    JsonReader(Report &report, const std::string &name) : report_(report), name_(name) {
+        report_.processes.push_back({name_, {}, {}, {}, {}});
+    }
+
+    void read(std::string_view text) {
+        while (!text.empty()) {
+            const size_t end = text.find('\n');
+            ++line_;
+            read_line(text.substr(0, end));
+            text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+        }
+        if (unfinished_)
+            complain("the report is cut off here");
+        if (is_empty()) {
+            report_.processes.pop_back();
+            complain("no report in this file");
+        }
+    }
+
+private:
+    Process &process() { return report_.processes.back(); }
+
+    bool is_empty() {
+        return process().cycles.empty() && process().descriptors.empty() && process().stops.empty();
+    }
+
+    void complain(std::string text) { report_.problems.push_back({name_, line_, std::move(text)}); }
+
+    void read_line(std::string_view text) {
+        if (text.empty())
+            return;
+        try {
+            take(Json::parse(text));
+        } catch (const Json::exception &error) {
+            complain(std::string("no line of a report: ") + error.what());
+        }
+    }
+
+    void take(const Json &line) {
+        const std::string kind = line.at("kind");
+        if (kind == "cycle") {
+            begin_cycle(line);
+        } else if (kind == "descriptor") {
+            add_descriptor(line);
+        } else if (kind == "defect") {
+            process().stops.push_back(
+                {line.at("pid"), line.at("text"), chain_of(line), chain_of(line, "block")});
+        } else if (!unfinished_) {
+            complain("what is ahead of this line is missing");
+        } else if (kind == "site") {
+            add_site(line);
+        } else if (kind == "damage") {
+            add_damage(line);
+        } else if (kind == "end") {
+            unfinished_ = false;
+        }
+    }
+
+    void begin_cycle(const Json &line) {
+        if (unfinished_)
+            complain("a report ahead of this one is cut off");
+        const uint32_t number = line.at("cycle");
+        const Counter live = counter_of(line);
+        if (process().cycles.empty())
+            process().name =
+                line.at("program").get<std::string>() + "." + std::to_string(line.at("pid").get<int>());
+        process().cycles.push_back({number, live, {}});
+        process().damages.clear();
+        process().descriptors.clear();
+        unfinished_ = true;
+    }
+
+    void add_site(const Json &line) {
+        // The descriptor checker's own records of what it watches.
+        if (line.at("file") == "common/lib/libk42mc/k42mc_ds")
+            return;
+        const Holding holding = {report_.place(place_of(line)), counter_of(line), line.at("oldest"),
+                                 line.at("largest")};
+        process().cycles.back().holdings.push_back(holding);
+    }
+
+    void add_damage(const Json &line) {
+        process().damages.push_back({line.at("defect"), report_.place(place_of(line)),
+                                     line.at("address"), line.at("size"), line.at("cycles")});
+    }
+
+    void add_descriptor(const Json &line) {
+        Descriptor descriptor{line.at("descriptor"), line.at("open"), line.at("alarms") != 0, {}};
+        for (const Json &event : line.at("events"))
+            descriptor.events.push_back(
+                {event.at("type"), event.at("operator"), event.at("time"), chain_of(event)});
+        if (!descriptor.events.empty())
+            process().descriptors.push_back(std::move(descriptor));
+    }
+
+    Report &report_;
+    const std::string &name_;
+    size_t line_ = 0;
+    bool unfinished_ = false; // the "end" is still to come
+};
+
+} // namespace
+
+void read_json(Report &report, const std::string &name, std::string_view text) {
+    JsonReader(report, name).read(text);
+}

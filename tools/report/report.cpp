@@ -1,0 +1,171 @@
+#include "diff.h"
+#include "html.h"
+#include "machine.h"
+#include "reader.h"
+#include "symbolize.h"
+#include "table.h"
+#include "tools/commands.h"
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *examples = R"(Examples:
+  k42mc report reports/                     what is held, most bytes first
+  k42mc report --sort growth --html r.html server.MC.261125120000.txt
+  k42mc report --folded reports/ | flamegraph.pl > held.svg)";
+
+struct Options {
+    std::vector<std::string> paths;
+    Order order = Order::bytes;
+    size_t top = 20;
+    std::string html;
+    bool json = false;
+    bool csv = false;
+    bool folded = false;
+};
+
+const std::map<std::string, Order> orders = {
+    {"bytes", Order::bytes}, {"growth", Order::growth}, {"blocks", Order::blocks}, {"age", Order::age}};
+
+void show_progress(uint64_t done, uint64_t all) {
+    constexpr uint64_t long_work = 64 << 20;
+    constexpr uint64_t width = 40;
+    if (all < long_work)
+        return;
+    const uint64_t full = done * width / all;
+    std::cerr << "\r[" << std::string(full, '#') << std::string(width - full, ' ') << "] "
+              << (done == all ? "\r\033[K" : "") << std::flush;
+}
+
+Report read(const std::vector<std::string> &paths) {
+    try {
+        return read_reports(paths, isatty(STDERR_FILENO) != 0 ? show_progress : Progress());
+    } catch (const std::exception &error) {
+        std::cerr << "k42mc: " << error.what() << '\n';
+        throw CLI::RuntimeError(1);
+    }
+}
+
+// A damaged file can have as many problems as lines: the first of each file tell enough.
+void tell_problems(const Report &report) {
+    constexpr size_t most = 5;
+    std::map<std::string, size_t> told;
+    for (const Problem &problem : report.problems)
+        if (++told[problem.file] <= most)
+            std::cerr << problem.file << ':' << problem.line << ": " << problem.text << '\n';
+    for (const auto &[file, count] : told)
+        if (count > most)
+            std::cerr << file << ": and " << count - most << " problems more\n";
+    if (!report.problems.empty())
+        throw CLI::RuntimeError(1);
+}
+
+void write_html(const std::string &path, const Report &report, Order order, Symbolizer &symbolizer) {
+    std::ofstream file(path);
+    print_html(file, json_of(report, order, symbolizer));
+    file.close();
+    if (!file) {
+        std::cerr << "k42mc: " << path << ": " << strerror(errno) << '\n';
+        throw CLI::RuntimeError(1);
+    }
+    std::cout << "the page is " << path << '\n';
+}
+
+void report(const Options &options) {
+    const Report report = read(options.paths);
+    if (report.processes.empty() && report.problems.empty())
+        std::cerr << "k42mc: no reports in " << options.paths.front() << '\n';
+    Symbolizer symbolizer;
+    if (options.json)
+        std::cout << json_of(report, options.order, symbolizer).dump(1) << '\n';
+    else if (options.csv)
+        print_csv(std::cout, report, options.order, symbolizer);
+    else if (options.folded)
+        print_folded(std::cout, report, symbolizer);
+    else if (!options.html.empty())
+        write_html(options.html, report, options.order, symbolizer);
+    else
+        print_table(std::cout, report,
+                    {options.order, options.top, isatty(STDOUT_FILENO) != 0 && !getenv("NO_COLOR")},
+                    symbolizer);
+    std::cout.flush();
+    tell_problems(report);
+}
+
+void diff(const std::string &before, const std::string &after, size_t top) {
+    const Report reports[] = {read({before}), read({after})};
+    Symbolizer symbolizer;
+    print_changes(std::cout, changes_between(reports[0], reports[1]), top, symbolizer);
+    std::cout.flush();
+    for (const Report &report : reports)
+        tell_problems(report);
+}
+
+void symbolize(const std::string &path) {
+    Symbolizer symbolizer;
+    if (path.empty() || path == "-") {
+        symbolize(std::cin, std::cout, symbolizer);
+        return;
+    }
+    std::ifstream file(path);
+    if (!file) {
+        std::cerr << "k42mc: " << path << ": " << strerror(errno) << '\n';
+        throw CLI::RuntimeError(1);
+    }
+    symbolize(file, std::cout, symbolizer);
+}
+
+} // namespace
+
+void add_report(CLI::App &app) {
+    const auto options = std::make_shared<Options>();
+    CLI::App *command = app.add_subcommand("report", "Show what reports say");
+    command->footer(examples);
+    command->add_option("paths", options->paths, "Report files, and folders of them")
+        ->type_name("FILE|DIR")
+        ->required();
+    command->add_option("--sort", options->order, "bytes, growth, blocks or age")
+        ->type_name("ORDER")
+        ->transform(CLI::Transformer(orders).description(""));
+    command->add_option("--top", options->top, "So many sites; 20 unless it is given")->type_name("N");
+    CLI::Option *const forms[] = {
+        command->add_option("--html", options->html, "Write a page to look at and click through")
+            ->type_name("FILE"),
+        command->add_flag("--json", options->json, "All of it as JSON"),
+        command->add_flag("--csv", options->csv, "The sites as comma-separated values"),
+        command->add_flag("--folded", options->folded, "Call chains and bytes, for flame graph tools")};
+    for (CLI::Option *form : forms)
+        for (CLI::Option *other : forms)
+            if (form != other)
+                form->excludes(other);
+    command->callback([options] { report(*options); });
+}
+
+void add_diff(CLI::App &app) {
+    struct Arguments {
+        std::string before;
+        std::string after;
+        size_t top = 20;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App *command = app.add_subcommand("diff", "Show what grew between two reports");
+    command->add_option("before", arguments->before)->type_name("FILE|DIR")->required();
+    command->add_option("after", arguments->after)->type_name("FILE|DIR")->required();
+    command->add_option("--top", arguments->top, "So many sites; 20 unless it is given")->type_name("N");
+    command->callback([arguments] { diff(arguments->before, arguments->after, arguments->top); });
+}
+
+void add_symbolize(CLI::App &app) {
+    const auto path = std::make_shared<std::string>();
+    CLI::App *command =
+        app.add_subcommand("symbolize", "Copy text and put function and line behind each trace line");
+    command->add_option("file", *path, "Standard input unless it is given")->type_name("FILE");
+    command->callback([path] { symbolize(*path); });
+}
