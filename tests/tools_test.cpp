@@ -170,9 +170,12 @@ TEST(Tools, DamagedJsonIsToldAndTheRestShown) {
     EXPECT_TRUE(told(json_lines.substr(0, second + 30)).starts_with("r.json:2: no line of a report: "));
     EXPECT_EQ(told(json_lines.substr(0, second) + json_lines),
               "r.json:2: a report ahead of this one is cut off\n");
-    const std::string odd = "[1]\n{\"kind\":3}\n{\"kind\":\"site\",\"file\":\"a\"}\n";
+    const std::string odd =
+        "[1]\n{\"kind\":3}\n{\"kind\":\"defect\",\"pid\":1e33,\"text\":\"\",\"chain\":[],"
+        "\"block\":[]}\n{\"kind\":\"site\",\"file\":\"a\"}\n";
     const Report report = json(json_lines.substr(0, second) + odd + json_lines.substr(second));
-    EXPECT_EQ(report.problems.size(), 3u);
+    EXPECT_EQ(report.problems.size(), 4u);
+    EXPECT_TRUE(report.processes[0].stops.size() == 1);
     EXPECT_EQ(report.problems[1].line, 3u);
     EXPECT_EQ(sites_of(report, Order::bytes).size(), 2u);
 }

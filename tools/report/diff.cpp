@@ -23,11 +23,11 @@ std::vector<Change> changes_between(const Report &before, const Report &after) {
 
 void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t top,
                    Symbolizer &symbolizer) {
-    int64_t bytes = 0;
-    int64_t blocks = 0;
+    uint64_t bytes = 0;
+    uint64_t blocks = 0;
     for (const Change &change : changes) {
-        bytes += change.bytes();
-        blocks += change.blocks();
+        bytes += change.after.bytes - change.before.bytes;
+        blocks += change.after.blocks - change.before.blocks;
     }
     if (!changes.empty())
         out << std::setw(14) << "GROWTH" << std::setw(10) << "BLOCKS" << std::setw(14) << "BYTES"
@@ -38,6 +38,7 @@ void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t
             << name_of(changes[i].place, symbolizer) << '\n';
     if (top < changes.size())
         out << "  and " << changes.size() - top << " sites more\n";
-    out << "total: " << std::showpos << bytes << " bytes, " << blocks << " blocks" << std::noshowpos
-        << " at " << changes.size() << " sites\n";
+    out << "total: " << std::showpos << static_cast<int64_t>(bytes) << " bytes, "
+        << static_cast<int64_t>(blocks) << " blocks" << std::noshowpos << " at " << changes.size()
+        << " sites\n";
 }

@@ -11,12 +11,8 @@ struct Change {
     Counter before;
     Counter after;
 
-    int64_t bytes() const {
-        return static_cast<int64_t>(after.bytes) - static_cast<int64_t>(before.bytes);
-    }
-    int64_t blocks() const {
-        return static_cast<int64_t>(after.blocks) - static_cast<int64_t>(before.blocks);
-    }
+    int64_t bytes() const { return static_cast<int64_t>(after.bytes - before.bytes); }
+    int64_t blocks() const { return static_cast<int64_t>(after.blocks - before.blocks); }
 };
 
 // Places whose holdings differ, most growth first.

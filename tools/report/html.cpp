@@ -1,6 +1,6 @@
 #include "html.h"
 
-#include "page.h" // made from the page's files at build time
+#include "page.h"
 
 #include <nlohmann/json.hpp>
 #include <string>
@@ -20,9 +20,11 @@ std::string data_of(const nlohmann::json &report) {
 
 void print_html(std::ostream &out, const nlohmann::json &report) {
     std::string_view rest = page::html;
-    for (const auto &[mark, text] : {std::pair<std::string_view, std::string>{"/* style */", page::css},
-                                     {"/* report */", data_of(report)},
-                                     {"/* script */", page::js}}) {
+    const std::string data = data_of(report);
+    for (const auto &[mark, text] :
+         {std::pair<std::string_view, std::string_view>{"/* style */", page::css},
+          {"/* report */", data},
+          {"/* script */", page::js}}) {
         const size_t at = rest.find(mark);
         out << rest.substr(0, at) << text;
         rest.remove_prefix(at + mark.size());

@@ -1,6 +1,7 @@
 #include "reader.h"
 
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace {
 
@@ -10,12 +11,23 @@ std::vector<std::string> chain_of(const Json &line, const char *member = "chain"
     return line.at(member).get<std::vector<std::string>>();
 }
 
+// Whole numbers that fit; the conversions of the library would take any.
+template <class Number> Number number_in(const Json &line, const char *member) {
+    const Json &value = line.at(member);
+    const bool whole = value.is_number_integer() &&
+                       (value.is_number_unsigned() ? std::in_range<Number>(value.get<uint64_t>())
+                                                   : std::in_range<Number>(value.get<int64_t>()));
+    if (!whole)
+        throw Json::other_error::create(501, std::string("no such number: ") + member, &line);
+    return value.get<Number>();
+}
+
 Place place_of(const Json &line) {
-    return {line.at("file"), line.at("line"), line.at("type"), chain_of(line)};
+    return {line.at("file"), number_in<int>(line, "line"), line.at("type"), chain_of(line)};
 }
 
 Counter counter_of(const Json &line) {
-    return {line.at("blocks"), line.at("bytes")};
+    return {number_in<uint64_t>(line, "blocks"), number_in<uint64_t>(line, "bytes")};
 }
 
 class JsonReader {
@@ -66,7 +78,7 @@ private:
             add_descriptor(line);
         } else if (kind == "defect") {
             process().stops.push_back(
-                {line.at("pid"), line.at("text"), chain_of(line), chain_of(line, "block")});
+                {number_in<int>(line, "pid"), line.at("text"), chain_of(line), chain_of(line, "block")});
         } else if (!unfinished_) {
             complain("what is ahead of this line is missing");
         } else if (kind == "site") {
@@ -81,11 +93,11 @@ private:
     void begin_cycle(const Json &line) {
         if (unfinished_)
             complain("a report ahead of this one is cut off");
-        const uint32_t number = line.at("cycle");
+        const auto number = number_in<uint32_t>(line, "cycle");
         const Counter live = counter_of(line);
         if (process().cycles.empty())
-            process().name =
-                line.at("program").get<std::string>() + "." + std::to_string(line.at("pid").get<int>());
+            process().name = line.at("program").get<std::string>() + "." +
+                             std::to_string(number_in<int>(line, "pid"));
         process().cycles.push_back({number, live, {}});
         process().damages.clear();
         process().descriptors.clear();
@@ -96,18 +108,21 @@ private:
         // The descriptor checker's own records of what it watches.
         if (line.at("file") == "common/lib/libk42mc/k42mc_ds")
             return;
-        const Holding holding = {report_.place(place_of(line)), counter_of(line), line.at("oldest"),
-                                 line.at("largest")};
+        const Holding holding = {report_.place(place_of(line)), counter_of(line),
+                                 number_in<uint32_t>(line, "oldest"),
+                                 number_in<uint64_t>(line, "largest")};
         process().cycles.back().holdings.push_back(holding);
     }
 
     void add_damage(const Json &line) {
         process().damages.push_back({line.at("defect"), report_.place(place_of(line)),
-                                     line.at("address"), line.at("size"), line.at("cycles")});
+                                     line.at("address"), number_in<uint64_t>(line, "size"),
+                                     number_in<uint32_t>(line, "cycles")});
     }
 
     void add_descriptor(const Json &line) {
-        Descriptor descriptor{line.at("descriptor"), line.at("open"), line.at("alarms") != 0, {}};
+        Descriptor descriptor{
+            number_in<int>(line, "descriptor"), line.at("open"), line.at("alarms") != 0, {}};
         for (const Json &event : line.at("events"))
             descriptor.events.push_back(
                 {event.at("type"), event.at("operator"), event.at("time"), chain_of(event)});

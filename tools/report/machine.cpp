@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <ranges>
 
 namespace {
 
@@ -128,9 +127,10 @@ void print_csv(std::ostream &out, const Report &report, Order order, Symbolizer 
 
 void print_folded(std::ostream &out, const Report &report, Symbolizer &symbolizer) {
     for (const Site &site : sites_of(report, Order::bytes)) {
-        const std::vector<std::string> names = functions_of(report.places()[site.place], symbolizer);
+        std::vector<std::string> names = functions_of(report.places()[site.place], symbolizer);
+        std::ranges::reverse(names);
         const char *separator = "";
-        for (std::string name : names | std::views::reverse) {
+        for (std::string &name : names) {
             std::ranges::replace(name, ';', ':');
             out << separator << name;
             separator = ";";

@@ -10,7 +10,7 @@ size_t Report::place(Place place) {
 }
 
 int64_t Site::growth() const {
-    return static_cast<int64_t>(series.back()) - static_cast<int64_t>(series.front());
+    return static_cast<int64_t>(series.back() - series.front());
 }
 
 namespace {
