@@ -80,8 +80,12 @@ TEST(Tools, TextReportsBecomeATable) {
     EXPECT_EQ(sites_of(report, Order::growth).back().growth(), -5);
     EXPECT_EQ(sites_of(report, Order::blocks).front().held.blocks, 2u);
     // The checker was switched on again: another process, as far as cycles go.
-    const Report again = text(three_cycles + cycle(1, "", "0 bytes held by 0 allocations"));
+    const Report again = text(three_cycles + cycle(3, "a.c:1:LK:STD:0xA0:7:1\n", ""));
     EXPECT_EQ(again.processes.size(), 2u);
+    const Site both = sites_of(again, Order::age).front();
+    EXPECT_EQ(both.held.bytes, 47u);
+    EXPECT_EQ(both.oldest, 3u);
+    EXPECT_EQ(both.series, (std::vector<uint64_t>{17, 40, 40}));
 }
 
 TEST(Tools, DamagedTextIsToldAndTheRestShown) {
@@ -159,6 +163,9 @@ descriptors left open: 5, 7 in p.12
 
 total: 90 bytes in 9 blocks; 2 sites, 1 cycles, 1 processes
 )");
+    const Process later = json(json_lines + json_lines).processes[0]; // the last report counts
+    EXPECT_EQ(later.damages.size(), 1u);
+    EXPECT_EQ(later.descriptors.size(), 4u);
 }
 
 TEST(Tools, DamagedJsonIsToldAndTheRestShown) {
@@ -223,6 +230,8 @@ TEST(Tools, DiffListsWhatChanged) {
     return __builtin_return_address(0);
 }
 
+constexpr int line_of_call = __LINE__ + 3;
+
 extern "C" [[gnu::noinline, gnu::visibility("default")]] void *known_function() {
     void *place = here();
     __asm__ volatile("" ::: "memory");
@@ -242,6 +251,7 @@ TEST(Tools, PlacesBecomeFunctionsAndLines) {
         const SourceFrame &frame = symbolizer.lookup(place).front();
         EXPECT_EQ(frame.function, "known_function") << place;
         EXPECT_TRUE(frame.file.ends_with("tools_test.cpp")) << place;
+        EXPECT_EQ(frame.line, line_of_call) << place;
     }
     std::istringstream in("plain [0x1]\n" + std::string(trace) + "\n/no/p(f+0x1) [0x2]\nlast");
     std::ostringstream out;
