@@ -7,6 +7,7 @@ set -euo pipefail
 build=$(cd "$1" && pwd)
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 examples=${build#"$PWD/"}/examples
+build_reports=$build/reports
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 ulimit -c 0
@@ -181,6 +182,42 @@ if [[ -w $folder ]]; then
     look "The file is named by the program and the time; standard error keeps one line that says where."
 else
     look "Left out: $folder, where this build puts its reports, cannot be written."
+fi
+
+k42mc=${build#"$PWD/"}/tools/k42mc
+if [[ -x $k42mc ]]; then
+    # Runs a program under k42mc run: check <exit status to expect> [options] -- <program> [arguments]
+    check() {
+        local expected=$1 status=0
+        shift
+        rm -rf "$reports"
+        printf '$ %s\n' "$k42mc run $*"
+        { "$k42mc" run --output "$reports" "$@" >"$work/out" 2>"$work/err"; } 2>/dev/null || status=$?
+        ((status == expected)) || miss "exit status $expected (it was $status)"
+    }
+
+    title "A program of the system, which nobody rebuilt"
+    reports=$build_reports/sort
+    check 0 --verify -- sort -r README.md
+    expect out '^## Threads, processes, widths$'
+    show err '^k42mc: [0-9]+ blocks?, [0-9]+ bytes? at [0-9]+ sites? in 1 process$'
+    expect err 'k42mc report '
+    look "Every block of the program and of its libraries was guarded. What is left at exit is listed; no
+      guard is damaged. Where a program is linked with debug information, lines are named."
+
+    title "A program with a bug, which nobody rebuilt"
+    reports=$build_reports/overrun
+    check 0 --verify -- "$examples/planted/overrun"
+    show_block err 'written past the end' 'overrun\.c:17'
+    expect err '^    enlist at .*/overrun\.c:[0-9]+$'
+    look "The block is never released, so its guards are compared at exit. docs/stories.md has five more."
+
+    title "The report as a page"
+    page=$build_reports/report.html
+    printf '$ %s\n' "$k42mc report --html $page $reports"
+    "$k42mc" report --html "$page" "$reports" >"$work/out" 2>"$work/err"
+    show out "^the page is $page\$"
+    look "Open it in a browser: growth, a flame graph of what is held, and a table to sort."
 fi
 
 if ((missing)); then

@@ -73,7 +73,7 @@ TEST(Tools, TextReportsBecomeATable) {
                              "            40         2       3           +30  ▂██  a.c:1 (STD)\n"
                              "             0         0       0            -5  █    b:\\c:7.c:2 (SHM)\n"
                              "\n"
-                             "total: 90 bytes in 3 blocks; 3 sites, 3 cycles, 1 processes\n");
+                             "total: 90 bytes in 3 blocks; 3 sites, 3 cycles, 1 process\n");
     const std::string by_age = table(report, Order::age, 1);
     EXPECT_NE(by_age.find("a.c:1"), std::string::npos);
     EXPECT_NE(by_age.find("and 2 sites more"), std::string::npos);
@@ -119,7 +119,7 @@ TEST(Tools, DamagedTextIsToldAndTheRestShown) {
 const std::string json_lines =
     R"({"kind":"cycle","program":"p","pid":12,"time":1,"width":64,"cycle":1,"limit":1,"blocks":9,"bytes":90,"allocated":{"blocks":9,"bytes":90},"freed":{"blocks":0,"bytes":0}}
 {"kind":"site","cycle":1,"file":"a.c","line":12,"type":"STD","chain":["/no/p+0x1a","/no/p+0x2b"],"blocks":5,"bytes":50,"oldest":3,"largest":20}
-{"kind":"site","cycle":1,"file":"p+0x9","line":0,"type":"FIX","chain":["/no/p+0x9","/no/p+0x2b"],"blocks":1,"bytes":7,"oldest":1,"largest":7}
+{"kind":"site","cycle":1,"file":"p+0x9","line":0,"type":"FIX","chain":["/no/p+0x9","/no/libk42mc_preload.so+0x1","/no/p+0x2b"],"blocks":1,"bytes":7,"oldest":1,"largest":7}
 {"kind":"site","cycle":1,"file":"common/lib/libk42mc/k42mc_ds","line":180,"type":"STD","chain":[],"blocks":3,"bytes":120,"oldest":1,"largest":40}
 {"kind":"damage","cycle":1,"defect":"WU","file":"b.c","line":2,"type":"STD","address":"0x55D0","size":100,"cycles":2,"chain":["/no/p+0x3"]}
 {"kind":"end","sites":3,"damaged":1}
@@ -153,15 +153,15 @@ descriptors left open: 5, 7 in p.12
             50         5       3  a.c:12 (STD)
              7         1       1  /no/p+0x9 < /no/p+0x2b (FIX)
 
-50 bytes, 5 blocks from
+50 bytes in 5 blocks from
     /no/p+0x1a
     /no/p+0x2b
 
-7 bytes, 1 blocks from
+7 bytes in 1 block from
     /no/p+0x9
     /no/p+0x2b
 
-total: 90 bytes in 9 blocks; 2 sites, 1 cycles, 1 processes
+total: 90 bytes in 9 blocks; 2 sites, 1 cycle, 1 process
 )");
     const Process later = json(json_lines + json_lines).processes[0]; // the last report counts
     EXPECT_EQ(later.damages.size(), 1u);
@@ -221,7 +221,7 @@ TEST(Tools, DiffListsWhatChanged) {
     EXPECT_EQ(out.str(), "        GROWTH    BLOCKS         BYTES  SITE\n"
                          "           +20        +1            30  b:1 (STD)\n"
                          "            +5        +1             5  d:1 (STD)\n"
-                         "  and 1 sites more\n"
+                         "  and 1 site more\n"
                          "total: +16 bytes, +1 blocks at 3 sites\n");
 }
 

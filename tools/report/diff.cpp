@@ -1,6 +1,7 @@
 #include "diff.h"
 
 #include "table.h"
+#include "tools/common/counted.h"
 
 #include <algorithm>
 #include <iomanip>
@@ -37,8 +38,8 @@ void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t
             << changes[i].blocks() << std::noshowpos << std::setw(14) << changes[i].after.bytes << "  "
             << name_of(changes[i].place, symbolizer) << '\n';
     if (top < changes.size())
-        out << "  and " << changes.size() - top << " sites more\n";
+        out << "  and " << counted(changes.size() - top, "site") << " more\n";
     out << "total: " << std::showpos << static_cast<int64_t>(bytes) << " bytes, "
-        << static_cast<int64_t>(blocks) << " blocks" << std::noshowpos << " at " << changes.size()
-        << " sites\n";
+        << static_cast<int64_t>(blocks) << " blocks" << std::noshowpos << " at "
+        << counted(changes.size(), "site") << '\n';
 }

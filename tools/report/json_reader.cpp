@@ -7,8 +7,13 @@ namespace {
 
 using Json = nlohmann::json;
 
+// Without the shim's own functions, which stand between libc and the program in some.
 std::vector<std::string> chain_of(const Json &line, const char *member = "chain") {
-    return line.at(member).get<std::vector<std::string>>();
+    auto chain = line.at(member).get<std::vector<std::string>>();
+    std::erase_if(chain, [](const std::string &place) {
+        return place.find("/libk42mc_preload.so+") != std::string::npos;
+    });
+    return chain;
 }
 
 // Whole numbers that fit; the conversions of the library would take any.

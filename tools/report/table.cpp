@@ -1,5 +1,7 @@
 #include "table.h"
 
+#include "tools/common/counted.h"
+
 #include <algorithm>
 #include <iomanip>
 
@@ -106,7 +108,8 @@ private:
         for (size_t i = 0; i < shown; ++i)
             print_site(sites[i], grows);
         if (shown < sites.size())
-            out_ << in(faint) << "  and " << sites.size() - shown << " sites more" << in(plain) << '\n';
+            out_ << in(faint) << "  and " << counted(sites.size() - shown, "site") << " more"
+                 << in(plain) << '\n';
         for (size_t i = 0; i < std::min(shown, size_t{5}); ++i)
             print_site_chain(sites[i]);
         out_ << '\n';
@@ -125,15 +128,18 @@ private:
         const Place &place = report_.places()[site.place];
         if (place.chain.empty())
             return;
-        out_ << '\n' << site.held.bytes << " bytes, " << site.held.blocks << " blocks from\n";
+        out_ << '\n'
+             << counted(site.held.bytes, "byte") << " in " << counted(site.held.blocks, "block")
+             << " from\n";
         print_chain(place.chain);
     }
 
     void print_total(const std::vector<Site> &sites) {
         const Counter total = total_of(report_);
-        out_ << in(bold) << "total: " << total.bytes << " bytes in " << total.blocks << " blocks"
-             << in(plain) << "; " << sites.size() << " sites, " << cycles_of(report_) << " cycles, "
-             << report_.processes.size() << " processes\n";
+        out_ << in(bold) << "total: " << counted(total.bytes, "byte") << " in "
+             << counted(total.blocks, "block") << in(plain) << "; " << counted(sites.size(), "site")
+             << ", " << counted(cycles_of(report_), "cycle") << ", "
+             << counted(report_.processes.size(), "process") << '\n';
     }
 
     std::ostream &out_;

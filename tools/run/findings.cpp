@@ -1,5 +1,7 @@
 #include "findings.h"
 
+#include "tools/common/counted.h"
+
 #include <algorithm>
 #include <map>
 #include <span>
@@ -29,7 +31,12 @@ void add_blocks(const Report &report, const Process &process, std::vector<Findin
                               chain_of(report.places()[holding.place]),
                               {}});
     for (const Damage &damage : process.damages)
-        blocks.push_back({damage.defect, 1, damage.size, chain_of(report.places()[damage.place]), {}});
+        blocks.push_back(
+            {damage.defect == "WO" ? "written past the end (WO)" : "written ahead of the start (WU)",
+             1,
+             damage.size,
+             chain_of(report.places()[damage.place]),
+             {}});
 }
 
 Finding alarm_of(const Descriptor &descriptor) {
@@ -75,18 +82,22 @@ void merge(std::vector<Finding> &findings) {
 
 void print_chain(std::ostream &out, const std::vector<std::string> &chain, Symbolizer &symbolizer) {
     constexpr size_t most_frames = 4;
-    for (size_t at = 0; at < std::min(chain.size(), most_frames); ++at)
-        for (const SourceFrame &source : symbolizer.lookup(chain[at]))
-            out << "    " << describe(chain[at], source) << '\n';
+    for (size_t at = 0; at < std::min(chain.size(), most_frames); ++at) {
+        const std::vector<SourceFrame> &frames = symbolizer.lookup(chain[at]);
+        for (const SourceFrame &frame : frames)
+            out << "    " << describe(chain[at], frame) << '\n';
+        if (frames.back().function == "main")
+            return; // what called it is the same for all
+    }
 }
 
-void print_findings(std::ostream &out, const std::vector<Finding> &findings, const char *unit,
+void print_findings(std::ostream &out, const std::vector<Finding> &findings, const char *noun,
                     Symbolizer &symbolizer) {
     constexpr size_t most_findings = 5;
     for (size_t i = 0; i < std::min(findings.size(), most_findings); ++i) {
-        out << "  " << findings[i].what << ": " << findings[i].count << ' ' << unit;
+        out << "  " << findings[i].what << ": " << counted(findings[i].count, noun);
         if (findings[i].bytes != 0)
-            out << ", " << findings[i].bytes << " bytes";
+            out << ", " << counted(findings[i].bytes, "byte");
         out << '\n';
         print_chain(out, findings[i].chain, symbolizer);
         if (!findings[i].before.empty()) {
@@ -95,7 +106,7 @@ void print_findings(std::ostream &out, const std::vector<Finding> &findings, con
         }
     }
     if (findings.size() > most_findings)
-        out << "  and " << findings.size() - most_findings << " sites more\n";
+        out << "  and " << counted(findings.size() - most_findings, "site") << " more\n";
 }
 
 } // namespace
@@ -137,12 +148,12 @@ void Findings::print(std::ostream &out, Symbolizer &symbolizer) const {
         blocks += finding.count;
         bytes += finding.bytes;
     }
-    out << "k42mc: " << blocks << " blocks, " << bytes << " bytes at " << blocks_.size() << " sites in "
-        << processes_ << " processes\n";
-    print_findings(out, blocks_, "blocks", symbolizer);
+    out << "k42mc: " << counted(blocks, "block") << ", " << counted(bytes, "byte") << " at "
+        << counted(blocks_.size(), "site") << " in " << counted(processes_, "process") << '\n';
+    print_findings(out, blocks_, "block", symbolizer);
     if (!descriptors_.empty()) {
         out << "k42mc: descriptors\n";
-        print_findings(out, descriptors_, "descriptors", symbolizer);
+        print_findings(out, descriptors_, "descriptor", symbolizer);
     }
     for (const Stop &stop : stops_) {
         out << "k42mc: process " << stop.process

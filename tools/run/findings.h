@@ -10,7 +10,7 @@
 // Blocks of one call chain that were left, one chain's damaged blocks, or descriptors that one chain
 // opened or closed.
 struct Finding {
-    std::string what; // "left", or a defect: "WO", "WU"; "open", "closed twice", "standard descriptor"
+    std::string what; // "left", "open", or what is wrong
     uint64_t count = 0;
     uint64_t bytes = 0;
     std::vector<std::string> chain;  // "/usr/bin/p+0x1a2b", innermost first

@@ -1,10 +1,10 @@
 #include "findings.h"
 #include "launch.h"
 #include "tools/commands.h"
+#include "tools/common/counted.h"
 #include "tools/report/reader.h"
 
 #include <CLI/CLI.hpp>
-#include <array>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -87,6 +87,17 @@ std::vector<Setting> environment(const Options &options, const std::string &fold
     return settings;
 }
 
+// A folder may have those of runs before. Its links to the shims are laid out anew for each.
+std::vector<std::string> reports_of_this_run(const std::string &folder) {
+    namespace fs = std::filesystem;
+    const fs::file_time_type start = fs::last_write_time(folder + "/lib");
+    std::vector<std::string> files;
+    for (const fs::directory_entry &entry : fs::directory_iterator(folder))
+        if (entry.path().extension() == ".json" && entry.last_write_time() >= start)
+            files.push_back(entry.path());
+    return files;
+}
+
 // Returns whether anything is left to complain about.
 bool summarize(const Options &options, const std::string &folder) {
     std::vector<Suppression> suppressions;
@@ -96,7 +107,7 @@ bool summarize(const Options &options, const std::string &folder) {
     for (const char *pattern : always_left)
         suppressions.push_back({pattern, true});
     Symbolizer symbolizer;
-    const Report report = read_reports(std::array{folder});
+    const Report report = read_reports(reports_of_this_run(folder));
     Findings findings(report);
     findings.suppress(suppressions, symbolizer);
     if (report.processes.empty())
@@ -109,7 +120,8 @@ bool summarize(const Options &options, const std::string &folder) {
                                               : "k42mc: suppressed: leak:")
                   << suppression.pattern;
         if (suppression.blocks != 0)
-            std::cerr << ": " << suppression.blocks << " blocks, " << suppression.bytes << " bytes";
+            std::cerr << ": " << counted(suppression.blocks, "block") << ", "
+                      << counted(suppression.bytes, "byte");
         std::cerr << '\n';
     }
     std::cerr << "k42mc: read more with: k42mc report " << folder << '\n';
