@@ -42,8 +42,10 @@ unsigned k42mcx_verify(void);
  * Writes what a report would say as JSON, an object a line, without counting as a cycle: a "cycle", a
  * "site" for each place and call chain that holds blocks (most bytes first), a "damage" for each damaged
  * block, whatever it has survived, and an "end". The checker's lock is released before anything is
- * written. fd  Open for writing; stays open. Returns 0, or -1 with errno: EBADF; ENOMEM, with nothing
- * written; EINVAL while the checker is off, which it says on standard error; or what write says.
+ * written.
+ *   fd  Open for writing; stays open.
+ * Returns 0, or -1 with errno: EBADF; ENOMEM, with nothing written; EINVAL while the checker is off,
+ * which it says on standard error; or what write says.
  */
 int k42mcx_report_json(int fd, __UINT32_TYPE__ limit);
 
@@ -69,8 +71,9 @@ int k42mcx_report_on_signal(int signo, __UINT32_TYPE__ limit);
 /*
  * Tries this folder for report files ahead of the usual ones, and makes it if it is missing. A file
  * there is never truncated: "-1", "-2" ... goes into the name in front of the extension. What is open
- * stays. path  Is copied. Null takes the folder back. Returns 0 or an errno value: ENAMETOOLONG for
- * PATH_MAX bytes or more. Takes the checker's lock.
+ * stays.
+ *   path  Is copied. Null takes the folder back.
+ * Returns 0 or an errno value: ENAMETOOLONG for PATH_MAX bytes or more. Takes the checker's lock.
  */
 int k42mcx_report_folder(const char *path);
 
@@ -89,7 +92,8 @@ int k42mcx_fd_event(const char *name, int descriptor, unsigned type);
  * Writes the histories of all descriptors as JSON, an object a line: whether the system has it open,
  * what has been counted, and the events, oldest first. The checker's lock is released before anything is
  * written.
- * fd  Open for writing; stays open. Returns 0, or -1 with errno: EBADF, ENOMEM, or what write says.
+ *   fd  Open for writing; stays open.
+ * Returns 0, or -1 with errno: EBADF, ENOMEM, or what write says.
  */
 int k42mcx_fd_report_json(int fd);
 
