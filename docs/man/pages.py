@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
 """Writes the manual pages of section 3 from the public headers, whose comments are the one description of
-each function: pages.py <folder of the headers> <folder for the pages>."""
+each function, and packs all pages as systems install them:
+pages.py <folder of the headers> <folder> <pages of other sections>...
+makes folder/man3/ and folder/packed/man<section>/."""
 
+import gzip
 import pathlib
 import re
 import sys
@@ -215,16 +218,24 @@ def selected(items, pattern):
     return keep
 
 
-def main(headers, target):
-    target.mkdir(parents=True, exist_ok=True)
-    others = [name for name, _, _, _ in PAGES]
+def pack(source, target):
+    packed = target / "packed" / f"man{source.suffix[1:]}" / f"{source.name}.gz"
+    packed.parent.mkdir(parents=True, exist_ok=True)
+    packed.write_bytes(gzip.compress(source.read_bytes(), mtime=0))  # the same bytes from every build
+
+
+def main(headers, target, others):
+    folder = target / "man3"
+    folder.mkdir(parents=True, exist_ok=True)
+    names = [name for name, _, _, _ in PAGES]
     for name, header, summary, pattern in PAGES:
         items = selected(items_of(headers / header), pattern)
-        lines = list(page(name, header, summary, items, others))
-        (target / f"{name}.3").write_text("\n".join(lines) + "\n")
+        (folder / f"{name}.3").write_text("\n".join(page(name, header, summary, items, names)) + "\n")
         for function in (function for item in items for function in item.names()):
             if function != name:
-                (target / f"{function}.3").write_text(f".so man3/{name}.3\n")
+                (folder / f"{function}.3").write_text(f".so man3/{name}.3\n")
+    for source in [*folder.iterdir(), *others]:
+        pack(source, target)
 
 
-main(pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]))
+main(*map(pathlib.Path, sys.argv[1:3]), [*map(pathlib.Path, sys.argv[3:])])

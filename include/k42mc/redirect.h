@@ -11,7 +11,7 @@
  * C++ the calls of the first line of names carry their site, the others are routed without one.
  *
  * For whole programs, compile every source with the flags of `pkg-config --cflags k42mc_r-redirect` or
- * the CMake target k42mc_r::redirect. They include this file first, and put wrappers of the system
+ * the CMake target k42mc::redirect. They include this file first, and put wrappers of the system
  * headers ahead, which set the macros aside while a system header declares its functions; so the
  * source's own feature-test macros keep working. Route all sources of a program, or none that pass
  * blocks to each other.

@@ -26,7 +26,7 @@
  *   - C++, where these are names of methods: call FDOpen and FDClose (fdcheck.h) there.
  *
  * For whole programs, compile every source with the flags of `pkg-config --cflags k42mc_r-redirect-fd`
- * or the CMake target k42mc_r::redirect_fd, beside those for memory or without. They include this file
+ * or the CMake target k42mc::redirect_fd, beside those for memory or without. They include this file
  * first, and put wrappers of the system headers ahead, which set the macros aside while a system header
  * declares its functions; so the source's own feature-test macros keep working. By hand, include this
  * file after the system headers, or at least after feature-test macros: it includes those that declare

@@ -32,8 +32,14 @@ void release_plain(void *ptr) {
     __libc_free(ptr);
 }
 
+// The checker is at work below a call of the shim, or below one of its own functions, in a program that is
+// linked to it.
+bool for_checker(const void *caller) {
+    return checker_depth != 0 || called_by_checker(caller);
+}
+
 void *allocate(const void *caller, size_t size) {
-    if (checker_depth != 0)
+    if (for_checker(caller))
         return __libc_malloc(size);
     const InsideChecker inside;
     return k42MC_malloc(site_of(caller), 0, size);
@@ -42,7 +48,7 @@ void *allocate(const void *caller, size_t size) {
 void *resize(const void *caller, void *ptr, size_t size) {
     if (ptr == nullptr)
         return allocate(caller, size);
-    if (checker_depth != 0 || (!is_guarded(ptr) && !was_guarded(ptr)))
+    if (for_checker(caller) || (!is_guarded(ptr) && !was_guarded(ptr)))
         return resize_plain(ptr, size);
     const InsideChecker inside;
     return k42mcx_realloc(site_of(caller), 0, ptr, size);
@@ -50,7 +56,7 @@ void *resize(const void *caller, void *ptr, size_t size) {
 
 // libc rounds alignments up to a power of two.
 void *allocate_aligned(const void *caller, size_t alignment, size_t size) {
-    if (checker_depth != 0)
+    if (for_checker(caller))
         return __libc_memalign(alignment, size);
     const InsideChecker inside;
     return k42mcx_memalign(site_of(caller), 0, alignment, size);
@@ -65,7 +71,7 @@ size_t page_size() {
 void release(const void *caller, void *ptr) {
     if (ptr == nullptr)
         return;
-    if (checker_depth != 0) {
+    if (for_checker(caller)) {
         if (called_by_checker(caller) || !is_guarded(ptr))
             __libc_free(ptr);
         return;
@@ -87,7 +93,7 @@ extern "C" {
 }
 
 [[gnu::visibility("default")]] void *calloc(size_t nmemb, size_t size) {
-    if (checker_depth != 0)
+    if (for_checker(CALLER))
         return __libc_calloc(nmemb, size);
     const InsideChecker inside;
     return k42MC_calloc(site_of(CALLER), 0, nmemb, size);

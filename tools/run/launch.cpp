@@ -27,7 +27,7 @@ struct Width {
 const std::array widths = {Width{64, ELFCLASS64, {"lib/x86_64-linux-gnu"}},
                            Width{32, ELFCLASS32, {"lib/i386-linux-gnu", "lib32"}}};
 
-// Beside the command, where the system keeps libraries of the width, or in the build of the other width.
+// Beside the command, in the build of the other width, or where libraries of the width are installed.
 fs::path find_shim(const Width &width) {
     const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
     std::string sibling = here;
@@ -35,7 +35,9 @@ fs::path find_shim(const Width &width) {
         sibling.replace(at, 2, std::to_string(width.bits));
     std::vector<fs::path> candidates = {sibling};
     for (const char *folder : width.folders)
-        candidates.push_back(here.parent_path() / folder);
+        candidates.push_back(here.parent_path() / folder / "k42mc");
+    if (width.elf_class == ELFCLASS64) // the command's own
+        candidates.push_back(here.parent_path() / K42MC_LIBDIR / "k42mc");
     for (const fs::path &folder : candidates)
         if (fs::exists(folder / shim_name))
             return folder;
