@@ -33,9 +33,10 @@ k42mc_redirect(redirect_fd C)
 
 install(TARGETS k42mc_r k42mc_r_redirect k42mc_r_redirect_fd EXPORT k42mc_r
         LIBRARY COMPONENT library NAMELINK_COMPONENT dev)
-install(DIRECTORY ${top}/include/k42mc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
-install(DIRECTORY ${top}/examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT dev
-        PATTERN CMakeLists.txt EXCLUDE PATTERN demo.sh EXCLUDE)
+install(DIRECTORY ${top}/include/k42mc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        COMPONENT ${common_component})
+install(DIRECTORY ${top}/examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
+        COMPONENT ${common_component} PATTERN CMakeLists.txt EXCLUDE PATTERN demo.sh EXCLUDE)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/k42mc_r)
 install(EXPORT k42mc_r NAMESPACE k42mc:: FILE k42mc_rTargets.cmake DESTINATION ${package_dir}

@@ -43,6 +43,10 @@ done >"$work/needs"
 [[ ! -s $work/needs ]] || fault "$(cat "$work/needs")"
 grep -qE 'SONAME.*\[libk42mc_r\.so\.[0-9]+\]' "$work/dynamic" || fault "no versioned soname"
 grep -qE 'TEXTREL' "$work/dynamic" && fault "has text relocations"
+grep -qE 'FLAGS_1.*NOW' "$work/dynamic" || fault "binds lazily: its table of functions stays writable"
+readelf -lW "$library" >"$work/segments"
+grep -q GNU_RELRO "$work/segments" || fault "what is relocated stays writable"
+grep -qE 'GNU_STACK.* RW ' "$work/segments" || fault "asks for an executable stack"
 
 # Loading runs what the compiler puts into an empty library, and nothing else.
 "${compiler[@]}" -shared -fPIC -o "$work/empty.so" -x c /dev/null

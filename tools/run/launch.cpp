@@ -25,7 +25,7 @@ struct Width {
 };
 
 const std::array widths = {Width{64, ELFCLASS64, {"lib/x86_64-linux-gnu"}},
-                           Width{32, ELFCLASS32, {"lib/i386-linux-gnu", "lib32"}}};
+                           Width{32, ELFCLASS32, {"lib32", "lib/i386-linux-gnu"}}};
 
 // Beside the command, in the build of the other width, or where libraries of the width are installed.
 fs::path find_shim(const Width &width) {
