@@ -32,8 +32,8 @@ void release_plain(void *ptr) {
     __libc_free(ptr);
 }
 
-// The checker is at work below a call of the shim, or below one of its own functions, in a program that is
-// linked to it.
+// The checker is at work below a call of the shim, or below one of its own functions, in a program that
+// is linked to it.
 bool for_checker(const void *caller) {
     return checker_depth != 0 || called_by_checker(caller);
 }
