@@ -53,6 +53,8 @@ run 0 fork
 said '^k42mc: 1 block, 12 bytes at 1 site in 2 processes$'
 run 0 exec
 said '^k42mc: 1 block, 12 bytes at 1 site in 1 process$'
+run 0 server
+said '^k42mc: 1 block, 12 bytes at 1 site in 2 processes$'
 run 0 exec --no-follow
 silent 'leaky_function'
 

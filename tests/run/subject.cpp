@@ -165,6 +165,14 @@ int main(int argc, char **argv) {
             _exit(0);
         wait(nullptr);
         _exit(3);
+    } else if (what == "server") { // overwrites its arguments and its environment
+        memset(argv[0], '/', strlen(argv[0]));
+        clearenv();
+        if (fork() == 0) {
+            leaky_function();
+            return 0;
+        }
+        wait(nullptr);
     } else if (what == "dlopen") {
         void *module = dlopen("libresolv.so.2", RTLD_NOW);
         if (module == nullptr || dlclose(module) != 0)

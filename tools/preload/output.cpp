@@ -8,16 +8,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 namespace {
 
 using namespace k42mc;
 
-const char *output_folder() {
-    return getenv("K42MC_RUN_OUTPUT");
-}
+constinit char folder[PATH_MAX] = "";
+constinit char program[NAME_MAX - sizeof ".4294967295.json"] = "";
 
 // The process is about to stop in the midst of an operation: nothing here allocates or takes a lock.
 void write_defect(std::span<const uintptr_t> block_trace) {
@@ -46,14 +47,22 @@ void write_defect(std::span<const uintptr_t> block_trace) {
 
 } // namespace
 
-bool has_output_folder() {
-    return output_folder() != nullptr;
+bool find_output_folder() {
+    const char *named = getenv("K42MC_RUN_OUTPUT");
+    if (named == nullptr || strlen(named) >= sizeof folder)
+        return false;
+    strcpy(folder, named);
+    snprintf(program, sizeof program, "%s", program_invocation_short_name);
+    return true;
+}
+
+const char *program_name() {
+    return *program != '\0' ? program : program_invocation_short_name;
 }
 
 int open_output(const char *extension, int flags) {
-    char path[4096];
-    snprintf(path, sizeof path, "%s/%s.%d.%s", output_folder(), program_invocation_short_name, getpid(),
-             extension);
+    char path[PATH_MAX + NAME_MAX];
+    snprintf(path, sizeof path, "%s/%s.%d.%s", folder, program, getpid(), extension);
     return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | flags, 0666);
 }
 

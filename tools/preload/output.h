@@ -4,8 +4,11 @@
 #include <stdint.h>
 #include <stdio.h>
 
-// The folder that the environment names, if any.
-bool has_output_folder();
+// Takes note of the folder that the environment names and of the program's name: a server overwrites both
+// with what it wants to be called. False without a folder.
+bool find_output_folder();
+
+const char *program_name();
 
 // Returns a descriptor, or -1.
 int open_output(const char *extension, int flags);

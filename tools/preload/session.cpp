@@ -136,7 +136,7 @@ void switch_on() {
     const int saved_errno = errno;
     if (number_in("K42MC_RUN_FOLLOW", 1) == 0)
         unsetenv("LD_PRELOAD");
-    if (has_output_folder())
+    if (find_output_folder())
         sink = open_text_output();
     if (sink == nullptr)
         return;

@@ -2,6 +2,7 @@
 
 #include "libc.h"
 #include "next.h"
+#include "output.h"
 
 #include <atomic>
 #include <dlfcn.h>
@@ -45,7 +46,7 @@ SiteName *make_name(const void *caller) {
     dl_find_object object;
     if (_dl_find_object(const_cast<void *>(caller), &object) == 0) {
         const char *path = object.dlfo_link_map->l_name;
-        module = *path != '\0' ? short_name(path) : program_invocation_short_name;
+        module = *path != '\0' ? short_name(path) : program_name();
         base = reinterpret_cast<uintptr_t>(object.dlfo_map_start);
     }
     constexpr size_t room_for_offset = 24;
