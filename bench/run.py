@@ -14,10 +14,10 @@ import subprocess
 import tempfile
 
 import containers
+import programs
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
-BUILDS = {64: TOP / "build/bench/bench", 32: TOP / "build/bench32/bench"}
-PROFILER = "/usr/lib/heaptrack/libheaptrack_preload.so"
+BUILDS = {64: TOP / "build/bench64/bench", 32: TOP / "build/bench32/bench"}
 LIBC_DEBUG = {64: "/lib/x86_64-linux-gnu/libc_malloc_debug.so.0", 32: "/lib32/libc_malloc_debug.so.0"}
 
 # Name: program, its last argument, environment, widths.
@@ -27,7 +27,7 @@ CONTESTANTS = {
     "recorded, no traces": ("checked", "untraced", {}, (64, 32)),
     "recorded, 16 frames": ("checked", "on", {}, (64, 32)),
     "AddressSanitizer": ("address_sanitizer", "", {"ASAN_OPTIONS": "detect_leaks=0"}, (64, 32)),
-    "heaptrack": ("plain", "", {"LD_PRELOAD": PROFILER, "DUMP_HEAPTRACK_OUTPUT": "/dev/null"}, (64,)),
+    "heaptrack": ("plain", "", {"LD_PRELOAD": programs.PROFILER, "DUMP_HEAPTRACK_OUTPUT": "/dev/null"}, (64,)),
     "dmalloc": ("dmalloc", "", {"DMALLOC_OPTIONS": "debug=0x403"}, (64,)),
     "glibc's checking malloc": ("plain", "", {"MALLOC_CHECK_": "3", "LD_PRELOAD": LIBC_DEBUG}, (64, 32)),
 }
@@ -112,7 +112,7 @@ def traffic_tables(results):
 
 # Programs that nobody changed, and how they are given something to do.
 WORK = TOP / "bench/trace/work"
-STATEMENTS = TOP / "build/bench/work.sql"
+STATEMENTS = TOP / "build/bench64/work.sql"
 PROGRAMS = {
     "perl": (["perl", WORK / "work.pl"], {}, 150),
     "sqlite3": (["sqlite3", ":memory:", f".read {STATEMENTS}"], {}, 150),
@@ -233,6 +233,7 @@ def main():
     lines += traffic_tables(measure_traffic(rounds, loads, pairs))
     lines += report_table(min(rounds, 3))
     lines += trace_tables(rounds)
+    lines += programs.tables(STATEMENTS, min(rounds, 1 if options.quick else 3), row)
     if not options.no_containers:
         lines += containers.tables(BUILDS[64] / "containers/bench_containers", options.quick)
     text = "\n".join(lines) + "\n"

@@ -53,6 +53,9 @@ run 0 fork
 said '^k42mc: 1 block, 12 bytes at 1 site in 2 processes$'
 run 0 exec
 said '^k42mc: 1 block, 12 bytes at 1 site in 1 process$'
+run 0 closes
+said '^k42mc: 2 blocks, .* in 1 process$'
+[[ ! -s own ]] || fail 'a report in a file of the program'
 run 0 server
 said '^k42mc: 1 block, 12 bytes at 1 site in 2 processes$'
 run 0 exec --no-follow

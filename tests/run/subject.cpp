@@ -165,14 +165,23 @@ int main(int argc, char **argv) {
             _exit(0);
         wait(nullptr);
         _exit(3);
+    } else if (what == "closes") { // what it has not opened, and uses the numbers
+        leaky_function();
+        FILE *own = fopen("own", "w");
+        closefrom(fileno(own) + 1);
+        for (int number = 200; number < 210; ++number)
+            dup2(fileno(own), number);
     } else if (what == "server") { // overwrites its arguments and its environment
         memset(argv[0], '/', strlen(argv[0]));
         clearenv();
         if (fork() == 0) {
             leaky_function();
-            return 0;
+            // As if it had given up a right: this one holds for the superuser, too.
+            rmdir("moved");
+            return rename("reports", "moved");
         }
         wait(nullptr);
+        rename("moved", "reports");
     } else if (what == "dlopen") {
         void *module = dlopen("libresolv.so.2", RTLD_NOW);
         if (module == nullptr || dlclose(module) != 0)

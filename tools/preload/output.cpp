@@ -11,6 +11,7 @@
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -20,10 +21,24 @@ using namespace k42mc;
 constinit char folder[PATH_MAX] = "";
 constinit char program[NAME_MAX - sizeof ".4294967295.json"] = "";
 
+// Open from the start: a server may give up the right to open files in the folder.
+constinit ReportFile text("txt", O_TRUNC);
+constinit ReportFile json("json", O_APPEND);
+
+// Away from the low numbers, which programs expect to be free.
+int move_up(int descriptor) {
+    constexpr int lowest = 200;
+    const int high = descriptor >= 0 ? fcntl(descriptor, F_DUPFD_CLOEXEC, lowest) : -1;
+    if (high < 0)
+        return descriptor;
+    close(descriptor);
+    return high;
+}
+
 // The process is about to stop in the midst of an operation: nothing here allocates or takes a lock.
 void write_defect(std::span<const uintptr_t> block_trace) {
     const InsideChecker inside;
-    const int file = open_output("json", O_APPEND);
+    const int file = json.descriptor();
     if (file < 0)
         return;
     void *others[K42MC_GUARD_TRACE];
@@ -42,7 +57,6 @@ void write_defect(std::span<const uintptr_t> block_trace) {
     out.chain("block", {others, count});
     out.print("}\n");
     out.flush();
-    close(file);
 }
 
 } // namespace
@@ -60,32 +74,60 @@ const char *program_name() {
     return *program != '\0' ? program : program_invocation_short_name;
 }
 
-int open_output(const char *extension, int flags) {
+bool ReportFile::open_with(int flags) {
     char path[PATH_MAX + NAME_MAX];
-    snprintf(path, sizeof path, "%s/%s.%d.%s", folder, program, getpid(), extension);
-    return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | flags, 0666);
+    snprintf(path, sizeof path, "%s/%s.%d.%s", folder, program, getpid(), extension_);
+    descriptor_ = move_up(open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | flags, 0666));
+    struct stat status;
+    if (descriptor_ < 0 || fstat(descriptor_, &status) != 0)
+        return false;
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+    return true;
 }
 
-FILE *open_text_output() {
-    constexpr int lowest = 200;
-    const int file = open_output("txt", O_TRUNC);
-    const int high = file >= 0 ? fcntl(file, F_DUPFD_CLOEXEC, lowest) : -1;
-    FILE *stream = fdopen(high >= 0 ? high : file, "w");
-    if (high >= 0)
-        close(file);
+bool ReportFile::is_open() const {
+    struct stat status;
+    return descriptor_ >= 0 && fstat(descriptor_, &status) == 0 && status.st_dev == device_ &&
+           status.st_ino == inode_;
+}
+
+bool ReportFile::open_anew() {
+    if (is_open())
+        close(descriptor_);
+    return open_with(flags_);
+}
+
+int ReportFile::descriptor() {
+    if (!is_open() && !open_with(O_APPEND))
+        return -1;
+    return descriptor_;
+}
+
+FILE *open_outputs() {
+    FILE *stream = json.open_anew() && text.open_anew() ? fdopen(text.descriptor(), "w") : nullptr;
     if (stream != nullptr)
         setvbuf(stream, nullptr, _IOLBF, BUFSIZ);
     return stream;
 }
 
+void reopen_outputs(FILE *stream) {
+    json.open_anew();
+    text.open_anew();
+    stream->_fileno = text.descriptor();
+}
+
+void check_output(FILE *stream) {
+    stream->_fileno = text.descriptor();
+}
+
 void write_json(uint32_t limit) {
-    const int file = open_output("json", O_APPEND);
+    const int file = json.descriptor();
     if (file < 0)
         return;
     k42mcx_report_json(file, limit);
     if (descriptors_watched())
         k42mcx_fd_report_json(file);
-    close(file);
 }
 
 void note_defects() {

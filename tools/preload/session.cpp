@@ -41,6 +41,7 @@ constinit bool registers_exit = false;
 void report() {
     const InsideChecker inside;
     const int saved_errno = errno;
+    check_output(sink);
     MCReport(K42MC_BE32(limit));
     write_json(limit);
     errno = saved_errno;
@@ -76,6 +77,7 @@ void finish() {
     if (sink == nullptr)
         return;
     const InsideChecker inside;
+    check_output(sink);
     if (verifies)
         k42mcx_verify();
     report();
@@ -113,11 +115,7 @@ void after_fork_in_child() {
     if (sink == nullptr)
         return;
     const InsideChecker inside;
-    const int file = open_output("txt", O_TRUNC);
-    if (file < 0)
-        return;
-    dup3(file, fileno(sink), O_CLOEXEC);
-    close(file);
+    reopen_outputs(sink);
 }
 
 // ---- The start ----
@@ -137,7 +135,7 @@ void switch_on() {
     if (number_in("K42MC_RUN_FOLLOW", 1) == 0)
         unsetenv("LD_PRELOAD");
     if (find_output_folder())
-        sink = open_text_output();
+        sink = open_outputs();
     if (sink == nullptr)
         return;
     limit = static_cast<uint32_t>(number_in("K42MC_RUN_LIMIT", 1));

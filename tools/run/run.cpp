@@ -92,10 +92,23 @@ std::vector<std::string> reports_of_this_run(const std::string &folder) {
     namespace fs = std::filesystem;
     const fs::file_time_type start = fs::last_write_time(folder + "/lib");
     std::vector<std::string> files;
-    for (const fs::directory_entry &entry : fs::directory_iterator(folder))
-        if (entry.path().extension() == ".json" && entry.last_write_time() >= start)
+    for (const fs::directory_entry &entry : fs::directory_iterator(folder)) {
+        const bool report = entry.path().extension() == ".json" && entry.last_write_time() >= start;
+        if (report && entry.file_size() != 0)
             files.push_back(entry.path());
+    }
     return files;
+}
+
+// Of processes that ended without a report, as children of fork do that turn into another program.
+void remove_empty_files(const std::string &folder) {
+    namespace fs = std::filesystem;
+    std::vector<fs::path> empty;
+    for (const fs::directory_entry &entry : fs::directory_iterator(folder))
+        if (entry.is_regular_file() && entry.file_size() == 0)
+            empty.push_back(entry.path());
+    for (const fs::path &file : empty)
+        fs::remove(file);
 }
 
 // Returns whether anything is left to complain about.
@@ -145,6 +158,7 @@ void run(const Options &options) {
     try {
         const std::string folder = output_folder(options);
         status = launch(options.command, environment(options, folder));
+        remove_empty_files(folder);
         found = summarize(options, folder);
     } catch (const std::exception &error) {
         std::cerr << "k42mc run: " << error.what() << '\n';

@@ -1,0 +1,196 @@
+"""Programs of the system that nobody rebuilt, as they are and under tools that need no rebuilding."""
+import json
+import os
+import pathlib
+import re
+import statistics
+import subprocess
+import time
+
+TOP = pathlib.Path(__file__).resolve().parent.parent
+FOLDER = TOP / "build/bench64/programs"
+COMMAND = TOP / "build/bench64/tools/k42mc"
+PROFILER = "/usr/lib/heaptrack/libheaptrack_preload.so"
+PORT = 18080
+
+
+class Program:
+    """A command with something to do, for a server also what to do with it."""
+
+    def __init__(self, command, environment=None, drive=None, bits=64):
+        self.command = [str(word) for word in command]
+        self.environment = environment or {}
+        self.drive = drive
+        self.bits = bits
+
+    def run(self, wrapper):
+        """Seconds, megabytes of the largest process, and the output"""
+        start = time.perf_counter()
+        with open(FOLDER / "output", "wb+") as output:
+            child = subprocess.Popen(
+                wrapper + self.command,
+                env={**os.environ, **self.environment},
+                cwd=FOLDER,
+                stdout=output,
+                stderr=subprocess.DEVNULL,
+            )
+            said = b""
+            if self.drive:
+                said, seconds = self.drive()
+            _, status, usage = os.wait4(child.pid, 0)
+            child.returncode = os.waitstatus_to_exitcode(status)
+            if not self.drive:
+                seconds = time.perf_counter() - start
+            output.seek(0)
+            said += output.read()
+        if child.returncode != 0:
+            raise RuntimeError(f"{' '.join(wrapper + self.command)}: exit status {child.returncode}")
+        return seconds, usage.ru_maxrss / 1024, said
+
+
+def unpack(package, architecture):
+    """The package's files, without installing it: some start services, some are of another architecture."""
+    folder = FOLDER / package
+    if not folder.exists():
+        state = FOLDER / f"apt-{architecture}"
+        apt = ["apt-get", "-qq"]
+        apt += [f"-oAPT::Architecture={architecture}", f"-oAPT::Architectures={architecture}"]
+        apt += [f"-oDir::State::lists={state}/lists", f"-oDir::Cache={state}/cache"]
+        for part in ("lists/partial", "cache/archives/partial"):
+            (state / part).mkdir(parents=True, exist_ok=True)
+        quiet = {"cwd": state, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+        subprocess.run(apt + ["update"], check=False, **quiet)
+        subprocess.run(apt + ["download", package], check=True, **quiet)
+        subprocess.run(["dpkg", "-x", next(state.glob(f"{package}_*.deb")), folder], check=True)
+    return folder
+
+
+def requests():
+    """What 10,000 requests bring, and how long they take; then the server ends."""
+    pages = (f"http://127.0.0.1:{PORT}/text", f"http://127.0.0.1:{PORT}/list/")
+    while subprocess.run(["curl", "-s", "-o", "/dev/null", pages[0]], check=False).returncode != 0:
+        time.sleep(0.05)
+    start = time.perf_counter()
+    said = b""
+    for page in pages:
+        ab = ["ab", "-q", "-k", "-n", "5000", "-c", "20", "-H", "Accept-Encoding: gzip", page]
+        summary = subprocess.run(ab, capture_output=True, check=True).stdout
+        said += b"".join(re.findall(rb"(?:Complete|Failed) requests:.*\n|Non-2xx.*\n", summary))
+        said += subprocess.run(["curl", "-s", page], capture_output=True, check=True).stdout
+    seconds = time.perf_counter() - start
+    os.kill(int((FOLDER / "pid").read_text(encoding="utf-8")), 3)
+    return said, seconds
+
+
+def server(text):
+    root = FOLDER / "root"
+    root.mkdir(exist_ok=True)
+    (root / "text").write_text(text[:20_000], encoding="utf-8")
+    scratch = "".join(f"{kind}_temp_path {FOLDER}/{kind};" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
+    (FOLDER / "server.conf").write_text(
+        f"""daemon off; worker_processes 2; pid {FOLDER}/pid; error_log {FOLDER}/errors;
+events {{ worker_connections 512; }}
+http {{ {scratch} access_log off; gzip on; gzip_types text/plain; default_type text/plain;
+server {{ listen 127.0.0.1:{PORT}; root {root}; location /list/ {{ alias {root}/; autoindex on; }} }} }}
+""",
+        encoding="utf-8",
+    )
+    return Program([unpack("nginx", "amd64") / "usr/sbin/nginx", "-c", FOLDER / "server.conf"], drive=requests)
+
+
+def programs(statements):
+    FOLDER.mkdir(parents=True, exist_ok=True)
+    text = "".join(f"{i * 7919 % 100_003} {i * i % 9_973}\n" for i in range(200_000))
+    (FOLDER / "text").write_text(text, encoding="utf-8")
+    count = "{ for (i = 1; i < length($0); i += 2) n[substr($0, i)]++ } END { for (k in n) t += n[k] > 1; print NR, t }"
+    return {
+        "python3, a test of its own": Program(
+            ["/usr/bin/python3", "-m", "test.test_configparser"], {"PYTHONMALLOC": "malloc"}
+        ),
+        "sqlite3, 5,500 statements": Program(["sqlite3", ":memory:", f".read {statements}"]),
+        "g++ -O2, one source": Program(
+            ["g++", "-O2", "-S", "-o", "/dev/stdout", TOP / "bench/trace/parser.cpp"]
+        ),
+        "nginx, 10,000 requests": server(text),
+        "xz, 4 threads": Program(["xz", "-T4", "--block-size=300000", "-c", "text"]),
+        "mawk, 32 bits": Program([unpack("mawk", "i386") / "usr/bin/mawk", count, "text"], bits=32),
+    }
+
+
+def left_by_own(folder):
+    """Processes, blocks and bytes that the last reports hold"""
+    reports = [file.read_text(encoding="utf-8").splitlines() for file in folder.glob("*.json")]
+    last = [[json.loads(line) for line in lines if '"kind":"cycle"' in line][-1] for lines in reports]
+    return len(last), sum(cycle["blocks"] for cycle in last), sum(cycle["bytes"] for cycle in last)
+
+
+def left_by_valgrind(folder):
+    found = [
+        re.search(r"in use at exit: ([\d,]+) bytes in ([\d,]+) blocks", file.read_text(encoding="utf-8"))
+        for file in folder.glob("*.log")
+    ]
+    numbers = [[int(number.replace(",", "")) for number in match.groups()] for match in found if match]
+    return len(numbers), sum(blocks for _, blocks in numbers), sum(size for size, _ in numbers)
+
+
+# Tool: the command in front, the widths, and how to read what it says is left.
+TOOLS = {
+    "k42mc run": (lambda to: [str(COMMAND), "run", "--output", str(to), "--"], (64, 32), left_by_own),
+    "valgrind": (
+        lambda to: ["valgrind", "--leak-check=full", "--trace-children=yes", "--run-libc-freeres=no", f"--log-file={to}/%p.log"],
+        (64,),
+        left_by_valgrind,
+    ),
+    "heaptrack": (lambda _: ["env", f"LD_PRELOAD={PROFILER}", "DUMP_HEAPTRACK_OUTPUT=/dev/null"], (64,), None),
+}
+
+
+def measure(name, program, rounds):
+    """{tool: ([seconds], [megabytes])}, of the plain program under '', and {tool: what is left}"""
+    figures, left = {}, {}
+    for _ in range(rounds):
+        seconds, megabytes, expected = program.run([])
+        figures.setdefault("", ([], []))[0].append(seconds)
+        figures[""][1].append(megabytes)
+        for tool, (wrapper, widths, read) in TOOLS.items():
+            if program.bits not in widths:
+                continue
+            folder = FOLDER / "reports" / tool.replace(" ", "-")
+            subprocess.run(["rm", "-rf", folder], check=True)
+            folder.mkdir(parents=True)
+            seconds, megabytes, said = program.run(wrapper(folder))
+            if said != expected:
+                raise RuntimeError(f"{name} says something else under {tool}")
+            figures.setdefault(tool, ([], []))[0].append(seconds)
+            figures[tool][1].append(megabytes)
+            if read:
+                left[tool] = read(folder)
+    return figures, left
+
+
+def tables(statements, rounds, row):
+    results = {name: measure(name, program, rounds) for name, program in programs(statements).items()}
+    yield "## Whole programs"
+    yield ""
+    yield "Programs of the system that nobody rebuilt: time, and memory of the largest process, as many times as much as"
+    yield "without a tool. What they write is the same."
+    yield ""
+    yield row(["program", "seconds", "MiB"] + [f"{tool}, {what}" for tool in TOOLS for what in ("time", "memory")])
+    yield row(["---"] * (3 + 2 * len(TOOLS)))
+    for name, (figures, _) in results.items():
+        plain = figures[""]
+        cells = [name, f"{statistics.median(plain[0]):.2f}", f"{statistics.median(plain[1]):.0f}"]
+        for tool in TOOLS:
+            for what in (0, 1):
+                ratios = [a / b for a, b in zip(figures[tool][what], plain[what])] if tool in figures else []
+                cells.append(f"{statistics.median(ratios):.1f}" if ratios else "")
+        yield row(cells)
+    yield ""
+    yield "What is left when they end, in all processes that report it:"
+    yield ""
+    readers = [tool for tool, (_, _, read) in TOOLS.items() if read]
+    yield row(["program"] + [f"{tool}, {what}" for tool in readers for what in ("processes", "blocks", "bytes")])
+    yield row(["---"] * (1 + 3 * len(readers)))
+    for name, (_, left) in results.items():
+        yield row([name] + [f"{number:,}" for tool in readers for number in left.get(tool, ())])
+    yield ""
