@@ -28,7 +28,8 @@ class Program:
         start = time.perf_counter()
         with open(FOLDER / "output", "wb+") as output:
             child = subprocess.Popen(
-                wrapper + self.command,
+                # Between the two, as a process begins with the memory of its parent.
+                ["/usr/bin/time", "-f", "%M", "-o", FOLDER / "memory"] + wrapper + self.command,
                 env={**os.environ, **self.environment},
                 cwd=FOLDER,
                 stdout=output,
@@ -37,15 +38,14 @@ class Program:
             said = b""
             if self.drive:
                 said, seconds = self.drive()
-            _, status, usage = os.wait4(child.pid, 0)
-            child.returncode = os.waitstatus_to_exitcode(status)
+            child.wait()
             if not self.drive:
                 seconds = time.perf_counter() - start
             output.seek(0)
             said += output.read()
         if child.returncode != 0:
             raise RuntimeError(f"{' '.join(wrapper + self.command)}: exit status {child.returncode}")
-        return seconds, usage.ru_maxrss / 1024, said
+        return seconds, int((FOLDER / "memory").read_text(encoding="utf-8")) / 1024, said
 
 
 def unpack(package, architecture):

@@ -27,6 +27,22 @@ struct Width {
 const std::array widths = {Width{64, ELFCLASS64, {"lib/x86_64-linux-gnu"}},
                            Width{32, ELFCLASS32, {"lib32", "lib/i386-linux-gnu"}}};
 
+// Of a script, its interpreter's class; 0 for what cannot be read.
+unsigned char elf_class_of(const std::string &program, int most_interpreters = 4) {
+    std::ifstream file(program, std::ios::binary);
+    std::string head(EI_NIDENT, '\0');
+    if (!file.read(head.data(), EI_NIDENT))
+        file.clear();
+    if (head.starts_with(ELFMAG))
+        return static_cast<unsigned char>(head[EI_CLASS]);
+    if (!head.starts_with("#!") || most_interpreters == 0)
+        return 0;
+    file.seekg(2);
+    std::string interpreter;
+    file >> interpreter;
+    return elf_class_of(interpreter, most_interpreters - 1);
+}
+
 // Beside the command, in the build of the other width, or where libraries of the width are installed.
 fs::path find_shim(const Width &width) {
     const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
@@ -39,7 +55,7 @@ fs::path find_shim(const Width &width) {
     if (width.elf_class == ELFCLASS64) // the command's own
         candidates.push_back(here.parent_path() / K42MC_LIBDIR / "k42mc");
     for (const fs::path &folder : candidates)
-        if (fs::exists(folder / shim_name))
+        if (elf_class_of(folder / shim_name) == width.elf_class)
             return folder;
     return {};
 }
@@ -56,22 +72,6 @@ std::string find_program(const std::string &name) {
             return candidate;
     }
     return name;
-}
-
-// Of a script, its interpreter's class; 0 for what cannot be read.
-unsigned char elf_class_of(const std::string &program, int most_interpreters = 4) {
-    std::ifstream file(program, std::ios::binary);
-    std::string head(EI_NIDENT, '\0');
-    if (!file.read(head.data(), EI_NIDENT))
-        file.clear();
-    if (head.starts_with(ELFMAG))
-        return static_cast<unsigned char>(head[EI_CLASS]);
-    if (!head.starts_with("#!") || most_interpreters == 0)
-        return 0;
-    file.seekg(2);
-    std::string interpreter;
-    file >> interpreter;
-    return elf_class_of(interpreter, most_interpreters - 1);
 }
 
 } // namespace
