@@ -46,7 +46,8 @@ static void fill(void) {
     HTInit(&table, NULL, NULL, offsetof(Item, hashed), offsetof(Item, number), hash, differs, NULL);
     AVLInit(&tree, NULL, NULL, offsetof(Item, sorted), offsetof(Item, number), compare, NULL);
     PTInit(&patricia, NULL, NULL, offsetof(Item, radix), offsetof(Item, number), 32, 0, NULL);
-    PXInit(&prefixes, NULL, NULL, offsetof(Item, chain), offsetof(Item, number), offsetof(Item, bits), NULL);
+    PXInit(&prefixes, NULL, NULL, offsetof(Item, chain), offsetof(Item, number), offsetof(Item, bits),
+           NULL);
     BHInit(&heap, NULL, NULL, offsetof(Item, heaped), offsetof(Item, number), compare, NULL);
     for (uint32_t i = 0; i < 5; ++i) {
         items[i].number = i * 3 % 5;
