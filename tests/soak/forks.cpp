@@ -22,17 +22,21 @@ size_t occurrences(const std::string &text, const std::string &what) {
     return count;
 }
 
-[[noreturn]] void be_a_child(bool report) {
+enum class Ending { quiet, report, exit };
+
+[[noreturn]] void be_a_child(Ending ending) {
     k42MC_free("fork.cpp", 2, k42MC_malloc("fork.cpp", 1, 50));
-    if (report)
+    if (ending == Ending::report)
         MCReport(K42MC_BE32(2));
+    if (ending == Ending::exit)
+        exit(0);
     _exit(0);
 }
 
-bool forked_well(bool report) {
+bool forked_well(Ending ending) {
     const pid_t child = fork();
     if (child == 0)
-        be_a_child(report);
+        be_a_child(ending);
     int status = -1;
     alarm(60); // a child that hangs on a lock ends the run
     waitpid(child, &status, 0);
@@ -43,7 +47,7 @@ bool forked_well(bool report) {
 } // namespace
 
 int main(int argc, char **argv) {
-    const int forks = argc > 1 ? atoi(argv[1]) : 3000;
+    const int forks = argc > 1 ? atoi(argv[1]) : 10000;
     std::filesystem::remove_all(folder);
     bool good = true;
     int reporting = 0;
@@ -58,9 +62,11 @@ int main(int argc, char **argv) {
                     traffic.step();
             });
         for (int i = 0; i < forks && good; ++i) {
-            const bool report = i % 50 == 0;
-            reporting += report;
-            good = forked_well(report);
+            const Ending ending = i % 50 == 0   ? Ending::report
+                                  : i % 50 == 1 ? Ending::exit
+                                                : Ending::quiet;
+            reporting += ending != Ending::quiet;
+            good = forked_well(ending);
         }
         done = true;
         for (std::thread &thread : threads)
