@@ -22,7 +22,7 @@ private:
 #define REQUIRE(condition)                                                                              \
     do {                                                                                                \
         if (!(condition)) {                                                                             \
-            std::fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition);                \
+            dprintf(2, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition);                          \
             std::abort();                                                                               \
         }                                                                                               \
     } while (0)
