@@ -19,10 +19,9 @@ bool in_words(intptr_t bytes, int most, int &words) {
 }
 
 // Whether the expression is the frame pointer plus an offset, and what is in memory there if `loaded`.
-bool is_frame_pointer_plus(intptr_t expression, bool loaded, intptr_t &offset) {
+bool is_frame_pointer_plus(const FrameInfo &info, intptr_t expression, bool loaded, intptr_t &offset) {
     constexpr uint8_t DW_OP_breg_frame_pointer = 0x70 + Registers::fp, DW_OP_deref = 0x06;
-    const auto address = static_cast<uintptr_t>(expression);
-    dwarf::Reader reader(address, address + 16);
+    dwarf::Reader reader(static_cast<uintptr_t>(expression), info.module_end);
     const uintptr_t length = reader.uleb128();
     reader.end_at(reader.position() + length);
     if (reader.byte() != DW_OP_breg_frame_pointer)
@@ -31,11 +30,12 @@ bool is_frame_pointer_plus(intptr_t expression, bool loaded, intptr_t &offset) {
     return (!loaded || reader.byte() == DW_OP_deref) && reader.at_end() && length > 0;
 }
 
-UnwindRule::Kind kind_of(const FrameRules &rules, intptr_t &distance) {
+UnwindRule::Kind kind_of(const FrameInfo &info, const FrameRules &rules, intptr_t &distance) {
     distance = rules.address_offset;
     if (rules.address_by_expression)
-        return is_frame_pointer_plus(rules.address_offset, true, distance) ? UnwindRule::at_frame_pointer
-                                                                           : UnwindRule::unusual;
+        return is_frame_pointer_plus(info, rules.address_offset, true, distance)
+                   ? UnwindRule::at_frame_pointer
+                   : UnwindRule::unusual;
     if (rules.address_register == Registers::sp)
         return UnwindRule::from_stack_pointer;
     if (rules.address_register == Registers::fp)
@@ -44,9 +44,9 @@ UnwindRule::Kind kind_of(const FrameRules &rules, intptr_t &distance) {
 }
 
 // Where the caller's frame pointer is saved, relative to what a rule of this kind starts from.
-bool save_of(const RegisterRule &rule, UnwindRule::Kind kind, intptr_t &save) {
+bool save_of(const FrameInfo &info, const RegisterRule &rule, UnwindRule::Kind kind, intptr_t &save) {
     if (kind == UnwindRule::at_frame_pointer)
-        return rule.how == How::at_expression && is_frame_pointer_plus(rule.value, false, save);
+        return rule.how == How::at_expression && is_frame_pointer_plus(info, rule.value, false, save);
     save = rule.value;
     return rule.how == How::at_offset;
 }
@@ -64,13 +64,13 @@ UnwindRule shorten(const FrameInfo &info, const FrameRules &rules) {
         return unusual;
     intptr_t distance, save;
     int distance_words, save_words;
-    const UnwindRule::Kind kind = kind_of(rules, distance);
+    const UnwindRule::Kind kind = kind_of(info, rules, distance);
     if (kind == UnwindRule::unusual || !in_words(distance, UnwindRule::most_distance, distance_words))
         return unusual;
     const UnwindRule rule = UnwindRule::of(kind, distance_words);
     if (pointer.how == How::same)
         return rule;
-    if (!save_of(pointer, kind, save) || !in_words(save, UnwindRule::most_save, save_words))
+    if (!save_of(info, pointer, kind, save) || !in_words(save, UnwindRule::most_save, save_words))
         return unusual;
     return rule.saving_at(save_words);
 }

@@ -1,6 +1,7 @@
 // Traces beside those of the compiler's unwinder, which finds its way by the same tables at leisure.
 #include "call_shapes.h"
 #include "ended.h"
+#include "odd_frames.h"
 #include "random.h"
 #include "small_stack.h"
 
@@ -8,13 +9,17 @@
 #include <alloca.h>
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <dlfcn.h>
+#include <link.h>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <ucontext.h>
 #include <unwind.h>
 
 extern "C" int shim_trace(void **frames, int most);
+extern "C" int shim_follow(uintptr_t module_begin, uintptr_t module_end, uintptr_t address,
+                           uintptr_t pc);
 
 namespace {
 
@@ -49,6 +54,11 @@ _Unwind_Reason_Code add_frame(_Unwind_Context *context, void *) {
     if (ours.count != theirs.count ||
         !std::equal(&ours.frames[1], &ours.frames[size_t(ours.count)], &theirs.frames[1]))
         ++different;
+}
+
+[[gnu::noinline]] void take() {
+    ours.count = shim_trace(ours.frames.data(), most);
+    ++compared;
 }
 
 // More than once, so that traces repeat.
@@ -103,6 +113,22 @@ TEST_F(Traces, AreExactAcrossSets) {
         further = random() % 6;
         go_on();
     }
+}
+
+TEST_F(Traces, AreExactThroughOddFrames) {
+    for (int i = 0; i < known_frame_count; ++i)
+        for (int time = 0; time < 4 && different == 0; ++time) {
+            known_frames[i].call(compare);
+            EXPECT_EQ(different, 0) << known_frames[i].name;
+        }
+}
+
+TEST_F(Traces, EndAtFramesThatTellNothing) {
+    for (int i = 0; i < unknown_frame_count; ++i)
+        for (int time = 0; time < 4; ++time) {
+            unknown_frames[i].call(take);
+            EXPECT_EQ(ours.count, 2) << unknown_frames[i].name;
+        }
 }
 
 TEST_F(Traces, AreExactOnStacksOfAnySize) {
@@ -315,6 +341,74 @@ TEST_F(Traces, FollowModulesThatTakeEachOthersPlace) {
         dlclose(module);
     }
     EXPECT_GT(in_place, 0);
+}
+
+// What the linker wrote of this program's frames, copied to where memory ends behind it.
+class CopiedTables {
+public:
+    CopiedTables() {
+        dl_iterate_phdr([](dl_phdr_info *program, size_t,
+                           void *copy) { return static_cast<CopiedTables *>(copy)->take(*program), 1; },
+                        this);
+    }
+    ~CopiedTables() { munmap(mapping_, size_t(end() - mapping_) + page); }
+
+    size_t size() const { return size_; }
+    uint8_t &operator[](size_t at) { return begin_[at]; }
+    int follow(uintptr_t pc) const {
+        return shim_follow(uintptr_t(begin_), uintptr_t(end()), uintptr_t(begin_),
+                           pc - table_ + uintptr_t(begin_));
+    }
+
+private:
+    static constexpr size_t page = 4096;
+
+    void take(const dl_phdr_info &program) {
+        const auto *headers = program.dlpi_phdr, *all = headers + program.dlpi_phnum;
+        const auto table =
+            std::find_if(headers, all, [](auto &each) { return each.p_type == PT_GNU_EH_FRAME; });
+        const auto loaded = std::find_if(headers, all, [&](auto &each) {
+            return each.p_type == PT_LOAD && table->p_vaddr - each.p_vaddr < each.p_memsz;
+        });
+        table_ = program.dlpi_addr + table->p_vaddr;
+        size_ = loaded->p_vaddr + loaded->p_filesz - table->p_vaddr;
+        const size_t room = (size_ + page - 1) / page * page;
+        mapping_ = static_cast<uint8_t *>(
+            mmap(nullptr, room + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mprotect(mapping_ + room, page, PROT_NONE);
+        begin_ = mapping_ + room - size_;
+        std::memcpy(begin_, reinterpret_cast<void *>(table_), size_);
+    }
+
+    uint8_t *end() const { return begin_ + size_; }
+
+    uint8_t *mapping_, *begin_;
+    size_t size_;
+    uintptr_t table_;
+};
+
+TEST(FrameTables, MayBeDamaged) {
+    Random random;
+    CopiedTables tables;
+    const auto place = [&] { return uintptr_t(compare) - 20000 + random() % 40000; };
+    ASSERT_EQ(tables.follow(uintptr_t(compare)), 3);
+    std::array<int, 4> outcomes{};
+    for (int round = 0; round < 30000; ++round) {
+        // Up to four bytes of the table's head, its entries, or anywhere.
+        std::array<std::pair<size_t, uint8_t>, 4> damage;
+        const size_t reach = std::array{size_t(12), size_t(3000), tables.size()}[random() % 3];
+        for (auto &[at, before] : damage) {
+            at = random() % reach;
+            before = std::exchange(tables[at], uint8_t(random()));
+        }
+        for (int time = 0; time < 10; ++time)
+            ++outcomes[size_t(tables.follow(place()))];
+        for (auto each = damage.rbegin(); each != damage.rend(); ++each)
+            tables[each->first] = each->second;
+    }
+    ASSERT_EQ(tables.follow(uintptr_t(compare)), 3);
+    for (const int count : outcomes)
+        EXPECT_GT(count, 0);
 }
 
 } // namespace

@@ -1,4 +1,6 @@
 // The platform layer in a library of its own, so that a test stands outside of what traces skip.
+#include "cfi.h"
+#include "cfi_expression.h"
 #include "platform.h"
 
 using namespace k42mc;
@@ -23,6 +25,31 @@ void shim_symbols(void *const *frames, int count, int descriptor) {
 
 int shim_readable(const void *address, size_t size) {
     return platform::readable(address, size);
+}
+
+// How far a table at an address in a copy of a module leads for pc: an entry, what it says, rules.
+int shim_follow(uintptr_t module_begin, uintptr_t module_end, uintptr_t address, uintptr_t pc) {
+    using namespace platform;
+    using How = RegisterRule::How;
+    const FrameTable table = {module_begin, module_end, nullptr, address};
+    uint32_t index;
+    FrameInfo info;
+    FrameRules rules;
+    if (!find_frame_entry(table, pc, index))
+        return 0;
+    fingerprint(table, index);
+    if (!read_frame_info(table, index, pc, info))
+        return 1;
+    if (!rules_at(info, pc, rules))
+        return 2;
+    const Registers registers = {};
+    uintptr_t result;
+    if (rules.address_by_expression)
+        evaluate(info, rules.address_offset, registers, stack_of(0), nullptr, result);
+    for (const RegisterRule &rule : rules.registers)
+        if (rule.how == How::at_expression || rule.how == How::is_expression)
+            evaluate(info, rule.value, registers, stack_of(0), &result, result);
+    return 3;
 }
 
 const char *shim_progname() {
