@@ -300,6 +300,10 @@ TEST_F(FD, SurvivesFailingAllocations) {
     EXPECT_EQ(failing(1, 4, FD_EV_CLOSE), "FDAddEvent: fdi(4) malloc failure!\n"); // no alarm: a write
     model[4].closes = 2;
     verify();
+    failing_malloc(1, false, [] {
+        EXPECT_EQ(k42mcx_fd_report_json(STDOUT_FILENO), -1);
+        EXPECT_EQ(errno, ENOMEM);
+    });
 
     // More opens and closes than a history holds, and nothing in it to replace.
     for (int i = 0; i < 10; ++i)

@@ -1,6 +1,7 @@
 // Reports as JSON, at exit, into a folder of the process's own, and on a signal.
 #include "checker.h"
 #include "ended.h"
+#include "failing_malloc.h"
 
 #include <cerrno>
 #include <climits>
@@ -8,6 +9,18 @@
 #include <filesystem>
 #include <map>
 #include <regex>
+#include <sys/syscall.h>
+
+static bool writes_little; // at a time, and is interrupted before each
+
+extern "C" ssize_t write(int descriptor, const void *bytes, size_t size) {
+    static unsigned calls;
+    if (writes_little && ++calls % 2 == 0) {
+        errno = EINTR;
+        return -1;
+    }
+    return syscall(SYS_write, descriptor, bytes, writes_little ? std::min<size_t>(size, 7) : size);
+}
 
 namespace {
 
@@ -120,7 +133,8 @@ TEST_F(JsonReport, SumsUpBySiteWithoutAging) {
                                "\"address\":\"" +
                                address(blocks[1]) + "\",\"size\":11,\"cycles\":1,CHAIN}\n";
     const std::string end = ",\"damaged\":1}\n";
-    for (int again = 0; again < 2; ++again)
+    for (int again = 0; again < 2; ++again) {
+        writes_little = again == 1;
         EXPECT_EQ(json(0),
                   cycle("\"cycle\":1,\"limit\":0," + counts) +
                       "{\"kind\":\"site\",\"cycle\":1,\"file\":\"\\\"\\\\\\u000a\xc3\xa4\\ufffd.c\","
@@ -129,6 +143,8 @@ TEST_F(JsonReport, SumsUpBySiteWithoutAging) {
                       "{\"kind\":\"site\",\"cycle\":1,\"file\":\"s.c\",\"line\":1,\"type\":\"STD\","
                       "CHAIN,\"blocks\":3,\"bytes\":33,\"oldest\":1,\"largest\":12}\n" +
                       damage + "{\"kind\":\"end\",\"sites\":2" + end);
+    }
+    writes_little = false;
     EXPECT_EQ(json(1),
               cycle("\"cycle\":1,\"limit\":1," + counts) +
                   "{\"kind\":\"site\",\"cycle\":1,\"file\":\"s.c\",\"line\":1,\"type\":\"STD\",CHAIN,"
@@ -138,6 +154,55 @@ TEST_F(JsonReport, SumsUpBySiteWithoutAging) {
     for (char *block : blocks)
         k42MC_free("s.c", 4, block);
     k42MC_free("s.c", 4, odd);
+}
+
+TEST_F(JsonReport, EscapesWhatIsNoText) {
+    const std::pair<const char *, const char *> names[] = {
+        {"\x01\x1f ~\x7f", "\\u0001\\u001f ~\x7f"},
+        {"\xc1\xbf\xc2\x80\xdf\xbf", "\\ufffd\\ufffd\xc2\x80\xdf\xbf"},
+        {"\xe0\x9f\xbf\xe0\xa0\x80", "\\ufffd\\ufffd\\ufffd\xe0\xa0\x80"},
+        {"\xed\xa0\x80\xed\x9f\xbf", "\\ufffd\\ufffd\\ufffd\xed\x9f\xbf"},
+        {"\xf0\x8f\xbf\xbf\xf0\x90\x80\x80", "\\ufffd\\ufffd\\ufffd\\ufffd\xf0\x90\x80\x80"},
+        {"\xf4\x90\x80\x80\xf4\x8f\xbf\xbf", "\\ufffd\\ufffd\\ufffd\\ufffd\xf4\x8f\xbf\xbf"},
+        {"\xf5\x80\xe2\x82", "\\ufffd\\ufffd\\ufffd\\ufffd"},
+        {"\xe2\x82"
+         "a\xf0\x90\x80"
+         "a",
+         "\\ufffd\\ufffd"
+         "a\\ufffd\\ufffd\\ufffd"
+         "a"},
+    };
+    for (const auto &[name, escaped] : names) {
+        void *block = k42MC_malloc(name, 1, 1);
+        EXPECT_CONTAINS(json(0), "\"file\":\"" + std::string(escaped) + "\"");
+        k42MC_free(name, 1, block);
+    }
+}
+
+TEST_F(JsonReport, FailsWholeWhenMemoryRunsOut) {
+    NEEDS_OWN_MALLOC();
+    std::vector<char *> blocks;
+    for (int line = 0; line < 100; ++line)
+        blocks.push_back(static_cast<char *>(k42MC_malloc("s.c", line, 10)));
+    blocks[5][10] = char(blocks[5][10] ^ 1);
+    int nth = 1;
+    const auto report = [&] {
+        return captured_stdout([&] {
+            failing_malloc(nth, false, [&] {
+                errno = 0;
+                const int result = k42mcx_report_json(STDOUT_FILENO, 0);
+                EXPECT_EQ(result, errno == ENOMEM ? -1 : 0);
+            });
+        });
+    };
+    const std::string whole = json(0);
+    while (report().empty())
+        ++nth;
+    EXPECT_GT(nth, 5);
+    EXPECT_EQ(json(0), whole);
+    blocks[5][10] = char(blocks[5][10] ^ 1);
+    for (char *block : blocks)
+        k42MC_free("s.c", 100, block);
 }
 
 TEST_F(JsonReport, SaysWhyItFailed) {

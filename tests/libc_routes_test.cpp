@@ -1,5 +1,6 @@
 // The routed functions against libc's own.
 #include "checker.h"
+#include "failing_malloc.h"
 #include "random.h"
 
 #include <bit>
@@ -96,6 +97,25 @@ TEST(LibcRoutes, WriteToMemoryAsToAString) {
         fclose(stream);
         expect_block(text, model.size() + 1);
     }
+}
+
+TEST(LibcRoutes, KeepWhatWasWrittenWhenMemoryRunsOut) {
+    NEEDS_OWN_MALLOC();
+    char *text;
+    size_t size;
+    FILE *stream = k42mcx_open_memstream(file, 1, &text, &size);
+    fputs("kept", stream);
+    failing_malloc(1, false, [&] { EXPECT_EQ(fputs("longer than before", stream), EOF); });
+    EXPECT_STREQ(text, "kept");
+    EXPECT_GE(fputs(", continued", stream), 0);
+    fclose(stream);
+    EXPECT_STREQ(text, "kept, continued");
+    expect_block(text, size + 1);
+    for (int nth = 1; nth <= 2; ++nth)
+        failing_malloc(nth, false, [&] {
+            EXPECT_EQ(k42mcx_open_memstream(file, 1, &text, &size), nullptr);
+            EXPECT_EQ(errno, ENOMEM);
+        });
 }
 
 TEST(LibcRoutes, FormatAnyLength) {

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 
 struct MallocCalls {
     inline static int until_failure = 0; // the allocation that fails, counted down; 0: none
@@ -44,17 +45,17 @@ void *__libc_calloc(size_t, size_t);
 void *__libc_realloc(void *, size_t);
 void __libc_free(void *);
 
-void free(void *ptr) {
+void free(void *ptr) noexcept {
     MallocCalls::releases += ptr != nullptr;
     __libc_free(ptr);
 }
-void *malloc(size_t size) {
+void *malloc(size_t size) noexcept {
     return MallocCalls::fails() ? nullptr : __libc_malloc(size);
 }
-void *calloc(size_t nmemb, size_t size) {
+void *calloc(size_t nmemb, size_t size) noexcept {
     return MallocCalls::fails() ? nullptr : __libc_calloc(nmemb, size);
 }
-void *realloc(void *ptr, size_t size) {
+void *realloc(void *ptr, size_t size) noexcept {
     return MallocCalls::fails() ? nullptr : __libc_realloc(ptr, size);
 }
 }
