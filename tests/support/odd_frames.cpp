@@ -13,7 +13,8 @@
 #define SP_PLUS        "0x77"
 #define LIT_WORD       "0x38"
 #define FACTORED_FRAME "0x7c" // 32 bytes in units of -8
-#define SAVED_BX       "3"    // the distance in words
+#define NO_REGISTER    "17"
+#define SAVED_BX       "3" // the distance in words
 #else
 #define ENTER          "sub $28, %esp\n mov %esp, (%esp)\n mov %ebx, 8(%esp)\n mov 28(%esp), %ebx\n"
 #define CALL           "call *32(%esp)\n"
@@ -23,6 +24,7 @@
 #define SP_PLUS        "0x74"
 #define LIT_WORD       "0x34"
 #define FACTORED_FRAME "0x78" // in units of -4
+#define NO_REGISTER    "9"
 #define SAVED_BX       "6"
 #endif
 #define BX            "3"
@@ -82,6 +84,7 @@
     X(value_offset_sf, FRAME ESCAPE("0x15, " BX ", 1"))                                                 \
     X(register, FRAME ESCAPE("0x09, " PC ", " BX))                                                      \
     X(saved, FRAME ESCAPE("0x05, " BX ", " SAVED_BX))                                                   \
+    X(saved_vector, FRAME ESCAPE("0x05, " NO_REGISTER ", 1"))                                           \
     X(arguments, FRAME ESCAPE("0x2e, 16"))                                                              \
     X(remembered, FRAME " .cfi_remember_state\n .cfi_def_cfa_offset 64\n .cfi_restore_state\n")         \
     X(far, " .skip 100, 0x90\n" FRAME                                                                   \
