@@ -11,3 +11,8 @@ extern "C" void exported_by_module(void (*hook)()) {
     hidden_in_module(hook);
     calls = calls + 1;
 }
+
+// A second name that comes first in the table; the exported one says more.
+extern "C" {
+[[gnu::alias("exported_by_module"), gnu::used]] static void local_name(void (*hook)());
+}
