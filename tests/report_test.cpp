@@ -2,6 +2,7 @@
 #include "checker.h"
 #include "random.h"
 
+#include <climits>
 #include <deque>
 #include <sstream>
 
@@ -24,6 +25,28 @@ TEST_F(Report, PrintsBlocksOldestFirstAndCounters) {
     for (void *block : {a, b, c})
         k42MC_free("net.c", 60, block);
     EXPECT_EQ(report(1), report_text(4, "", {{}, {}, {153, 3}}, {{}, {162, 4}, {162, 4}}));
+}
+
+TEST_F(Report, PrintsNamesAndNumbersOfAnyLength) {
+    std::deque<std::string> names; // of which the checker keeps pointers
+    std::string expected;
+    MCLock();
+    for (const size_t length : {0, 1, 383, 384, 385, 386, 511, 512, 5000}) {
+        const std::string &name = names.emplace_back(length, 'n');
+        const auto record = [&](int line, uintptr_t place, size_t size) {
+            MCAlloc(name.c_str(), line, MC_SHM, place, size);
+            char numbers[100];
+            snprintf(numbers, sizeof numbers, ":%d:LK:SHM:0x%lX:%zu:1\n", line,
+                     static_cast<unsigned long>(place), size);
+            expected += name + numbers;
+        };
+        record(INT_MIN, UINTPTR_MAX - length, SIZE_MAX);
+        record(-1, 0x10000000 + length, 0);
+        record(INT_MAX, 0xabcdef0 + length, 9);
+        record(0, length + 1, 10);
+    }
+    MCUnlock();
+    EXPECT_CONTAINS(report(1), "{\n" + expected + "\n####");
 }
 
 // Every block against a model of its own: the LK lines of a report, in order.

@@ -1,8 +1,7 @@
+#include "memcheck/block_line.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
-
-#include <inttypes.h>
 
 namespace k42mc {
 namespace {
@@ -20,8 +19,7 @@ void MCReportLeak(void *element) {
     const MCFilterKey &key = record->key;
     ++record->cycles;
     if (record->cycles >= gMCReportLimit)
-        fprintf(MCSink(), "%s:%d:LK:%s:0x%0" PRIXPTR ":%zu:%u\n", key.file, key.line,
-                gAllocatorType[key.type], record->address, key.size, record->cycles);
+        print_block(MCSink(), *record, "LK");
     if (record->cycles == 1) {
         gMCHeldCycleSum.add(key.size);
         gMCHeldCycle[key.type].add(key.size);

@@ -1,17 +1,14 @@
+#include "memcheck/block_line.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/damage.h"
 #include "memcheck/sink.h"
-
-#include <inttypes.h>
 
 namespace k42mc {
 namespace {
 
 void print_damage(const MCAllocRec &record, int defect) {
     FILE *out = MCSink();
-    fprintf(out, "%s:%d:%s:%s:0x%0" PRIXPTR ":%zu:%u\n", record.key.file, record.key.line,
-            k42mc_defect_desc[defect], gAllocatorType[record.key.type], record.address, record.key.size,
-            record.cycles);
+    print_block(out, record, k42mc_defect_desc[defect]);
     write_allocation_trace(out, record.frames, record.frameCount);
 }
 

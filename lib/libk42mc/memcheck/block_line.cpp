@@ -1,0 +1,48 @@
+// printf would take most of a long report's time, in which no other thread can allocate.
+#include "memcheck/block_line.h"
+
+#include <bit>
+#include <charconv>
+#include <string.h>
+
+namespace k42mc {
+namespace {
+
+constexpr size_t room_for_numbers = 128;
+
+template <class Number> char *put(char *at, Number number) {
+    return std::to_chars(at, at + room_for_numbers, number).ptr;
+}
+
+char *put_address(char *at, uintptr_t address) {
+    at = stpcpy(at, ":0x");
+    for (int shift = static_cast<int>(std::bit_width(address | 1) - 1) / 4 * 4; shift >= 0; shift -= 4)
+        *at++ = "0123456789ABCDEF"[address >> shift & 0xf];
+    return at;
+}
+
+} // namespace
+
+void print_block(FILE *out, const MCAllocRec &record, const char *tag) {
+    const MCFilterKey &key = record.key;
+    char line[512], *at = line;
+    const size_t name = strlen(key.file);
+    if (name > sizeof line - room_for_numbers)
+        fwrite(key.file, 1, name, out);
+    else
+        at = static_cast<char *>(mempcpy(at, key.file, name));
+    *at++ = ':';
+    at = put(at, key.line);
+    *at++ = ':';
+    at = stpcpy(at, tag);
+    *at++ = ':';
+    at = put_address(stpcpy(at, gAllocatorType[key.type]), record.address);
+    *at++ = ':';
+    at = put(at, key.size);
+    *at++ = ':';
+    at = put(at, record.cycles);
+    *at++ = '\n';
+    fwrite(line, 1, static_cast<size_t>(at - line), out);
+}
+
+} // namespace k42mc
