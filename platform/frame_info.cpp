@@ -112,15 +112,6 @@ bool read_description(const FrameTable &table, uintptr_t address, uintptr_t pc, 
     return true;
 }
 
-void mix(Reader reader, uint64_t &mixed) {
-    while (!reader.at_end()) {
-        const bool whole = reader.left() >= sizeof(uint64_t);
-        mixed ^= whole ? reader.read<uint64_t>() : reader.byte();
-        mixed *= 0x9e3779b97f4a7c15u;
-        mixed ^= mixed >> 32;
-    }
-}
-
 } // namespace
 
 bool find_frame_table(uintptr_t pc, FrameTable &table) {
@@ -148,23 +139,8 @@ bool find_frame_entry(const FrameTable &table, uintptr_t pc, uint32_t &index) {
     return low > 0;
 }
 
-bool is_entry_for(const FrameTable &table, uint32_t index, uintptr_t pc) {
-    const Entries entries = entries_of(table);
-    const auto wanted = static_cast<intptr_t>(pc - table.address);
-    return index < entries.count && entries.first[index].function <= wanted &&
-           (index + 1 == entries.count || entries.first[index + 1].function > wanted);
-}
-
 bool read_frame_info(const FrameTable &table, uint32_t index, uintptr_t pc, FrameInfo &info) {
     return read_description(table, description_of(table, entries_of(table).first[index]), pc, info);
-}
-
-uint64_t fingerprint(const FrameTable &table, uint32_t index) {
-    Reader description = open_entry(table, description_of(table, entries_of(table).first[index]));
-    uint64_t mixed = 0;
-    mix(description, mixed);
-    mix(open_entry(table, read_common_address(description)), mixed);
-    return mixed;
 }
 
 bool find_frame_info(uintptr_t pc, FrameInfo &info) {

@@ -33,14 +33,8 @@ struct FrameTable {
 bool find_frame_table(uintptr_t pc, FrameTable &table);
 bool find_frame_entry(const FrameTable &table, uintptr_t pc, uint32_t &index);
 
-// Whether the entry at the index is the one for pc.
-bool is_entry_for(const FrameTable &table, uint32_t index, uintptr_t pc);
-
 // What an entry says. Returns false if it says nothing about pc, or what compilers do not write.
 bool read_frame_info(const FrameTable &table, uint32_t index, uintptr_t pc, FrameInfo &info);
-
-// A number that is another one, as good as always, for an entry that says anything else.
-uint64_t fingerprint(const FrameTable &table, uint32_t index);
 
 // All in one.
 bool find_frame_info(uintptr_t pc, FrameInfo &info);

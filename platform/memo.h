@@ -4,7 +4,8 @@
 // the walk has to wait for each before it knows the next.
 //
 // Segments are short, since calls mostly differ in the innermost frames: the outer ones are found again
-// by what the inner ones lead to. None holds rules that could change, or a signal frame.
+// by what the inner ones lead to. None leads through a signal frame, or through two modules that can be
+// unloaded.
 #pragma once
 
 #include "stack.h"
@@ -34,6 +35,7 @@ struct Segment {
     static constexpr int innermost_frames = 6, most_frames = 12, most_others = 4;
 
     Frame start;
+    uint32_t module;                 // that has to be in its place, but for those that stay
     uint32_t length;                 // from the stack pointer at the start to the one at the end
     uint32_t frame_pointer_distance; // from there to where the one at the end is saved
     bool needs_frame_pointer;        // a rule used the one at the start
@@ -87,6 +89,7 @@ public:
     Recorder(Segment &result, const Frame &its_start, int wanted)
         : segment(result), start(its_start), most(wanted) {
         segment.start = {};
+        segment.module = staying_module;
         segment.frame_pointer_distance = 0;
         segment.needs_frame_pointer = segment.moves_frame_pointer = segment.is_last = false;
         segment.frames = segment.others = 0;
@@ -94,7 +97,13 @@ public:
 
     bool has_room() const { return segment.frames < most; }
 
-    void applied(UnwindRule rule) { is_sound = is_sound && rule.stays; }
+    void applied(UnwindRule rule) {
+        if (rule.module == staying_module)
+            return;
+        is_sound = is_sound && rule.module != unknown_module &&
+                   (segment.module == staying_module || segment.module == rule.module);
+        segment.module = rule.module;
+    }
     void ended() { segment.is_last = true; }
 
     void used_pointer(const Frame &frame) {
@@ -171,6 +180,7 @@ public:
             return take_another_time();
         memo->state = in_use;
         std::atomic_signal_fence(std::memory_order_seq_cst);
+        memo->check = {};
         ++memo->uses;
         return memo;
     }
@@ -184,9 +194,10 @@ public:
     void give_back_after_miss();
 
     // The segment by which the walk would go on for so many frames, or to the segment's end.
-    const Segment *find(const Frame &frame, const Stack &stack, int wanted) const {
+    const Segment *find(const Frame &frame, const Stack &stack, int wanted) {
         for (const Segment &segment : segments[set_of(frame)])
-            if (segment.starts_at(frame) && segment.holds(stack, std::min<int>(segment.frames, wanted)))
+            if (segment.starts_at(frame) && check.passes(segment.module) &&
+                segment.holds(stack, std::min<int>(segment.frames, wanted)))
                 return &segment;
         return nullptr;
     }
@@ -196,6 +207,8 @@ public:
         const uint32_t set = set_of(start);
         return segments[set][next[set]++ % ways];
     }
+
+    ModuleCheck check; // of the trace in progress
 
 private:
     enum State : uint32_t { available, in_use, resting };

@@ -26,8 +26,9 @@ struct NoNotes {
 };
 
 template <class Notes>
-[[gnu::always_inline]] inline Outcome step(const Stack &stack, Frame &frame, Notes &notes) {
-    const UnwindRule rule = rule_of(frame.place);
+[[gnu::always_inline]] inline Outcome step(const Stack &stack, Frame &frame, ModuleCheck &check,
+                                           Notes &notes) {
+    const UnwindRule rule = rule_of(frame.place, check);
     notes.applied(rule);
     const auto distance = static_cast<uintptr_t>(rule.distance());
     uintptr_t frame_address, base;
@@ -91,9 +92,10 @@ int finish(const Trace &trace, Outcome outcome) {
 }
 
 [[gnu::noinline]] int walk(const Stack stack, Frame frame, Trace trace) {
+    ModuleCheck check;
     NoNotes none;
     Outcome outcome = Outcome::went_on;
-    while (trace.chain.room() > 0 && (outcome = step(stack, frame, none)) == Outcome::went_on)
+    while (trace.chain.room() > 0 && (outcome = step(stack, frame, check, none)) == Outcome::went_on)
         trace.chain.add(frame.place);
     return finish(trace, outcome);
 }
@@ -101,7 +103,8 @@ int finish(const Trace &trace, Outcome outcome) {
 Outcome walk_new_segment(const Stack &stack, Memo &memo, int frames, Frame &frame, CallChain &chain) {
     Recorder recorder(memo.place_for(frame), frame, frames);
     Outcome outcome = Outcome::went_on;
-    while (recorder.has_room() && (outcome = step(stack, frame, recorder)) == Outcome::went_on)
+    while (recorder.has_room() &&
+           (outcome = step(stack, frame, memo.check, recorder)) == Outcome::went_on)
         chain.add(frame.place);
     recorder.complete();
     return outcome;

@@ -2,7 +2,6 @@
 
 #include "cfi.h"
 #include "dwarf.h"
-#include "passing_rules.h"
 #include "startup_modules.h"
 
 namespace k42mc::platform {
@@ -80,6 +79,7 @@ void keep(uintptr_t address, UnwindRule rule) {
     for (int probe = 0; probe < most_probes; ++probe, ++slot) {
         uint32_t free = 0;
         if (slot->rule.compare_exchange_strong(free, rule.bits, std::memory_order_relaxed)) {
+            slot->module.store(rule.module, std::memory_order_relaxed);
             slot->address.store(address, std::memory_order_release);
             return;
         }
@@ -94,18 +94,15 @@ UnwindRule learn_rule(uintptr_t called_from) {
     FrameTable table;
     uint32_t index;
     UnwindRule rule = UnwindRule::of(UnwindRule::outermost);
-    if (!find_frame_table(call, table) || recall_rule(table, called_from, rule) ||
-        !find_frame_entry(table, call, index))
+    if (!find_frame_table(call, table) || !find_frame_entry(table, call, index))
         return rule;
     FrameInfo info;
     FrameRules rules;
     if (read_frame_info(table, index, call, info) && rules_at(info, call, rules))
         rule = shorten(info, rules);
-    rule.stays = is_startup_module(table.module);
-    if (rule.stays)
+    rule.module = is_startup_module(table.module) ? staying_module : number_passing_module(table);
+    if (rule.module != unknown_module)
         keep(called_from, rule);
-    else
-        remember_rule(table, index, called_from, rule);
     return rule;
 }
 

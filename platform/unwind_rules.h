@@ -4,6 +4,7 @@
 // was saved, at a fixed distance again.
 #pragma once
 
+#include "passing_modules.h"
 #include "registers.h"
 
 #include <atomic>
@@ -23,16 +24,16 @@ struct UnwindRule {
 
     // In words: kind 3 bits, whether the frame pointer was saved 1, where 12, the distance 16.
     uint32_t bits;
-    bool stays; // what it is about is never unloaded
+    uint32_t module; // for as long as that is in its place
 
     static constexpr int most_distance = 0x7fff, most_save = 0x7ff;
 
-    static UnwindRule of(Kind kind) { return {kind, false}; }
+    static UnwindRule of(Kind kind) { return {kind, unknown_module}; }
     static UnwindRule of(Kind kind, int distance) {
-        return {kind | static_cast<uint32_t>(distance) << 16, false};
+        return {kind | static_cast<uint32_t>(distance) << 16, unknown_module};
     }
     UnwindRule saving_at(int save) const {
-        return {bits | 8u | (static_cast<uint32_t>(save) & 0xfffu) << 4, stays};
+        return {bits | 8u | (static_cast<uint32_t>(save) & 0xfffu) << 4, module};
     }
 
     Kind kind() const { return static_cast<Kind>(bits & 7u); }
@@ -42,11 +43,11 @@ struct UnwindRule {
     intptr_t save() const { return (static_cast<int32_t>(bits << 16) >> 20) * word; }
 };
 
-// The rules of return addresses in modules that stay. Slots are filled once and never change, so that
-// reading takes no lock: the rule is there before its address is.
+// Slots are filled once and never change, so that reading takes no lock: the rule is there before its
+// address is. Modules that took one another's place have slots side by side.
 struct UnwindRuleSlot {
     std::atomic<uintptr_t> address;
-    std::atomic<uint32_t> rule;
+    std::atomic<uint32_t> rule, module;
 };
 
 // 32,768 call sites; past 16 probes a miss costs less than the search.
@@ -58,15 +59,16 @@ extern constinit UnwindRuleSlot gUnwindRules[(1 << rule_slot_bits) + most_probes
     return static_cast<uint32_t>(static_cast<uint32_t>(address) * 0x9e3779b1u >> (32 - rule_slot_bits));
 }
 
-// Works the rule out, and keeps it if the module stays.
+// Works the rule out, and keeps it if the module is known.
 UnwindRule learn_rule(uintptr_t return_address);
 
-[[gnu::always_inline]] inline UnwindRule rule_of(uintptr_t return_address) {
+[[gnu::always_inline]] inline UnwindRule rule_of(uintptr_t return_address, ModuleCheck &check) {
     const UnwindRuleSlot *slot = &gUnwindRules[first_slot(return_address)];
     for (int probe = 0; probe < most_probes; ++probe, ++slot) {
         const uintptr_t address = slot->address.load(std::memory_order_acquire);
-        if (address == return_address) [[likely]]
-            return {slot->rule.load(std::memory_order_relaxed), true};
+        const uint32_t module = slot->module.load(std::memory_order_relaxed);
+        if (address == return_address && check.passes(module)) [[likely]]
+            return {slot->rule.load(std::memory_order_relaxed), module};
         if (address == 0)
             break;
     }

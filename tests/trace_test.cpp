@@ -327,20 +327,76 @@ TEST_F(Traces, RepeatInAnyNumberOfThreads) {
 
 // ---- Code that comes and goes ----
 
+// Calls what it is given, from a module with frames of its own.
+using ModuleCall = void (*)(void (*)());
+
+ModuleCall call_of(void *module) {
+    return reinterpret_cast<ModuleCall>(dlsym(module, "module_call"));
+}
+
 TEST_F(Traces, FollowModulesThatTakeEachOthersPlace) {
-    int in_place = 0;
-    void *before = nullptr;
-    for (int round = 0; round < 20; ++round) {
-        void *const module = dlopen(round % 2 ? TRACE_MODULE_B : TRACE_MODULE_A, RTLD_NOW);
-        ASSERT_NE(module, nullptr) << dlerror();
-        const auto call = reinterpret_cast<void (*)(void (*)())>(dlsym(module, "module_call"));
-        for (int time = 0; time < 20; ++time)
-            call(compare);
-        in_place += ours.frames[1] == before;
-        before = ours.frames[1];
-        dlclose(module);
+    // C and D have no identity.
+    for (const auto &pair :
+         {std::array{TRACE_MODULE_A, TRACE_MODULE_B}, {TRACE_MODULE_C, TRACE_MODULE_D}}) {
+        int in_place = 0;
+        void *before = nullptr;
+        for (unsigned round = 0; round < 20; ++round) {
+            void *const module = dlopen(pair[round % 2], RTLD_NOW);
+            ASSERT_NE(module, nullptr) << dlerror();
+            for (int time = 0; time < 20; ++time)
+                call_of(module)(compare);
+            in_place += ours.frames[1] == before;
+            before = ours.frames[1];
+            dlclose(module);
+        }
+        EXPECT_GT(in_place, 0);
     }
-    EXPECT_GT(in_place, 0);
+}
+
+template <int> [[gnu::noinline]] void call_beyond(size_t bytes, ModuleCall call) {
+    auto *const gap = static_cast<volatile char *>(alloca(bytes));
+    call(compare);
+    gap[0] = 0;
+}
+
+// In another thread, so that the stack here stays as it is.
+template <class Action> void elsewhere(Action action) {
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr,
+        [](void *given) { return (*static_cast<Action *>(given))(), static_cast<void *>(nullptr); },
+        &action);
+    pthread_join(thread, nullptr);
+}
+
+// One module's frame ends where the other's does, and in that are the words that the first has left.
+TEST_F(Traces, ForgetAModuleThatIsGone) {
+    for (size_t difference = 512; difference < 1024; difference += 16)
+        for (const bool first : {true, false}) {
+            void *module = nullptr;
+            elsewhere([&] { module = dlopen(first ? TRACE_MODULE_A : TRACE_MODULE_B, RTLD_NOW); });
+            const size_t gap = size_t{1} << 14 | (first ? difference : 0);
+            for (int time = 0; time < 4; ++time)
+                (first ? call_beyond<1> : call_beyond<2>)(gap, call_of(module));
+            elsewhere([&] { dlclose(module); });
+        }
+}
+
+TEST_F(Traces, LeadThroughSeveralModules) {
+    static ModuleCall calls[3];
+    void *modules[3];
+    for (int i = 0; i < 3; ++i) {
+        modules[i] =
+            dlopen(std::array{TRACE_MODULE_A, TRACE_MODULE_B, TRACE_MODULE_C}[size_t(i)], RTLD_NOW);
+        calls[i] = call_of(modules[i]);
+    }
+    for (int time = 0; time < 20; ++time) {
+        calls[0]([] { calls[0](compare); });
+        calls[0]([] { calls[1](compare); });
+        calls[0]([] { calls[1]([] { calls[2]([] { calls[1](compare); }); }); });
+    }
+    for (void *module : modules)
+        dlclose(module);
 }
 
 // What the linker wrote of this program's frames, copied to where memory ends behind it.

@@ -37,7 +37,6 @@ int shim_follow(uintptr_t module_begin, uintptr_t module_end, uintptr_t address,
     FrameRules rules;
     if (!find_frame_entry(table, pc, index))
         return 0;
-    fingerprint(table, index);
     if (!read_frame_info(table, index, pc, info))
         return 1;
     if (!rules_at(info, pc, rules))
