@@ -32,10 +32,12 @@
 #define ESCAPE(bytes) " .cfi_escape " bytes "\n"
 // The frame's address by an expression.
 #define ADDRESS(length, operations) ESCAPE("0x0f, " length ", " operations)
+// A frame where the caller's program counter is unknown, unless more is said.
+#define BARE_FRAME FRAME ESCAPE("0x07, " PC)
 // The caller's program counter by one of the two kinds of expression, which start with the frame's
 // address.
-#define PC_AT(length, operations) FRAME ESCAPE("0x10, " PC ", " length ", " operations)
-#define PC_IS(length, operations) FRAME ESCAPE("0x16, " PC ", " length ", " operations)
+#define PC_AT(length, operations) BARE_FRAME ESCAPE("0x10, " PC ", " length ", " operations)
+#define PC_IS(length, operations) BARE_FRAME ESCAPE("0x16, " PC ", " length ", " operations)
 // An address that is right if the comparison is true, or if it is false.
 #define IF(length, comparison) ADDRESS(length "+5", SP_PLUS ", 0, " comparison ", 0x35, 0x24, 0x22")
 #define IF_NOT(length, comparison)                                                                      \
@@ -76,13 +78,13 @@
     X(offset_sf, ESCAPE("0x13, " FACTORED_FRAME))                                                       \
     X(def_cfa_sf, ESCAPE("0x12, " SP ", " FACTORED_FRAME))                                              \
     X(def_cfa, ESCAPE("0x0c, " SP ", 32"))                                                              \
-    X(offset_extended, FRAME ESCAPE("0x05, " PC ", 1"))                                                 \
-    X(offset_extended_sf, FRAME ESCAPE("0x11, " PC ", 1"))                                              \
+    X(offset_extended, BARE_FRAME ESCAPE("0x05, " PC ", 1"))                                            \
+    X(offset_extended_sf, BARE_FRAME ESCAPE("0x11, " PC ", 1"))                                         \
     X(restored, FRAME ESCAPE("0x05, " BX ", " SAVED_BX) ESCAPE("0x06, " BX))                            \
     X(same_value, FRAME ESCAPE("0x08, " BX))                                                            \
     X(value_offset, FRAME ESCAPE("0x14, " BX ", 1"))                                                    \
     X(value_offset_sf, FRAME ESCAPE("0x15, " BX ", 1"))                                                 \
-    X(register, FRAME ESCAPE("0x09, " PC ", " BX))                                                      \
+    X(register, BARE_FRAME ESCAPE("0x09, " PC ", " BX))                                                 \
     X(saved, FRAME ESCAPE("0x05, " BX ", " SAVED_BX))                                                   \
     X(saved_vector, FRAME ESCAPE("0x05, " NO_REGISTER ", 1"))                                           \
     X(arguments, FRAME ESCAPE("0x2e, 16"))                                                              \
@@ -95,8 +97,7 @@
 #define UNKNOWN_FRAMES(X)                                                                               \
     X(unknown_operation, ADDRESS("3", SP_PLUS ", 32, 0x97"))                                            \
     X(pop_of_nothing, ADDRESS("1", "0x13"))                                                             \
-    X(far_too_much,                                                                                     \
-      ADDRESS("11", "0x31, 0x31, 0x31, 0x31, 0x31, 0x31, 0x31, 0x31, 0x31, " SP_PLUS ", 32"))           \
+    X(far_too_much, ADDRESS("10", "0x31, 0x31, 0x31, 0x31, 0x31, 0x31, 0x31, 0x31, " SP_PLUS ", 32"))   \
     X(vector_register, ADDRESS("2", "0x8f, 32"))                                                        \
     X(load_of_null, ADDRESS("2", "0x30, 0x06"))                                                         \
     X(load_of_anything, ADDRESS("4", SP_PLUS ", 1, 0x06, 0x06"))                                        \
