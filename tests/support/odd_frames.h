@@ -1,4 +1,5 @@
-// Functions that call what they are given, from frames that the unwind tables describe as no compiler does.
+// Functions that call what they are given, from frames that the unwind tables describe as no compiler
+// does.
 #pragma once
 
 struct OddFrame {
