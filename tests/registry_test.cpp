@@ -3,6 +3,8 @@
 #include "ended.h"
 #include "failing_malloc.h"
 
+#include <fcntl.h>
+
 namespace {
 
 using Registry = WithChecker;
@@ -97,6 +99,62 @@ TEST_F(Registry, KeepsBlocksQuietlyAfterAReset) {
     EXPECT_EQ(report(0), report_text(1, "a.c:3:LK:STD:" + address(resized) + ":12:1\n", counts, counts));
     for (void *block : {kept, resized})
         EXPECT_EQ(captured_stderr([=] { k42MC_free("a.c", 4, block); }), "");
+}
+
+struct Use {
+    bool on, failed; // the checker was switched on; a call said that it failed
+};
+
+// A process's use of the checkers from start to end.
+Use use_everything(int descriptor) {
+    char filter[] = "a.c:1:LK:STD:0x1:10:1";
+    FDAddEvent("a", descriptor, FD_EV_OPEN); // before the checker sees what the history takes
+    MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(MC_TYPE_LKBF));
+    Use use = {MCLock() == 1, false};
+    if (use.on)
+        MCUnlock();
+    use.failed |= MCBTFilterOut(filter) != 0;
+    void *blocks[20];
+    for (int i = 0; i < 20; ++i)
+        blocks[i] = k42MC_malloc("a.c", i, 10);
+    void *const moved = k42MC_realloc("a.c", 20, blocks[0], 500);
+    use.failed |= moved == nullptr; // which realloc says by that alone
+    blocks[0] = moved != nullptr ? moved : blocks[0];
+    MCReport(0);
+    k42mcx_verify();
+    const int file = open("/dev/null", O_WRONLY);
+    use.failed |= k42mcx_report_json(file, 0) != 0;
+    use.failed |= k42mcx_fd_report_json(file) != 0;
+    close(file);
+    for (void *block : blocks)
+        k42MC_free("a.c", 21, block);
+    MCReport(0);
+    MCDeinit();
+    return use;
+}
+
+TEST(RegistryOff, OutlivesTheFailureOfAnyAllocation) {
+    NEEDS_OWN_MALLOC();
+    checker_on(), checker_off();
+    int switched_on = 0;
+    bool met = true;
+    for (int nth = 1; met; ++nth) {
+        Use use = {};
+        const std::string text = captured_stderr([&] {
+            failing_malloc(nth, false, [&] {
+                use = use_everything(10 + nth);
+                met = MallocCalls::until_failure == 0;
+            });
+        });
+        switched_on += use.on;
+        EXPECT_EQ(contains(text, "\n#### Since reset: 0 bytes held by 0 allocations ####\n"), use.on)
+            << nth << text;
+        EXPECT_EQ(use.failed || contains(text, "ERROR") || contains(text, "failure") ||
+                      contains(text, ":NA:"),
+                  met)
+            << nth << text;
+    }
+    EXPECT_GT(switched_on, 40);
 }
 
 TEST(RegistryOff, LeavesTheMemoryManagersWrappersWithoutAManager) {
