@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fnmatch.h>
+#include <fstream>
 #include <vector>
 
 namespace {
@@ -64,6 +65,20 @@ TEST_F(Sink, IsAFileNamedAfterProgramAndTime) {
     EXPECT_EQ(captured_stderr([] { MCInit(0, 0), MCReport(0), MCDeinit(); }), "");
     EXPECT_PRED2(matches, contents(path),
                  start + "*MC re-init*<cycle 1>*========== MCDeinit: Done ==========\n");
+}
+
+TEST_F(Sink, TakesThePlaceOfAFileOfThatName) {
+    fs::create_directories(reports);
+    constexpr int seconds = 10;
+    for (int ahead = 0; ahead < seconds; ++ahead)
+        std::ofstream(reports / name_in(ahead)) << "old";
+    init(MC_TO_FILE, 0);
+    checker_off();
+    int kept = 0;
+    for (const fs::path &file : files_in(reports))
+        kept += contents(file) == "old";
+    EXPECT_EQ(files_in(reports).size(), size_t{seconds});
+    EXPECT_EQ(kept, seconds - 1);
 }
 
 TEST_F(Sink, FallsBackWhenTheFolderCannotBeHad) {
