@@ -77,6 +77,13 @@ uint64_t descriptor_limit();
 bool is_open_stream(const FILE *stream);
 bool is_open_directory(const DIR *directory);
 
+// Holds libc's list of streams, which fork takes after its handlers have run and fflush(NULL) keeps
+// while it waits for each stream. To be taken ahead of locks that are held across a fork; let go by
+// parent and child each in its way.
+void hold_stream_list();
+void release_stream_list();
+void renew_stream_list();
+
 // Writes past all streams; stops at the first failure. May change errno.
 void write_all(int descriptor, const char *bytes, size_t size);
 

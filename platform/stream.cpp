@@ -3,6 +3,11 @@
 
 #include <sys/stat.h>
 
+// Exported by libc, in no header of its.
+extern "C" void _IO_list_lock(void);
+extern "C" void _IO_list_unlock(void);
+extern "C" void _IO_list_resetlock(void);
+
 namespace k42mc::platform {
 namespace {
 
@@ -28,6 +33,18 @@ K42MC_UNSANITIZED bool is_open_directory(const DIR *directory) {
     struct stat status;
     return readable(directory, sizeof *descriptor) && fstat(*descriptor, &status) == 0 &&
            S_ISDIR(status.st_mode);
+}
+
+void hold_stream_list() {
+    _IO_list_lock();
+}
+
+void release_stream_list() {
+    _IO_list_unlock();
+}
+
+void renew_stream_list() {
+    _IO_list_resetlock();
 }
 
 } // namespace k42mc::platform

@@ -12,19 +12,23 @@
 
 namespace {
 
-// Runs action over and over beside a thread that does the same with other.
-template <class Action, class Other> Ended side_by_side(Action action, Other other) {
+// Runs action over and over beside threads that do the same, each with one of others.
+template <class Action, class... Others> Ended side_by_side(Action action, Others... others) {
     return ended([&] {
         alarm(30);
         std::atomic<bool> done = false;
-        std::thread thread([&] {
-            while (!done)
-                other();
-        });
+        const auto until_done = [&](auto other) {
+            return std::thread([&done, other] {
+                while (!done)
+                    other();
+            });
+        };
+        std::thread threads[] = {until_done(others)...};
         for (int round = 0; round < 300; ++round)
             action();
         done = true;
-        thread.join();
+        for (std::thread &thread : threads)
+            thread.join();
     });
 }
 
@@ -150,6 +154,14 @@ TEST(Hangs, NotWhileAllStreamsAreFlushed) {
         MCDeinit();
     };
     EXPECT_TRUE(side_by_side(report_to_files, flush).exited(0));
+}
+
+// A fork wants the list of streams with our locks held; a report, ours with standard error held.
+TEST(Hangs, NotWhenAThreadForksBesideReportsAndFlushes) {
+    const auto flush = [] { fflush(nullptr); };
+    const auto report = [] { MCReport(K42MC_BE32(1)), FDReport(0), MCDebugMsg(0, "message\n"); };
+    const auto start_and_fork = [&] { start(), in_a_child(report); };
+    EXPECT_TRUE(side_by_side(start_and_fork, flush, report).exited(0));
 }
 
 // A constructor of a library runs with the loader's lock held.

@@ -16,6 +16,7 @@ constinit bool forked_among_threads = false;
 // No other thread may be half-way through something when the process is copied, and nothing may be left
 // in a buffer that parent and child would both write.
 void before_fork() {
+    platform::hold_stream_list();
     pthread_mutex_lock(&gFDLock);
     pthread_mutex_lock(&gMCLock);
     pthread_mutex_lock(&gMCDebugLock);
@@ -27,6 +28,7 @@ void after_fork_in_parent() {
     pthread_mutex_unlock(&gMCDebugLock);
     MCUnlock();
     pthread_mutex_unlock(&gFDLock);
+    platform::release_stream_list();
 }
 
 // The child's only thread is not the one that took the locks, as the system counts threads.
@@ -34,6 +36,7 @@ void after_fork_in_child() {
     gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
     gMCLock = PTHREAD_MUTEX_INITIALIZER;
     gFDLock = PTHREAD_MUTEX_INITIALIZER;
+    platform::renew_stream_list();
     if (forked_among_threads)
         platform::freeze_utc_offset();
     leave_sink_to_parent();

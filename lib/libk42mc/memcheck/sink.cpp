@@ -50,18 +50,6 @@ bool is_regular(int descriptor) {
     return false;
 }
 
-int open_regular(const char *name, int flags) {
-    // O_NONBLOCK: a pipe that somebody put there must not hold the process up.
-    const int descriptor =
-        open(name, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | flags, 0666);
-    if (descriptor < 0 || is_regular(descriptor))
-        return descriptor;
-    const int cause = errno;
-    close(descriptor);
-    errno = cause;
-    return -1;
-}
-
 void name_stem(const char *directory, time_t moment) {
     const platform::LocalTime at = platform::local_time(moment);
     snprintf(stem, sizeof stem, "%s%s.MC.%02d%02d%02d%02d%02d%02d", directory, platform::progname(),
@@ -170,15 +158,16 @@ void prepare_sink() {
     });
 }
 
-FILE *open_for_writing(const char *name, int flags) {
-    const int descriptor = open_regular(name, flags);
-    FILE *stream = descriptor >= 0 ? fdopen(descriptor, "w") : nullptr;
-    if (stream == nullptr && descriptor >= 0) {
-        const int cause = errno;
-        close(descriptor);
-        errno = cause;
-    }
-    return stream;
+int open_regular(const char *name, int flags) {
+    // O_NONBLOCK: a pipe that somebody put there must not hold the process up.
+    const int descriptor =
+        open(name, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | flags, 0666);
+    if (descriptor < 0 || is_regular(descriptor))
+        return descriptor;
+    const int cause = errno;
+    close(descriptor);
+    errno = cause;
+    return -1;
 }
 
 int open_beside_report(const char *extension) {

@@ -25,9 +25,9 @@ void MCOpenSink(int to_file);
 // Closes the sink unless it is standard error, and leaves none.
 void MCCloseSink();
 
-// A stream over a file that is created or truncated, never through a symbolic link, and closed on exec;
-// `flags` adds to the open flags. Null with errno set.
-FILE *open_for_writing(const char *path, int flags);
+// Creates or opens a regular file for writing, never through a symbolic link, closed on exec; `flags`
+// adds to the open flags. Returns a descriptor; -1 with errno set.
+int open_regular(const char *name, int flags);
 
 // Opens a file for more about the same: named as the report file is, with another extension (".json"),
 // or as one would be. Never through a symbolic link. Returns a descriptor; -1 after saying why not.
