@@ -11,7 +11,13 @@ import re
 import subprocess
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
-FOLDERS = ("lib/libk42mc", "common/lib/libk42mc", "platform")
+SOURCES = (
+    "lib/libk42mc/**/*.cpp",
+    "common/lib/libk42mc/**/*.cpp",
+    "platform/**/*.cpp",
+    "platform/memo.h",
+    "include/k42mc/algorithms/*.hpp",
+)
 SWAPS = {
     " == ": " != ", " != ": " == ", " < ": " <= ", " <= ": " < ", " > ": " >= ", " >= ": " > ",
     " && ": " || ", " || ": " && ", " + ": " - ", " - ": " + ", " += ": " -= ", "true": "false", "false": "true",
@@ -57,7 +63,7 @@ def main():
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 30))
     parser.add_argument("files", nargs="*", type=pathlib.Path)
     options = parser.parse_args()
-    sources = options.files or [file for folder in FOLDERS for file in sorted((TOP / folder).rglob("*.cpp"))]
+    sources = options.files or [file for pattern in SOURCES for file in sorted(TOP.glob(pattern))]
     planted = [(source, *fault) for source in sources for fault in faults(source)]
     chosen = random.Random(options.seed).sample(planted, min(options.count, len(planted)))
     print(f"seed {options.seed}: {len(chosen)} of {len(planted)} faults", flush=True)
