@@ -181,7 +181,7 @@ private:
             define_address(number, reader.sleb128() * info.data_factor);
             break;
         case DW_CFA_def_cfa_register:
-            rules.address_register = static_cast<int>(reader.uleb128());
+            define_address(reader.uleb128(), rules.address_offset);
             break;
         case DW_CFA_def_cfa_offset:
             rules.address_offset = static_cast<intptr_t>(reader.uleb128());
@@ -191,7 +191,7 @@ private:
             break;
         case DW_CFA_def_cfa_expression:
             rules.address_by_expression = true;
-            rules.address_offset = expression(reader);
+            rules.address_expression = expression(reader);
             break;
         case DW_CFA_GNU_args_size:
             reader.uleb128();

@@ -23,9 +23,10 @@ struct RegisterRule {
 
 // The frame address is the caller's stack pointer, before the call.
 struct FrameRules {
-    bool address_by_expression;
+    bool address_by_expression; // which is at the address below
+    intptr_t address_expression;
     int address_register;
-    intptr_t address_offset; // or the address of the expression
+    intptr_t address_offset;
     RegisterRule registers[Registers::count];
 };
 

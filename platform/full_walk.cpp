@@ -46,7 +46,7 @@ public:
 private:
     bool find_address(const FrameInfo &info, const FrameRules &rules, uintptr_t &result) const {
         if (rules.address_by_expression)
-            return evaluate(info, rules.address_offset, registers, stack, nullptr, result);
+            return evaluate(info, rules.address_expression, registers, stack, nullptr, result);
         if (rules.address_register < 0 || rules.address_register >= Registers::count)
             return false;
         result = registers[rules.address_register] + static_cast<uintptr_t>(rules.address_offset);

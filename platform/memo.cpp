@@ -18,9 +18,10 @@ constinit Memo gMemos[64] = {};
 // Of threads that came too late: always resting.
 constinit Memo gNone = {};
 
-// A trace with an unknown part costs about as much more as a known one saves: a memo rests when there
-// were more of those than of the others. Traces that did not repeat may do so later.
-constexpr uint32_t uses_to_judge = 64, shortest_rest = 512, most_doublings = 6;
+// Learning a frame costs about twice as much as knowing one saves. A memo that does not pay rests, for
+// traces that did not repeat may do so later; finding out costs a fiftieth of the longest rest.
+constexpr uint32_t unknown_frame_costs = 2, frames_to_judge = 2048;
+constexpr uint32_t shortest_rest = 512, most_doublings = 4;
 
 uint64_t number_of(pid_t process, pid_t thread) {
     return uint64_t{static_cast<uint32_t>(process)} << 32 | static_cast<uint32_t>(thread);
@@ -36,7 +37,7 @@ bool is_abandoned(uint64_t owner, pid_t process) {
 
 void Memo::start() {
     state = available;
-    uses = misses = rests = 0;
+    known_frames = unknown_frames = rests = 0;
 }
 
 void Memo::claim() {
@@ -65,17 +66,20 @@ Memo *Memo::take_another_time() {
     return nullptr;
 }
 
-void Memo::give_back_after_miss() {
+void Memo::give_back(int frames, int unknown) {
     State next_state = available;
-    ++misses;
-    if (uses >= uses_to_judge) {
-        if (misses > uses / 2) {
+    known_frames += static_cast<uint32_t>(frames - unknown);
+    unknown_frames += static_cast<uint32_t>(unknown);
+    if (known_frames + unknown_frames >= frames_to_judge) {
+        if (known_frames < unknown_frame_costs * unknown_frames) {
             next_state = resting;
             rest = shortest_rest << std::min(rests++, most_doublings);
+            known_frames = unknown_frames = 0;
         } else {
             rests = 0;
+            known_frames /= 2;
+            unknown_frames /= 2;
         }
-        uses = misses = 0;
     }
     std::atomic_signal_fence(std::memory_order_seq_cst);
     state = next_state;

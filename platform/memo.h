@@ -8,11 +8,13 @@
 // unloaded.
 #pragma once
 
+#include "call_chain.h"
 #include "stack.h"
 #include "unwind_rules.h"
 
 #include <algorithm>
 #include <atomic>
+#include <utility>
 
 namespace k42mc::platform {
 
@@ -22,63 +24,63 @@ struct Frame {
     uintptr_t stack_pointer, frame_pointer;
 };
 
-// Two words side by side: a saved frame pointer and the return address above it, in many frames.
-typedef uintptr_t Pair __attribute__((vector_size(2 * sizeof(uintptr_t))));
+// Words on the stack, each with the value that it had.
+template <int most> struct Slots {
+    uint32_t distances[most]; // from the stack pointer at the start
+    uintptr_t values[most];
 
-inline void load_pair(Pair &pair, uintptr_t address) {
-    __builtin_memcpy(&pair, reinterpret_cast<const void *>(address), sizeof pair);
-}
+    bool holds(int i, uintptr_t stack_pointer) const {
+        return load(stack_pointer + distances[i]) == values[i];
+    }
+};
 
 struct Segment {
     // The innermost calls change the most. A guard keeps five frames, below those of the wrappers; one
     // more segment holds what the checker keeps.
-    static constexpr int innermost_frames = 6, most_frames = 12, most_others = 4;
+    static constexpr int innermost_frames = 6, most_frames = 12, most_others = 12;
 
     Frame start;
+    uintptr_t end;                   // the place that it leads to
     uint32_t module;                 // that has to be in its place, but for those that stay
     uint32_t length;                 // from the stack pointer at the start to the one at the end
     uint32_t frame_pointer_distance; // from there to where the one at the end is saved
+    bool starts_inside;              // the library's own leading frames go on
     bool needs_frame_pointer;        // a rule used the one at the start
     bool moves_frame_pointer;        // the one at the end is another
     bool is_last;                    // nobody called the last frame
-    uint8_t frames;                  // at least one
+    uint8_t frames;                  // that belong to the trace
     uint8_t others;
 
-    uintptr_t places[most_frames]; // that the walk came to
-    // Where their return addresses were, with the word below, and which of the two it went by.
-    uint32_t distances[most_frames];
-    Pair values[most_frames], masks[most_frames];
+    Slots<most_frames> returns; // the return addresses of those frames
+    Slots<most_others> other;   // of the library's own, and frame pointers where a rule used them
 
-    // What else it went by: frame pointers saved elsewhere, mostly.
-    uint32_t other_distances[most_others];
-    uintptr_t other_values[most_others];
-
-    bool starts_at(const Frame &frame) const {
+    bool starts_at(const Frame &frame, const CallChain &chain) const {
         return start.place == frame.place && start.stack_pointer == frame.stack_pointer &&
-               (!needs_frame_pointer || start.frame_pointer == frame.frame_pointer);
+               (!needs_frame_pointer || start.frame_pointer == frame.frame_pointer) &&
+               starts_inside == chain.is_inside() && frames <= chain.room();
     }
 
-    // Whether the walk would go this way again for so many frames.
-    bool holds(const Stack &stack, int wanted) const {
-        const uintptr_t stack_pointer = start.stack_pointer;
-        if (length > stack.high - stack_pointer)
+    // Whether the walk from there would go this way again. Puts the trace behind the chain all the same.
+    [[gnu::always_inline]] bool holds(uintptr_t stack_pointer, uintptr_t stack_end,
+                                      void **behind) const {
+        if (length > stack_end - stack_pointer)
             return false;
-        Pair difference = {}, pair;
-        for (int i = 0; i < wanted; ++i) {
-            load_pair(pair, stack_pointer + distances[i]);
-            difference |= (pair ^ values[i]) & masks[i];
-        }
-        uintptr_t other_difference = difference[0] | difference[1];
         for (int i = 0; i < others; ++i)
-            other_difference |= load(stack_pointer + other_distances[i]) ^ other_values[i];
-        return other_difference == 0;
+            if (!other.holds(i, stack_pointer))
+                return false;
+        for (int i = 0; i < frames; ++i) {
+            if (!returns.holds(i, stack_pointer))
+                return false;
+            behind[i] = reinterpret_cast<void *>(returns.values[i]);
+        }
+        return true;
     }
 
     void go(Frame &frame) const {
         if (moves_frame_pointer)
             frame.frame_pointer = load(frame.stack_pointer + frame_pointer_distance);
         frame.stack_pointer += length;
-        frame.place = places[frames - 1];
+        frame.place = end;
     }
 };
 
@@ -86,86 +88,99 @@ struct Segment {
 class Recorder {
 public:
     // The segment is none, which starts nowhere, until it is complete.
-    Recorder(Segment &result, const Frame &its_start, int wanted)
-        : segment(result), start(its_start), most(wanted) {
+    Recorder(Segment &result, const Frame &its_start, const CallChain &chain, int most)
+        : segment(result), start(its_start), room(chain.room()), steps_left(most),
+          inside(chain.is_inside()), end(start.stack_pointer) {
         segment.start = {};
-        segment.module = staying_module;
-        segment.frame_pointer_distance = 0;
-        segment.needs_frame_pointer = segment.moves_frame_pointer = segment.is_last = false;
-        segment.frames = segment.others = 0;
+        segment.starts_inside = inside;
+        segment.needs_frame_pointer = segment.is_last = false;
     }
 
-    bool has_room() const { return segment.frames < most; }
+    bool has_room() const {
+        constexpr int most_others_a_step = 3;
+        return steps_left > 0 && frames < room && others + most_others_a_step <= Segment::most_others;
+    }
 
     void applied(UnwindRule rule) {
         if (rule.module == staying_module)
             return;
         is_sound = is_sound && rule.module != unknown_module &&
-                   (segment.module == staying_module || segment.module == rule.module);
-        segment.module = rule.module;
+                   (module == staying_module || module == rule.module);
+        module = rule.module;
     }
     void ended() { segment.is_last = true; }
 
     void used_pointer(const Frame &frame) {
-        const uint32_t saved_at = segment.frame_pointer_distance;
-        if (!segment.moves_frame_pointer)
+        if (pointer_saved_at == 0)
             segment.needs_frame_pointer = true;
-        else if (segment.frames > 0 && saved_at == segment.distances[segment.frames - 1])
-            segment.masks[segment.frames - 1][0] = UINTPTR_MAX;
-        else
-            depended_on(start.stack_pointer + saved_at, frame.frame_pointer);
+        else if (!std::exchange(pointer_is_noted, true))
+            depended_on(pointer_saved_at, frame.frame_pointer);
     }
 
     void depended_on(uintptr_t address, uintptr_t value) {
-        if (segment.others == Segment::most_others) {
-            is_sound = false;
-            return;
-        }
-        segment.other_distances[segment.others] = distance(address);
-        segment.other_values[segment.others++] = value;
+        mind(address);
+        note(segment.other, others, address, value);
     }
 
     void restored_pointer(uintptr_t address) {
-        segment.moves_frame_pointer = true;
-        segment.frame_pointer_distance = distance(address);
+        mind(address);
+        pointer_saved_at = address;
+        pointer_is_noted = false;
     }
 
     void returned(uintptr_t address, uintptr_t place) {
-        const uint8_t i = segment.frames++;
-        segment.places[i] = place;
-        segment.distances[i] = distance(address - sizeof(uintptr_t));
-        load_pair(segment.values[i], address - sizeof(uintptr_t));
-        segment.masks[i] = Pair{0, UINTPTR_MAX};
-        segment.length = distance(address + sizeof(uintptr_t));
+        inside = inside && CallChain::is_own(place);
+        if (inside)
+            note(segment.other, others, address, place);
+        else
+            note(segment.returns, frames, address, place);
+        end = address + sizeof(uintptr_t);
+        --steps_left;
     }
 
-    void complete() {
-        if (is_sound && segment.frames > 0 && is_inside())
-            segment.start = start;
+    // With where the walk has got to.
+    void complete(const Frame &now) {
+        if (!is_sound || (end == start.stack_pointer && !segment.is_last) ||
+            lowest < start.stack_pointer || highest + sizeof(uintptr_t) > end ||
+            end - start.stack_pointer > UINT32_MAX)
+            return;
+        segment.end = now.place;
+        segment.module = module;
+        segment.length = distance(end);
+        segment.moves_frame_pointer = pointer_saved_at != 0;
+        segment.frame_pointer_distance = distance(pointer_saved_at);
+        segment.frames = static_cast<uint8_t>(frames);
+        segment.others = static_cast<uint8_t>(others);
+        segment.start = start;
     }
 
 private:
-    static constexpr uint32_t too_far = UINT32_MAX / 2;
-
-    uint32_t distance(uintptr_t address) const {
-        const uintptr_t distance = address - start.stack_pointer;
-        return distance < too_far ? static_cast<uint32_t>(distance) : too_far;
+    // A damaged stack can lead a walk to words outside its frames, which may be gone later.
+    void mind(uintptr_t address) {
+        lowest = std::min(lowest, address);
+        highest = std::max(highest, address);
     }
 
-    // A damaged stack can lead a walk to words elsewhere, which may not be there any more later. Those
-    // of sound frames follow one another.
-    bool is_inside() const {
-        bool inside = segment.length < too_far && segment.frame_pointer_distance < segment.length;
-        for (int i = 0; i < segment.frames; ++i)
-            inside = inside && segment.distances[i] < segment.length;
-        for (int i = 0; i < segment.others; ++i)
-            inside = inside && segment.other_distances[i] < segment.length;
-        return inside;
+    uint32_t distance(uintptr_t address) const {
+        return static_cast<uint32_t>(address - start.stack_pointer);
+    }
+
+    template <int most> void note(Slots<most> &slots, int &number, uintptr_t address, uintptr_t value) {
+        slots.distances[number] = distance(address);
+        slots.values[number++] = value;
     }
 
     Segment &segment;
     const Frame start;
-    const int most;
+    const int room;
+    int steps_left;
+    bool inside;
+    uintptr_t end; // of the frames so far
+    int frames = 0, others = 0;
+    uint32_t module = staying_module;
+    uintptr_t lowest = UINTPTR_MAX, highest = 0; // of the other words
+    uintptr_t pointer_saved_at = 0;
+    bool pointer_is_noted = false; // that pointer, as something that the walk went by
     bool is_sound = true;
 };
 
@@ -181,23 +196,25 @@ public:
         memo->state = in_use;
         std::atomic_signal_fence(std::memory_order_seq_cst);
         memo->check = {};
-        ++memo->uses;
         return memo;
     }
 
-    void give_back() {
+    // After a trace that was known.
+    void give_back(int frames) {
+        known_frames += static_cast<uint32_t>(frames);
         std::atomic_signal_fence(std::memory_order_seq_cst);
         state = available;
     }
 
-    // After a trace of which a part was unknown.
-    void give_back_after_miss();
+    // After one of which so many frames were unknown.
+    void give_back(int frames, int unknown);
 
-    // The segment by which the walk would go on for so many frames, or to the segment's end.
-    const Segment *find(const Frame &frame, const Stack &stack, int wanted) {
+    // The segment by which the walk would go on from there, whose trace is behind the chain then.
+    [[gnu::always_inline]] const Segment *find(const Frame &frame, uintptr_t stack_end,
+                                               const CallChain &chain) {
         for (const Segment &segment : segments[set_of(frame)])
-            if (segment.starts_at(frame) && check.passes(segment.module) &&
-                segment.holds(stack, std::min<int>(segment.frames, wanted)))
+            if (segment.starts_at(frame, chain) && check.passes(segment.module) &&
+                segment.holds(frame.stack_pointer, stack_end, chain.behind()))
                 return &segment;
         return nullptr;
     }
@@ -213,13 +230,14 @@ public:
 private:
     enum State : uint32_t { available, in_use, resting };
 
-    // With two ways, traces drive each other out where addresses happen to fall so.
-    static constexpr uint32_t sets = 16, ways = 4;
+    // With two ways, traces drive each other out where addresses happen to fall so. With 16 sets, a
+    // trace takes three times as long in a program of many paths, such as sqlite3; with 256, as long.
+    static constexpr uint32_t set_bits = 7, sets = 1u << set_bits, ways = 4;
 
     static uint32_t set_of(const Frame &frame) {
         const auto mixed =
             static_cast<uint32_t>(frame.place) + static_cast<uint32_t>(frame.stack_pointer);
-        return mixed * 0x9e3779b1u >> 28;
+        return mixed * 0x9e3779b1u >> (32 - set_bits);
     }
 
     [[gnu::noinline]] static Memo *take_another_time();
@@ -228,10 +246,10 @@ private:
 
     std::atomic<uint64_t> owner = 0; // process and thread, as the system numbers them
     State state = available;
-    uint32_t uses = 0, misses = 0; // of late
-    uint32_t rest = 0;             // traces to come that do without
-    uint32_t rests = 0;            // in a row, so that each is longer than the one before
-    uint8_t next[sets] = {};       // the way to fill
+    uint32_t known_frames = 0, unknown_frames = 0; // of late
+    uint32_t rest = 0;                             // traces to come that do without
+    uint32_t rests = 0;      // in a row, so that each is longer than the one before
+    uint8_t next[sets] = {}; // the way to fill
     Segment segments[sets][ways] = {};
 
     static constinit thread_local Memo *own;

@@ -72,13 +72,16 @@ template <class Notes>
     return Outcome::went_on;
 }
 
-// Room for a trace, and what is in it.
-struct Trace {
-    void **frames;
-    int most;
-    CallChain chain;
+// A walk in progress: of the frame that it is at, the chain has the place already.
+struct Walk {
+    Walk(void **frames, int most, const Frame &start)
+        : stack(stack_of(start.stack_pointer)), frame(start), chain(frames, most) {
+        chain.add(frame.place);
+    }
 
-    int count() const { return most - chain.room(); }
+    Stack stack;
+    Frame frame;
+    CallChain chain;
 };
 
 [[gnu::noinline, gnu::cold]] int walk_again(void **frames, int most) {
@@ -87,77 +90,83 @@ struct Trace {
     return most - chain.room();
 }
 
-int finish(const Trace &trace, Outcome outcome) {
-    return outcome == Outcome::unusual ? walk_again(trace.frames, trace.most) : trace.count();
-}
-
-[[gnu::noinline]] int walk(const Stack stack, Frame frame, Trace trace) {
+[[gnu::noinline]] int walk(void **frames, int most, Frame start) {
+    Walk walk(frames, most, start);
     ModuleCheck check;
     NoNotes none;
     Outcome outcome = Outcome::went_on;
-    while (trace.chain.room() > 0 && (outcome = step(stack, frame, check, none)) == Outcome::went_on)
-        trace.chain.add(frame.place);
-    return finish(trace, outcome);
+    while (walk.chain.room() > 0 &&
+           (outcome = step(walk.stack, walk.frame, check, none)) == Outcome::went_on)
+        walk.chain.add(walk.frame.place);
+    return outcome == Outcome::unusual ? walk_again(frames, most) : most - walk.chain.room();
 }
 
-Outcome walk_new_segment(const Stack &stack, Memo &memo, int frames, Frame &frame, CallChain &chain) {
-    Recorder recorder(memo.place_for(frame), frame, frames);
+[[gnu::noinline]] Outcome walk_new_segment(Walk &walk, Memo &memo, int most_frames) {
+    const Stack stack = walk.stack;
+    Frame frame = walk.frame;
+    CallChain chain = walk.chain;
+    ModuleCheck check = memo.check;
+    Recorder recorder(memo.place_for(frame), frame, chain, most_frames);
     Outcome outcome = Outcome::went_on;
-    while (recorder.has_room() &&
-           (outcome = step(stack, frame, memo.check, recorder)) == Outcome::went_on)
+    while (recorder.has_room() && (outcome = step(stack, frame, check, recorder)) == Outcome::went_on)
         chain.add(frame.place);
-    recorder.complete();
+    recorder.complete(frame);
+    memo.check = check;
+    walk.frame = frame;
+    walk.chain = chain;
     return outcome;
 }
 
-// Goes on where the memo ends, and back to it where it knows the rest.
-[[gnu::noinline]] int walk_and_learn(const Stack stack, Frame frame, Trace trace, Memo &memo,
-                                     int most_frames) {
-    CallChain &chain = trace.chain;
-    Outcome outcome = Outcome::went_on;
-    while (chain.room() > 0 && outcome == Outcome::went_on) {
-        if (const Segment *segment = memo.find(frame, stack, chain.room())) {
-            chain.add(segment->places, segment->frames);
-            segment->go(frame);
-            outcome = segment->is_last ? Outcome::ended : Outcome::went_on;
-        } else {
-            outcome = walk_new_segment(stack, memo, std::min(most_frames, chain.room()), frame, chain);
-        }
+[[gnu::always_inline]] inline Outcome follow(Walk &walk, const Segment &segment) {
+    walk.chain.extend(segment.frames);
+    segment.go(walk.frame);
+    return segment.is_last ? Outcome::ended : Outcome::went_on;
+}
+
+// Goes on where the memo does not know the way, and by the memo again where it does.
+[[gnu::noinline]] int walk_and_learn(void **frames, int most, Walk walk, Memo &memo) {
+    Outcome outcome;
+    int most_frames = walk.chain.room() + 1 < most ? Segment::most_frames : Segment::innermost_frames;
+    int unknown = 0;
+    const auto goes_on = [&] { return outcome == Outcome::went_on && walk.chain.room() > 0; };
+    do {
+        const int room = walk.chain.room();
+        outcome = walk_new_segment(walk, memo, most_frames);
+        unknown += room - walk.chain.room();
         most_frames = Segment::most_frames;
-    }
-    memo.give_back_after_miss();
-    return finish(trace, outcome);
+        const Segment *segment;
+        while (goes_on() && (segment = memo.find(walk.frame, walk.stack.high, walk.chain)))
+            outcome = follow(walk, *segment);
+    } while (goes_on());
+    const int count = most - walk.chain.room();
+    memo.give_back(count, unknown);
+    return outcome == Outcome::unusual ? walk_again(frames, most) : count;
 }
 
 } // namespace
 
-// The way of a trace that is known whole; all others go on in functions of their own, so that it needs
-// few registers.
+// The way of a trace that is known whole; others go on in functions of their own, so that it needs few
+// registers.
 int backtrace_skip(void **frames, int most) {
     if (most <= 0)
         return 0;
     // A function that asks for its frame's address has a frame pointer.
     const auto base = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
-    const Stack stack = stack_of(base);
-    Frame frame = {load(base + word), base + 2 * word, load(base)};
-    Trace trace = {frames, most, CallChain(frames, most)};
-    trace.chain.add(frame.place);
+    const Frame start = {load(base + word), base + 2 * word, load(base)};
     Memo *const memo = Memo::take();
     if (!memo)
-        return walk(stack, frame, trace);
-    int most_frames = Segment::innermost_frames;
-    while (trace.chain.room() > 0) {
-        const Segment *segment = memo->find(frame, stack, trace.chain.room());
+        return walk(frames, most, start);
+    Walk walk(frames, most, start);
+    while (walk.chain.room() > 0) {
+        const Segment *segment = memo->find(walk.frame, walk.stack.high, walk.chain);
         if (!segment)
-            return walk_and_learn(stack, frame, trace, *memo, most_frames);
-        trace.chain.add(segment->places, segment->frames);
-        if (segment->is_last)
+            return walk_and_learn(frames, most, walk, *memo);
+        if (follow(walk, *segment) == Outcome::ended)
             break;
-        segment->go(frame);
-        most_frames = Segment::most_frames;
     }
-    memo->give_back();
-    return trace.count();
+    const int count = most - walk.chain.room();
+    memo->give_back(count);
+    return count;
 }
 
 } // namespace k42mc::platform

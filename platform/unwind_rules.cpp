@@ -32,7 +32,7 @@ bool is_frame_pointer_plus(const FrameInfo &info, intptr_t expression, bool load
 UnwindRule::Kind kind_of(const FrameInfo &info, const FrameRules &rules, intptr_t &distance) {
     distance = rules.address_offset;
     if (rules.address_by_expression)
-        return is_frame_pointer_plus(info, rules.address_offset, true, distance)
+        return is_frame_pointer_plus(info, rules.address_expression, true, distance)
                    ? UnwindRule::at_frame_pointer
                    : UnwindRule::unusual;
     if (rules.address_register == Registers::sp)

@@ -77,6 +77,8 @@
     X(not_at_least, IF_NOT("4", "0x31, 0x1f, 0x30, 0x2a"))                                              \
     X(offset_sf, ESCAPE("0x13, " FACTORED_FRAME))                                                       \
     X(def_cfa_sf, ESCAPE("0x12, " SP ", " FACTORED_FRAME))                                              \
+    X(offset_after_expression, ADDRESS("2", SP_PLUS ", 32") ESCAPE("0x0e, 16"))                         \
+    X(register_after_expression, FRAME ADDRESS("1", "0x30") ESCAPE("0x0d, " SP))                        \
     X(def_cfa, ESCAPE("0x0c, " SP ", 32"))                                                              \
     X(offset_extended, BARE_FRAME ESCAPE("0x05, " PC ", 1"))                                            \
     X(offset_extended_sf, BARE_FRAME ESCAPE("0x11, " PC ", 1"))                                         \
