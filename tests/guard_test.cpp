@@ -184,6 +184,18 @@ TEST(Guard, ReportsATailInUnreadableMemory) {
     }
 }
 
+TEST(Guard, ReportsToAStreamWithoutADescriptor) {
+    Block block(10);
+    block.tail[0] ^= 1;
+    expect_defect("WO", [&] {
+        const auto write_on = [](void *, const char *bytes, size_t size) {
+            return write(1, bytes, size);
+        };
+        stdout = fopencookie(nullptr, "w", {nullptr, write_on, nullptr, nullptr});
+        k42mc_guard_free(K42MC_ARENA_STD, block.user);
+    });
+}
+
 TEST(Guard, KeepsTheTextOfTheReport) {
     Block block(10);
     block.tail[0] ^= 1;

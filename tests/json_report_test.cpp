@@ -90,6 +90,24 @@ TEST(ReportOnSignal, ReportsFromAThreadOfItsOwn) {
     EXPECT_EQ(lines, first_two + (child_reports ? third : ""));
 }
 
+TEST(ReportOnSignal, StartsAnewInAChildOfWhoeverAskedFirst) {
+    const Ended end = ended([] {
+        alarm(60);
+        k42mcx_report_on_signal(SIGUSR1, 1);
+        if (child_reports && fork() == 0) {
+            MCInit(0, 0);
+            k42mcx_report_on_signal(SIGUSR1, 1);
+            kill(getpid(), SIGUSR1);
+            wait_for_cycle(1);
+            _exit(7);
+        }
+        int status = 0;
+        wait(&status);
+        _exit(child_reports && status != 7 << 8);
+    });
+    EXPECT_TRUE(end.exited(0)) << end.err;
+}
+
 // What is written, with what differs from run to run replaced.
 std::string json(uint32_t limit) {
     std::string text = captured_stdout([&] { EXPECT_EQ(k42mcx_report_json(STDOUT_FILENO, limit), 0); });
@@ -220,6 +238,7 @@ TEST_F(JsonReport, SaysWhyItFailed) {
     EXPECT_EQ(k42mcx_report_folder(std::string(PATH_MAX, 'a').c_str()), ENAMETOOLONG);
     EXPECT_EQ(k42mcx_report_on_signal(SIGKILL, 0), EINVAL);
     EXPECT_EQ(k42mcx_report_on_signal(0, 0), EINVAL);
+    EXPECT_EQ(k42mcx_report_on_signal(NSIG, 0), EINVAL);
 }
 
 // The files in a folder, by name, with the time cut out.
@@ -251,6 +270,22 @@ TEST(ExitReport, VerifiesAndWritesJsonIntoAFolderOfItsOwn) {
     EXPECT_CONTAINS(found["json_report_test.MC.T.json"],
                     "{\"kind\":\"site\",\"cycle\":1,\"file\":\"e.c\"");
     EXPECT_ENDS(found["json_report_test.MC.T.json"], "{\"kind\":\"end\",\"sites\":1,\"damaged\":1}\n");
+    fs::remove_all(folder);
+}
+
+// With standard input closed, the report gets its number.
+TEST(ExitReport, NamesItsFilesAlikeWhateverTheirDescriptors) {
+    const fs::path folder = fs::temp_directory_path() / ("k42mc_alike_" + std::to_string(getpid()));
+    const Ended end = ended([&] {
+        close(STDIN_FILENO);
+        k42mcx_report_folder(folder.c_str());
+        k42mcx_at_exit(K42MCX_EXIT_JSON);
+        MCInit(K42MC_BE32(MC_TO_FILE), 0);
+    });
+    EXPECT_TRUE(end.exited(0));
+    const auto found = files(folder);
+    EXPECT_TRUE(found.contains("json_report_test.MC.T.txt") &&
+                found.contains("json_report_test.MC.T.json"));
     fs::remove_all(folder);
 }
 

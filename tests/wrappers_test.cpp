@@ -147,6 +147,7 @@ TEST_P(Wrappers, LeaveABlockAsItWasWhenItCannotGrow) {
               "b.c:9:NA:0x0:11\nb.c:10:NA:0x0:15\n");
     EXPECT_STREQ(block, "contents");
     EXPECT_STARTS(check(block), "a.c:7:");
+    EXPECT_NE(reinterpret_cast<uintptr_t *>(block - overhead / 2)[1], 0u) << "the guard's trace";
     family.free("a.c", 8, block);
     EXPECT_CONTAINS(check(block), "not known");
 }

@@ -15,6 +15,7 @@
 #define FACTORED_FRAME "0x7c" // 32 bytes in units of -8
 #define NO_REGISTER    "17"
 #define SAVED_BX       "3" // the distance in words
+#define FAR_POINTER    "0x1c"
 #else
 #define ENTER          "sub $28, %esp\n mov %esp, (%esp)\n mov %ebx, 8(%esp)\n mov 28(%esp), %ebx\n"
 #define CALL           "call *32(%esp)\n"
@@ -26,6 +27,7 @@
 #define FACTORED_FRAME "0x78" // in units of -4
 #define NO_REGISTER    "9"
 #define SAVED_BX       "6"
+#define FAR_POINTER    "0x9b"
 #endif
 #define BX            "3"
 #define FRAME         " .cfi_def_cfa_offset 32\n"
@@ -89,6 +91,7 @@
     X(register, BARE_FRAME ESCAPE("0x09, " PC ", " BX))                                                 \
     X(saved, FRAME ESCAPE("0x05, " BX ", " SAVED_BX))                                                   \
     X(saved_vector, FRAME ESCAPE("0x05, " NO_REGISTER ", 1"))                                           \
+    X(handlers, " .cfi_lsda " FAR_POINTER ", odd_handlers\n" FRAME)                                     \
     X(arguments, FRAME ESCAPE("0x2e, 16"))                                                              \
     X(remembered, FRAME " .cfi_remember_state\n .cfi_def_cfa_offset 64\n .cfi_restore_state\n")         \
     X(far, " .skip 100, 0x90\n" FRAME                                                                   \
@@ -98,6 +101,7 @@
 
 #define UNKNOWN_FRAMES(X)                                                                               \
     X(unknown_operation, ADDRESS("3", SP_PLUS ", 32, 0x97"))                                            \
+    X(unknown_operation_on_two, ADDRESS("5", SP_PLUS ", 32, 0x31, 0x31, 0x97"))                         \
     X(pop_of_nothing, ADDRESS("1", "0x13"))                                                             \
     X(far_too_much, ADDRESS("10", "0x31, 0x31, 0x31, 0x31, 0x31, 0x31, 0x31, 0x31, " SP_PLUS ", 32"))   \
     X(vector_register, ADDRESS("2", "0x8f, 32"))                                                        \
