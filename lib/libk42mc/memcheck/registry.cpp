@@ -48,9 +48,9 @@ void print_wrong_type(const MCAllocRec &record, Site site, uint16_t type) {
     print_current_trace("Backtrace of the bad free:\n");
 }
 
-// Memory for a record: obtained and released without the lock, where it can be.
-MCAllocRec *new_record() {
-    return static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec)));
+void print_lost_record() {
+    const Printing printing;
+    MCSinkLine("============ MCAlloc", ": Memory allocation failure ===========\n");
 }
 
 void unlist(MCAllocRec *record) {
@@ -58,53 +58,71 @@ void unlist(MCAllocRec *record) {
         RecordList(gMCList).remove(*record);
 }
 
-// The record for an address, linked into the tree and out of the live list: the new one, which is null
-// then, or the one of a block that was released past the wrappers and may still be recorded there. Null
-// when memory ran out.
-MCAllocRec *enter(uintptr_t address, MCAllocRec *&record) {
-    if (record == nullptr) {
-        const Printing printing;
-        MCSinkLine("============ MCAlloc", ": Memory allocation failure ===========\n");
-        return nullptr;
-    }
-    record->address = address;
+void keep_frames(MCAllocRec &record, const Trace &trace) {
+    const auto frames = trace.innermost(MCAllocRec::most_frames);
+    record.frameCount = static_cast<uint32_t>(frames.size());
+    memcpy(record.frames, frames.data(), frames.size_bytes());
+}
+
+// All but the links. Where it can be without the lock: the record's memory is cold.
+void describe(MCAllocRec &record, Site site, uint16_t type, uintptr_t address, size_t size,
+              const Trace &trace) {
+    record.containers = 2;
+    record.key = {.line = site.line,
+                  .size = size,
+                  .type = type,
+                  .file = site.file != nullptr ? site.file : "(null)"};
+    record.cycles = 0;
+    record.address = address;
+    record.frameCount = 0;
+    if (trace.depth == Trace::deepest)
+        keep_frames(record, trace);
+}
+
+void copy_description(MCAllocRec &to, const MCAllocRec &from) {
+    to.containers = from.containers;
+    memcpy(&to.key, &from.key, sizeof from - offsetof(MCAllocRec, key));
+}
+
+// Links a record into the tree. Returns it, or the one of a block that was released past the wrappers
+// and is still recorded there, out of the live list and with the new one's description: the new one is
+// left to its owner then.
+MCAllocRec *enter(MCAllocRec *&record) {
     MCAllocRec *const stale = RecordTree(gMCTree).insert(*record);
     if (stale == nullptr)
         return std::exchange(record, nullptr);
     MCCountFree(stale->key.type, stale->key.size);
     unlist(stale);
+    copy_description(*stale, *record);
     return stale;
 }
 
-void keep_backtrace(MCAllocRec *record, Trace &trace) {
-    record->frameCount = 0;
-    if (!wants_backtrace(record->key))
-        return;
-    trace.capture(Trace::deepest);
-    const auto frames = trace.innermost(MCAllocRec::most_frames);
-    record->frameCount = static_cast<uint32_t>(frames.size());
-    memcpy(record->frames, frames.data(), frames.size_bytes());
+void settle_backtrace(MCAllocRec &record, Trace &trace) {
+    if (!wants_backtrace(record.key)) {
+        record.frameCount = 0;
+    } else if (trace.depth < Trace::deepest) {
+        trace.capture(Trace::deepest);
+        keep_frames(record, trace);
+    }
 }
 
-// Leaves memory that it does not need to its caller.
+// The description is null for a block that there is none of, or where there was no memory for it. Leaves
+// memory that it does not need to its caller.
 void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace &trace,
-                MCAllocRec *&memory) {
-    if (site.file == nullptr)
-        site.file = "(null)";
+                MCAllocRec *&described) {
     if (address == 0) {
         print_failed_allocation(site, size);
         return;
     }
     if (gMCTree == nullptr || type >= MC_ALLOCATOR_TYPES)
         return;
-    MCAllocRec *record = enter(address, memory);
-    if (record == nullptr)
+    if (described == nullptr) {
+        print_lost_record();
         return;
-    record->key = {.line = site.line, .size = size, .type = type, .file = site.file};
-    record->cycles = 0;
-    record->containers = 2;
+    }
+    MCAllocRec *const record = enter(described);
     RecordList(gMCList).insert_last(*record);
-    keep_backtrace(record, trace);
+    settle_backtrace(*record, trace);
     gMCAllocCycle[type].add(size);
     gMCAllocSinceReset[type].add(size);
 }
@@ -132,6 +150,15 @@ uintptr_t address_of(const void *user) {
     return reinterpret_cast<uintptr_t>(user);
 }
 
+// Null for no block, and where there is no memory. Obtained and released without the lock, where it can
+// be.
+MCAllocRec *new_record(Site site, uint16_t type, uintptr_t address, size_t size, const Trace &trace) {
+    auto *const record = address != 0 ? static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec))) : nullptr;
+    if (record != nullptr)
+        describe(*record, site, type, address, size, trace);
+    return record;
+}
+
 } // namespace
 
 int trace_depth() {
@@ -141,12 +168,12 @@ int trace_depth() {
 void record_block(Site site, uint16_t type, const void *user, size_t size, Trace &trace) {
     if (!checker_on())
         return;
-    MCAllocRec *memory = user != nullptr ? new_record() : nullptr;
+    MCAllocRec *record = new_record(site, type, address_of(user), size, trace);
     if (MCLock()) {
-        add_record(site, type, address_of(user), size, trace, memory);
+        add_record(site, type, address_of(user), size, trace, record);
         MCUnlock();
     }
-    free(memory);
+    free(record);
 }
 
 Assurance forget_block(Site site, uint16_t type, const void *user) {
@@ -199,11 +226,13 @@ void replace_record(const RecordInHand &hand, Site site, uint16_t type, const vo
         return;
     if (hand.generation == gMCGeneration)
         settle(hand.record, site, type);
-    MCAllocRec *memory = hand.record;
-    if (checker_on())
-        add_record(site, type, address_of(user), size, trace, memory);
+    MCAllocRec *record = hand.record;
+    if (checker_on()) {
+        describe(*record, site, type, address_of(user), size, trace);
+        add_record(site, type, address_of(user), size, trace, record);
+    }
     MCUnlock();
-    free(memory);
+    free(record);
 }
 
 } // namespace k42mc
@@ -212,9 +241,9 @@ using namespace k42mc;
 
 void MCAlloc(const char *file, int line, uint16_t type, uintptr_t address, size_t size) {
     Trace trace;
-    MCAllocRec *memory = address != 0 ? new_record() : nullptr;
-    add_record({file, line}, type, address, size, trace, memory);
-    free(memory);
+    MCAllocRec *record = new_record({file, line}, type, address, size, trace);
+    add_record({file, line}, type, address, size, trace, record);
+    free(record);
 }
 
 void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
