@@ -119,25 +119,23 @@ PROGRAMS = {
     "python3": (["/usr/bin/python3", WORK / "work.py"], {"PYTHONMALLOC": "malloc"}, 55),
     "a parser in C++": ([BUILDS[64] / "trace/parser"], {}, 55),
 }
+# Frames and bits of a path; what goals there are.
 TRACES = {
-    "repeated-16": ("the same 16 frames over and over", 1.3, 120),
-    "repeated-5": ("the same 5 frames over and over", 2.6, 100),
-    "paths-16": ("16 frames on 16 paths at random", 5, None),
-    "paths-512": ("16 frames on 512 paths at random", 5, None),
+    "the same 16 frames over and over": (16, 0, 1.3, 120),
+    "the same 5 frames over and over": (5, 0, 2.6, 100),
+    "16 frames on 16 paths at random": (16, 4, 5, None),
+    "16 frames on 512 paths at random": (16, 9, 5, None),
 }
 
 
-def measure_traces(width, rounds):
-    """{what: {walker: [nanoseconds, of each round]}}, less what calling nothing takes"""
-    output = subprocess.check_output([BUILDS[width] / "trace/bench_trace", str(rounds)], text=True)
+def measure_traces(width, frames, bits, rounds):
+    """{walker: [nanoseconds, of each round]}, less what calling nothing takes"""
+    command = [BUILDS[width] / "trace/bench_trace", str(frames), str(bits), str(rounds)]
     times = {}
-    for line in output.splitlines():
-        what, walker, nanoseconds = line.split()
-        times.setdefault(what, {}).setdefault(walker, []).append(float(nanoseconds))
-    return {
-        what: {name: [a - b for a, b in zip(all_, walkers["nothing"])] for name, all_ in walkers.items()}
-        for what, walkers in times.items()
-    }
+    for line in subprocess.check_output(command, text=True).splitlines():
+        walker, nanoseconds = line.split()
+        times.setdefault(walker, []).append(float(nanoseconds))
+    return {walker: [a - b for a, b in zip(all_, times["nothing"])] for walker, all_ in times.items()}
 
 
 def median_ratio(a, b):
@@ -174,8 +172,8 @@ def trace_tables(rounds):
     yield row(["trace", "bits", "ours, ns", "of the pointer walk", "goal", "`backtrace` takes", "goal"])
     yield row(["---"] * 7)
     for width in (64, 32):
-        for what, times in measure_traces(width, rounds).items():
-            name, goal, backtrace_goal = TRACES[what]
+        for name, (frames, bits, goal, backtrace_goal) in TRACES.items():
+            times = measure_traces(width, frames, bits, rounds)
             ours, pointers, libc = (times[walker] for walker in ("ours", "pointers", "backtrace"))
             # Of the medians: a round's walk can be lost in the noise of the calls that lead to it.
             ratio = statistics.median(ours) / statistics.median(pointers)

@@ -41,7 +41,7 @@ struct Segment {
 
     Frame start;
     uintptr_t end;                   // the place that it leads to
-    uint32_t module;                 // that has to be in its place, but for those that stay
+    uint16_t module;                 // that has to be in its place, but for those that stay
     uint32_t length;                 // from the stack pointer at the start to the one at the end
     uint32_t frame_pointer_distance; // from there to where the one at the end is saved
     bool starts_inside;              // the library's own leading frames go on
@@ -177,7 +177,7 @@ private:
     bool inside;
     uintptr_t end; // of the frames so far
     int frames = 0, others = 0;
-    uint32_t module = staying_module;
+    uint16_t module = staying_module;
     uintptr_t lowest = UINTPTR_MAX, highest = 0; // of the other words
     uintptr_t pointer_saved_at = 0;
     bool pointer_is_noted = false; // that pointer, as something that the walk went by

@@ -82,12 +82,12 @@ bool is_there(const Identity &identity, const FrameTable &now) {
 
 } // namespace
 
-uint32_t number_passing_module(const FrameTable &table) {
+uint16_t number_passing_module(const FrameTable &table) {
     const uint32_t claimed = gClaimed.load(std::memory_order_relaxed);
     for (uint32_t i = 0; i < claimed && i < most_modules; ++i)
         if (gModules[i].is_known.load(std::memory_order_acquire) &&
             is_there(gModules[i].identity, table))
-            return i + 1;
+            return static_cast<uint16_t>(i + 1);
     Identity identity;
     if (claimed >= most_modules || !identify(table, identity))
         return unknown_module;
@@ -96,10 +96,10 @@ uint32_t number_passing_module(const FrameTable &table) {
         return unknown_module;
     gModules[own].identity = identity;
     gModules[own].is_known.store(true, std::memory_order_release);
-    return own + 1;
+    return static_cast<uint16_t>(own + 1);
 }
 
-bool ModuleCheck::look_up(uint32_t number) {
+bool ModuleCheck::look_up(uint16_t number) {
     if (number == unknown_module)
         return false;
     const Identity &identity = gModules[number - 1].identity;

@@ -10,22 +10,22 @@ namespace k42mc::platform {
 
 // Numbers of modules: one that stays for good, one of those here, or one that nothing is kept of, since
 // it has no identity or there are too many.
-enum : uint32_t { staying_module = 0, unknown_module = UINT32_MAX };
+inline constexpr uint16_t staying_module = 0, unknown_module = UINT16_MAX;
 
-uint32_t number_passing_module(const FrameTable &table);
+uint16_t number_passing_module(const FrameTable &table);
 
 // Whether the module of a number is in its place: looked up once for a trace, which keeps the modules
 // that it leads through loaded.
 class ModuleCheck {
 public:
-    [[gnu::always_inline]] bool passes(uint32_t number) {
+    [[gnu::always_inline]] bool passes(uint16_t number) {
         return number == staying_module || number == in_place_ || look_up(number);
     }
 
 private:
-    bool look_up(uint32_t number);
+    bool look_up(uint16_t number);
 
-    uint32_t in_place_ = staying_module;
+    uint16_t in_place_ = staying_module;
 };
 
 } // namespace k42mc::platform

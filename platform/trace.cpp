@@ -30,7 +30,7 @@ template <class Notes>
                                            Notes &notes) {
     const UnwindRule rule = rule_of(frame.place, check);
     notes.applied(rule);
-    const auto distance = static_cast<uintptr_t>(rule.distance());
+    const auto distance = static_cast<uintptr_t>(intptr_t{rule.distance});
     uintptr_t frame_address, base;
     switch (rule.kind()) {
     case UnwindRule::from_stack_pointer:

@@ -66,7 +66,7 @@ UnwindRule shorten(const FrameInfo &info, const FrameRules &rules) {
     const UnwindRule::Kind kind = kind_of(info, rules, distance);
     if (kind == UnwindRule::unusual || !in_words(distance, UnwindRule::most_distance, distance_words))
         return unusual;
-    const UnwindRule rule = UnwindRule::of(kind, distance_words);
+    const UnwindRule rule = UnwindRule::of(kind, distance);
     if (pointer.how == How::same)
         return rule;
     if (!save_of(info, pointer, kind, save) || !in_words(save, UnwindRule::most_save, save_words))
@@ -77,9 +77,10 @@ UnwindRule shorten(const FrameInfo &info, const FrameRules &rules) {
 void keep(uintptr_t address, UnwindRule rule) {
     UnwindRuleSlot *slot = &gUnwindRules[first_slot(address)];
     for (int probe = 0; probe < most_probes; ++probe, ++slot) {
-        uint32_t free = 0;
-        if (slot->rule.compare_exchange_strong(free, rule.bits, std::memory_order_relaxed)) {
-            slot->module.store(rule.module, std::memory_order_relaxed);
+        uintptr_t free = 0;
+        if (slot->address.compare_exchange_strong(free, UnwindRuleSlot::claimed,
+                                                  std::memory_order_relaxed)) {
+            slot->rule = rule;
             slot->address.store(address, std::memory_order_release);
             return;
         }

@@ -22,32 +22,33 @@ struct UnwindRule {
         unusual,          // or nothing known: a matter for the full walk
     };
 
-    // In words: kind 3 bits, whether the frame pointer was saved 1, where 12, the distance 16.
-    uint32_t bits;
-    uint32_t module; // for as long as that is in its place
+    int32_t distance; // in bytes, ready for use: the next frame waits for it
+    // The kind in 3 bits, whether the frame pointer was saved in 1, where, in words, in 12.
+    int16_t bits;
+    uint16_t module; // for as long as that is in its place
 
-    static constexpr int most_distance = 0x7fff, most_save = 0x7ff;
+    static constexpr int most_distance = 0x7fffff, most_save = 0x7ff;
 
-    static UnwindRule of(Kind kind) { return {kind, unknown_module}; }
-    static UnwindRule of(Kind kind, int distance) {
-        return {kind | static_cast<uint32_t>(distance) << 16, unknown_module};
+    static UnwindRule of(Kind kind, intptr_t distance = 0) {
+        return {static_cast<int32_t>(distance), static_cast<int16_t>(kind), unknown_module};
     }
     UnwindRule saving_at(int save) const {
-        return {bits | 8u | (static_cast<uint32_t>(save) & 0xfffu) << 4, module};
+        return {distance, static_cast<int16_t>(bits | 8 | save * 16), module};
     }
 
-    Kind kind() const { return static_cast<Kind>(bits & 7u); }
-    intptr_t distance() const { return (static_cast<int32_t>(bits) >> 16) * word; }
-    bool saves_frame_pointer() const { return bits & 8u; }
+    Kind kind() const { return static_cast<Kind>(bits & 7); }
+    bool saves_frame_pointer() const { return bits & 8; }
     // From the frame address, or from the frame pointer where that leads to the frame address.
-    intptr_t save() const { return (static_cast<int32_t>(bits << 16) >> 20) * word; }
+    intptr_t save() const { return (bits >> 4) * word; }
 };
 
 // Slots are filled once and never change, so that reading takes no lock: the rule is there before its
 // address is. Modules that took one another's place have slots side by side.
-struct UnwindRuleSlot {
+struct alignas(16) UnwindRuleSlot {
+    static constexpr uintptr_t claimed = 1; // in place of the address: the rule is being written
+
     std::atomic<uintptr_t> address;
-    std::atomic<uint32_t> rule, module;
+    UnwindRule rule;
 };
 
 // 32,768 call sites; past 16 probes a miss costs less than the search.
@@ -55,8 +56,10 @@ inline constexpr int rule_slot_bits = 15;
 inline constexpr int most_probes = 16;
 extern constinit UnwindRuleSlot gUnwindRules[(1 << rule_slot_bits) + most_probes];
 
-[[gnu::always_inline]] inline uint32_t first_slot(uintptr_t address) {
-    return static_cast<uint32_t>(static_cast<uint32_t>(address) * 0x9e3779b1u >> (32 - rule_slot_bits));
+[[gnu::always_inline]] inline uintptr_t first_slot(uintptr_t address) {
+    // Every walk waits for this, too: no multiplication. Calls that are near each other fall apart by
+    // the low bits.
+    return (address ^ address >> rule_slot_bits) & ((uintptr_t{1} << rule_slot_bits) - 1);
 }
 
 // Works the rule out, and keeps it if the module is known.
@@ -66,9 +69,8 @@ UnwindRule learn_rule(uintptr_t return_address);
     const UnwindRuleSlot *slot = &gUnwindRules[first_slot(return_address)];
     for (int probe = 0; probe < most_probes; ++probe, ++slot) {
         const uintptr_t address = slot->address.load(std::memory_order_acquire);
-        const uint32_t module = slot->module.load(std::memory_order_relaxed);
-        if (address == return_address && check.passes(module)) [[likely]]
-            return {slot->rule.load(std::memory_order_relaxed), module};
+        if (address == return_address && check.passes(slot->rule.module)) [[likely]]
+            return slot->rule;
         if (address == 0)
             break;
     }

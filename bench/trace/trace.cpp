@@ -1,5 +1,8 @@
-// Times the walkers: the same trace over and over, and traces along changing paths of calls. Prints, for
-// each round, a line "what walker nanoseconds"; the walkers take turns in each.
+// Times the walkers at traces of so many frames, along as many paths of calls as so many bits tell
+// apart: always the same one with 0. Prints, for each round, a line "walker nanoseconds"; the walkers
+// take turns.
+//
+//   bench_trace <frames> <bits> <rounds>
 #include "walkers.h"
 
 #include <cstdio>
@@ -78,7 +81,7 @@ void along_paths(int bits, Run &run) {
     run.seconds = now() - start;
 }
 
-void measure(const char *what, int most, int path_bits, long count) {
+void measure(int most, int path_bits, long count) {
     for (const auto &[name, walk] : contestants) {
         // Those that take a microsecond or more are timed on fewer.
         const bool slow = walk == walk_libc || walk == walk_compiler;
@@ -87,7 +90,7 @@ void measure(const char *what, int most, int path_bits, long count) {
             left(depth, 0x2a5a5, repeat, run);
         else
             along_paths(path_bits, run);
-        std::printf("%s %s %.3f\n", what, name, 1e9 * run.seconds / double(run.count));
+        std::printf("%s %.3f\n", name, 1e9 * run.seconds / double(run.count));
     }
 }
 
@@ -95,11 +98,9 @@ void measure(const char *what, int most, int path_bits, long count) {
 
 int main(int count, char **arguments) {
     set_stack_end(__builtin_frame_address(0));
-    const long rounds = count > 1 ? std::atol(arguments[1]) : 5;
-    for (long round = 0; round < rounds; ++round) {
-        measure("repeated-16", 16, 0, 200000);
-        measure("repeated-5", 5, 0, 200000);
-        measure("paths-16", 16, 4, 100000);
-        measure("paths-512", 16, 9, 100000);
-    }
+    if (count < 4)
+        return 2;
+    const int most = std::atoi(arguments[1]), path_bits = std::atoi(arguments[2]);
+    for (long round = std::atol(arguments[3]); round > 0; --round)
+        measure(most, path_bits, path_bits == 0 ? 200000 : 100000);
 }
