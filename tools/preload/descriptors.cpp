@@ -121,7 +121,7 @@ bool descriptors_watched() {
         return opened(#name, NEXT(name)(folder, path, flags, mode));                                    \
     }
 #define ROUTE_CLOSE(name, type)                                                                         \
-    EXPORTED int name(type *handle) {                                                                   \
+    EXPORTED int name(type handle) {                                                                    \
         return closes(#name, handle) ? NEXT(name)(handle) : -1;                                         \
     }
 #define ROUTE_REOPEN(name)                                                                              \
@@ -201,9 +201,9 @@ EXPORTED int close(int descriptor) {
     return NEXT(close)(descriptor);
 }
 
-ROUTE_CLOSE(fclose, FILE)
-ROUTE_CLOSE(pclose, FILE)
-ROUTE_CLOSE(closedir, DIR)
+ROUTE_CLOSE(fclose, FILE *)
+ROUTE_CLOSE(pclose, FILE *)
+ROUTE_CLOSE(closedir, DIR *)
 ROUTE_REOPEN(freopen)
 ROUTE_REOPEN(freopen64)
 }

@@ -135,6 +135,6 @@ void note_defects() {
 }
 
 long number_in(const char *variable, long otherwise) {
-    const char *text = getenv(variable);
-    return text != nullptr ? strtol(text, nullptr, 10) : otherwise;
+    const char *value = getenv(variable);
+    return value != nullptr ? strtol(value, nullptr, 10) : otherwise;
 }

@@ -147,7 +147,7 @@ void switch_on() {
         watch_descriptors();
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     __cxa_atexit(finish_at_exit, nullptr, nullptr);
-    at_quick_exit(finish);
+    (void)at_quick_exit(finish);
     start_reporter(report);
     errno = saved_errno;
 }

@@ -72,6 +72,7 @@ const char *renew(std::atomic<SiteName *> &slot, SiteName *known, const void *ca
     else if (slot.compare_exchange_strong(known, own))
         return own->text; // what records go by stays for good
     __libc_free(own);
+    // cppcheck-suppress nullPointerRedundantCheck ; a name that came between is one
     return known->caller == caller ? known->text : nullptr;
 }
 

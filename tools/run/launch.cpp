@@ -67,9 +67,9 @@ std::string find_program(const std::string &name) {
     const char *path = getenv("PATH");
     std::istringstream folders(path != nullptr ? path : "/usr/bin:/bin");
     for (std::string folder; std::getline(folders, folder, ':');) {
-        const std::string candidate = folder + "/" + name;
-        if (access(candidate.c_str(), X_OK) == 0)
-            return candidate;
+        folder.append("/").append(name);
+        if (access(folder.c_str(), X_OK) == 0)
+            return folder;
     }
     return name;
 }
@@ -99,6 +99,7 @@ std::string lay_out_preload(const std::string &folder, const std::string &progra
 
 int launch(const std::vector<std::string> &command, const std::vector<Setting> &environment) {
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &word : command)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
