@@ -1,7 +1,7 @@
 #include "checker_lock.h"
 
 constinit uint8_t gK42MCOn = 0;
-constinit pthread_mutex_t gMCLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+constinit pthread_mutex_t gMCLock = k42mc::unlocked_checker;
 constexpr const char *const gAllocatorType[MC_ALLOCATOR_TYPES] = {"STD", "SYS", "FIX", "VAR", "SHM"};
 
 constinit thread_local bool k42mc::thread_is_printing = false;

@@ -7,6 +7,9 @@
 
 namespace k42mc {
 
+// It is held for less than it takes to sleep and be woken, so who waits tries for a while.
+inline constexpr pthread_mutex_t unlocked_checker = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+
 // While this is set, what the thread allocates and releases is guarded and not recorded.
 extern constinit thread_local bool thread_is_printing;
 

@@ -1,5 +1,6 @@
 #include "fork.h"
 
+#include "checker_lock.h"
 #include "errno_keeper.h"
 #include "fdcheck/state.h"
 #include "linkage.h"
@@ -34,7 +35,7 @@ void after_fork_in_parent() {
 // The child's only thread is not the one that took the locks, as the system counts threads.
 void after_fork_in_child() {
     gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
-    gMCLock = PTHREAD_MUTEX_INITIALIZER;
+    gMCLock = unlocked_checker;
     gFDLock = PTHREAD_MUTEX_INITIALIZER;
     platform::renew_stream_list();
     if (forked_among_threads)
