@@ -14,6 +14,7 @@ import subprocess
 import tempfile
 
 import containers
+import misses
 import programs
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
@@ -229,6 +230,8 @@ def main():
 
     lines = ["# Results", "", f"{'A rough picture, by ' if options.quick else 'By '}`./dev bench{' --quick' if options.quick else ''}` on", *machine(), ""]
     lines += traffic_tables(measure_traffic(rounds, loads, pairs))
+    if not options.quick:
+        lines += misses.table(BUILDS[64], row)
     lines += report_table(min(rounds, 3))
     lines += trace_tables(rounds)
     lines += programs.tables(STATEMENTS, min(rounds, 1 if options.quick else 3), row)

@@ -105,6 +105,10 @@ struct Finding {
 };
 
 void store_trace(Word *words, std::span<void *const> frames) {
+    if (frames.size() == K42MC_GUARD_TRACE) [[likely]] {
+        __builtin_memcpy(words, frames.data(), K42MC_GUARD_TRACE * sizeof *words);
+        return;
+    }
     for (size_t i = 0; i < K42MC_GUARD_TRACE; ++i)
         words[i].value = i < frames.size() ? address_of(frames[i]) : 0;
 }
@@ -116,9 +120,9 @@ std::array<uintptr_t, K42MC_GUARD_TRACE> load_trace(const Word *words) {
     return trace;
 }
 
-void store_pattern(Word *words, const std::array<uintptr_t, marked_words> &pattern, size_t count) {
-    for (size_t i = 0; i < count; ++i)
-        words[i].value = pattern[i];
+template <size_t count>
+void store_pattern(Word *words, const std::array<uintptr_t, marked_words> &pattern) {
+    __builtin_memcpy(words, pattern.data(), count * sizeof *words);
 }
 
 bool carries_pattern(const Word *words, const std::array<uintptr_t, marked_words> &pattern) {
@@ -256,10 +260,10 @@ void mark_as_freed(uintptr_t user, const Layout &layout) {
     Trace trace;
     trace.capture(K42MC_GUARD_TRACE);
     Word *header = words_at(user - guard_bytes);
-    store_pattern(header, free_words, marked_words);
+    store_pattern<marked_words>(header, free_words);
     header[freed_tail_word].value = layout.tail;
     Word *tail = words_at(layout.tail);
-    store_pattern(tail, free_words, freed_trace_word);
+    store_pattern<freed_trace_word>(tail, free_words);
     store_trace(tail + freed_trace_word, trace.innermost(K42MC_GUARD_TRACE));
 }
 
@@ -278,7 +282,7 @@ void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size
         static_cast<uintptr_t>(std::countr_zero(alignment)) << log2_shift | (at - address_of(raw));
     header[raw_size_word].value = raw_size;
     Word *tail = words_at(at - alignment + raw_size - (guard_bytes - 1));
-    store_pattern(tail, tail_words, marked_words);
+    store_pattern<marked_words>(tail, tail_words);
     tail[arena_word].value = arena;
     return pointer_to(user);
 }
