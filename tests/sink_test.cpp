@@ -2,9 +2,11 @@
 #include "checker.h"
 #include "ended.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <fnmatch.h>
 #include <fstream>
+#include <sys/stat.h>
 #include <vector>
 
 namespace {
@@ -102,6 +104,20 @@ TEST_F(Sink, IsNeverReachedThroughASymbolicLink) {
         fs::create_symlink(victim, reports / name_in(ahead));
     init(MC_TO_FILE, 0);
     EXPECT_EQ(contents(victim), "precious");
+}
+
+// Somebody reads there, so that it could be opened.
+TEST_F(Sink, IsNoPipe) {
+    fs::create_directories(reports);
+    std::vector<int> readers;
+    for (int ahead = 0; ahead < 5; ++ahead) {
+        const fs::path pipe = reports / name_in(ahead);
+        ASSERT_EQ(mkfifo(pipe.c_str(), 0666), 0);
+        readers.push_back(open(pipe.c_str(), O_RDONLY | O_NONBLOCK));
+    }
+    EXPECT_CONTAINS(init(MC_TO_FILE, 0), fallback.string() + "sink_test.MC.");
+    for (const int reader : readers)
+        close(reader);
 }
 
 TEST_F(Sink, TakesLongReportsOffTheTerminal) {
