@@ -134,17 +134,16 @@ public:
             note(segment.other, others, address, place);
         else
             note(segment.returns, frames, address, place);
+        segment.end = place;
         end = address + sizeof(uintptr_t);
         --steps_left;
     }
 
-    // With where the walk has got to.
-    void complete(const Frame &now) {
+    void complete() {
         if (!is_sound || (end == start.stack_pointer && !segment.is_last) ||
             lowest < start.stack_pointer || highest + sizeof(uintptr_t) > end ||
             end - start.stack_pointer > UINT32_MAX)
             return;
-        segment.end = now.place;
         segment.module = module;
         segment.length = distance(end);
         segment.moves_frame_pointer = pointer_saved_at != 0;

@@ -110,7 +110,7 @@ struct Walk {
     Outcome outcome = Outcome::went_on;
     while (recorder.has_room() && (outcome = step(stack, frame, check, recorder)) == Outcome::went_on)
         chain.add(frame.place);
-    recorder.complete(frame);
+    recorder.complete();
     memo.check = check;
     walk.frame = frame;
     walk.chain = chain;
