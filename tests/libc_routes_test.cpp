@@ -3,10 +3,12 @@
 #include "failing_malloc.h"
 #include "random.h"
 
+#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cwchar>
 #include <malloc.h>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -59,6 +61,30 @@ TEST(LibcRoutes, ReadDelimitedTextAsLibcDoes) {
     errno = 0;
     EXPECT_EQ(k42mcx_plain_getline(nullptr, nullptr, stdin), -1);
     EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(LibcRoutes, ReadWholeLinesBesideOtherThreads) {
+    constexpr int count = 100000;
+    const std::string line = "a line of text\n";
+    std::string data;
+    for (int i = 0; i < count; ++i)
+        data += line;
+    FILE *stream = fmemopen(data.data(), data.size(), "r");
+    std::atomic<int> ready = 0, whole = 0;
+    const auto read = [&] {
+        for (++ready; ready < 2;) {
+        }
+        char *buffer = nullptr;
+        size_t capacity = 0;
+        while (k42mcx_getline(file, 1, &buffer, &capacity, stream) >= 0)
+            whole += buffer == line;
+        k42MC_free(file, 2, buffer);
+    };
+    std::thread other(read);
+    read();
+    other.join();
+    fclose(stream);
+    EXPECT_EQ(whole, count);
 }
 
 // The model is a string: libc forgets what lies behind the position once it has been moved back.

@@ -107,6 +107,19 @@ TEST(Symbols, CopeWithAddressesOfNothing) {
     EXPECT_EQ(errno, ERANGE);
 }
 
+// The executable's file gets its number.
+TEST(Symbols, NeedNoStandardInput) {
+    Chain::outer();
+    const int kept = dup(STDIN_FILENO);
+    const std::string line = captured_stdout([&] {
+        close(STDIN_FILENO);
+        shim_symbols(trace + 1, 1, STDOUT_FILENO);
+        dup2(kept, STDIN_FILENO);
+    });
+    close(kept);
+    EXPECT_CONTAINS(line, "middle");
+}
+
 TEST(Symbols, FollowADeletedExecutable) {
     const std::string copy = fs::temp_directory_path() / ("platform_test." + std::to_string(getpid()));
     fs::copy(own_path(), copy);
