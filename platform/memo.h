@@ -1,7 +1,7 @@
 // Traces seen before. A segment remembers what a few steps of a walk read: as long as every slot on the
 // stack holds what it held, and the walk comes to the same place with the same pointers, it would read
-// the same again and come to the same end, by induction. So the slots are compared, all at once where
-// the walk has to wait for each before it knows the next.
+// the same again and come to the same end, by induction. So the slots are compared, none of which
+// waits for another, where the walk has to wait for each before it knows the next.
 //
 // Segments are short, since calls mostly differ in the innermost frames: the outer ones are found again
 // by what the inner ones lead to. None leads through a signal frame, or through two modules that can be

@@ -7,7 +7,8 @@
 
 namespace k42mc {
 
-// It is held for less than it takes to sleep and be woken, so who waits tries for a while.
+// What gMCLock is at first, and in a forked child. It is mostly held for less than it takes to sleep and
+// be woken, so who waits tries for a while.
 inline constexpr pthread_mutex_t unlocked_checker = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
 
 // While this is set, what the thread allocates and releases is guarded and not recorded.
