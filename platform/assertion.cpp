@@ -1,4 +1,4 @@
-#include "platform.h"
+#include "platform/platform.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -6,7 +6,7 @@
 
 #include <unistd.h>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 void assertion_failed(const char *expression, const char *file, int line, const char *function) {
     char text[1024];
@@ -17,4 +17,4 @@ void assertion_failed(const char *expression, const char *file, int line, const 
     abort();
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

@@ -1,12 +1,12 @@
-#include "bytes.h"
+#include "platform/bytes.h"
 
-#include "platform.h"
-#include "unsanitized.h"
+#include "platform/platform.h"
+#include "platform/unsanitized.h"
 
 #include <algorithm>
 #include <cerrno>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 // Reads through a volatile pointer, lest the loop becomes a call of memcpy, which sanitizers watch.
@@ -67,4 +67,4 @@ size_t fetch(Source source, uint64_t offset, void *to, size_t size) {
                            : fetch_file(source.file, offset, bytes, size);
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

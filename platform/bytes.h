@@ -6,7 +6,7 @@
 
 #include <unistd.h>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 // Something that has bytes at offsets.
 struct Source {
@@ -21,4 +21,4 @@ template <typename Record> bool fetch(Source source, uint64_t offset, Record &re
     return fetch(source, offset, &record, sizeof record) == sizeof record;
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

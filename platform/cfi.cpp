@@ -1,7 +1,7 @@
-#include "cfi.h"
+#include "platform/cfi.h"
 
-#include "dwarf.h"
-namespace k42mc::platform {
+#include "platform/dwarf.h"
+namespace k42mc::internal::platform {
 namespace {
 
 using dwarf::Reader;
@@ -219,4 +219,4 @@ bool rules_at(const FrameInfo &info, uintptr_t pc, FrameRules &rules) {
     return Interpreter(info, pc, rules).run();
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

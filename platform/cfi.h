@@ -1,10 +1,10 @@
 // The program of call-frame information that leads to the rules in force at one instruction.
 #pragma once
 
-#include "frame_info.h"
-#include "registers.h"
+#include "platform/frame_info.h"
+#include "platform/registers.h"
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 // Where a register's value in the caller is to be found.
 struct RegisterRule {
@@ -33,4 +33,4 @@ struct FrameRules {
 // Returns false for a program that is damaged or does what compilers do not write.
 bool rules_at(const FrameInfo &info, uintptr_t pc, FrameRules &rules);
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

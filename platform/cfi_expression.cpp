@@ -1,7 +1,7 @@
-#include "cfi_expression.h"
+#include "platform/cfi_expression.h"
 
-#include "dwarf.h"
-namespace k42mc::platform {
+#include "platform/dwarf.h"
+namespace k42mc::internal::platform {
 namespace {
 
 using dwarf::Reader;
@@ -209,4 +209,4 @@ bool evaluate(const FrameInfo &info, intptr_t expression, const Registers &regis
     return result != 0;
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

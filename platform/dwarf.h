@@ -5,7 +5,7 @@
 #include <stdint.h>
 #include <string.h>
 
-namespace k42mc::platform::dwarf {
+namespace k42mc::internal::platform::dwarf {
 
 // How pointers are encoded: a format, what it is relative to, and whether it points to the pointer.
 enum : uint8_t {
@@ -106,4 +106,4 @@ private:
     uintptr_t at_, end_;
 };
 
-} // namespace k42mc::platform::dwarf
+} // namespace k42mc::internal::platform::dwarf

@@ -1,10 +1,10 @@
-#include "frame_info.h"
+#include "platform/frame_info.h"
 
-#include "dwarf.h"
+#include "platform/dwarf.h"
 
 #include <dlfcn.h>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 using namespace dwarf;
@@ -150,4 +150,4 @@ bool find_frame_info(uintptr_t pc, FrameInfo &info) {
            read_frame_info(table, index, pc, info);
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

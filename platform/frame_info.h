@@ -5,7 +5,7 @@
 
 #include <link.h>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 // A frame description entry and the common information entry that it refers to.
 struct FrameInfo {
@@ -39,4 +39,4 @@ bool read_frame_info(const FrameTable &table, uint32_t index, uintptr_t pc, Fram
 // All in one.
 bool find_frame_info(uintptr_t pc, FrameInfo &info);
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

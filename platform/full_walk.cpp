@@ -1,10 +1,10 @@
-#include "full_walk.h"
+#include "platform/full_walk.h"
 
-#include "cfi.h"
-#include "cfi_expression.h"
-#include "stack.h"
+#include "platform/cfi.h"
+#include "platform/cfi_expression.h"
+#include "platform/stack.h"
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 using How = RegisterRule::How;
@@ -95,7 +95,7 @@ private:
 
 } // namespace
 
-[[gnu::noinline]] void full_walk(CallChain &chain) {
+[[gnu::noinline]] void full_walk(TraceBuffer &chain) {
     Registers start = {};
     capture(start);
     Walk walk(start);
@@ -103,4 +103,4 @@ private:
         chain.add(walk.place());
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

@@ -2,10 +2,10 @@
 // by short rules, which leaves to it what passes a signal handler or a function in unusual assembly.
 #pragma once
 
-#include "call_chain.h"
+#include "platform/trace_buffer.h"
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
-void full_walk(CallChain &chain);
+void full_walk(TraceBuffer &chain);
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

@@ -1,8 +1,8 @@
-#include "platform.h"
+#include "platform/platform.h"
 
 #include <chrono>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 // How far local time was ahead of UTC when it was last converted.
@@ -35,4 +35,4 @@ void freeze_utc_offset() {
     converts = false;
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

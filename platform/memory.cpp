@@ -1,4 +1,4 @@
-#include "platform.h"
+#include "platform/platform.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -6,7 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 constexpr uintptr_t kernel_signal_set_bytes = 8;
@@ -45,4 +45,4 @@ bool readable(const void *address, size_t size) {
     return result;
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

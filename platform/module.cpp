@@ -1,15 +1,15 @@
 // Nothing that is read here is believed: a file may be damaged, cut short or replaced, and a module may
 // be on its way out. Every access goes through fetch, which answers how much there was.
-#include "module.h"
+#include "platform/module.h"
 
-#include "bytes.h"
+#include "platform/bytes.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include <link.h>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 using FileHeader = ElfW(Ehdr);
@@ -168,4 +168,4 @@ size_t find_function(const Module &module, int file, uintptr_t address, std::spa
     return length;
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

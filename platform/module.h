@@ -6,7 +6,7 @@
 
 #include <span>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 struct Module {
     uintptr_t begin, end; // its mapping; the ELF header comes first
@@ -20,4 +20,4 @@ struct Module {
 size_t find_function(const Module &module, int file, uintptr_t address, std::span<char> name,
                      uintptr_t &function);
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

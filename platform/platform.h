@@ -10,7 +10,7 @@
 
 #include <span>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 // ---- Traces ----
 
@@ -91,4 +91,4 @@ void write_all(int descriptor, const char *bytes, size_t size);
 [[noreturn]] void assertion_failed(const char *expression, const char *file, int line,
                                    const char *function);
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

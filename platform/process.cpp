@@ -1,4 +1,4 @@
-#include "platform.h"
+#include "platform/platform.h"
 
 #include <cerrno>
 
@@ -7,7 +7,7 @@
 #include <sys/single_threaded.h>
 #include <unistd.h>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 const char *progname() {
     return program_invocation_short_name;
@@ -35,4 +35,4 @@ uint64_t descriptor_limit() {
     return limit.rlim_cur;
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

@@ -3,7 +3,7 @@
 
 #include <stdint.h>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 constexpr intptr_t word = sizeof(uintptr_t);
 
@@ -58,4 +58,4 @@ struct Registers {
 #endif
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

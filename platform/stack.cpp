@@ -2,9 +2,9 @@
 // program was started with, those of other threads below their control block, which the C library puts
 // at the top of the stack. Whether a stack pointer belongs to that stack is seen from the pages between,
 // all of which can be read then: below each thread's stack lies a page that cannot.
-#include "stack.h"
+#include "platform/stack.h"
 
-#include "platform.h"
+#include "platform/platform.h"
 
 #include <algorithm>
 #include <atomic>
@@ -15,7 +15,7 @@ extern "C" {
 extern void *__libc_stack_end;
 }
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 constinit thread_local Stack own_stack = {0, 0};
 
@@ -63,4 +63,4 @@ Stack find_stack(uintptr_t stack_pointer) {
     return {low, high};
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

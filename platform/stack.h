@@ -1,9 +1,9 @@
 // The memory that a walk may read: a stack from the innermost frame up.
 #pragma once
 
-#include "registers.h"
+#include "platform/registers.h"
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 struct Stack {
     uintptr_t low, high; // high is the first byte behind
@@ -30,4 +30,4 @@ inline uintptr_t load(uintptr_t address) {
     return *reinterpret_cast<const uintptr_t *>(address);
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

@@ -2,12 +2,12 @@
 // goes on with those loaded later. So the first part is found by following needs, without a look at a
 // module that another thread may be unloading: the loader itself belongs to it with all that stand
 // before, and so does the next one behind as long as it is what a module before asked for by this name.
-#include "startup_modules.h"
+#include "platform/startup_modules.h"
 
 #include <atomic>
 #include <cstdint>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 constinit std::atomic<const link_map *> gLastStartupModule = nullptr;
@@ -75,4 +75,4 @@ bool is_startup_module(const link_map *module) {
     return false;
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

@@ -1,5 +1,5 @@
-#include "platform.h"
-#include "unsanitized.h"
+#include "platform/platform.h"
+#include "platform/unsanitized.h"
 
 #include <sys/stat.h>
 
@@ -8,7 +8,7 @@ extern "C" void _IO_list_lock(void);
 extern "C" void _IO_list_unlock(void);
 extern "C" void _IO_list_resetlock(void);
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 // Of the flags of libc's streams: the upper half says that this is one, and a closed one can do neither.
@@ -47,4 +47,4 @@ void renew_stream_list() {
     _IO_list_resetlock();
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

@@ -1,7 +1,7 @@
-#include "platform.h"
+#include "platform/platform.h"
 
-#include "bytes.h"
-#include "module.h"
+#include "platform/bytes.h"
+#include "platform/module.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,7 +11,7 @@
 #include <link.h>
 #include <sys/auxv.h>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 struct Line {
@@ -151,4 +151,4 @@ void stay_loaded() {
         dlopen(found.dlfo_link_map->l_name, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

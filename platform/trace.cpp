@@ -1,16 +1,16 @@
-// Walks the stack by the short rules of unwind_rules.h, a look-up and two loads a frame, or by the memo
+// Walks the stack by the short rules of unwind_rules.h, a look-up and two loads a frame, or by the cache
 // of walks before. Every load is checked against the bounds of the stack, and each caller has to lie
 // higher than what it called, so that a damaged stack ends the trace. Code without call-frame
 // information ends it, too, such as what a compiler has made at run time.
-#include "platform.h"
+#include "platform/platform.h"
 
-#include "call_chain.h"
-#include "full_walk.h"
-#include "memo.h"
-#include "stack.h"
-#include "unwind_rules.h"
+#include "platform/full_walk.h"
+#include "platform/stack.h"
+#include "platform/trace_buffer.h"
+#include "platform/trace_cache.h"
+#include "platform/unwind_rules.h"
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 namespace {
 
 enum class Outcome { went_on, ended, unusual };
@@ -81,11 +81,11 @@ struct Walk {
 
     Stack stack;
     Frame frame;
-    CallChain chain;
+    TraceBuffer chain;
 };
 
 [[gnu::noinline, gnu::cold]] int walk_again(void **frames, int most) {
-    CallChain chain(frames, most);
+    TraceBuffer chain(frames, most);
     full_walk(chain);
     return most - chain.room();
 }
@@ -101,45 +101,46 @@ struct Walk {
     return outcome == Outcome::unusual ? walk_again(frames, most) : most - walk.chain.room();
 }
 
-[[gnu::noinline]] Outcome walk_new_segment(Walk &walk, Memo &memo, int most_frames) {
+[[gnu::noinline]] Outcome walk_new_segment(Walk &walk, TraceCache &cache, int most_frames) {
     const Stack stack = walk.stack;
     Frame frame = walk.frame;
-    CallChain chain = walk.chain;
-    ModuleCheck check = memo.check;
-    Recorder recorder(memo.place_for(frame), frame, chain, most_frames);
+    TraceBuffer chain = walk.chain;
+    ModuleCheck check = cache.check;
+    Recorder recorder(cache.place_for(frame), frame, chain, most_frames);
     Outcome outcome = Outcome::went_on;
     while (recorder.has_room() && (outcome = step(stack, frame, check, recorder)) == Outcome::went_on)
         chain.add(frame.place);
     recorder.complete();
-    memo.check = check;
+    cache.check = check;
     walk.frame = frame;
     walk.chain = chain;
     return outcome;
 }
 
-[[gnu::always_inline]] inline Outcome follow(Walk &walk, const Segment &segment) {
+[[gnu::always_inline]] inline Outcome follow(Walk &walk, const CachedSegment &segment) {
     walk.chain.extend(segment.frames);
     segment.go(walk.frame);
     return segment.is_last ? Outcome::ended : Outcome::went_on;
 }
 
-// Goes on where the memo does not know the way, and by the memo again where it does.
-[[gnu::noinline]] int walk_and_learn(void **frames, int most, Walk walk, Memo &memo) {
+// Goes on where the cache does not know the way, and by the cache again where it does.
+[[gnu::noinline]] int walk_and_learn(void **frames, int most, Walk walk, TraceCache &cache) {
     Outcome outcome;
-    int most_frames = walk.chain.room() + 1 < most ? Segment::most_frames : Segment::innermost_frames;
+    int most_frames =
+        walk.chain.room() + 1 < most ? CachedSegment::most_frames : CachedSegment::innermost_frames;
     int unknown = 0;
     const auto goes_on = [&] { return outcome == Outcome::went_on && walk.chain.room() > 0; };
     do {
         const int room = walk.chain.room();
-        outcome = walk_new_segment(walk, memo, most_frames);
+        outcome = walk_new_segment(walk, cache, most_frames);
         unknown += room - walk.chain.room();
-        most_frames = Segment::most_frames;
-        const Segment *segment;
-        while (goes_on() && (segment = memo.find(walk.frame, walk.stack.high, walk.chain)))
+        most_frames = CachedSegment::most_frames;
+        const CachedSegment *segment;
+        while (goes_on() && (segment = cache.find(walk.frame, walk.stack.high, walk.chain)))
             outcome = follow(walk, *segment);
     } while (goes_on());
     const int count = most - walk.chain.room();
-    memo.give_back(count, unknown);
+    cache.release(count, unknown);
     return outcome == Outcome::unusual ? walk_again(frames, most) : count;
 }
 
@@ -153,20 +154,20 @@ int backtrace_skip(void **frames, int most) {
     // A function that asks for its frame's address has a frame pointer.
     const auto base = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
     const Frame start = {load(base + word), base + 2 * word, load(base)};
-    Memo *const memo = Memo::take();
-    if (!memo)
+    TraceCache *const cache = TraceCache::acquire();
+    if (!cache)
         return walk(frames, most, start);
     Walk walk(frames, most, start);
     while (walk.chain.room() > 0) {
-        const Segment *segment = memo->find(walk.frame, walk.stack.high, walk.chain);
+        const CachedSegment *segment = cache->find(walk.frame, walk.stack.high, walk.chain);
         if (!segment)
-            return walk_and_learn(frames, most, walk, *memo);
+            return walk_and_learn(frames, most, walk, *cache);
         if (follow(walk, *segment) == Outcome::ended)
             break;
     }
     const int count = most - walk.chain.room();
-    memo->give_back(count);
+    cache->release(count);
     return count;
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

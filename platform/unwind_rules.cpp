@@ -1,10 +1,10 @@
-#include "unwind_rules.h"
+#include "platform/unwind_rules.h"
 
-#include "cfi.h"
-#include "dwarf.h"
-#include "startup_modules.h"
+#include "platform/cfi.h"
+#include "platform/dwarf.h"
+#include "platform/startup_modules.h"
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 constinit UnwindRuleSlot gUnwindRules[(1 << rule_slot_bits) + most_probes] = {};
 
@@ -107,4 +107,4 @@ UnwindRule learn_rule(uintptr_t called_from) {
     return rule;
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

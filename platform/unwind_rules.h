@@ -4,12 +4,12 @@
 // was saved, at a fixed distance again.
 #pragma once
 
-#include "passing_modules.h"
-#include "registers.h"
+#include "platform/registers.h"
+#include "platform/unloadable_modules.h"
 
 #include <atomic>
 
-namespace k42mc::platform {
+namespace k42mc::internal::platform {
 
 // The frame address, as everywhere here, is the caller's stack pointer.
 struct UnwindRule {
@@ -77,4 +77,4 @@ UnwindRule learn_rule(uintptr_t return_address);
     return learn_rule(return_address);
 }
 
-} // namespace k42mc::platform
+} // namespace k42mc::internal::platform

@@ -15,7 +15,7 @@ SOURCES = (
     "lib/libk42mc/**/*.cpp",
     "common/lib/libk42mc/**/*.cpp",
     "platform/**/*.cpp",
-    "platform/memo.h",
+    "platform/trace_cache.h",
     "include/k42mc/algorithms/*.hpp",
 )
 SWAPS = {

@@ -29,7 +29,7 @@ int walk_nothing(void **, int) {
 }
 
 int walk_ours(void **frames, int most) {
-    return k42mc::platform::backtrace_skip(frames, most);
+    return k42mc::internal::platform::backtrace_skip(frames, most);
 }
 
 // The least that a walk can be: by frame pointers, each checked against the end of the stack.

@@ -1,15 +1,15 @@
-#include "fork.h"
+#include "base/fork.h"
 
-#include "checker_lock.h"
-#include "errno_keeper.h"
+#include "base/checker_lock.h"
+#include "base/errno_keeper.h"
 #include "fdcheck/state.h"
-#include "linkage.h"
+#include "linkage/linkage.h"
 #include "memcheck/debug_stream.h"
 #include "memcheck/report_signal.h"
 #include "memcheck/sink.h"
 #include "platform/platform.h"
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 constinit bool forked_among_threads = false;
@@ -56,4 +56,4 @@ void hook_fork() {
     });
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal

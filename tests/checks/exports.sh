@@ -16,7 +16,7 @@ same() { # what is compared, what is wanted, what is there
     diff -u --label "$1: wanted" --label "$1: found" "$2" "$3" || faults=1
 }
 
-# ---- Exported names: the list, the library, the twins and the headers say the same ----
+# ---- Exported names: the list, the library, the hidden names and the headers say the same ----
 
 awk '/^[A-Za-z0-9_.]+ *\{/ { node = $1 } /global:/ { on = 1 } /local:/ { on = 0 }
      on && $1 ~ /^[A-Za-z0-9_]+;$/ { sub(";", "", $1); print $1 "@@" node }' \
@@ -27,8 +27,8 @@ same "exported symbols" "$work/list" "$work/exported"
 
 awk '$1 ~ /[Tti]/ { sub("@.*", "", $2); print $2 }' "$work/symbols" | sort >"$work/functions"
 awk '$1 !~ /[Tti]/ { sub("@.*", "", $2); print $2 }' "$work/symbols" | sort >"$work/data"
-sed -nE 's/^K42MC_TWIN\((\w+)\).*/\1/p' "$source/common/lib/libk42mc/twins.h" | sort >"$work/twins"
-same "functions with a twin" "$work/functions" "$work/twins"
+sed -nE 's/^K42MC_HIDDEN_NAME\((\w+)\).*/\1/p' "$source/common/lib/libk42mc/linkage/hidden_names.h" | sort >"$work/hidden"
+same "functions with a hidden name" "$work/functions" "$work/hidden"
 
 while read -r name; do
     grep -qrw --include='*.h' -- "$name" "$source/include/k42mc" || fault "$name is in no public header"
@@ -64,7 +64,7 @@ same "code run at load and unload" "$work/startup-wanted" "$work/startup-found"
 readelf -rW "$library" | awk '$3 ~ /^R_/ && $5 != "" { sub("@.*", "", $5); print $3, $5 }' >"$work/relocations"
 grep -q IRELATIV <(readelf -rW "$library") && fault "resolves functions at load"
 
-# Calls go to the hidden twins. Only the default hooks are the executable's, and only by address.
+# Calls go to the hidden names. Only the default hooks are the executable's, and only by address.
 while read -r type name; do
     if grep -qx "$name" "$work/functions"; then
         [[ $name =~ ^(DSAlloc|DSRealloc|DSDealloc|DSDummyFunction)$ && $type != *JUMP* ]] ||

@@ -33,9 +33,11 @@ layer() { # sets REPLY
     include/*) REPLY=include ;;
     platform/*) REPLY=platform ;;
     common/*) REPLY=common ;;
+    lib/libk42mc/base/*) REPLY=base ;;
     lib/libk42mc/memcheck/*) REPLY=memcheck ;;
     lib/libk42mc/fdcheck/*) REPLY=fdcheck ;;
-    lib/*) REPLY=wrappers ;;
+    lib/libk42mc/wrappers/*) REPLY=wrappers ;;
+    lib/libk42mc/fork.cpp) REPLY=fork ;;
     tools/preload/*) REPLY=preload ;;
     tools/*) REPLY=tools ;;
     *) REPLY=unknown ;;
@@ -47,10 +49,12 @@ declare -A allowed=(
     [include]=''
     [platform]=''
     [common]='include platform'
-    [memcheck]='include platform common wrappers'
-    [fdcheck]='include platform common wrappers'
-    [wrappers]='include platform common memcheck fdcheck'
-    [preload]='include platform common wrappers fdcheck memcheck'
+    [base]='include platform common'
+    [memcheck]='include platform common base'
+    [fdcheck]='include platform common base'
+    [wrappers]='include platform common base memcheck'
+    [fork]='platform common base memcheck fdcheck'
+    [preload]='include platform common base memcheck fdcheck wrappers'
     [tools]='include'
 )
 
@@ -85,9 +89,10 @@ uses() {
 if ((${#objects[@]})); then
     count=0
     while read -r file symbol definer; do
-        # The one arrow up: the containers' default hooks.
+        # The two arrows up: the containers' default hooks, and the handlers around a fork.
         layer "$file"
-        [[ $REPLY == common && $symbol =~ ^(k42mc_own_)?k42MC_(malloc|realloc|free)$ ]] ||
+        [[ $REPLY == common && $symbol =~ ^(k42mc_own_)?k42MC_(malloc|realloc|free)$ ||
+            $symbol == _ZN5k42mc8internal9hook_forkEv ]] ||
             depend "$file" "$symbol" "$definer"
         count=$((count + 1))
     done < <(uses)

@@ -1,5 +1,5 @@
 /* An executable's own definition of every name that the library exports. None may ever be called. */
 
-#define K42MC_TWIN(name) __asm__(".weak " #name "\n" #name ": ud2\n.type " #name ", @function");
+#define K42MC_HIDDEN_NAME(name) __asm__(".weak " #name "\n" #name ": ud2\n.type " #name ", @function");
 
-#include "../../common/lib/libk42mc/twins.h"
+#include "../../common/lib/libk42mc/linkage/hidden_names.h"

@@ -1,11 +1,11 @@
 // The platform layer in a library of its own, so that a test stands outside of what traces skip.
-#include "cfi.h"
-#include "cfi_expression.h"
-#include "platform.h"
+#include "platform/cfi.h"
+#include "platform/cfi_expression.h"
+#include "platform/platform.h"
 
 #include <atomic>
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 static std::atomic<int> calls; // what is done after a call keeps it from being a jump
 

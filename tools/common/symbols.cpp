@@ -1,4 +1,4 @@
-#include "symbols.h"
+#include "tools/common/symbols.h"
 
 #include <cstdlib>
 #include <cxxabi.h>

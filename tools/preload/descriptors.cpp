@@ -1,12 +1,12 @@
 // Each function under its own name: with large files the headers would give one name for another.
 #undef _FILE_OFFSET_BITS
 
-#include "descriptors.h"
+#include "tools/preload/descriptors.h"
 
-#include "depth.h"
 #include "fdcheck/routes.h"
-#include "next.h"
 #include "platform/platform.h"
+#include "tools/preload/depth.h"
+#include "tools/preload/next.h"
 
 #include <k42mc/extra.h>
 
@@ -72,7 +72,7 @@ template <class Handle> bool closes(const char *name, Handle *handle) {
     if (!wanted())
         return true;
     const InsideChecker inside;
-    if (k42mc::records_close(name, handle))
+    if (k42mc::internal::records_close(name, handle))
         return true;
     errno = EBADF;
     return false;
@@ -86,8 +86,8 @@ mode_t mode_of(int flags, va_list arguments) {
 
 void watch_descriptors() {
     // A handler's event may have interrupted libc where it holds the lock of its time zones.
-    k42mc::platform::local_time(time(nullptr));
-    k42mc::platform::freeze_utc_offset();
+    k42mc::internal::platform::local_time(time(nullptr));
+    k42mc::internal::platform::freeze_utc_offset();
     watching = true;
 }
 

@@ -1,4 +1,4 @@
-#include "guarded.h"
+#include "tools/preload/guarded.h"
 
 #include "platform/platform.h"
 
@@ -15,7 +15,7 @@ const unsigned char *header_of(const void *user) {
     constexpr uintptr_t smallest_page = 4096;
     const auto *header = static_cast<const unsigned char *>(user) - header_size;
     const bool same_page = reinterpret_cast<uintptr_t>(user) % smallest_page >= header_size;
-    return same_page || k42mc::platform::readable(header, header_size) ? header : nullptr;
+    return same_page || k42mc::internal::platform::readable(header, header_size) ? header : nullptr;
 }
 
 } // namespace

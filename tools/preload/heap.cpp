@@ -1,10 +1,10 @@
 // The malloc family, over guarded blocks. The wrappers' own calls of these names come back here, from
 // inside the checker, and go to libc; so does what libc allocates while the checker prints.
-#include "depth.h"
-#include "guarded.h"
-#include "libc.h"
-#include "session.h"
-#include "site.h"
+#include "tools/preload/depth.h"
+#include "tools/preload/guarded.h"
+#include "tools/preload/libc.h"
+#include "tools/preload/session.h"
+#include "tools/preload/site.h"
 
 #include <k42mc/k42mc.h>
 

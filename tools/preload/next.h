@@ -1,7 +1,7 @@
 // What stands behind the functions that the shim takes the place of.
 #pragma once
 
-#include "depth.h"
+#include "tools/preload/depth.h"
 
 #include <dlfcn.h>
 

@@ -1,9 +1,9 @@
 // operator new and delete, over guarded blocks of their own types, so that mixed-up releases show.
 // Linked without the C++ library: a program that has operators to call brings it.
-#include "depth.h"
-#include "guarded.h"
-#include "libc.h"
-#include "site.h"
+#include "tools/preload/depth.h"
+#include "tools/preload/guarded.h"
+#include "tools/preload/libc.h"
+#include "tools/preload/site.h"
 
 #include <k42mc/k42mc.h>
 

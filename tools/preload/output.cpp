@@ -1,10 +1,10 @@
-#include "output.h"
+#include "tools/preload/output.h"
 
-#include "depth.h"
-#include "descriptors.h"
-#include "json_output.h"
+#include "base/json_output.h"
 #include "k42mc_debug.h"
-#include "trace.h"
+#include "stack_trace.h"
+#include "tools/preload/depth.h"
+#include "tools/preload/descriptors.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -16,7 +16,7 @@
 
 namespace {
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 constinit char folder[PATH_MAX] = "";
 constinit char program[NAME_MAX - sizeof ".4294967295.json"] = "";
@@ -46,13 +46,13 @@ void write_defect(std::span<const uintptr_t> block_trace) {
     for (const uintptr_t address : block_trace)
         if (address != 0 && count < K42MC_GUARD_TRACE)
             others[count++] = reinterpret_cast<void *>(address);
-    Trace here;
-    here.capture(Trace::deepest);
+    StackTrace here;
+    here.capture(StackTrace::deepest);
     JsonOutput out(file);
     out.print("{\"kind\":\"defect\",\"pid\":%d,\"text\":", getpid());
     out.string(k42mc_panic_string);
     out.print(",");
-    out.chain("chain", here.innermost(Trace::deepest));
+    out.chain("chain", here.innermost(StackTrace::deepest));
     out.print(",");
     out.chain("block", {others, count});
     out.print("}\n");

@@ -1,7 +1,7 @@
-#include "reporter.h"
+#include "tools/preload/reporter.h"
 
-#include "depth.h"
-#include "output.h"
+#include "tools/preload/depth.h"
+#include "tools/preload/output.h"
 
 #include <errno.h>
 #include <poll.h>

@@ -9,15 +9,15 @@
 //   K42MC_RUN_FDS        1 to watch descriptors, too
 //   K42MC_RUN_FOLLOW     0 to leave programs that this one starts alone
 // Without a folder, blocks are guarded and nothing is recorded.
-#include "session.h"
+#include "tools/preload/session.h"
 
-#include "depth.h"
-#include "descriptors.h"
-#include "next.h"
-#include "output.h"
-#include "platform/call_chain.h"
 #include "platform/platform.h"
-#include "reporter.h"
+#include "platform/trace_buffer.h"
+#include "tools/preload/depth.h"
+#include "tools/preload/descriptors.h"
+#include "tools/preload/next.h"
+#include "tools/preload/output.h"
+#include "tools/preload/reporter.h"
 
 #include <k42mc/k42mc.h>
 

@@ -1,8 +1,8 @@
-#include "site.h"
+#include "tools/preload/site.h"
 
-#include "libc.h"
-#include "next.h"
-#include "output.h"
+#include "tools/preload/libc.h"
+#include "tools/preload/next.h"
+#include "tools/preload/output.h"
 
 #include <atomic>
 #include <dlfcn.h>

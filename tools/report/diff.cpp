@@ -1,7 +1,7 @@
-#include "diff.h"
+#include "tools/report/diff.h"
 
-#include "table.h"
 #include "tools/common/counted.h"
+#include "tools/report/table.h"
 
 #include <algorithm>
 #include <iomanip>

@@ -1,8 +1,8 @@
 // What grew between two reports.
 #pragma once
 
-#include "model.h"
 #include "tools/common/symbols.h"
+#include "tools/report/model.h"
 
 #include <ostream>
 

@@ -1,6 +1,6 @@
-#include "html.h"
+#include "tools/report/html.h"
 
-#include "page.h"
+#include "tools/report/page.h"
 
 #include <nlohmann/json.hpp>
 #include <string>

@@ -1,4 +1,4 @@
-#include "reader.h"
+#include "tools/report/reader.h"
 
 #include <nlohmann/json.hpp>
 #include <utility>

@@ -1,6 +1,6 @@
-#include "machine.h"
+#include "tools/report/machine.h"
 
-#include "table.h"
+#include "tools/report/table.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>

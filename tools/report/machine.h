@@ -1,8 +1,8 @@
 // The report for other programs.
 #pragma once
 
-#include "model.h"
 #include "tools/common/symbols.h"
+#include "tools/report/model.h"
 
 #include <nlohmann/json_fwd.hpp>
 #include <ostream>

@@ -1,4 +1,4 @@
-#include "model.h"
+#include "tools/report/model.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "reader.h"
+#include "tools/report/reader.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,7 +2,7 @@
 // the report's; everything else is taken.
 #pragma once
 
-#include "model.h"
+#include "tools/report/model.h"
 
 #include <functional>
 #include <span>

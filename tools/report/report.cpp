@@ -1,10 +1,10 @@
-#include "diff.h"
-#include "html.h"
-#include "machine.h"
-#include "reader.h"
-#include "symbolize.h"
-#include "table.h"
 #include "tools/commands.h"
+#include "tools/report/diff.h"
+#include "tools/report/html.h"
+#include "tools/report/machine.h"
+#include "tools/report/reader.h"
+#include "tools/report/symbolize.h"
+#include "tools/report/table.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>

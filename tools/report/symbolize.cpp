@@ -1,4 +1,4 @@
-#include "symbolize.h"
+#include "tools/report/symbolize.h"
 
 #include <regex>
 

@@ -1,4 +1,4 @@
-#include "table.h"
+#include "tools/report/table.h"
 
 #include "tools/common/counted.h"
 

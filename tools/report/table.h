@@ -1,8 +1,8 @@
 // The report for people at a terminal.
 #pragma once
 
-#include "model.h"
 #include "tools/common/symbols.h"
+#include "tools/report/model.h"
 
 #include <ostream>
 

@@ -1,4 +1,4 @@
-#include "findings.h"
+#include "tools/run/findings.h"
 
 #include "tools/common/counted.h"
 

@@ -1,9 +1,9 @@
 // What the reports of a run's processes say, summed up.
 #pragma once
 
-#include "suppressions.h"
 #include "tools/common/symbols.h"
 #include "tools/report/model.h"
+#include "tools/run/suppressions.h"
 
 #include <ostream>
 

@@ -1,4 +1,4 @@
-#include "launch.h"
+#include "tools/run/launch.h"
 
 #include <array>
 #include <csignal>

@@ -1,8 +1,8 @@
-#include "findings.h"
-#include "launch.h"
 #include "tools/commands.h"
 #include "tools/common/counted.h"
 #include "tools/report/reader.h"
+#include "tools/run/findings.h"
+#include "tools/run/launch.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>

@@ -1,4 +1,4 @@
-#include "suppressions.h"
+#include "tools/run/suppressions.h"
 
 #include <fstream>
 #include <stdexcept>

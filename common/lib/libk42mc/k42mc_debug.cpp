@@ -22,7 +22,7 @@ constexpr const char *const k42mc_defect_desc[K42MC_DEFECTS] = {"NONE", "BF", "D
 
 constinit char k42mc_panic_string[256] = "";
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 // Header and tail may lie at any address once somebody passes a wild pointer, the tail always.
@@ -182,16 +182,16 @@ bool decode_header(const Word *header, Layout &layout) {
 // An underrun damages the raw size before anything else, and may put the tail anywhere. In the page
 // where the header ends, which was read already, no probe is needed; nor where the registry expects the
 // tail.
-bool tail_readable(uintptr_t user, uintptr_t tail, Assurance assurance) {
+bool tail_readable(uintptr_t user, uintptr_t tail, KnownBlock known) {
     constexpr uintptr_t smallest_page = 4096;
-    if (tail == assurance.tail || (tail + guard_bytes - 1) / smallest_page == (user - 1) / smallest_page)
+    if (tail == known.tail || (tail + guard_bytes - 1) / smallest_page == (user - 1) / smallest_page)
         return true;
     return platform::readable(pointer_to(tail), guard_bytes);
 }
 
-Finding examine(uint32_t arena, uintptr_t user, Assurance assurance, Layout &layout) {
+Finding examine(uint32_t arena, uintptr_t user, KnownBlock known, Layout &layout) {
     const Word *header = words_at(user - guard_bytes);
-    if (!assurance.header_readable && !platform::readable(header, guard_bytes))
+    if (!known.header_readable && !platform::readable(header, guard_bytes))
         return {.defect = K42MC_DEFECT_WU};
     if (header[magic_word].value != magic)
         return was_freed(header) ? double_free(header, user) : underflow(header, 0);
@@ -199,7 +199,7 @@ Finding examine(uint32_t arena, uintptr_t user, Assurance assurance, Layout &lay
         return underflow(header, 0);
     const uintptr_t size = distance(user, layout.tail);
     if (user < layout.raw + guard_bytes || user > layout.tail ||
-        !tail_readable(user, layout.tail, assurance))
+        !tail_readable(user, layout.tail, known))
         return underflow(header, size);
     const Word *tail = words_at(layout.tail);
     if (!carries_pattern(tail, tail_words))
@@ -257,7 +257,7 @@ void print_defect_line() {
 }
 
 void mark_as_freed(uintptr_t user, const Layout &layout) {
-    Trace trace;
+    StackTrace trace;
     trace.capture(K42MC_GUARD_TRACE);
     Word *header = words_at(user - guard_bytes);
     store_pattern<marked_words>(header, free_words);
@@ -271,7 +271,8 @@ void mark_as_freed(uintptr_t user, const Layout &layout) {
 
 constinit DefectListener at_defect = nullptr;
 
-void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size, const Trace &trace) {
+void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,
+                  const StackTrace &trace) {
     const uintptr_t mask = uintptr_t{alignment} - 1;
     const uintptr_t user = (address_of(raw) + guard_bytes + mask) & ~mask;
     const uintptr_t at = user - guard_bytes;
@@ -287,11 +288,11 @@ void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size
     return pointer_to(user);
 }
 
-ReleasedBlock guard_release(uint32_t arena, void *user, Assurance assurance) {
+ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known) {
     const int saved_errno = errno;
     Layout layout{};
     const uintptr_t address = address_of(user);
-    const Finding finding = examine(arena, address, assurance, layout);
+    const Finding finding = examine(arena, address, known, layout);
     if (finding.defect != K42MC_DEFECT_NONE) [[unlikely]]
         stop(finding, arena, address);
     mark_as_freed(address, layout);
@@ -325,12 +326,12 @@ bool guarded_size(const void *user, size_t *size) {
     return true;
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 void *k42mc_guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size) {
-    Trace trace;
+    StackTrace trace;
     trace.capture(K42MC_GUARD_TRACE);
     return guard_alloc(arena, alignment, raw, raw_size, trace);
 }

@@ -1,14 +1,14 @@
 // Guarded blocks, as the wrappers use them. guard.h describes the layout.
 #pragma once
 
-#include "linkage.h"
-#include "trace.h"
+#include "linkage/linkage.h"
+#include "stack_trace.h"
 
-namespace k42mc {
+namespace k42mc::internal {
 
 // What is known of a block before its guards are examined. What is not known to be readable is probed
 // first, at the price of a system call.
-struct Assurance {
+struct KnownBlock {
     bool header_readable; // false: a pointer from anywhere
     uintptr_t tail;       // where the registry expects the tail, which is readable then; 0: no idea
 };
@@ -26,10 +26,11 @@ using DefectListener = void (*)(std::span<const uintptr_t> trace);
 extern DefectListener at_defect;
 
 // As k42mc_guard_alloc, with a trace that was captured before.
-void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size, const Trace &trace);
+void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,
+                  const StackTrace &trace);
 
 // As k42mc_guard_free, and tells what the block's header said before it was marked as freed.
-ReleasedBlock guard_release(uint32_t arena, void *user, Assurance assurance);
+ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known);
 
 // The user size that a sound header implies; false when the header is none. Reads only the header, which
 // must be readable.
@@ -40,4 +41,4 @@ bool guarded_size(const void *user, size_t *size);
 // guards has no defect.
 int live_defect(uint32_t arena, const void *user, size_t size);
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -1,15 +1,15 @@
 // Recording: one event into the bounded history of its descriptor.
-#include "errno_keeper.h"
+#include "base/errno_keeper.h"
+#include "base/terminal.h"
 #include "fdcheck/lock.h"
 #include "platform/platform.h"
-#include "terminal.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 constexpr const char *function_name = "FDAddEvent";
@@ -97,9 +97,9 @@ void fd_record_use(const char *name, int32_t descriptor, uint32_t type) {
     fill(*last, name, type);
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 int32_t FDAddEvent(const char *name, int32_t descriptor, uint32_t type) {
     const ErrnoKeeper errno_keeper;

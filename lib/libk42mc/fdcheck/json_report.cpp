@@ -1,13 +1,13 @@
 // The histories as JSON, an object a line. Each is copied with gFDLock held, and written without.
+#include "base/json_output.h"
+#include "base/printing.h"
+#include "base/sequence.h"
 #include "fdcheck/state.h"
-#include "json_output.h"
-#include "printing.h"
-#include "sequence.h"
 
 #include <errno.h>
 #include <fcntl.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 struct History {
@@ -56,9 +56,9 @@ void put_history(JsonOutput &out, int32_t descriptor, const History &history) {
 }
 
 } // namespace
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 int k42mcx_fd_report_json(int fd) {
     if (fcntl(fd, F_GETFD) < 0)

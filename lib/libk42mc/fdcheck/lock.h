@@ -1,12 +1,12 @@
 #pragma once
 
-#include "checker_lock.h"
+#include "base/checker_lock.h"
+#include "base/fork.h"
 #include "fdcheck/state.h"
-#include "fork.h"
 
 #include <utility>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 // gFDLock for a function that records, unless it must not: once the checker is shut down; on a thread
 // that prints for a checker, since a stream of the process's own may report what is written to it; and
@@ -36,4 +36,4 @@ private:
     const bool held_;
 };
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -1,9 +1,9 @@
 // What has been recorded, on standard error.
+#include "base/terminal.h"
 #include "fdcheck/state.h"
 #include "platform/platform.h"
-#include "terminal.h"
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 constexpr int entries_per_line = 8;
@@ -86,9 +86,9 @@ void say_empty(const char *function, int32_t descriptor) {
 }
 
 } // namespace
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 void FDCheck(int32_t descriptor) {
     static constexpr const char *name = "FDCheck";

@@ -1,7 +1,7 @@
 // What unchanged programs call: events around the functions of libc that open and close descriptors.
 #include "fdcheck/routes.h"
 
-#include "errno_keeper.h"
+#include "base/errno_keeper.h"
 #include "fdcheck/lock.h"
 #include "platform/platform.h"
 
@@ -10,7 +10,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 // A stream or directory, by its address. It stays when that is closed, for as long as the process runs:
@@ -131,9 +131,9 @@ bool records_close(const char *name, DIR *directory) {
     return closes(name, directory, descriptor_of_directory, is_open_directory);
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 int k42mcx_fd_opened(const char *name, int descriptor) {
     if (descriptor >= 0)

@@ -1,6 +1,6 @@
 #include "fdcheck/state.h"
 
-#include "fork.h"
+#include "base/fork.h"
 #include "platform/platform.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ constexpr const char *const gFDReportScheme[FD_REPORT_SCHEMES] = {
     "all used fds", "fds with multiple events", "fds with alarming events", "all open fds",
     "all closed fds"};
 
-namespace k42mc {
+namespace k42mc::internal {
 
 constinit pthread_mutex_t gFDLock = PTHREAD_MUTEX_INITIALIZER;
 constinit thread_local bool thread_is_recording = false;
@@ -57,9 +57,9 @@ FDInfo *fd_table() {
     return gFDITable;
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 void FDDeinit() {
     if (fd_deinitialized())

@@ -1,9 +1,9 @@
 // What the descriptor checker keeps beside its exported data.
 #pragma once
 
-#include "linkage.h"
+#include "linkage/linkage.h"
 
-namespace k42mc {
+namespace k42mc::internal {
 
 // Guards the table and the histories. Taken before gMCLock: a history's header comes from the wrappers.
 extern pthread_mutex_t gFDLock;
@@ -27,4 +27,4 @@ FDInfo *fd_table();
 // there is one: programs do millions, and they count towards no bound of a history's.
 void fd_record_use(const char *name, int32_t descriptor, uint32_t type);
 
-} // namespace k42mc
+} // namespace k42mc::internal

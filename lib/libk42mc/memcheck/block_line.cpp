@@ -5,7 +5,7 @@
 #include <charconv>
 #include <string.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 constexpr size_t room_for_numbers = 128;
@@ -45,4 +45,4 @@ void print_block(FILE *out, const MCAllocRec &record, const char *tag) {
     fwrite(line, 1, static_cast<size_t>(at - line), out);
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal

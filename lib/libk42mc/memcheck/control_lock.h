@@ -1,11 +1,11 @@
 #pragma once
 
-#include "linkage.h"
-#include "terminal.h"
+#include "base/terminal.h"
+#include "linkage/linkage.h"
 
 #include <stdio.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 // gMCLock for a control function, which must work while the checker is off too.
 class ControlLock {
@@ -32,4 +32,4 @@ inline void say_not_initialized(const char *function) {
     fprintf(stderr, "%s: ERROR: MC not currently initialized\n", function);
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -5,7 +5,7 @@
 
 #include <iterator>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 int GuardInspector::defect(const MCAllocRec &record) {
     constexpr size_t guard = K42MC_GUARD_OVERHEAD / 2;
@@ -34,4 +34,4 @@ bool GuardInspector::page_readable(uintptr_t page) {
     return true;
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -5,7 +5,7 @@
 
 #include <stdint.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 // Looks at guards, each page only after a probe: a block may have been released past the wrappers and
 // unmapped. The pages found readable are remembered, which is good for one pass over the registry with
@@ -24,4 +24,4 @@ private:
     uintptr_t pages_[256] = {}; // by the lowest bits of their number; 0: none
 };
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -1,17 +1,17 @@
-#include "fork.h"
-#include "linkage.h"
+#include "base/fork.h"
+#include "base/printing.h"
+#include "base/terminal.h"
+#include "linkage/linkage.h"
 #include "memcheck/debug_stream.h"
 #include "memcheck/sink.h"
-#include "printing.h"
-#include "terminal.h"
-#include "trace.h"
+#include "stack_trace.h"
 
 #include <fcntl.h>
 #include <stdarg.h>
 #include <string.h>
 #include <time.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 constinit pthread_mutex_t gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
 
@@ -42,8 +42,8 @@ void write_message(const char *text) {
 
 void write_call_chain() {
     write_message("---------- backtrace:\n");
-    Trace trace;
-    trace.capture(Trace::deepest);
+    StackTrace trace;
+    trace.capture(StackTrace::deepest);
     if (trace.count > 0) {
         platform::backtrace_symbols_fd(trace.frames, trace.count,
                                        gMCDebugFile == standard_error ? fileno(stderr) : gMCDebugFile);
@@ -52,9 +52,9 @@ void write_call_chain() {
 }
 
 } // namespace
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 void MCDebugMsg(int with_backtrace, const char *format, ...) {
     char message[256] = "No message.\n";

@@ -2,9 +2,9 @@
 
 #include <pthread.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 // Guards the debug stream, and nothing else.
 extern pthread_mutex_t gMCDebugLock;
 
-} // namespace k42mc
+} // namespace k42mc::internal

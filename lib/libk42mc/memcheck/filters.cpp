@@ -5,7 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 bool holds(const SLList *list, const MCFilterKey &key) {
@@ -107,9 +107,9 @@ bool wants_backtrace(const MCFilterKey &key) {
     return traces_off_by_default() ? holds(gMCFilterIn, key) : !holds(gMCFilterOut, key);
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 int MCBTFilterSet(char *text, int in) {
     static constexpr const char *name = "MCBTFilterSet";

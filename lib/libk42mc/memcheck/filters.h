@@ -3,7 +3,7 @@
 
 #include "memcheck/state.h"
 
-namespace k42mc {
+namespace k42mc::internal {
 
 // Whether the rules in force ask for the trace of an allocation.
 bool wants_backtrace(const MCFilterKey &key);
@@ -16,4 +16,4 @@ int32_t MCFilterVisitMatch(void *filter, void *key);
 // The destroy hook of the filter lists.
 void MCFilterRelease(void *filter);
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -1,10 +1,10 @@
 // The state of the registry as JSON, an object a line. It is summed up with gMCLock held, and written
 // without.
-#include "json_output.h"
+#include "base/json_output.h"
+#include "base/printing.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/snapshot.h"
 #include "platform/platform.h"
-#include "printing.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -13,17 +13,17 @@
 #include <time.h>
 #include <unistd.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
-void put_chain(JsonOutput &out, const CallChain &chain) {
+void put_chain(JsonOutput &out, const RecordedTrace &chain) {
     out.chain("chain", {chain.frames, chain.count});
 }
 
-void put_origin(JsonOutput &out, const Origin &origin) {
+void put_site_key(JsonOutput &out, const SiteKey &key) {
     out.print("\"file\":");
-    out.string(origin.file);
-    out.print(",\"line\":%d,\"type\":\"%s\",", origin.line, gAllocatorType[origin.type]);
+    out.string(key.file);
+    out.print(",\"line\":%d,\"type\":\"%s\",", key.line, gAllocatorType[key.type]);
 }
 
 void put_cycle(JsonOutput &out, const Snapshot &state, uint32_t limit) {
@@ -37,10 +37,10 @@ void put_cycle(JsonOutput &out, const Snapshot &state, uint32_t limit) {
               state.freed.count, state.freed.bytes);
 }
 
-void put_site(JsonOutput &out, const AllocationSite &site, uint32_t cycle) {
+void put_site(JsonOutput &out, const SiteSummary &site, uint32_t cycle) {
     out.print("{\"kind\":\"site\",\"cycle\":%u,", cycle);
-    put_origin(out, site.origin);
-    put_chain(out, site.origin.chain);
+    put_site_key(out, site.key);
+    put_chain(out, site.key.chain);
     out.print(",\"blocks\":%llu,\"bytes\":%llu,\"oldest\":%u,\"largest\":%zu}\n", site.held.count,
               site.held.bytes, site.oldest, site.largest);
 }
@@ -48,17 +48,17 @@ void put_site(JsonOutput &out, const AllocationSite &site, uint32_t cycle) {
 void put_damage(JsonOutput &out, const DamagedBlock &block, uint32_t cycle) {
     out.print("{\"kind\":\"damage\",\"cycle\":%u,\"defect\":\"%s\",", cycle,
               k42mc_defect_desc[block.defect]);
-    put_origin(out, block.origin);
+    put_site_key(out, block.key);
     out.print("\"address\":\"0x%" PRIXPTR "\",\"size\":%zu,\"cycles\":%u,", block.address, block.size,
               block.cycles);
-    put_chain(out, block.origin.chain);
+    put_chain(out, block.key.chain);
     out.print("}\n");
 }
 
 int write_snapshot(int descriptor, const Snapshot &state, uint32_t limit) {
     JsonOutput out(descriptor);
     put_cycle(out, state, limit);
-    for (const AllocationSite &site : state.sites())
+    for (const SiteSummary &site : state.sites())
         put_site(out, site, state.cycle);
     for (const DamagedBlock &block : state.damaged())
         put_damage(out, block, state.cycle);
@@ -81,9 +81,9 @@ int take_snapshot(Snapshot &state, uint32_t limit) {
 }
 
 } // namespace
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 int k42mcx_report_json(int fd, uint32_t limit) {
     if (fcntl(fd, F_GETFD) < 0)

@@ -1,12 +1,12 @@
-#include "checker_lock.h"
+#include "base/checker_lock.h"
 #include "memcheck/control_lock.h"
-#include "memcheck/exit_wishes.h"
+#include "memcheck/exit_actions.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
 
 #include <stdlib.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 void MCExit();
@@ -110,9 +110,9 @@ void MCExit() {
 }
 
 } // namespace
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 void MCInit(uint32_t file_type, uint32_t bitmap) {
     file_type = __builtin_bswap32(file_type);

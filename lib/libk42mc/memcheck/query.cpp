@@ -4,7 +4,7 @@
 
 #include <inttypes.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 uintptr_t reverse_bytes(uintptr_t address) {
@@ -21,9 +21,9 @@ void print_record(const MCAllocRec &record) {
 }
 
 } // namespace
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 uint32_t MCCheck(uintptr_t address) {
     static constexpr const char *name = "MCCheck";

@@ -1,21 +1,21 @@
 #include "memcheck/registry.h"
 
-#include "checker_lock.h"
+#include "base/checker_lock.h"
+#include "base/printing.h"
 #include "memcheck/filters.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
-#include "printing.h"
 
 #include <inttypes.h>
 #include <stdlib.h>
 #include <string.h>
 #include <utility>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 // What is known of a block while the checker is off: its header is taken on trust.
-constexpr Assurance unexamined{.header_readable = true, .tail = 0};
+constexpr KnownBlock unexamined{.header_readable = true, .tail = 0};
 
 const char *type_name(uint16_t type) {
     return type < MC_ALLOCATOR_TYPES ? gAllocatorType[type] : "UNKNOWN";
@@ -28,8 +28,8 @@ void print_failed_allocation(Site site, size_t size) {
 
 // Below a line about the call in progress, the call itself.
 void print_current_trace(const char *title) {
-    Trace trace;
-    trace.capture(Trace::deepest);
+    StackTrace trace;
+    trace.capture(StackTrace::deepest);
     if (trace.count > 0)
         write_backtrace(MCSink(), title, trace.frames, trace.count);
 }
@@ -58,7 +58,7 @@ void unlist(MCAllocRec *record) {
         RecordList(gMCList).remove(*record);
 }
 
-void keep_frames(MCAllocRec &record, const Trace &trace) {
+void keep_frames(MCAllocRec &record, const StackTrace &trace) {
     const auto frames = trace.innermost(MCAllocRec::most_frames);
     record.frameCount = static_cast<uint32_t>(frames.size());
     memcpy(record.frames, frames.data(), frames.size_bytes());
@@ -66,7 +66,7 @@ void keep_frames(MCAllocRec &record, const Trace &trace) {
 
 // All but the links. Where it can be without the lock: the record's memory is cold.
 void describe(MCAllocRec &record, Site site, uint16_t type, uintptr_t address, size_t size,
-              const Trace &trace) {
+              const StackTrace &trace) {
     record.containers = 2;
     record.key = {.line = site.line,
                   .size = size,
@@ -75,7 +75,7 @@ void describe(MCAllocRec &record, Site site, uint16_t type, uintptr_t address, s
     record.cycles = 0;
     record.address = address;
     record.frameCount = 0;
-    if (trace.depth == Trace::deepest)
+    if (trace.depth == StackTrace::deepest)
         keep_frames(record, trace);
 }
 
@@ -97,18 +97,18 @@ MCAllocRec *enter(MCAllocRec *&record) {
     return stale;
 }
 
-void settle_backtrace(MCAllocRec &record, Trace &trace) {
+void settle_backtrace(MCAllocRec &record, StackTrace &trace) {
     if (!wants_backtrace(record.key)) {
         record.frameCount = 0;
-    } else if (trace.depth < Trace::deepest) {
-        trace.capture(Trace::deepest);
+    } else if (trace.depth < StackTrace::deepest) {
+        trace.capture(StackTrace::deepest);
         keep_frames(record, trace);
     }
 }
 
 // The description is null for a block that there is none of, or where there was no memory for it. Leaves
 // memory that it does not need to its caller.
-void add_record(Site site, uint16_t type, uintptr_t address, size_t size, Trace &trace,
+void add_record(Site site, uint16_t type, uintptr_t address, size_t size, StackTrace &trace,
                 MCAllocRec *&described) {
     if (address == 0) {
         print_failed_allocation(site, size);
@@ -140,7 +140,7 @@ void settle(MCAllocRec *record, Site site, uint16_t type) {
     unlist(record);
 }
 
-Assurance assurance_for(const MCAllocRec *record) {
+KnownBlock known_block(const MCAllocRec *record) {
     if (record == nullptr)
         return {.header_readable = false, .tail = 0};
     return {.header_readable = true, .tail = record->address + record->key.size};
@@ -152,7 +152,8 @@ uintptr_t address_of(const void *user) {
 
 // Null for no block, and where there is no memory. Obtained and released without the lock, where it can
 // be.
-MCAllocRec *new_record(Site site, uint16_t type, uintptr_t address, size_t size, const Trace &trace) {
+MCAllocRec *new_record(Site site, uint16_t type, uintptr_t address, size_t size,
+                       const StackTrace &trace) {
     auto *const record = address != 0 ? static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec))) : nullptr;
     if (record != nullptr)
         describe(*record, site, type, address, size, trace);
@@ -162,10 +163,10 @@ MCAllocRec *new_record(Site site, uint16_t type, uintptr_t address, size_t size,
 } // namespace
 
 int trace_depth() {
-    return checker_on() && !traces_off_by_default() ? Trace::deepest : int{K42MC_GUARD_TRACE};
+    return checker_on() && !traces_off_by_default() ? StackTrace::deepest : int{K42MC_GUARD_TRACE};
 }
 
-void record_block(Site site, uint16_t type, const void *user, size_t size, Trace &trace) {
+void record_block(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace) {
     if (!checker_on())
         return;
     MCAllocRec *record = new_record(site, type, address_of(user), size, trace);
@@ -176,16 +177,16 @@ void record_block(Site site, uint16_t type, const void *user, size_t size, Trace
     free(record);
 }
 
-Assurance forget_block(Site site, uint16_t type, const void *user) {
+KnownBlock forget_block(Site site, uint16_t type, const void *user) {
     if (!checker_on() || !MCLock())
         return unexamined;
     MCAllocRec *record = take(address_of(user));
-    const Assurance assurance = assurance_for(record);
+    const KnownBlock known = known_block(record);
     if (record != nullptr)
         settle(record, site, type);
     MCUnlock();
     free(record);
-    return assurance;
+    return known;
 }
 
 void report_null_release(Site site, uint16_t type) {
@@ -197,9 +198,9 @@ void report_null_release(Site site, uint16_t type) {
 
 RecordInHand take_record(const void *user) {
     if (!checker_on() || !MCLock())
-        return {.record = nullptr, .generation = 0, .assurance = unexamined};
+        return {.record = nullptr, .generation = 0, .known = unexamined};
     MCAllocRec *record = take(address_of(user));
-    const RecordInHand hand{record, gMCGeneration, assurance_for(record)};
+    const RecordInHand hand{record, gMCGeneration, known_block(record)};
     MCUnlock();
     return hand;
 }
@@ -217,7 +218,7 @@ void put_record_back(const RecordInHand &hand) {
 }
 
 void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
-                    Trace &trace) {
+                    StackTrace &trace) {
     if (hand.record == nullptr) {
         record_block(site, type, user, size, trace);
         return;
@@ -235,12 +236,12 @@ void replace_record(const RecordInHand &hand, Site site, uint16_t type, const vo
     free(record);
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 void MCAlloc(const char *file, int line, uint16_t type, uintptr_t address, size_t size) {
-    Trace trace;
+    StackTrace trace;
     MCAllocRec *record = new_record({file, line}, type, address, size, trace);
     add_record({file, line}, type, address, size, trace, record);
     free(record);

@@ -2,10 +2,10 @@
 // nothing while the checker is off.
 #pragma once
 
+#include "base/site.h"
 #include "k42mc_debug.h"
-#include "site.h"
 
-namespace k42mc {
+namespace k42mc::internal {
 
 struct MCAllocRec;
 
@@ -14,17 +14,17 @@ struct MCAllocRec;
 struct RecordInHand {
     MCAllocRec *record; // null: the block was not recorded
     uint32_t generation;
-    Assurance assurance;
+    KnownBlock known;
 };
 
 // How many frames the records of new blocks will want, as far as can be told without the lock.
 int trace_depth();
 
 // Records a block; null reports a failed allocation.
-void record_block(Site site, uint16_t type, const void *user, size_t size, Trace &trace);
+void record_block(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace);
 
 // Forgets a block that is about to be checked and released.
-Assurance forget_block(Site site, uint16_t type, const void *user);
+KnownBlock forget_block(Site site, uint16_t type, const void *user);
 
 void report_null_release(Site site, uint16_t type);
 
@@ -33,6 +33,6 @@ void report_null_release(Site site, uint16_t type);
 RecordInHand take_record(const void *user);
 void put_record_back(const RecordInHand &hand);
 void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
-                    Trace &trace);
+                    StackTrace &trace);
 
-} // namespace k42mc
+} // namespace k42mc::internal

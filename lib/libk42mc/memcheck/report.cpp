@@ -3,7 +3,7 @@
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 constexpr const char *function_name = "MCReport";
@@ -71,9 +71,9 @@ void print_report(FILE *out, uint32_t limit) {
 }
 
 } // namespace
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 void MCReport(uint32_t limit) {
     limit = __builtin_bswap32(limit);

@@ -1,16 +1,16 @@
 #include "memcheck/report_signal.h"
 
-#include "errno_keeper.h"
-#include "fork.h"
-#include "linkage.h"
+#include "base/errno_keeper.h"
+#include "base/fork.h"
+#include "base/printing.h"
+#include "linkage/linkage.h"
 #include "platform/platform.h"
-#include "printing.h"
 
 #include <atomic>
 #include <semaphore.h>
 #include <signal.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 struct Request {
@@ -75,9 +75,9 @@ void leave_signals_to_parent() {
         request.waiting = false;
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 int k42mcx_report_on_signal(int signo, uint32_t limit) {
     if (signo <= 0 || signo >= NSIG)

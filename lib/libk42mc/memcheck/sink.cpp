@@ -1,8 +1,8 @@
 #include "memcheck/sink.h"
 
-#include "linkage.h"
+#include "base/terminal.h"
+#include "linkage/linkage.h"
 #include "platform/platform.h"
-#include "terminal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 constinit FILE *gMCReportFile = nullptr;
 
@@ -246,9 +246,9 @@ void leave_sink_to_parent() {
     sink_inherited = is_file(gMCReportFile);
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 int k42mcx_report_folder(const char *folder) {
     const size_t length = folder != nullptr ? strnlen(folder, PATH_MAX) : 0;

@@ -5,7 +5,7 @@
 #include <stdio.h>
 #include <time.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 // The stream as it was opened: standard error, a report file, or null while the checker is off. Only for
 // comparing; whoever writes asks MCSink().
@@ -51,4 +51,4 @@ void write_allocation_trace(FILE *out, void *const *frames, uint32_t count);
 void flush_sink();
 void leave_sink_to_parent();
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -1,30 +1,30 @@
 #include "memcheck/snapshot.h"
-#include "linkage.h"
+#include "linkage/linkage.h"
 
 #include "memcheck/damage.h"
 
 #include <algorithm>
 #include <string.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
-Origin origin_of(const MCAllocRec &record) {
-    Origin origin{record.key.file, record.key.line, record.key.type, {record.frameCount, {}}};
-    memcpy(origin.chain.frames, record.frames, record.frameCount * sizeof record.frames[0]);
-    return origin;
+SiteKey site_key_of(const MCAllocRec &record) {
+    SiteKey key{record.key.file, record.key.line, record.key.type, {record.frameCount, {}}};
+    memcpy(key.chain.frames, record.frames, record.frameCount * sizeof record.frames[0]);
+    return key;
 }
 
 // The file's text stays out of it: texts at several addresses may be equal.
-size_t hash(const Origin &origin) {
-    uint64_t sum = static_cast<uint32_t>(origin.line) ^ uint64_t { origin.type } << 32;
-    for (uint32_t i = 0; i < origin.chain.count; ++i)
-        sum = (sum ^ reinterpret_cast<uintptr_t>(origin.chain.frames[i])) * 0x9e3779b97f4a7c15u;
+size_t hash(const SiteKey &key) {
+    uint64_t sum = static_cast<uint32_t>(key.line) ^ uint64_t { key.type } << 32;
+    for (uint32_t i = 0; i < key.chain.count; ++i)
+        sum = (sum ^ reinterpret_cast<uintptr_t>(key.chain.frames[i])) * 0x9e3779b97f4a7c15u;
     sum *= 0x9e3779b97f4a7c15u;
     return static_cast<size_t>(sum >> 32);
 }
 
-int compare(const Origin &a, const Origin &b) {
+int compare(const SiteKey &a, const SiteKey &b) {
     if (a.line != b.line)
         return a.line < b.line ? -1 : 1;
     if (a.type != b.type)
@@ -35,11 +35,11 @@ int compare(const Origin &a, const Origin &b) {
     return chains != 0 || a.file == b.file ? chains : strcmp(a.file, b.file);
 }
 
-bool comes_first(const AllocationSite &a, const AllocationSite &b) {
+bool comes_first(const SiteSummary &a, const SiteSummary &b) {
     if (a.held.bytes != b.held.bytes)
         return a.held.bytes > b.held.bytes;
-    const int files = strcmp(a.origin.file, b.origin.file);
-    return files != 0 ? files < 0 : compare(a.origin, b.origin) < 0;
+    const int files = strcmp(a.key.file, b.key.file);
+    return files != 0 ? files < 0 : compare(a.key, b.key) < 0;
 }
 
 MCCounter sum(const MCCounter *counters) {
@@ -84,18 +84,18 @@ void Snapshot::release() {
 bool Snapshot::take_block(const MCAllocRec &record) {
     if (2 * sites_.size >= slot_count_ && !grow_slots())
         return false;
-    const Origin origin = origin_of(record);
-    size_t at = hash(origin) & (slot_count_ - 1);
-    while (slots_[at] != 0 && compare(sites_.records[slots_[at] - 1].origin, origin) != 0)
+    const SiteKey key = site_key_of(record);
+    size_t at = hash(key) & (slot_count_ - 1);
+    while (slots_[at] != 0 && compare(sites_.records[slots_[at] - 1].key, key) != 0)
         at = (at + 1) & (slot_count_ - 1);
     if (slots_[at] == 0) {
-        AllocationSite *created = sites_.add();
+        SiteSummary *created = sites_.add();
         if (created == nullptr)
             return false;
-        *created = {origin, {}, 0, 0};
+        *created = {key, {}, 0, 0};
         slots_[at] = static_cast<uint32_t>(sites_.size);
     }
-    AllocationSite &site = sites_.records[slots_[at] - 1];
+    SiteSummary &site = sites_.records[slots_[at] - 1];
     site.held.add(record.key.size);
     site.oldest = std::max(site.oldest, record.cycles);
     site.largest = std::max(site.largest, record.key.size);
@@ -106,7 +106,7 @@ bool Snapshot::add_damage(const MCAllocRec &record, int defect) {
     DamagedBlock *block = damaged_.add();
     if (block == nullptr)
         return false;
-    *block = {origin_of(record), defect, record.address, record.key.size, record.cycles};
+    *block = {site_key_of(record), defect, record.address, record.key.size, record.cycles};
     return true;
 }
 
@@ -116,7 +116,7 @@ bool Snapshot::grow_slots() {
     if (slots == nullptr)
         return false;
     for (size_t i = 0; i < sites_.size; ++i) {
-        size_t at = hash(sites_.records[i].origin) & (wanted - 1);
+        size_t at = hash(sites_.records[i].key) & (wanted - 1);
         while (slots[at] != 0)
             at = (at + 1) & (wanted - 1);
         slots[at] = static_cast<uint32_t>(i + 1);
@@ -127,4 +127,4 @@ bool Snapshot::grow_slots() {
     return true;
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -1,34 +1,34 @@
 // The registry summed up by allocation site, to be looked at once its lock is released.
 #pragma once
 
+#include "base/sequence.h"
 #include "memcheck/state.h"
-#include "sequence.h"
 
 #include <span>
 
-namespace k42mc {
+namespace k42mc::internal {
 
-struct CallChain {
+struct RecordedTrace {
     uint32_t count;
     void *frames[MCAllocRec::most_frames];
 };
 
-struct Origin {
+struct SiteKey {
     const char *file;
     int32_t line;
     uint16_t type;
-    CallChain chain;
+    RecordedTrace chain;
 };
 
-struct AllocationSite {
-    Origin origin;
+struct SiteSummary {
+    SiteKey key;
     MCCounter held;
     uint32_t oldest;
     size_t largest;
 };
 
 struct DamagedBlock {
-    Origin origin;
+    SiteKey key;
     int defect;
     uintptr_t address;
     size_t size;
@@ -48,7 +48,7 @@ public:
     void release();
 
     // Most bytes first.
-    std::span<const AllocationSite> sites() const { return {sites_.records, sites_.size}; }
+    std::span<const SiteSummary> sites() const { return {sites_.records, sites_.size}; }
     std::span<const DamagedBlock> damaged() const { return {damaged_.records, damaged_.size}; }
 
     uint32_t cycle = 0;
@@ -61,10 +61,10 @@ private:
     bool add_damage(const MCAllocRec &record, int defect);
     bool grow_slots();
 
-    Sequence<AllocationSite> sites_;
+    Sequence<SiteSummary> sites_;
     Sequence<DamagedBlock> damaged_;
     uint32_t *slots_ = nullptr; // open addressing: the number of a site, from 1
     size_t slot_count_ = 0;     // a power of two
 };
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -6,7 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 constinit PTTree *gMCTree = nullptr;
 constinit DLList *gMCList = nullptr;
@@ -81,4 +81,4 @@ void MCResetStats() {
     memset(gMCFreeSinceReset, 0, sizeof gMCFreeSinceReset);
 }
 
-} // namespace k42mc
+} // namespace k42mc::internal

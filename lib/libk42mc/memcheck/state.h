@@ -1,14 +1,14 @@
 // The memory checker's shared state. All of it is read and written with gMCLock held.
 #pragma once
 
-#include "linkage.h"
+#include "linkage/linkage.h"
 
 #include <k42mc/dl.hpp>
 #include <k42mc/pt.hpp>
 #include <stddef.h>
 #include <stdio.h>
 
-namespace k42mc {
+namespace k42mc::internal {
 
 // What a backtrace filter and an allocation are compared by.
 struct MCFilterKey {
@@ -96,4 +96,4 @@ void MCCountFree(uint16_t type, size_t size);
 void MCResetCycleStats();
 void MCResetStats();
 
-} // namespace k42mc
+} // namespace k42mc::internal

@@ -3,7 +3,7 @@
 #include "memcheck/damage.h"
 #include "memcheck/sink.h"
 
-namespace k42mc {
+namespace k42mc::internal {
 namespace {
 
 void print_damage(const MCAllocRec &record, int defect) {
@@ -28,9 +28,9 @@ unsigned print_damaged_blocks() {
 }
 
 } // namespace
-} // namespace k42mc
+} // namespace k42mc::internal
 
-using namespace k42mc;
+using namespace k42mc::internal;
 
 unsigned k42mcx_verify() {
     static constexpr const char *name = "k42mcx_verify";

@@ -1,11 +1,12 @@
 // The AVL tree: creation, insertion, search and removal.
-#include "avl_access.h"
+#include "k42mc_ds/avl_access.h"
 
 #include <k42mc/algorithms/avl_walks.hpp>
 
 #include <new>
 
 using namespace k42mc;
+using namespace k42mc::internal;
 
 static_assert(offsetof(AVLNode, left) == 0 && offsetof(AVLNode, right) == sizeof(void *) &&
               offsetof(AVLNode, state) == 2 * sizeof(void *) && sizeof(AVLNode) == 3 * sizeof(void *));

@@ -2,11 +2,11 @@
 // created with.
 #pragma once
 
-#include "conventions.h"
+#include "k42mc_ds/conventions.h"
 
 #include <cstddef>
 
-namespace k42mc::ds {
+namespace k42mc::internal::ds {
 
 inline AVLNode *node_of(const AVLTree *tree, const void *element) {
     return link_at<AVLNode>(element, tree->nodeOffset);
@@ -29,4 +29,4 @@ inline auto order_of(const AVLTree *tree, const void *key) {
     };
 }
 
-} // namespace k42mc::ds
+} // namespace k42mc::internal::ds

@@ -1,13 +1,14 @@
 // The AVL tree: steps in order, visits and printouts.
-#include "avl_access.h"
+#include "k42mc_ds/avl_access.h"
 
-#include "depths.h"
+#include "k42mc_ds/depths.h"
 
 #include <k42mc/algorithms/avl_walks.hpp>
 
 #include <cstring>
 
 using namespace k42mc;
+using namespace k42mc::internal;
 
 namespace {
 

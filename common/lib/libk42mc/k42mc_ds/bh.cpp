@@ -1,5 +1,5 @@
 // The binary heap.
-#include "conventions.h"
+#include "k42mc_ds/conventions.h"
 
 #include <k42mc/algorithms/bits.hpp>
 #include <k42mc/algorithms/heap.hpp>
@@ -8,6 +8,7 @@
 #include <new>
 
 using namespace k42mc;
+using namespace k42mc::internal;
 
 static_assert(sizeof(BHNode) == 4);
 static_assert(offsetof(BHHeap, count) == 0 && offsetof(BHHeap, slots) == sizeof(void *) &&

@@ -2,12 +2,12 @@
 // the lines that the printouts have in common.
 #pragma once
 
-#include "linkage.h"
+#include "linkage/linkage.h"
 
 #include <cstdint>
 #include <cstdio>
 
-namespace k42mc::ds {
+namespace k42mc::internal::ds {
 
 // The name under which containers allocate and report.
 inline constexpr char source_path[] = "common/lib/libk42mc/k42mc_ds";
@@ -62,4 +62,4 @@ inline int32_t check_failed(int number, const char *family) {
     return DS_FAILURE;
 }
 
-} // namespace k42mc::ds
+} // namespace k42mc::internal::ds

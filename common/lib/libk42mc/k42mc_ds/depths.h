@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
-namespace k42mc::ds {
+namespace k42mc::internal::ds {
 
 struct Depths {
     uint32_t count = 0;
@@ -33,4 +33,4 @@ inline void print_info(const char *banner, const Depths &depths) {
     std::fflush(stdout);
 }
 
-} // namespace k42mc::ds
+} // namespace k42mc::internal::ds

@@ -1,7 +1,8 @@
 // The doubly-linked list.
-#include "lists.h"
+#include "k42mc_ds/lists.h"
 
 using namespace k42mc;
+using namespace k42mc::internal;
 
 static_assert(offsetof(DLLink, prev) == sizeof(void *) && sizeof(DLLink) == 2 * sizeof(void *));
 static_assert(ds::has_list_layout<DLList>);

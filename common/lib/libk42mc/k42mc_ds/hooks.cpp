@@ -1,9 +1,9 @@
 // The default hooks of the containers: memory comes from the checked wrappers, under one name.
-#include "conventions.h"
+#include "k42mc_ds/conventions.h"
 
 #include <cstdlib>
 
-using k42mc::ds::source_path;
+using k42mc::internal::ds::source_path;
 
 // Records and reports know the three calls by these numbers.
 static constexpr int alloc_line = 180;

@@ -1,5 +1,5 @@
 // The hash table.
-#include "conventions.h"
+#include "k42mc_ds/conventions.h"
 
 #include <k42mc/algorithms/hash_table.hpp>
 
@@ -7,6 +7,7 @@
 #include <new>
 
 using namespace k42mc;
+using namespace k42mc::internal;
 
 static_assert(sizeof(HTLink) == sizeof(void *) && sizeof(HTSizeRow) == 8);
 static_assert(offsetof(HTTable, count) == 0 && offsetof(HTTable, keyOffset) == 4 &&

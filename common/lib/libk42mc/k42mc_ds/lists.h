@@ -2,14 +2,14 @@
 // the list knows, creation, walks and the printout.
 #pragma once
 
-#include "conventions.h"
+#include "k42mc_ds/conventions.h"
 
 #include <k42mc/algorithms/lists.hpp>
 
 #include <cstddef>
 #include <new>
 
-namespace k42mc::ds {
+namespace k42mc::internal::ds {
 
 using lists::LinkOf;
 
@@ -85,4 +85,4 @@ inline constexpr bool has_list_layout = offsetof(List, linkOffset) == 0 &&
                                         offsetof(List, dealloc) == 4 * sizeof(void *) &&
                                         sizeof(List) == 5 * sizeof(void *);
 
-} // namespace k42mc::ds
+} // namespace k42mc::internal::ds

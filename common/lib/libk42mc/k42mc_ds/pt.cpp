@@ -1,11 +1,12 @@
 // The Patricia tree: creation, insertion, search and removal.
-#include "pt_access.h"
+#include "k42mc_ds/pt_access.h"
 
 #include <k42mc/algorithms/patricia.hpp>
 
 #include <new>
 
 using namespace k42mc;
+using namespace k42mc::internal;
 using ds::OffsetKeys;
 
 static_assert(offsetof(PTNode, bit) == 0 && offsetof(PTNode, left) == sizeof(void *) &&

@@ -1,13 +1,13 @@
 // Elements, nodes and keys at the offsets that a Patricia tree was created with.
 #pragma once
 
-#include "conventions.h"
+#include "k42mc_ds/conventions.h"
 
 #include <k42mc/algorithms/bits.hpp>
 
 #include <cstddef>
 
-namespace k42mc::ds {
+namespace k42mc::internal::ds {
 
 // The bytes of a key, from the key field of an element or from a key argument.
 inline const uint8_t *key_bytes(const void *field, uint8_t indirections) {
@@ -43,4 +43,4 @@ inline void *element_of(const PTTree *tree, const PTNode *node) {
     return node ? element_at(node, tree->nodeOffset) : nullptr;
 }
 
-} // namespace k42mc::ds
+} // namespace k42mc::internal::ds

@@ -1,11 +1,12 @@
 // The Patricia tree: ordered access, visits and printouts.
-#include "pt_access.h"
+#include "k42mc_ds/pt_access.h"
 
-#include "depths.h"
+#include "k42mc_ds/depths.h"
 
 #include <k42mc/algorithms/patricia_walks.hpp>
 
 using namespace k42mc;
+using namespace k42mc::internal;
 using ds::OffsetKeys;
 
 namespace {

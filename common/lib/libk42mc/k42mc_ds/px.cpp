@@ -1,9 +1,10 @@
 // The prefix table: creation, insertion, search and removal.
-#include "px_elements.h"
+#include "k42mc_ds/px_elements.h"
 
 #include <cstddef>
 
 using namespace k42mc;
+using namespace k42mc::internal;
 using ds::PXElements;
 
 static_assert(offsetof(PXNode, left) == 0 && offsetof(PXNode, right) == sizeof(void *) &&

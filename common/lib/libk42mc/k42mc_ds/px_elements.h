@@ -1,11 +1,11 @@
 // What a prefix table finds in its elements at the offsets that it was created with.
 #pragma once
 
-#include "conventions.h"
+#include "k42mc_ds/conventions.h"
 
 #include <k42mc/algorithms/prefix_walks.hpp>
 
-namespace k42mc::ds {
+namespace k42mc::internal::ds {
 
 struct PXElements {
     const PXTable *table;
@@ -29,4 +29,4 @@ inline void *first_of(const PXNode *node) {
     return node ? node->element : nullptr;
 }
 
-} // namespace k42mc::ds
+} // namespace k42mc::internal::ds

@@ -1,8 +1,9 @@
 // The prefix table: steps in table order, visits, statistics and the check.
-#include "depths.h"
-#include "px_elements.h"
+#include "k42mc_ds/depths.h"
+#include "k42mc_ds/px_elements.h"
 
 using namespace k42mc;
+using namespace k42mc::internal;
 using ds::PXElements;
 
 namespace {

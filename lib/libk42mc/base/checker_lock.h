@@ -1,0 +1,26 @@
+// The checker's flag and lock, which the wrappers and the checker meet at.
+#pragma once
+
+#include "linkage/linkage.h"
+
+#include <atomic>
+
+namespace k42mc::internal {
+
+// What gMCLock is at first, and in a forked child. It is mostly held for less than it takes to sleep and
+// be woken, so who waits tries for a while.
+inline constexpr pthread_mutex_t unlocked_checker = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+
+// While this is set, what the thread allocates and releases is guarded and not recorded.
+extern constinit thread_local bool thread_is_printing;
+
+// The wrappers read the flag without the lock; MCLock reads it again under it.
+inline bool checker_on() {
+    return std::atomic_ref(gK42MCOn).load(std::memory_order_relaxed) != 0;
+}
+
+inline void set_checker_on(bool on) {
+    std::atomic_ref(gK42MCOn).store(on ? 1 : 0, std::memory_order_relaxed);
+}
+
+} // namespace k42mc::internal

@@ -1,0 +1,104 @@
+#include "base/json_output.h"
+
+#include "platform/platform.h"
+
+#include <errno.h>
+#include <inttypes.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <unistd.h>
+
+namespace k42mc::internal {
+namespace {
+
+// The length of the well-formed UTF-8 character there, 0 for none.
+size_t character_length(const unsigned char *at, size_t room) {
+    if (at[0] < 0x80)
+        return 1;
+    const size_t length = at[0] >= 0xf0 ? 4 : at[0] >= 0xe0 ? 3 : 2;
+    if (at[0] < 0xc2 || at[0] > 0xf4 || length > room)
+        return 0;
+    for (size_t i = 1; i < length; ++i) {
+        if ((at[i] & 0xc0) != 0x80)
+            return 0;
+    }
+    // Overlong forms, surrogates, and what lies beyond the last character.
+    const bool well_formed = (at[0] != 0xe0 || at[1] >= 0xa0) && (at[0] != 0xed || at[1] < 0xa0) &&
+                             (at[0] != 0xf0 || at[1] >= 0x90) && (at[0] != 0xf4 || at[1] < 0x90);
+    return well_formed ? length : 0;
+}
+
+} // namespace
+
+void JsonOutput::put(const char *bytes, size_t size) {
+    for (; size > 0; --size) {
+        if (length_ == sizeof buffer_)
+            flush();
+        buffer_[length_++] = *bytes++;
+    }
+}
+
+void JsonOutput::print(const char *format, ...) {
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    put(text, static_cast<size_t>(length));
+}
+
+void JsonOutput::string(const char *text, size_t size) {
+    const auto *bytes = reinterpret_cast<const unsigned char *>(text);
+    put("\"", 1);
+    for (size_t i = 0; i < size;) {
+        const size_t length = character_length(bytes + i, size - i);
+        if (length == 0)
+            print("\\ufffd");
+        else if (bytes[i] < 0x20)
+            print("\\u%04x", unsigned{bytes[i]});
+        else if (bytes[i] == '"' || bytes[i] == '\\')
+            print("\\%c", bytes[i]);
+        else
+            put(text + i, length);
+        i += length != 0 ? length : 1;
+    }
+    put("\"", 1);
+}
+
+void JsonOutput::frame(const void *address) {
+    char place[PATH_MAX + 32];
+    uintptr_t offset = 0;
+    size_t length = platform::module_place(address, std::span(place, PATH_MAX), offset);
+    if (length == 0)
+        offset = reinterpret_cast<uintptr_t>(address);
+    length += static_cast<size_t>(snprintf(place + length, sizeof place - length, "%s0x%" PRIxPTR,
+                                           length != 0 ? "+" : "", offset));
+    string(place, length);
+}
+
+void JsonOutput::chain(const char *name, std::span<void *const> frames) {
+    print("\"%s\":[", name);
+    const char *separator = "";
+    for (const void *address : frames) {
+        print("%s", separator);
+        frame(address);
+        separator = ",";
+    }
+    print("]");
+}
+
+int JsonOutput::flush() {
+    size_t done = 0;
+    while (failure_ == 0 && done < length_) {
+        const ssize_t written = write(descriptor_, buffer_ + done, length_ - done);
+        if (written >= 0)
+            done += static_cast<size_t>(written);
+        else if (errno != EINTR)
+            failure_ = errno;
+    }
+    length_ = 0;
+    return failure_;
+}
+
+} // namespace k42mc::internal

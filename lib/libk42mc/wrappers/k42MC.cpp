@@ -1,0 +1,232 @@
+#include "wrappers/k42MC.h"
+
+#include "base/errno_keeper.h"
+#include "k42mc_debug.h"
+#include "memcheck/registry.h"
+#include "platform/memory_manager.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdlib.h>
+#include <string.h>
+
+namespace k42mc::internal {
+namespace {
+
+// The underlying allocators. The calls go by these names through the dynamic linker, so that a process
+// may put its own functions in their place.
+struct StandardAllocator {
+    static constexpr uint16_t type = MC_STD;
+    static constexpr bool null_release_is_reported = false;
+
+    static void *allocate(size_t size) { return malloc(size); }
+    static void *allocate_zeroed(size_t size) { return calloc(1, size); }
+    static void *resize(void *raw, size_t size) { return realloc(raw, size); }
+    static void release(void *raw) { free(raw); }
+};
+
+struct MemoryManager {
+    static constexpr uint16_t type = MC_SHM;
+    static constexpr bool null_release_is_reported = true;
+
+    static void *allocate(size_t size) { return MM_malloc ? MM_malloc(size) : nullptr; }
+    static void *allocate_zeroed(size_t size) { return MM_calloc ? MM_calloc(1, size) : nullptr; }
+    static void *resize(void *raw, size_t size) { return MM_realloc ? MM_realloc(raw, size) : nullptr; }
+    static void release(void *raw) {
+        if (MM_free)
+            MM_free(raw);
+    }
+};
+
+constexpr uint32_t arena_of(uint16_t type) {
+    return type + 1u;
+}
+
+template <class Family> void *wrap_malloc(Site site, size_t size) {
+    const size_t raw_size = with_guards(size);
+    void *raw = raw_size != 0 ? Family::allocate(raw_size) : out_of_memory();
+    return hand_out(site, Family::type, 1, raw, raw_size, size);
+}
+
+template <class Family> void *wrap_calloc(Site site, size_t nmemb, size_t size) {
+    size_t user_size;
+    if (__builtin_mul_overflow(nmemb, size, &user_size))
+        user_size = std::numeric_limits<size_t>::max();
+    const size_t raw_size = with_guards(user_size);
+    void *raw = raw_size != 0 ? Family::allocate_zeroed(raw_size) : out_of_memory();
+    return hand_out(site, Family::type, 1, raw, raw_size, user_size);
+}
+
+template <class Family> void wrap_free(Site site, void *ptr) {
+    const ErrnoKeeper keep_errno;
+    if (ptr != nullptr)
+        ptr = take_back(site, Family::type, ptr);
+    else if (Family::null_release_is_reported)
+        report_null_release(site, Family::type);
+    Family::release(ptr);
+}
+
+// Where the user bytes of a plain block begin in raw memory.
+void *plain_user(void *raw) {
+    return static_cast<char *>(raw) + K42MC_GUARD_OVERHEAD / 2;
+}
+
+void slide(void *to, const void *from, size_t size) {
+    if (to != from)
+        memmove(to, from, size);
+}
+
+// The old record is in hand while the underlying allocator moves the block: the old address may belong
+// to another thread before this one has the lock again. That allocator keeps raw bytes where they are,
+// so the user bytes of an aligned block have to slide to where a plain block has them.
+template <class Family> void *resize_block(Site site, void *ptr, size_t size) {
+    const RecordInHand record = take_record(ptr);
+    const ReleasedBlock old = guard_release(arena_of(Family::type), ptr, record.known);
+    const size_t kept = std::min(old.user_size, size);
+    slide(plain_user(old.raw), ptr, kept);
+    const size_t raw_size = with_guards(size);
+    void *raw = raw_size != 0 ? Family::resize(old.raw, raw_size) : out_of_memory();
+    const ErrnoKeeper keep_errno;
+    StackTrace trace;
+    if (raw == nullptr) {
+        slide(ptr, plain_user(old.raw), kept);
+        trace.capture(K42MC_GUARD_TRACE);
+        guard_alloc(arena_of(Family::type), old.alignment, old.raw, old.raw_size, trace);
+        put_record_back(record);
+        return nullptr;
+    }
+    trace.capture(trace_depth());
+    void *user = guard_alloc(arena_of(Family::type), 1, raw, raw_size, trace);
+    replace_record(record, site, Family::type, user, size, trace);
+    return user;
+}
+
+template <class Family> void *wrap_realloc(Site site, void *ptr, size_t size) {
+    if (ptr == nullptr && size != 0)
+        return wrap_malloc<Family>(site, size);
+    if (size != 0)
+        return resize_block<Family>(site, ptr, size);
+    const ErrnoKeeper keep_errno;
+    Family::release(ptr != nullptr ? take_back(site, Family::type, ptr) : nullptr);
+    return nullptr;
+}
+
+} // namespace
+
+size_t with_guards(size_t size, size_t alignment) {
+    size_t raw_size;
+    if (__builtin_add_overflow(size, K42MC_GUARD_OVERHEAD + alignment - 1, &raw_size))
+        return 0;
+    return raw_size;
+}
+
+void *out_of_memory() {
+    errno = ENOMEM;
+    return nullptr;
+}
+
+bool valid_alignment(size_t alignment) {
+    return alignment >= sizeof(void *) && (alignment & (alignment - 1)) == 0 &&
+           alignment <= K42MC_ALIGN_MAX;
+}
+
+void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t raw_size,
+               size_t user_size) {
+    const ErrnoKeeper keep_errno;
+    StackTrace trace;
+    void *user = nullptr;
+    if (raw != nullptr) {
+        trace.capture(trace_depth());
+        user = guard_alloc(arena_of(type), alignment, raw, raw_size, trace);
+    }
+    record_block(site, type, user, user_size, trace);
+    return user;
+}
+
+void *take_back(Site site, uint16_t type, void *ptr) {
+    const KnownBlock known = forget_block(site, type, ptr);
+    return guard_release(arena_of(type), ptr, known).raw;
+}
+
+} // namespace k42mc::internal
+
+using namespace k42mc::internal;
+
+void *k42MC_malloc(const char *file, int line, size_t size) {
+    return wrap_malloc<StandardAllocator>({file, line}, size);
+}
+
+void *k42MC_calloc(const char *file, int line, size_t nmemb, size_t size) {
+    return wrap_calloc<StandardAllocator>({file, line}, nmemb, size);
+}
+
+void *k42MC_realloc(const char *file, int line, void *ptr, size_t size) {
+    return wrap_realloc<StandardAllocator>({file, line}, ptr, size);
+}
+
+int k42MC_posix_memalign(const char *file, int line, void **memptr, size_t alignment, size_t size) {
+    const ErrnoKeeper keep_errno;
+    const bool valid = valid_alignment(alignment);
+    const size_t raw_size = valid ? with_guards(size, alignment) : 0;
+    void *raw = raw_size != 0 ? malloc(raw_size) : nullptr;
+    *memptr = hand_out({file, line}, MC_STD, static_cast<uint32_t>(alignment), raw, raw_size, size);
+    if (!valid)
+        return EINVAL;
+    return raw != nullptr ? 0 : ENOMEM;
+}
+
+void *k42MC_valloc(const char *file, int line, size_t size) {
+    const size_t page = platform::page_size();
+    if (!valid_alignment(page))
+        platform::assertion_failed("alignment >= sizeof(void *) && 0 == (alignment & (alignment - 1)) "
+                                   "&& alignment <= K42MC_ALIGN_MAX",
+                                   "lib/libk42mc/k42MC", 194, "k42MC_valloc");
+    const size_t raw_size = with_guards(size, page);
+    void *raw = raw_size != 0 ? malloc(raw_size) : out_of_memory();
+    return hand_out({file, line}, MC_STD, static_cast<uint32_t>(page), raw, raw_size, size);
+}
+
+void k42MC_free(const char *file, int line, void *ptr) {
+    wrap_free<StandardAllocator>({file, line}, ptr);
+}
+
+void k42MC_cfree(const char *file, int line, void *ptr) {
+    wrap_free<StandardAllocator>({file, line}, ptr);
+}
+
+void *k42MC_MM_malloc(const char *file, int line, size_t size) {
+    return wrap_malloc<MemoryManager>({file, line}, size);
+}
+
+void *k42MC_MM_calloc(const char *file, int line, size_t nmemb, size_t size) {
+    return wrap_calloc<MemoryManager>({file, line}, nmemb, size);
+}
+
+void *k42MC_MM_realloc(const char *file, int line, void *ptr, size_t size) {
+    return wrap_realloc<MemoryManager>({file, line}, ptr, size);
+}
+
+char *k42MC_MM_strdup(const char *file, int line, const char *s) {
+    const size_t size = strlen(s) + 1;
+    auto *copy = static_cast<char *>(wrap_malloc<MemoryManager>({file, line}, size));
+    if (copy != nullptr)
+        memcpy(copy, s, size);
+    return copy;
+}
+
+void k42MC_MM_free(const char *file, int line, void *ptr) {
+    wrap_free<MemoryManager>({file, line}, ptr);
+}
+
+K42MC_EXPORT(k42MC_malloc);
+K42MC_EXPORT(k42MC_calloc);
+K42MC_EXPORT(k42MC_realloc);
+K42MC_EXPORT(k42MC_posix_memalign);
+K42MC_EXPORT(k42MC_valloc);
+K42MC_EXPORT(k42MC_free);
+K42MC_EXPORT(k42MC_cfree);
+K42MC_EXPORT(k42MC_MM_malloc);
+K42MC_EXPORT(k42MC_MM_calloc);
+K42MC_EXPORT(k42MC_MM_realloc);
+K42MC_EXPORT(k42MC_MM_strdup);
+K42MC_EXPORT(k42MC_MM_free);

@@ -1,0 +1,26 @@
+// What the wrappers offer to further wrappers inside the library.
+#pragma once
+
+#include "base/site.h"
+#include "linkage/linkage.h"
+
+namespace k42mc::internal {
+
+// The raw size for a user size with an alignment (1 for none), or 0 when it does not fit.
+size_t with_guards(size_t size, size_t alignment = 1);
+
+// Sets errno to ENOMEM. Returns null.
+void *out_of_memory();
+
+// Whether a guarded block can have this alignment.
+bool valid_alignment(size_t alignment);
+
+// Turns raw memory, or null for none, into a recorded guarded block. Returns its user pointer or null;
+// keeps errno.
+void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t raw_size,
+               size_t user_size);
+
+// Forgets and checks a block that is not null. Returns the raw memory.
+void *take_back(Site site, uint16_t type, void *ptr);
+
+} // namespace k42mc::internal

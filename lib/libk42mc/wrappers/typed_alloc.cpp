@@ -1,0 +1,27 @@
+// Blocks of a type that the caller chooses, over the standard allocator.
+#include "base/errno_keeper.h"
+#include "wrappers/k42MC.h"
+
+#include <stdlib.h>
+
+using namespace k42mc::internal;
+
+void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_t size) {
+    if (type < MC_STD || type >= MC_SHM || (alignment != 1 && !valid_alignment(alignment))) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    const size_t raw_size = with_guards(size, alignment);
+    void *raw = raw_size != 0 ? malloc(raw_size) : out_of_memory();
+    return hand_out({file, line}, static_cast<uint16_t>(type), static_cast<uint32_t>(alignment), raw,
+                    raw_size, size);
+}
+
+void k42mcx_free(const char *file, int line, int type, void *ptr) {
+    const ErrnoKeeper keep_errno;
+    if (ptr != nullptr)
+        free(take_back({file, line}, static_cast<uint16_t>(type), ptr));
+}
+
+K42MC_EXPORT(k42mcx_alloc);
+K42MC_EXPORT(k42mcx_free);

@@ -1,0 +1,88 @@
+#include "platform/trace_cache.h"
+
+#include <algorithm>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace k42mc::internal::platform {
+
+constinit thread_local TraceCache *TraceCache::own = nullptr;
+
+namespace {
+
+// For so many threads at a time; only what is used takes memory. Nobody tells when a thread ends, and
+// the thread's own memory is no place: a library that is loaded late finds little room there.
+constinit TraceCache gMemos[64] = {};
+
+// Of threads that came too late: always resting.
+constinit TraceCache gNone = {};
+
+// Learning a frame costs about twice as much as knowing one saves. A cache that does not pay rests, for
+// traces that did not repeat may do so later; finding out costs a fiftieth of the longest rest.
+constexpr uint32_t unknown_frame_costs = 2, frames_to_judge = 2048;
+constexpr uint32_t shortest_rest = 512, most_doublings = 4;
+
+uint64_t number_of(pid_t process, pid_t thread) {
+    return uint64_t{static_cast<uint32_t>(process)} << 32 | static_cast<uint32_t>(thread);
+}
+
+// What a forked child inherits may be the cache of the thread that forked: the child leaves it alone.
+bool is_abandoned(uint64_t owner, pid_t process) {
+    return owner >> 32 == static_cast<uint32_t>(process) &&
+           syscall(SYS_tgkill, process, static_cast<pid_t>(owner), 0) != 0;
+}
+
+} // namespace
+
+void TraceCache::start() {
+    state = available;
+    known_frames = unknown_frames = rests = 0;
+}
+
+void TraceCache::claim() {
+    const int kept_errno = errno;
+    const pid_t process = getpid();
+    const uint64_t self = number_of(process, gettid());
+    gNone.state = resting;
+    own = &gNone;
+    for (TraceCache &cache : gMemos) {
+        uint64_t owner = cache.owner.load(std::memory_order_relaxed);
+        if ((owner == 0 || is_abandoned(owner, process)) &&
+            cache.owner.compare_exchange_strong(owner, self, std::memory_order_acquire)) {
+            cache.start();
+            own = &cache;
+            break;
+        }
+    }
+    errno = kept_errno;
+}
+
+TraceCache *TraceCache::take_another_time() {
+    if (!own)
+        claim();
+    else if (own != &gNone && own->state == resting && --own->rest == 0)
+        own->state = available;
+    return nullptr;
+}
+
+void TraceCache::release(int frames, int unknown) {
+    State next_state = available;
+    known_frames += static_cast<uint32_t>(frames - unknown);
+    unknown_frames += static_cast<uint32_t>(unknown);
+    if (known_frames + unknown_frames >= frames_to_judge) {
+        if (known_frames < unknown_frame_costs * unknown_frames) {
+            next_state = resting;
+            rest = shortest_rest << std::min(rests++, most_doublings);
+            known_frames = unknown_frames = 0;
+        } else {
+            rests = 0;
+            known_frames /= 2;
+            unknown_frames /= 2;
+        }
+    }
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    state = next_state;
+}
+
+} // namespace k42mc::internal::platform
