@@ -21,6 +21,9 @@ namespace {
 // The sink belongs to the parent process.
 constinit bool sink_inherited = false;
 
+// The sink is somebody else's stream.
+constinit bool sink_borrowed = false;
+
 // The stream of all report files. Streams are made and closed with a lock of libc's, which fflush(NULL)
 // holds while it waits for standard error; so one stream is made ahead of all locks, for good, and what
 // is opened and closed below it are descriptors.
@@ -130,7 +133,7 @@ void open_report_file(bool for_child) {
 }
 
 bool is_file(const FILE *sink) {
-    return sink != nullptr && sink != stderr;
+    return sink != nullptr && sink != stderr && !sink_borrowed;
 }
 
 void close_file() {
@@ -193,6 +196,8 @@ FILE *MCSink() {
 }
 
 void MCOpenSink(int to_file) {
+    if (sink_borrowed)
+        return;
     if (!to_file) {
         MCCloseSink();
         gMCReportFile = stderr;
@@ -202,10 +207,16 @@ void MCOpenSink(int to_file) {
     }
 }
 
+void borrow_sink(FILE *stream) {
+    gMCReportFile = stream;
+    sink_borrowed = true;
+}
+
 void MCCloseSink() {
     if (is_file(gMCReportFile))
         close_file();
     gMCReportFile = nullptr;
+    sink_borrowed = false;
     sink_inherited = false;
 }
 

@@ -22,7 +22,11 @@ void prepare_sink();
 // that is open already is kept. Leaves gMCReportFile null when no file can be opened.
 void MCOpenSink(int to_file);
 
-// Closes the sink unless it is standard error, and leaves none.
+// Makes a stream the sink that somebody else opened, keeps, and takes care of around a fork: for a shim
+// whose reports go to a file of its own. To be called while the checker is off; MCOpenSink keeps it.
+void borrow_sink(FILE *stream);
+
+// Closes the sink if it is a report file, and leaves none.
 void MCCloseSink();
 
 // Creates or opens a regular file for writing, never through a symbolic link, closed on exec; `flags`
