@@ -49,18 +49,6 @@ size_t fetch_file(int file, uint64_t offset, unsigned char *to, size_t size) {
 
 } // namespace
 
-void write_all(int descriptor, const char *bytes, size_t size) {
-    while (size > 0) {
-        const ssize_t written = write(descriptor, bytes, size);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return;
-        bytes += written;
-        size -= static_cast<size_t>(written);
-    }
-}
-
 size_t fetch(Source source, uint64_t offset, void *to, size_t size) {
     auto *bytes = static_cast<unsigned char *>(to);
     return source.file < 0 ? fetch_memory(offset, bytes, size)

@@ -1,26 +1,29 @@
 #include "platform/platform.h"
 
+#include <atomic>
 #include <chrono>
 
 namespace k42mc::internal::platform {
 namespace {
 
-// How far local time was ahead of UTC when it was last converted.
-constinit long utc_offset = 0;
-constinit bool converts = true;
+// How far local time was ahead of UTC when that was noted.
+constinit std::atomic<long> utc_offset = 0;
+constinit bool frozen = false;
 
 } // namespace
 
+void note_utc_offset() {
+    if (frozen)
+        return;
+    const time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    utc_offset.store(local.tm_gmtoff, std::memory_order_relaxed);
+}
+
 LocalTime local_time(time_t moment) {
     using namespace std::chrono;
-    if (converts) {
-        tm local{};
-        localtime_r(&moment, &local);
-        __atomic_store_n(&utc_offset, local.tm_gmtoff, __ATOMIC_RELAXED);
-        return {local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-                local.tm_hour,        local.tm_min,     local.tm_sec};
-    }
-    const sys_seconds local{seconds{moment + utc_offset}};
+    const sys_seconds local{seconds{moment + utc_offset.load(std::memory_order_relaxed)}};
     const year_month_day date{floor<days>(local)};
     const hh_mm_ss clock{local - floor<days>(local)};
     return {static_cast<int>(date.year()),
@@ -32,7 +35,7 @@ LocalTime local_time(time_t moment) {
 }
 
 void freeze_utc_offset() {
-    converts = false;
+    frozen = true;
 }
 
 } // namespace k42mc::internal::platform

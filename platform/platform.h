@@ -3,6 +3,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -41,11 +42,15 @@ struct LocalTime {
     int hour, minute, second;
 };
 
-// Converts as the C library does, and so may wait for its lock; after freeze_utc_offset by the offset
-// from UTC that was in force at the last conversion. Keeps errno where that is frozen.
+// Takes note of the offset from UTC that is in force now. Waits for the C library's lock, so nobody who
+// holds a lock of ours may call it. May change errno.
+void note_utc_offset();
+
+// Converts by the offset noted last. Takes no lock; keeps errno.
 LocalTime local_time(time_t moment);
 
-// For a child process without the threads of its parent, one of which may have held that lock.
+// Notes no more: for a child process without the threads of its parent, one of which may have held that
+// lock.
 void freeze_utc_offset();
 
 // ---- Memory ----
@@ -84,8 +89,29 @@ void hold_stream_list();
 void release_stream_list();
 void renew_stream_list();
 
-// Writes past all streams; stops at the first failure. May change errno.
-void write_all(int descriptor, const char *bytes, size_t size);
+// ---- Writing ----
+
+// While this lives, its thread gets none of the signals that a write can raise: for a file that would
+// pass the process's limit, a pipe that nobody reads, a terminal that belongs to other processes.
+class WriteSignalsHeld {
+public:
+    WriteSignalsHeld();
+    ~WriteSignalsHeld();
+    WriteSignalsHeld(const WriteSignalsHeld &) = delete;
+    WriteSignalsHeld &operator=(const WriteSignalsHeld &) = delete;
+
+private:
+    sigset_t former_;
+    bool others_pending_ = false;
+};
+
+// Waits until a descriptor takes bytes, for five seconds at most; where that was in vain, not again
+// until bytes have been taken. Returns whether it does.
+bool wait_for_room(int descriptor);
+
+// Writes past all streams, raising no signal, and waiting for room where the descriptor does not block.
+// Stops at the first failure: returns 0 or what it was. May change errno.
+int write_all(int descriptor, const char *bytes, size_t size);
 
 // Says on descriptor 2 that an assertion failed, and aborts. Allocates nothing.
 [[noreturn]] void assertion_failed(const char *expression, const char *file, int line,

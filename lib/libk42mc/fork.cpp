@@ -14,21 +14,22 @@ namespace {
 
 constinit bool forked_among_threads = false;
 
-// No other thread may be half-way through something when the process is copied, and nothing may be left
-// in a buffer that parent and child would both write.
+// No other thread may be half-way through something when the process is copied. The list of streams comes
+// first: fork wants it when all handlers have run, and who flushes all streams holds it while waiting for
+// a thread that may be waiting for a lock of ours.
 void before_fork() {
+    check_no_lock_held();
     platform::hold_stream_list();
-    pthread_mutex_lock(&gFDLock);
-    pthread_mutex_lock(&gMCLock);
-    pthread_mutex_lock(&gMCDebugLock);
-    flush_sink();
+    lock(gFDLock, LockRank::descriptors);
+    lock(gMCLock, LockRank::checker);
+    lock(gMCDebugLock, LockRank::debug_messages);
     forked_among_threads = !platform::single_threaded();
 }
 
 void after_fork_in_parent() {
-    pthread_mutex_unlock(&gMCDebugLock);
-    MCUnlock();
-    pthread_mutex_unlock(&gFDLock);
+    unlock(gMCDebugLock, LockRank::debug_messages);
+    unlock(gMCLock, LockRank::checker);
+    unlock(gFDLock, LockRank::descriptors);
     platform::release_stream_list();
 }
 
@@ -37,6 +38,7 @@ void after_fork_in_child() {
     gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
     gMCLock = unlocked_checker;
     gFDLock = PTHREAD_MUTEX_INITIALIZER;
+    forget_locks();
     platform::renew_stream_list();
     if (forked_among_threads)
         platform::freeze_utc_offset();
@@ -51,7 +53,7 @@ constinit pthread_once_t hooked = PTHREAD_ONCE_INIT;
 void hook_fork() {
     pthread_once(&hooked, [] {
         const ErrnoKeeper errno_keeper;
-        platform::local_time(time(nullptr)); // so that children know the offset from UTC
+        platform::note_utc_offset(); // so that children know it
         pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     });
 }

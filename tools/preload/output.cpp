@@ -49,14 +49,14 @@ void write_defect(std::span<const uintptr_t> block_trace) {
     StackTrace here;
     here.capture(StackTrace::deepest);
     JsonOutput out(file);
-    out.print("{\"kind\":\"defect\",\"pid\":%d,\"text\":", getpid());
+    out->print("{\"kind\":\"defect\",\"pid\":%d,\"text\":", getpid());
     out.string(k42mc_panic_string);
-    out.print(",");
+    out->print(",");
     out.chain("chain", here.innermost(StackTrace::deepest));
-    out.print(",");
+    out->print(",");
     out.chain("block", {others, count});
-    out.print("}\n");
-    out.flush();
+    out->print("}\n");
+    out->flush();
 }
 
 } // namespace

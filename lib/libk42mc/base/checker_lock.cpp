@@ -1,23 +1,29 @@
 #include "base/checker_lock.h"
 
+namespace k42mc::internal {
+
+constinit thread_local bool thread_is_printing = false;
+
+} // namespace k42mc::internal
+
+using namespace k42mc::internal;
+
 constinit uint8_t gK42MCOn = 0;
-constinit pthread_mutex_t gMCLock = k42mc::internal::unlocked_checker;
+constinit pthread_mutex_t gMCLock = unlocked_checker;
 constexpr const char *const gAllocatorType[MC_ALLOCATOR_TYPES] = {"STD", "SYS", "FIX", "VAR", "SHM"};
 
-constinit thread_local bool k42mc::internal::thread_is_printing = false;
-
 uint8_t MCLock() {
-    if (k42mc::internal::thread_is_printing || pthread_mutex_lock(&gMCLock) != 0)
+    if (thread_is_printing || lock(gMCLock, LockRank::checker) != 0)
         return 0;
-    if (!k42mc::internal::checker_on()) {
-        pthread_mutex_unlock(&gMCLock);
+    if (!checker_on()) {
+        unlock(gMCLock, LockRank::checker);
         return 0;
     }
     return 1;
 }
 
 int MCUnlock() {
-    return pthread_mutex_unlock(&gMCLock);
+    return unlock(gMCLock, LockRank::checker);
 }
 
 K42MC_EXPORT(MCLock);

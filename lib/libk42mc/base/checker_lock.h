@@ -1,6 +1,7 @@
 // The checker's flag and lock, which the wrappers and the checker meet at.
 #pragma once
 
+#include "base/locks.h"
 #include "linkage/linkage.h"
 
 #include <atomic>
@@ -18,6 +19,28 @@ extern constinit thread_local bool thread_is_printing;
 inline bool checker_on() {
     return std::atomic_ref(gK42MCOn).load(std::memory_order_relaxed) != 0;
 }
+
+// Whether the checker is on or not.
+inline bool take_checker_lock() {
+    return lock(gMCLock, LockRank::checker) == 0;
+}
+
+// Lets go of gMCLock at its end, if that was taken.
+class CheckerLock {
+public:
+    explicit CheckerLock(bool taken) : taken_(taken) {}
+    ~CheckerLock() {
+        if (taken_)
+            MCUnlock();
+    }
+    CheckerLock(const CheckerLock &) = delete;
+    CheckerLock &operator=(const CheckerLock &) = delete;
+
+    explicit operator bool() const { return taken_; }
+
+private:
+    const bool taken_;
+};
 
 inline void set_checker_on(bool on) {
     std::atomic_ref(gK42MCOn).store(on ? 1 : 0, std::memory_order_relaxed);

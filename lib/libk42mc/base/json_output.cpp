@@ -2,12 +2,9 @@
 
 #include "platform/platform.h"
 
-#include <errno.h>
 #include <inttypes.h>
 #include <limits.h>
-#include <stdarg.h>
 #include <stdio.h>
-#include <unistd.h>
 
 namespace k42mc::internal {
 namespace {
@@ -31,39 +28,22 @@ size_t character_length(const unsigned char *at, size_t room) {
 
 } // namespace
 
-void JsonOutput::put(const char *bytes, size_t size) {
-    for (; size > 0; --size) {
-        if (length_ == sizeof buffer_)
-            flush();
-        buffer_[length_++] = *bytes++;
-    }
-}
-
-void JsonOutput::print(const char *format, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, format);
-    const int length = vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    put(text, static_cast<size_t>(length));
-}
-
 void JsonOutput::string(const char *text, size_t size) {
     const auto *bytes = reinterpret_cast<const unsigned char *>(text);
-    put("\"", 1);
+    text_.put("\"", 1);
     for (size_t i = 0; i < size;) {
         const size_t length = character_length(bytes + i, size - i);
         if (length == 0)
-            print("\\ufffd");
+            text_.print("\\ufffd");
         else if (bytes[i] < 0x20)
-            print("\\u%04x", unsigned{bytes[i]});
+            text_.print("\\u%04x", unsigned{bytes[i]});
         else if (bytes[i] == '"' || bytes[i] == '\\')
-            print("\\%c", bytes[i]);
+            text_.print("\\%c", bytes[i]);
         else
-            put(text + i, length);
+            text_.put(text + i, length);
         i += length != 0 ? length : 1;
     }
-    put("\"", 1);
+    text_.put("\"", 1);
 }
 
 void JsonOutput::frame(const void *address) {
@@ -78,27 +58,14 @@ void JsonOutput::frame(const void *address) {
 }
 
 void JsonOutput::chain(const char *name, std::span<void *const> frames) {
-    print("\"%s\":[", name);
+    text_.print("\"%s\":[", name);
     const char *separator = "";
     for (const void *address : frames) {
-        print("%s", separator);
+        text_.print("%s", separator);
         frame(address);
         separator = ",";
     }
-    print("]");
-}
-
-int JsonOutput::flush() {
-    size_t done = 0;
-    while (failure_ == 0 && done < length_) {
-        const ssize_t written = write(descriptor_, buffer_ + done, length_ - done);
-        if (written >= 0)
-            done += static_cast<size_t>(written);
-        else if (errno != EINTR)
-            failure_ = errno;
-    }
-    length_ = 0;
-    return failure_;
+    text_.print("]");
 }
 
 } // namespace k42mc::internal

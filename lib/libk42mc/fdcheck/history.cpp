@@ -1,6 +1,6 @@
 // Recording: one event into the bounded history of its descriptor.
 #include "base/errno_keeper.h"
-#include "base/terminal.h"
+#include "base/text_output.h"
 #include "fdcheck/lock.h"
 #include "platform/platform.h"
 
@@ -23,7 +23,7 @@ constexpr uint32_t most_standard_events = 3;
 // The text stands in gFDDebugStr.
 void say_error() {
     const Printing printing;
-    write_text(stderr, gFDDebugStr, strlen(gFDDebugStr));
+    StandardErrorText()->put(gFDDebugStr);
 }
 
 int32_t fail(int32_t descriptor, const char *what) {
@@ -43,7 +43,7 @@ void FDFreeEvent(void *event) {
 }
 
 bool is_alarming(const FDInfo &info, int32_t descriptor, uint32_t type) {
-    const auto *newest = static_cast<const FDEvent *>(SLLast(info.events));
+    const FDEvent *newest = EventList(info.events).last();
     if (newest == nullptr)
         return false;
     return (type == FD_EV_CLOSE && newest->type == FD_EV_CLOSE) ||
@@ -63,45 +63,27 @@ void fill(FDEvent &event, const char *name, uint32_t type) {
 
 // Takes the last event of this type since the last open or close out of the history. Null if there is
 // none.
-FDEvent *take_last_use(SLList *events, uint32_t type) {
+FDEvent *take_last_use(EventList events, uint32_t type) {
     bool found = false;
     FDEvent *ahead = nullptr; // of the one found
     FDEvent *previous = nullptr;
-    for (auto *event = static_cast<FDEvent *>(SLFirst(events)); event != nullptr;
-         event = static_cast<FDEvent *>(SLNext(events, event))) {
-        if (event->type == type) {
+    for (FDEvent &event : events) {
+        if (event.type == type) {
             found = true;
             ahead = previous;
-        } else if (event->type <= FD_EV_CLOSE) {
+        } else if (event.type <= FD_EV_CLOSE) {
             found = false;
         }
-        previous = event;
+        previous = &event;
     }
     if (!found)
         return nullptr;
-    return static_cast<FDEvent *>(ahead != nullptr ? SLRemoveNext(events, ahead)
-                                                   : SLRemoveFirst(events));
+    return ahead != nullptr ? events.remove_next(*ahead) : events.remove_first();
 }
 
 } // namespace
 
-void fd_record_use(const char *name, int32_t descriptor, uint32_t type) {
-    SLList *const events = fd_growing_history(descriptor);
-    FDEvent *const last = events != nullptr ? take_last_use(events, type) : nullptr;
-    if (last == nullptr) {
-        FDAddEvent(name, descriptor, type);
-        return;
-    }
-    const ErrnoKeeper errno_keeper;
-    SLInsertLast(events, last);
-    fill(*last, name, type);
-}
-
-} // namespace k42mc::internal
-
-using namespace k42mc::internal;
-
-int32_t FDAddEvent(const char *name, int32_t descriptor, uint32_t type) {
+int32_t fd_add_event(const char *name, int32_t descriptor, uint32_t type) {
     const ErrnoKeeper errno_keeper;
     if (descriptor < 0 || descriptor >= fd_table_size() || type >= FD_EVENT_TYPES)
         return DS_FAILURE;
@@ -123,7 +105,7 @@ int32_t FDAddEvent(const char *name, int32_t descriptor, uint32_t type) {
 
     FDEvent *event;
     if (info.opens + info.closes > most_events) {
-        event = static_cast<FDEvent *>(SLRemoveFirst(info.events));
+        event = EventList(info.events).remove_first();
         if (event == nullptr)
             return fail(descriptor, "data structures inconsistent!");
     } else {
@@ -131,14 +113,36 @@ int32_t FDAddEvent(const char *name, int32_t descriptor, uint32_t type) {
         if (event == nullptr)
             return fail(descriptor, "malloc failure!");
     }
-    SLInsertLast(info.events, event);
+    EventList(info.events).insert_last(*event);
     fill(*event, name, type);
     return DS_OK;
 }
 
+void fd_record_use(const char *name, int32_t descriptor, uint32_t type) {
+    SLList *const events = fd_growing_history(descriptor);
+    FDEvent *const last = events != nullptr ? take_last_use(EventList(events), type) : nullptr;
+    if (last == nullptr) {
+        fd_add_event(name, descriptor, type);
+        return;
+    }
+    const ErrnoKeeper errno_keeper;
+    EventList(events).insert_last(*last);
+    fill(*last, name, type);
+}
+
+} // namespace k42mc::internal
+
+using namespace k42mc::internal;
+
+int32_t FDAddEvent(const char *name, int32_t descriptor, uint32_t type) {
+    const ErrnoKeeper errno_keeper;
+    platform::note_utc_offset();
+    return fd_add_event(name, descriptor, type);
+}
+
 int k42mcx_fd_event(const char *name, int descriptor, unsigned type) {
     const RecordLock lock;
-    return lock ? FDAddEvent(name, descriptor, type) : DS_FAILURE;
+    return lock ? fd_add_event(name, descriptor, type) : DS_FAILURE;
 }
 
 void FDOpen(const char *name, int32_t descriptor) {

@@ -1,5 +1,6 @@
 // The histories as JSON, an object a line. Each is copied with gFDLock held, and written without.
 #include "base/json_output.h"
+#include "base/locks.h"
 #include "base/printing.h"
 #include "base/sequence.h"
 #include "fdcheck/state.h"
@@ -24,35 +25,34 @@ bool copy_history(int32_t descriptor, History &history) {
     SLList *const events = history.counted.events;
     if (events == nullptr)
         return true;
-    for (auto *event = static_cast<const FDEvent *>(SLFirst(events)); event != nullptr;
-         event = static_cast<const FDEvent *>(SLNext(events, event))) {
+    for (const FDEvent &event : EventList(events)) {
         FDEvent *copy = history.events.add();
         if (copy == nullptr)
             return false;
-        *copy = *event;
+        *copy = event;
     }
     return true;
 }
 
 void put_event(JsonOutput &out, const FDEvent &event) {
-    out.print("{\"type\":\"%s\",\"operator\":", gFDEventType[event.type]);
+    out->print("{\"type\":\"%s\",\"operator\":", gFDEventType[event.type]);
     out.string(event.name);
-    out.print(",\"time\":\"%s\",", event.time);
+    out->print(",\"time\":\"%s\",", event.time);
     out.chain("chain", {event.frames, event.frameCount});
-    out.print("}");
+    out->print("}");
 }
 
 void put_history(JsonOutput &out, int32_t descriptor, const History &history) {
-    out.print("{\"kind\":\"descriptor\",\"descriptor\":%d,\"open\":%s,\"alarms\":%u,\"opens\":%u,"
-              "\"closes\":%u,\"events\":[",
-              descriptor, fcntl(descriptor, F_GETFD) != -1 ? "true" : "false", history.counted.alarms,
-              history.counted.opens, history.counted.closes);
+    out->print("{\"kind\":\"descriptor\",\"descriptor\":%d,\"open\":%s,\"alarms\":%u,\"opens\":%u,"
+               "\"closes\":%u,\"events\":[",
+               descriptor, fcntl(descriptor, F_GETFD) != -1 ? "true" : "false", history.counted.alarms,
+               history.counted.opens, history.counted.closes);
     for (size_t i = 0; i < history.events.size; ++i) {
         if (i > 0)
-            out.print(",");
+            out->print(",");
         put_event(out, history.events.records[i]);
     }
-    out.print("]}\n");
+    out->print("]}\n");
 }
 
 } // namespace
@@ -68,10 +68,10 @@ int k42mcx_fd_report_json(int fd) {
     History history;
     bool more = true;
     for (int32_t descriptor = 0; more; ++descriptor) {
-        pthread_mutex_lock(&gFDLock);
+        lock(gFDLock, LockRank::descriptors);
         more = gFDITable != nullptr && descriptor < fd_table_size();
         const bool copied = !more || copy_history(descriptor, history);
-        pthread_mutex_unlock(&gFDLock);
+        unlock(gFDLock, LockRank::descriptors);
         if (!copied) {
             errno = ENOMEM;
             return -1;
@@ -79,7 +79,7 @@ int k42mcx_fd_report_json(int fd) {
         if (more && history.counted.events != nullptr)
             put_history(out, descriptor, history);
     }
-    const int failure = out.flush();
+    const int failure = out->flush();
     if (failure == 0)
         return 0;
     errno = failure;

@@ -3,6 +3,7 @@
 #include "base/checker_lock.h"
 #include "base/fork.h"
 #include "fdcheck/state.h"
+#include "platform/platform.h"
 
 #include <utility>
 
@@ -19,12 +20,13 @@ public:
         if (!held_)
             return;
         hook_fork();
-        pthread_mutex_lock(&gFDLock);
+        platform::note_utc_offset();
+        lock(gFDLock, LockRank::descriptors);
     }
     ~RecordLock() {
         if (!held_)
             return;
-        pthread_mutex_unlock(&gFDLock);
+        unlock(gFDLock, LockRank::descriptors);
         thread_is_recording = false;
     }
     RecordLock(const RecordLock &) = delete;

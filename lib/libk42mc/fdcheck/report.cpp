@@ -1,59 +1,61 @@
 // What has been recorded, on standard error.
-#include "base/terminal.h"
+#include "base/fork.h"
+#include "base/locks.h"
+#include "base/text_output.h"
 #include "fdcheck/state.h"
-#include "platform/platform.h"
 
 namespace k42mc::internal {
 namespace {
 
 constexpr int entries_per_line = 8;
 
+// gFDLock for a function that prints what has been recorded.
 class HistoryLock {
 public:
-    HistoryLock() { pthread_mutex_lock(&gFDLock); }
-    ~HistoryLock() { pthread_mutex_unlock(&gFDLock); }
+    HistoryLock() {
+        hook_fork();
+        lock(gFDLock, LockRank::descriptors);
+    }
+    ~HistoryLock() { unlock(gFDLock, LockRank::descriptors); }
     HistoryLock(const HistoryLock &) = delete;
     HistoryLock &operator=(const HistoryLock &) = delete;
 
 private:
-    const TerminalLock terminal_;
+    const Printing printing_;
 };
 
 bool is_shut_down(const char *function) {
     if (!fd_deinitialized())
         return false;
-    fprintf(stderr, "%s: Already deinitialized\n", function);
+    StandardErrorText()->print("%s: Already deinitialized\n", function);
     return true;
 }
 
-bool is_running(const char *function) {
+bool is_running(TextOutput &out, const char *function) {
     if (gFDITable != nullptr)
         return true;
-    fprintf(stderr, "%s: FD Checker Not initialized yet!", function);
+    out.print("%s: FD Checker Not initialized yet!", function);
     return false;
 }
 
-void FDPrintEvent(void *element) {
-    const auto &event = *static_cast<const FDEvent *>(element);
-    fprintf(stderr, "%s by %s at [%s]\n-----\nBacktrace:\n", gFDEventType[event.type], event.name,
-            event.time);
-    fflush(stderr);
+void print_event(TextOutput &out, const FDEvent &event) {
+    out.print("%s by %s at [%s]\n-----\nBacktrace:\n", gFDEventType[event.type], event.name, event.time);
     if (event.frameCount != 0)
-        platform::backtrace_symbols_fd(event.frames, static_cast<int>(event.frameCount), fileno(stderr));
+        out.symbols({event.frames, event.frameCount});
     else
-        fputs("Not available\n", stderr);
-    fputs("------\n", stderr);
+        out.put("Not available\n");
+    out.put("------\n");
 }
 
-void print_history(int32_t descriptor, const FDInfo &info) {
+void print_history(TextOutput &out, int32_t descriptor, const FDInfo &info) {
     if (info.alarms != 0)
-        fputs("Alarm(s) present! Events history frozen at the first alarm.\n", stderr);
-    fprintf(stderr, "Events for fd(%d)\n=========\n", descriptor);
-    SLVisit(info.events, FDPrintEvent);
-    fprintf(stderr, "Summary for fd(%d)\n=========\n", descriptor);
-    fprintf(stderr, "Alarms(%u), Opens(%u), Closes(%u)\n", info.alarms, info.opens, info.closes);
-    fputs("=================================\n", stderr);
-    fflush(stderr);
+        out.put("Alarm(s) present! Events history frozen at the first alarm.\n");
+    out.print("Events for fd(%d)\n=========\n", descriptor);
+    for (const FDEvent &event : EventList(info.events))
+        print_event(out, event);
+    out.print("Summary for fd(%d)\n=========\n", descriptor);
+    out.print("Alarms(%u), Opens(%u), Closes(%u)\n", info.alarms, info.opens, info.closes);
+    out.put("=================================\n");
 }
 
 bool selects(uint32_t scheme, const FDInfo &info, const FDEvent &newest) {
@@ -80,9 +82,9 @@ const char *marker(uint32_t scheme, const FDInfo &info, const FDEvent &newest) {
     return newest.type == FD_EV_CLOSE ? "-" : "";
 }
 
-void say_empty(const char *function, int32_t descriptor) {
+void say_empty(TextOutput &out, const char *function, int32_t descriptor) {
     snprintf(gFDDebugStr, sizeof gFDDebugStr, "%s: fdi(%d) empty list!\n", function, descriptor);
-    fputs(gFDDebugStr, stderr);
+    out.put(gFDDebugStr);
 }
 
 } // namespace
@@ -96,14 +98,15 @@ void FDCheck(int32_t descriptor) {
         return;
     descriptor = static_cast<int32_t>(__builtin_bswap32(static_cast<uint32_t>(descriptor)));
     const HistoryLock lock;
-    if (!is_running(name))
+    StandardErrorText out;
+    if (!is_running(*out, name))
         return;
     if (descriptor < 0 || descriptor >= fd_table_size())
-        fprintf(stderr, "%s: fd(%d) out of range!", name, descriptor);
+        out->print("%s: fd(%d) out of range!", name, descriptor);
     else if (gFDITable[descriptor].events == nullptr)
-        fprintf(stderr, "%s: fd(%d) unknown\n", name, descriptor);
+        out->print("%s: fd(%d) unknown\n", name, descriptor);
     else
-        print_history(descriptor, gFDITable[descriptor]);
+        print_history(*out, descriptor, gFDITable[descriptor]);
 }
 
 void FDReport(uint32_t scheme) {
@@ -112,30 +115,30 @@ void FDReport(uint32_t scheme) {
         return;
     scheme = __builtin_bswap32(scheme);
     if (scheme >= FD_REPORT_SCHEMES) {
-        fprintf(stderr, "%s: invalid argument\n", name);
+        StandardErrorText()->print("%s: invalid argument\n", name);
         return;
     }
     const HistoryLock lock;
-    if (!is_running(name))
+    StandardErrorText out;
+    if (!is_running(*out, name))
         return;
-    fprintf(stderr, "Showing the last operator for %s\n---\n", gFDReportScheme[scheme]);
+    out->print("Showing the last operator for %s\n---\n", gFDReportScheme[scheme]);
     int reported = 0;
     const int32_t size = fd_table_size();
     for (int32_t descriptor = 0; descriptor < size; ++descriptor) {
         const FDInfo &info = gFDITable[descriptor];
         if (info.events == nullptr)
             continue;
-        const auto *newest = static_cast<const FDEvent *>(SLLast(info.events));
+        const FDEvent *newest = EventList(info.events).last();
         if (newest == nullptr) {
-            say_empty(name, descriptor);
+            say_empty(*out, name, descriptor);
         } else if (selects(scheme, info, *newest)) {
             ++reported;
-            fprintf(stderr, "%s%d(%s) %s", marker(scheme, info, *newest), descriptor, newest->name,
-                    reported % entries_per_line == 0 ? "\n" : "");
+            out->print("%s%d(%s) %s", marker(scheme, info, *newest), descriptor, newest->name,
+                       reported % entries_per_line == 0 ? "\n" : "");
         }
     }
-    fprintf(stderr, "\n---\nNumber of fds reported: %d\n--------------\n", reported);
-    fflush(stderr);
+    out->print("\n---\nNumber of fds reported: %d\n--------------\n", reported);
 }
 
 K42MC_EXPORT(FDCheck);

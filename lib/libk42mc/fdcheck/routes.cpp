@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <k42mc/pt.hpp>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -24,6 +25,8 @@ struct Handle {
 
 constinit PTTree *gFDHandles = nullptr; // from the system allocator: no business of the memory checker's
 
+using HandleTree = pt_view<Handle, &Handle::node, &Handle::address>;
+
 PTTree *handles() {
     if (gFDHandles == nullptr)
         PTInit(&gFDHandles, malloc, free, offsetof(Handle, node), offsetof(Handle, address),
@@ -33,7 +36,7 @@ PTTree *handles() {
 
 // What is known of an address, or null.
 Handle *find(const void *address) {
-    return gFDHandles != nullptr ? static_cast<Handle *>(PTSearch(gFDHandles, &address)) : nullptr;
+    return gFDHandles != nullptr ? HandleTree(gFDHandles).search(address) : nullptr;
 }
 
 // Without memory it stays unknown, and a second close is libc's business.
@@ -46,7 +49,7 @@ void remember(const void *address, int32_t descriptor, bool closed) {
         if (handle == nullptr)
             return;
         handle->address = address;
-        PTInsert(gFDHandles, handle, nullptr);
+        HandleTree(gFDHandles).insert(*handle);
     }
     handle->descriptor = descriptor;
     handle->closed = closed;
@@ -58,19 +61,19 @@ bool is_open_descriptor(int32_t descriptor) {
 
 // What happened last to a descriptor. Null where nothing did, or where an alarm has frozen the history.
 const FDEvent *newest_event(int32_t descriptor) {
-    const SLList *events = fd_growing_history(descriptor);
-    return events != nullptr ? static_cast<const FDEvent *>(SLLast(events)) : nullptr;
+    SLList *events = fd_growing_history(descriptor);
+    return events != nullptr ? EventList(events).last() : nullptr;
 }
 
 void add_close(const char *name, int32_t descriptor) {
     const FDEvent *newest = newest_event(descriptor);
     if (newest != nullptr && newest->type == FD_EV_CLOSE && is_open_descriptor(descriptor))
-        FDAddEvent("(not routed)", descriptor, FD_EV_OPEN);
-    FDAddEvent(name, descriptor, FD_EV_CLOSE);
+        fd_add_event("(not routed)", descriptor, FD_EV_OPEN);
+    fd_add_event(name, descriptor, FD_EV_CLOSE);
 }
 
 void add_open(const char *name, const void *address, int32_t descriptor) {
-    FDAddEvent(name, descriptor, FD_EV_OPEN);
+    fd_add_event(name, descriptor, FD_EV_OPEN);
     remember(address, descriptor, false);
 }
 
@@ -90,8 +93,8 @@ bool closes(const char *name, const void *address, int32_t (*descriptor_of)(cons
     if (handle != nullptr && handle->closed && !is_open(address)) {
         const FDEvent *newest = newest_event(handle->descriptor);
         if (newest != nullptr && newest->type != FD_EV_CLOSE) // in use again: the first close is past
-            FDAddEvent(name, handle->descriptor, FD_EV_CLOSE);
-        FDAddEvent(name, handle->descriptor, FD_EV_CLOSE);
+            fd_add_event(name, handle->descriptor, FD_EV_CLOSE);
+        fd_add_event(name, handle->descriptor, FD_EV_CLOSE);
         return false;
     }
     const int32_t descriptor = descriptor_of(address);
@@ -138,7 +141,7 @@ using namespace k42mc::internal;
 int k42mcx_fd_opened(const char *name, int descriptor) {
     if (descriptor >= 0)
         if (const RecordLock lock = route_lock(); lock)
-            FDAddEvent(name, descriptor, FD_EV_OPEN);
+            fd_add_event(name, descriptor, FD_EV_OPEN);
     return descriptor;
 }
 

@@ -3,7 +3,11 @@
 
 #include "linkage/linkage.h"
 
+#include <k42mc/sl.hpp>
+
 namespace k42mc::internal {
+
+using EventList = sl_view<FDEvent, &FDEvent::link>;
 
 // Guards the table and the histories. Taken before gMCLock: a history's header comes from the wrappers.
 extern pthread_mutex_t gFDLock;
@@ -22,6 +26,9 @@ SLList *fd_growing_history(int32_t descriptor);
 
 // Makes the table if there is none yet. Returns it, or null when there is no memory.
 FDInfo *fd_table();
+
+// As FDAddEvent, with gFDLock held.
+int32_t fd_add_event(const char *name, int32_t descriptor, uint32_t type);
 
 // Records a read or write in the place of the last one of its type since the last open or close, if
 // there is one: programs do millions, and they count towards no bound of a history's.

@@ -23,12 +23,12 @@ char *put_address(char *at, uintptr_t address) {
 
 } // namespace
 
-void print_block(FILE *out, const MCAllocRec &record, const char *tag) {
+void put_block(TextOutput &out, const MCAllocRec &record, const char *tag) {
     const MCFilterKey &key = record.key;
     char line[512], *at = line;
     const size_t name = strlen(key.file);
     if (name > sizeof line - room_for_numbers)
-        fwrite(key.file, 1, name, out);
+        out.put(key.file, name);
     else
         at = static_cast<char *>(mempcpy(at, key.file, name));
     *at++ = ':';
@@ -42,7 +42,7 @@ void print_block(FILE *out, const MCAllocRec &record, const char *tag) {
     *at++ = ':';
     at = put(at, record.cycles);
     *at++ = '\n';
-    fwrite(line, 1, static_cast<size_t>(at - line), out);
+    out.put(line, static_cast<size_t>(at - line));
 }
 
 } // namespace k42mc::internal

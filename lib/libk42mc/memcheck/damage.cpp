@@ -9,7 +9,8 @@ namespace k42mc::internal {
 
 int GuardInspector::defect(const MCAllocRec &record) {
     constexpr size_t guard = K42MC_GUARD_OVERHEAD / 2;
-    if (!readable(record.address - guard, guard) || !readable(record.address + record.key.size, guard))
+    if (record.in_hand || !readable(record.address - guard, guard) ||
+        !readable(record.address + record.key.size, guard))
         return K42MC_DEFECT_NONE;
     const auto *user =
         reinterpret_cast<const void *>(record.address); // NOLINT(performance-no-int-to-ptr)

@@ -12,7 +12,7 @@ namespace k42mc::internal {
 // gMCLock held.
 class GuardInspector {
 public:
-    // K42MC_DEFECT_NONE, _WO or _WU.
+    // K42MC_DEFECT_NONE, _WO or _WU. Of a block that is being reallocated nothing is looked at.
     int defect(const MCAllocRec &record);
 
 private:

@@ -1,14 +1,15 @@
+#include "base/errno_keeper.h"
 #include "base/fork.h"
-#include "base/printing.h"
-#include "base/terminal.h"
+#include "base/locks.h"
+#include "base/text_output.h"
 #include "linkage/linkage.h"
 #include "memcheck/debug_stream.h"
-#include "memcheck/sink.h"
+#include "memcheck/report_file.h"
+#include "platform/platform.h"
 #include "stack_trace.h"
 
 #include <fcntl.h>
 #include <stdarg.h>
-#include <string.h>
 #include <time.h>
 
 namespace k42mc::internal {
@@ -18,8 +19,7 @@ constinit pthread_mutex_t gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
 namespace {
 
 // Chosen by the first message, for the rest of the process: a descriptor, or standard error where no
-// file can be opened. No stream of libc's, which are made with its list of them locked: fflush(NULL)
-// holds that while it waits for each, and who has one locked may be waiting for our lock.
+// file can be opened.
 constexpr int not_chosen = -2;
 constexpr int standard_error = -1;
 constinit int gMCDebugFile = not_chosen;
@@ -29,26 +29,34 @@ void choose_debug_file() {
     snprintf(path, sizeof path, "%s%s.%lx.debug.txt", K42MC_FALLBACK_DIR, platform::progname(),
              static_cast<unsigned long>(static_cast<uint32_t>(time(nullptr))));
     gMCDebugFile = open_regular(path, O_TRUNC);
-    if (gMCDebugFile == standard_error)
-        fprintf(stderr, "%s: Failed to open %s. Using stderr instead\n", "MCDebugMsg", path);
+    if (gMCDebugFile != standard_error)
+        return;
+    StandardErrorText text;
+    text->put("MCDebugMsg: Failed to open ");
+    text->put(path);
+    text->put(". Using stderr instead\n");
 }
 
-void write_message(const char *text) {
-    if (gMCDebugFile == standard_error)
-        write_text(stderr, text, strlen(text));
-    else
-        platform::write_all(gMCDebugFile, text, strlen(text));
-}
-
-void write_call_chain() {
-    write_message("---------- backtrace:\n");
-    StackTrace trace;
-    trace.capture(StackTrace::deepest);
-    if (trace.count > 0) {
-        platform::backtrace_symbols_fd(trace.frames, trace.count,
-                                       gMCDebugFile == standard_error ? fileno(stderr) : gMCDebugFile);
-        write_message("------ end.\n");
+void put_message(TextOutput &out, const char *message, const StackTrace *trace) {
+    out.put(message);
+    if (trace == nullptr)
+        return;
+    out.put("---------- backtrace:\n");
+    if (trace->count > 0) {
+        out.symbols(trace->innermost(StackTrace::deepest));
+        out.put("------ end.\n");
     }
+}
+
+void write_message(const char *message, const StackTrace *trace) {
+    if (gMCDebugFile == standard_error) {
+        put_message(*StandardErrorText(), message, trace);
+        return;
+    }
+    char buffer[512];
+    TextOutput out(buffer, gMCDebugFile);
+    put_message(out, message, trace);
+    out.flush();
 }
 
 } // namespace
@@ -64,15 +72,16 @@ void MCDebugMsg(int with_backtrace, const char *format, ...) {
         vsnprintf(message, sizeof message, format, arguments);
         va_end(arguments);
     }
+    StackTrace trace;
+    if (with_backtrace)
+        trace.capture(StackTrace::deepest);
     hook_fork();
     const Printing printing;
-    pthread_mutex_lock(&gMCDebugLock);
+    lock(gMCDebugLock, LockRank::debug_messages);
     if (gMCDebugFile == not_chosen)
         choose_debug_file();
-    write_message(message);
-    if (with_backtrace)
-        write_call_chain();
-    pthread_mutex_unlock(&gMCDebugLock);
+    write_message(message, with_backtrace ? &trace : nullptr);
+    unlock(gMCDebugLock, LockRank::debug_messages);
 }
 
 K42MC_EXPORT(MCDebugMsg);

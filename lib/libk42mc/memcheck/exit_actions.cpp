@@ -13,7 +13,7 @@ constinit std::atomic<uint32_t> actions = 0;
 
 int open_json_file() {
     const ControlLock lock("MCExit");
-    return lock ? open_beside_report(".json") : -1;
+    return lock ? open_beside_sink(".json") : -1;
 }
 
 } // namespace

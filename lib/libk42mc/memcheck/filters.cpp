@@ -2,14 +2,16 @@
 
 #include "memcheck/control_lock.h"
 
+#include <algorithm>
 #include <stdlib.h>
 #include <string.h>
 
 namespace k42mc::internal {
 namespace {
 
-bool holds(const SLList *list, const MCFilterKey &key) {
-    return SLVisitWithArg(list, MCFilterVisitMatch, const_cast<MCFilterKey *>(&key)) != 0;
+bool holds(SLList *list, const MCFilterKey &key) {
+    return std::ranges::any_of(FilterList(list),
+                               [&](const MCBTFilter &filter) { return MCFilterMatch(filter.key, key); });
 }
 
 // The fields of a filter's text that count; null where the text ends too early.
@@ -64,26 +66,26 @@ MCBTFilter *create_filter(char *text) {
 }
 
 void cancel(SLList *list, const MCFilterKey &key) {
+    const FilterList filters(list);
     MCBTFilter *previous = nullptr;
-    for (auto *filter = static_cast<MCBTFilter *>(SLFirst(list)); filter != nullptr;
-         filter = static_cast<MCBTFilter *>(SLNext(list, filter))) {
-        if (MCFilterMatch(filter->key, key)) {
+    for (MCBTFilter &filter : filters) {
+        if (MCFilterMatch(filter.key, key)) {
             if (previous == nullptr)
                 SLRemoveAndDestroyFirst(list);
             else
                 SLRemoveAndDestroyNext(list, previous);
             return;
         }
-        previous = filter;
+        previous = &filter;
     }
 }
 
 void add(SLList *list, MCBTFilter *filter, const char *function) {
     if (holds(list, filter->key)) {
-        fprintf(stderr, "%s: ERROR: filter alredy present\n", function);
+        StandardErrorText()->print("%s: ERROR: filter alredy present\n", function);
         MCFilterRelease(filter);
     } else {
-        SLInsertFirst(list, filter);
+        FilterList(list).insert_first(*filter);
     }
 }
 
@@ -91,10 +93,6 @@ void add(SLList *list, MCBTFilter *filter, const char *function) {
 
 bool MCFilterMatch(const MCFilterKey &a, const MCFilterKey &b) {
     return a.line == b.line && a.size == b.size && a.type == b.type && strcmp(a.file, b.file) == 0;
-}
-
-int32_t MCFilterVisitMatch(void *filter, void *key) {
-    return MCFilterMatch(static_cast<MCBTFilter *>(filter)->key, *static_cast<MCFilterKey *>(key));
 }
 
 void MCFilterRelease(void *element) {
@@ -122,7 +120,7 @@ int MCBTFilterSet(char *text, int in) {
     }
     MCBTFilter *filter = create_filter(text);
     if (filter == nullptr) {
-        fprintf(stderr, "%s: ERROR: failed to create filter\n", name);
+        StandardErrorText()->print("%s: ERROR: failed to create filter\n", name);
         return -1;
     }
     // A filter belongs to the list that departs from the default; the opposite call only cancels it.

@@ -10,9 +10,6 @@ bool wants_backtrace(const MCFilterKey &key);
 
 bool MCFilterMatch(const MCFilterKey &a, const MCFilterKey &b);
 
-// The callback that looks a key up in a filter list.
-int32_t MCFilterVisitMatch(void *filter, void *key);
-
 // The destroy hook of the filter lists.
 void MCFilterRelease(void *filter);
 

@@ -21,38 +21,38 @@ void put_chain(JsonOutput &out, const RecordedTrace &chain) {
 }
 
 void put_site_key(JsonOutput &out, const SiteKey &key) {
-    out.print("\"file\":");
+    out->print("\"file\":");
     out.string(key.file);
-    out.print(",\"line\":%d,\"type\":\"%s\",", key.line, gAllocatorType[key.type]);
+    out->print(",\"line\":%d,\"type\":\"%s\",", key.line, gAllocatorType[key.type]);
 }
 
 void put_cycle(JsonOutput &out, const Snapshot &state, uint32_t limit) {
-    out.print("{\"kind\":\"cycle\",\"program\":");
+    out->print("{\"kind\":\"cycle\",\"program\":");
     out.string(platform::progname());
-    out.print(",\"pid\":%d,\"time\":%lld,\"width\":%zu,\"cycle\":%u,\"limit\":%u,", getpid(),
-              static_cast<long long>(time(nullptr)), 8 * sizeof(void *), state.cycle, limit);
-    out.print("\"blocks\":%llu,\"bytes\":%llu,\"allocated\":{\"blocks\":%llu,\"bytes\":%llu},"
-              "\"freed\":{\"blocks\":%llu,\"bytes\":%llu}}\n",
-              state.live.count, state.live.bytes, state.allocated.count, state.allocated.bytes,
-              state.freed.count, state.freed.bytes);
+    out->print(",\"pid\":%d,\"time\":%lld,\"width\":%zu,\"cycle\":%u,\"limit\":%u,", getpid(),
+               static_cast<long long>(time(nullptr)), 8 * sizeof(void *), state.cycle, limit);
+    out->print("\"blocks\":%llu,\"bytes\":%llu,\"allocated\":{\"blocks\":%llu,\"bytes\":%llu},"
+               "\"freed\":{\"blocks\":%llu,\"bytes\":%llu}}\n",
+               state.live.count, state.live.bytes, state.allocated.count, state.allocated.bytes,
+               state.freed.count, state.freed.bytes);
 }
 
 void put_site(JsonOutput &out, const SiteSummary &site, uint32_t cycle) {
-    out.print("{\"kind\":\"site\",\"cycle\":%u,", cycle);
+    out->print("{\"kind\":\"site\",\"cycle\":%u,", cycle);
     put_site_key(out, site.key);
     put_chain(out, site.key.chain);
-    out.print(",\"blocks\":%llu,\"bytes\":%llu,\"oldest\":%u,\"largest\":%zu}\n", site.held.count,
-              site.held.bytes, site.oldest, site.largest);
+    out->print(",\"blocks\":%llu,\"bytes\":%llu,\"oldest\":%u,\"largest\":%zu}\n", site.held.count,
+               site.held.bytes, site.oldest, site.largest);
 }
 
 void put_damage(JsonOutput &out, const DamagedBlock &block, uint32_t cycle) {
-    out.print("{\"kind\":\"damage\",\"cycle\":%u,\"defect\":\"%s\",", cycle,
-              k42mc_defect_desc[block.defect]);
+    out->print("{\"kind\":\"damage\",\"cycle\":%u,\"defect\":\"%s\",", cycle,
+               k42mc_defect_desc[block.defect]);
     put_site_key(out, block.key);
-    out.print("\"address\":\"0x%" PRIXPTR "\",\"size\":%zu,\"cycles\":%u,", block.address, block.size,
-              block.cycles);
+    out->print("\"address\":\"0x%" PRIXPTR "\",\"size\":%zu,\"cycles\":%u,", block.address, block.size,
+               block.cycles);
     put_chain(out, block.key.chain);
-    out.print("}\n");
+    out->print("}\n");
 }
 
 int write_snapshot(int descriptor, const Snapshot &state, uint32_t limit) {
@@ -62,9 +62,9 @@ int write_snapshot(int descriptor, const Snapshot &state, uint32_t limit) {
         put_site(out, site, state.cycle);
     for (const DamagedBlock &block : state.damaged())
         put_damage(out, block, state.cycle);
-    out.print("{\"kind\":\"end\",\"sites\":%zu,\"damaged\":%zu}\n", state.sites().size(),
-              state.damaged().size());
-    return out.flush();
+    out->print("{\"kind\":\"end\",\"sites\":%zu,\"damaged\":%zu}\n", state.sites().size(),
+               state.damaged().size());
+    return out->flush();
 }
 
 // Returns 0 or what went wrong.

@@ -1,6 +1,7 @@
 #include "base/checker_lock.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/exit_actions.h"
+#include "memcheck/report.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
 
@@ -13,13 +14,14 @@ void MCExit();
 
 bool valid_arguments(uint32_t file_type, uint32_t bitmap) {
     if ((bitmap & ~supported_bitmap) != 0) {
-        fprintf(stderr, "%s: ERROR: invalid MC type bitmap 0x%x. Supported bitmap is 0x%x\n", "MCInit",
-                bitmap, supported_bitmap);
+        StandardErrorText()->print("%s: ERROR: invalid MC type bitmap 0x%x. Supported bitmap is 0x%x\n",
+                                   "MCInit", bitmap, supported_bitmap);
         return false;
     }
     if (file_type != MC_TO_STDERR && file_type != MC_TO_FILE) {
-        fprintf(stderr, "%s: ERROR: invalid file type 0x%x. Specify either 0 (stderr) or 1 (tmp file)\n",
-                "MCInit", file_type);
+        StandardErrorText()->print(
+            "%s: ERROR: invalid file type 0x%x. Specify either 0 (stderr) or 1 (tmp file)\n", "MCInit",
+            file_type);
         return false;
     }
     return true;
@@ -28,13 +30,13 @@ bool valid_arguments(uint32_t file_type, uint32_t bitmap) {
 // Returns the bitmap to put in force, or 0 when the checker has to stay off.
 uint32_t first_initialisation(uint32_t file_type, uint32_t bitmap) {
     MCOpenSink(file_type == MC_TO_FILE);
-    if (gMCReportFile == nullptr) {
-        fprintf(stderr, "%s: Failed to open report file\n", "MCInit");
+    if (!sink_is_open()) {
+        StandardErrorText()->print("%s: Failed to open report file\n", "MCInit");
         return 0;
     }
-    fputs("==========MC init==========\n", MCSink());
+    SinkText()->put("==========MC init==========\n");
     if (!create_containers()) {
-        fprintf(MCSink(), "%s: Memory allocation failure!\n", "MCInit");
+        SinkText()->print("%s: Memory allocation failure!\n", "MCInit");
         MCCloseSink();
         return 0;
     }
@@ -49,9 +51,10 @@ uint32_t first_initialisation(uint32_t file_type, uint32_t bitmap) {
 
 // Returns the bitmap to put in force.
 uint32_t reinitialisation(uint32_t bitmap) {
-    fputs("==========MC re-init==========\n", MCSink());
+    SinkText out;
+    out->put("==========MC re-init==========\n");
     if (bitmap & MC_TYPE_LK_RESET) {
-        fputs("Resetting LK detection\n", MCSink());
+        out->put("Resetting LK detection\n");
         MCResetStats();
         DLDestroy(gMCList);
         bitmap &= ~MC_TYPE_LK_RESET;
@@ -60,15 +63,13 @@ uint32_t reinitialisation(uint32_t bitmap) {
 }
 
 void put_in_force(uint32_t bitmap) {
-    FILE *out = MCSink();
-    fputs(bitmap & MC_TYPE_LKBF ? "Monitoring LK/BF\n" : "By default monitoring LK/BF\n", out);
+    SinkText out;
+    out->put(bitmap & MC_TYPE_LKBF ? "Monitoring LK/BF\n" : "By default monitoring LK/BF\n");
     set_type_bitmap(bitmap | MC_TYPE_LKBF);
     if (bitmap & MC_TYPE_SHM)
-        fputs("Also monitoring shared memory\n", out);
-    fputs(bitmap & MC_TYPE_BT_OFF ? "Disabling backtrace collection, subject to MCBTFilterIn\n"
-                                  : "Enabling backtrace collection, subject to MCBTFilterOut\n",
-          out);
-    fflush(out);
+        out->put("Also monitoring shared memory\n");
+    out->put(bitmap & MC_TYPE_BT_OFF ? "Disabling backtrace collection, subject to MCBTFilterIn\n"
+                                     : "Enabling backtrace collection, subject to MCBTFilterOut\n");
 }
 
 // The flag goes first: the containers' headers are released through the checked free, which would want
@@ -83,14 +84,13 @@ void switch_off() {
 
 // Writes the farewell unless MCDeinit did. Returns whether there is anything to report.
 bool announce_exit() {
-    const TerminalLock terminal;
-    const bool locked = pthread_mutex_lock(&gMCLock) == 0;
-    const bool on = !gMCDone;
-    if (on)
-        fputs("==========MC exit==========\n", MCSink());
-    if (locked)
-        MCUnlock();
-    return on;
+    hook_fork();
+    const Printing printing;
+    const CheckerLock lock(take_checker_lock());
+    if (gMCDone)
+        return false;
+    SinkText()->put("==========MC exit==========\n");
+    return true;
 }
 
 // What the process still allocates and frees after this is guarded and no more.
@@ -98,7 +98,7 @@ void MCExit() {
     if (!announce_exit())
         return;
     verify_at_exit();
-    MCReport(0);
+    report(0);
     write_json_at_exit();
     const ControlLock lock("MCExit");
     if (!lock || gMCTree == nullptr)
@@ -119,7 +119,6 @@ void MCInit(uint32_t file_type, uint32_t bitmap) {
     bitmap = __builtin_bswap32(bitmap);
     if (!valid_arguments(file_type, bitmap))
         return;
-    prepare_sink();
     const ControlLock lock("MCInit");
     if (!lock)
         return;
@@ -136,7 +135,7 @@ void MCDeinit() {
     if (!lock)
         return;
     if (!checker_on()) {
-        fprintf(stderr, "%s: MC not currently initialized\n", "MCDeinit");
+        StandardErrorText()->print("%s: MC not currently initialized\n", "MCDeinit");
         return;
     }
     gMCDone = true;
@@ -145,7 +144,7 @@ void MCDeinit() {
     PTDeinit(&gMCTree);
     SLDeinit(&gMCFilterIn);
     SLDeinit(&gMCFilterOut);
-    fprintf(MCSink(), "========== %s: Done ==========\n", "MCDeinit");
+    SinkText()->print("========== %s: Done ==========\n", "MCDeinit");
     MCCloseSink();
 }
 

@@ -14,10 +14,11 @@ uintptr_t reverse_bytes(uintptr_t address) {
         return __builtin_bswap32(address);
 }
 
-void print_record(const MCAllocRec &record) {
-    fprintf(stderr, "%s:%d:%s:0x%0" PRIXPTR ":%zu:%u\n", record.key.file, record.key.line,
-            gAllocatorType[record.key.type], record.address, record.key.size, record.cycles);
-    write_allocation_trace(stderr, record.frames, record.frameCount);
+void put_record(TextOutput &out, const MCAllocRec &record) {
+    out.put(record.key.file);
+    out.print(":%d:%s:0x%0" PRIXPTR ":%zu:%u\n", record.key.line, gAllocatorType[record.key.type],
+              record.address, record.key.size, record.cycles);
+    put_allocation_trace(out, record.trace());
 }
 
 } // namespace
@@ -37,12 +38,13 @@ uint32_t MCCheck(uintptr_t address) {
     }
     if (address == 0)
         return 0;
-    const auto *record = static_cast<MCAllocRec *>(PTSearch(gMCTree, &address));
+    StandardErrorText out;
+    const MCAllocRec *record = RecordTree(gMCTree).search(address);
     if (record == nullptr) {
-        fprintf(stderr, "Allocation 0x%0" PRIXPTR " not known\n", address);
+        out->print("Allocation 0x%0" PRIXPTR " not known\n", address);
         return 1;
     }
-    print_record(*record);
+    put_record(*out, *record);
     return 0;
 }
 

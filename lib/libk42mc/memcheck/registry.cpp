@@ -7,9 +7,9 @@
 #include "memcheck/state.h"
 
 #include <inttypes.h>
+#include <memory>
 #include <stdlib.h>
 #include <string.h>
-#include <utility>
 
 namespace k42mc::internal {
 namespace {
@@ -17,40 +17,56 @@ namespace {
 // What is known of a block while the checker is off: its header is taken on trust.
 constexpr KnownBlock unexamined{.header_readable = true, .tail = 0};
 
+struct Release {
+    void operator()(MCAllocRec *record) const { free(record); }
+};
+
+// A record that nothing links to.
+using RecordMemory = std::unique_ptr<MCAllocRec, Release>;
+
 const char *type_name(uint16_t type) {
     return type < MC_ALLOCATOR_TYPES ? gAllocatorType[type] : "UNKNOWN";
 }
 
+const char *name_of(Site site) {
+    return site.file != nullptr ? site.file : "(null)";
+}
+
 void print_failed_allocation(Site site, size_t size) {
     const Printing printing;
-    MCSinkLine(site.file, ":%d:NA:0x%0X:%zu\n", site.line, 0u, size);
+    SinkText out;
+    out->put(name_of(site));
+    out->print(":%d:NA:0x%0X:%zu\n", site.line, 0u, size);
 }
 
 // Below a line about the call in progress, the call itself.
-void print_current_trace(const char *title) {
+void put_current_trace(TextOutput &out, const char *title) {
     StackTrace trace;
     trace.capture(StackTrace::deepest);
     if (trace.count > 0)
-        write_backtrace(MCSink(), title, trace.frames, trace.count);
+        put_trace(out, title, trace.innermost(StackTrace::deepest));
 }
 
 void print_null_release(Site site) {
     const Printing printing;
-    MCSinkLine(site.file, ":%d:NF:0x%0X:%u\n", site.line, 0u, 0u);
-    print_current_trace("Backtrace of the NULL free:\n");
+    SinkText out;
+    out->put(name_of(site));
+    out->print(":%d:NF:0x%0X:%u\n", site.line, 0u, 0u);
+    put_current_trace(*out, "Backtrace of the NULL free:\n");
 }
 
 void print_wrong_type(const MCAllocRec &record, Site site, uint16_t type) {
     const Printing printing;
-    MCSinkLine(site.file,
-               ":%d:BF: WRONG deallocator type for 0x%0" PRIXPTR "; allocType: %s, freeType: %s\n",
+    SinkText out;
+    out->put(name_of(site));
+    out->print(":%d:BF: WRONG deallocator type for 0x%0" PRIXPTR "; allocType: %s, freeType: %s\n",
                site.line, record.address, type_name(record.key.type), type_name(type));
-    print_current_trace("Backtrace of the bad free:\n");
+    put_current_trace(*out, "Backtrace of the bad free:\n");
 }
 
 void print_lost_record() {
     const Printing printing;
-    MCSinkLine("============ MCAlloc", ": Memory allocation failure ===========\n");
+    SinkText()->print("============ %s: Memory allocation failure ===========\n", "MCAlloc");
 }
 
 void unlist(MCAllocRec *record) {
@@ -68,10 +84,8 @@ void keep_frames(MCAllocRec &record, const StackTrace &trace) {
 void describe(MCAllocRec &record, Site site, uint16_t type, uintptr_t address, size_t size,
               const StackTrace &trace) {
     record.containers = 2;
-    record.key = {.line = site.line,
-                  .size = size,
-                  .type = type,
-                  .file = site.file != nullptr ? site.file : "(null)"};
+    record.in_hand = false;
+    record.key = {.line = site.line, .size = size, .type = type, .file = name_of(site)};
     record.cycles = 0;
     record.address = address;
     record.frameCount = 0;
@@ -81,16 +95,17 @@ void describe(MCAllocRec &record, Site site, uint16_t type, uintptr_t address, s
 
 void copy_description(MCAllocRec &to, const MCAllocRec &from) {
     to.containers = from.containers;
+    to.in_hand = from.in_hand;
     memcpy(&to.key, &from.key, sizeof from - offsetof(MCAllocRec, key));
 }
 
-// Links a record into the tree. Returns it, or the one of a block that was released past the wrappers
+// Links a record into the tree. Returns it; or the one of a block that was released past the wrappers
 // and is still recorded there, out of the live list and with the new one's description: the new one is
 // left to its owner then.
-MCAllocRec *enter(MCAllocRec *&record) {
+MCAllocRec *enter(RecordMemory &record) {
     MCAllocRec *const stale = RecordTree(gMCTree).insert(*record);
     if (stale == nullptr)
-        return std::exchange(record, nullptr);
+        return record.release();
     MCCountFree(stale->key.type, stale->key.size);
     unlist(stale);
     copy_description(*stale, *record);
@@ -106,10 +121,10 @@ void settle_backtrace(MCAllocRec &record, StackTrace &trace) {
     }
 }
 
-// The description is null for a block that there is none of, or where there was no memory for it. Leaves
-// memory that it does not need to its caller.
+// The record is null for a block that there is none of, or where there was no memory for it. One that is
+// not needed is left to its owner, to be released behind the lock.
 void add_record(Site site, uint16_t type, uintptr_t address, size_t size, StackTrace &trace,
-                MCAllocRec *&described) {
+                RecordMemory &described) {
     if (address == 0) {
         print_failed_allocation(site, size);
         return;
@@ -133,11 +148,12 @@ MCAllocRec *take(uintptr_t address) {
 }
 
 // The second half: everything else. The record is memory afterwards.
-void settle(MCAllocRec *record, Site site, uint16_t type) {
+RecordMemory settle(MCAllocRec *record, Site site, uint16_t type) {
     if (record->key.type != type)
         print_wrong_type(*record, site, type);
     MCCountFree(record->key.type, record->key.size);
     unlist(record);
+    return RecordMemory(record);
 }
 
 KnownBlock known_block(const MCAllocRec *record) {
@@ -150,11 +166,10 @@ uintptr_t address_of(const void *user) {
     return reinterpret_cast<uintptr_t>(user);
 }
 
-// Null for no block, and where there is no memory. Obtained and released without the lock, where it can
-// be.
-MCAllocRec *new_record(Site site, uint16_t type, uintptr_t address, size_t size,
-                       const StackTrace &trace) {
-    auto *const record = address != 0 ? static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec))) : nullptr;
+// Null for no block, and where there is no memory. Obtained without the lock, where it can be.
+RecordMemory new_record(Site site, uint16_t type, uintptr_t address, size_t size,
+                        const StackTrace &trace) {
+    RecordMemory record(address != 0 ? static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec))) : nullptr);
     if (record != nullptr)
         describe(*record, site, type, address, size, trace);
     return record;
@@ -169,52 +184,56 @@ int trace_depth() {
 void record_block(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace) {
     if (!checker_on())
         return;
-    MCAllocRec *record = new_record(site, type, address_of(user), size, trace);
-    if (MCLock()) {
+    RecordMemory record = new_record(site, type, address_of(user), size, trace);
+    if (const CheckerLock lock(MCLock() != 0); lock)
         add_record(site, type, address_of(user), size, trace, record);
-        MCUnlock();
-    }
-    free(record);
 }
 
 KnownBlock forget_block(Site site, uint16_t type, const void *user) {
-    if (!checker_on() || !MCLock())
+    if (!checker_on())
         return unexamined;
-    MCAllocRec *record = take(address_of(user));
+    RecordMemory memory; // released behind the lock
+    const CheckerLock lock(MCLock() != 0);
+    if (!lock)
+        return unexamined;
+    MCAllocRec *const record = take(address_of(user));
     const KnownBlock known = known_block(record);
     if (record != nullptr)
-        settle(record, site, type);
-    MCUnlock();
-    free(record);
+        memory = settle(record, site, type);
     return known;
 }
 
-void report_null_release(Site site, uint16_t type) {
-    if (!checker_on() || !MCLock())
+void report_null_release(Site site) {
+    if (!checker_on())
         return;
-    MCFree(site.file, site.line, type, 0);
-    MCUnlock();
+    if (const CheckerLock lock(MCLock() != 0); lock)
+        print_null_release(site);
 }
 
 RecordInHand take_record(const void *user) {
-    if (!checker_on() || !MCLock())
+    if (!checker_on())
         return {.record = nullptr, .generation = 0, .known = unexamined};
-    MCAllocRec *record = take(address_of(user));
-    const RecordInHand hand{record, gMCGeneration, known_block(record)};
-    MCUnlock();
-    return hand;
+    const CheckerLock lock(MCLock() != 0);
+    if (!lock)
+        return {.record = nullptr, .generation = 0, .known = unexamined};
+    MCAllocRec *const record = take(address_of(user));
+    if (record != nullptr)
+        record->in_hand = true;
+    return {record, gMCGeneration, known_block(record)};
 }
 
 void put_record_back(const RecordInHand &hand) {
-    if (hand.record == nullptr || pthread_mutex_lock(&gMCLock) != 0)
+    if (hand.record == nullptr)
         return;
-    const bool back =
-        hand.generation == gMCGeneration && RecordTree(gMCTree).insert(*hand.record) == nullptr;
-    if (!back)
-        unlist(hand.record);
-    MCUnlock();
-    if (!back)
-        free(hand.record);
+    RecordMemory dropped;
+    const CheckerLock lock(take_checker_lock());
+    if (!lock)
+        return;
+    hand.record->in_hand = false;
+    if (hand.generation == gMCGeneration && RecordTree(gMCTree).insert(*hand.record) == nullptr)
+        return;
+    unlist(hand.record);
+    dropped.reset(hand.record);
 }
 
 void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
@@ -223,17 +242,18 @@ void replace_record(const RecordInHand &hand, Site site, uint16_t type, const vo
         record_block(site, type, user, size, trace);
         return;
     }
-    if (pthread_mutex_lock(&gMCLock) != 0)
+    RecordMemory record;
+    const CheckerLock lock(take_checker_lock());
+    if (!lock)
         return;
     if (hand.generation == gMCGeneration)
-        settle(hand.record, site, type);
-    MCAllocRec *record = hand.record;
+        record = settle(hand.record, site, type);
+    else
+        record.reset(hand.record);
     if (checker_on()) {
         describe(*record, site, type, address_of(user), size, trace);
         add_record(site, type, address_of(user), size, trace, record);
     }
-    MCUnlock();
-    free(record);
 }
 
 } // namespace k42mc::internal
@@ -242,9 +262,8 @@ using namespace k42mc::internal;
 
 void MCAlloc(const char *file, int line, uint16_t type, uintptr_t address, size_t size) {
     StackTrace trace;
-    MCAllocRec *record = new_record({file, line}, type, address, size, trace);
+    RecordMemory record = new_record({file, line}, type, address, size, trace);
     add_record({file, line}, type, address, size, trace, record);
-    free(record);
 }
 
 void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
@@ -253,10 +272,8 @@ void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
             print_null_release({file, line});
         return;
     }
-    MCAllocRec *record = take(address);
-    if (record != nullptr)
+    if (MCAllocRec *const record = take(address))
         settle(record, {file, line}, type);
-    free(record);
 }
 
 K42MC_EXPORT(MCAlloc);

@@ -1,5 +1,7 @@
 #include "memcheck/report_signal.h"
 
+#include "memcheck/report.h"
+
 #include "base/errno_keeper.h"
 #include "base/fork.h"
 #include "base/printing.h"
@@ -34,7 +36,7 @@ void *report_on_arrivals(void *) {
         }
         for (Request &request : requests) {
             if (request.waiting.exchange(false))
-                MCReport(__builtin_bswap32(request.limit));
+                report(request.limit);
         }
     }
 }

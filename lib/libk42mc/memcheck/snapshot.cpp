@@ -58,13 +58,14 @@ bool Snapshot::take(uint32_t limit) {
     cycle = gMCCycle;
     allocated = sum(gMCAllocSinceReset);
     freed = sum(gMCFreeSinceReset);
-    const auto *record = static_cast<MCAllocRec *>(DLFirst(gMCList));
-    for (; record != nullptr; record = static_cast<MCAllocRec *>(DLNext(gMCList, record))) {
-        live.add(record->key.size);
-        if (record->cycles >= limit && !take_block(*record))
+    for (const MCAllocRec &record : RecordList(gMCList)) {
+        if (record.in_hand)
+            continue;
+        live.add(record.key.size);
+        if (record.cycles >= limit && !take_block(record))
             return false;
-        const int defect = inspector.defect(*record);
-        if (defect != K42MC_DEFECT_NONE && !add_damage(*record, defect))
+        const int defect = inspector.defect(record);
+        if (defect != K42MC_DEFECT_NONE && !add_damage(record, defect))
             return false;
     }
     std::sort(sites_.records, sites_.records + sites_.size, comes_first);

@@ -5,8 +5,9 @@
 
 #include <k42mc/dl.hpp>
 #include <k42mc/pt.hpp>
+#include <k42mc/sl.hpp>
+#include <span>
 #include <stddef.h>
-#include <stdio.h>
 
 namespace k42mc::internal {
 
@@ -24,12 +25,15 @@ struct MCAllocRec {
 
     DLLink link;        // in the live list
     uint8_t containers; // that hold the record: 2, or 1 for the tree alone
+    bool in_hand;       // out of the tree: its block is being reallocated, and nobody may look at it
     PTNode node;        // in the tree
     MCFilterKey key;
     uint32_t cycles; // reports that have seen the record
     uintptr_t address;
     void *frames[most_frames];
-    uint32_t frameCount; // 0: no backtrace
+    uint32_t frameCount; // 0: no stack trace
+
+    std::span<void *const> trace() const { return {frames, frameCount}; }
 };
 
 struct MCBTFilter {
@@ -65,6 +69,7 @@ extern SLList *gMCFilterOut;
 // The typed front ends, which know what they hold: every allocation goes through them.
 using RecordTree = pt_view<MCAllocRec, &MCAllocRec::node, &MCAllocRec::address>;
 using RecordList = dl_view<MCAllocRec, &MCAllocRec::link>;
+using FilterList = sl_view<MCBTFilter, &MCBTFilter::link>;
 
 extern uint16_t gMCTypeBitmap; // written atomically: the wrappers peek at it without the lock
 extern uint32_t gMCCycle;      // the number of the last report

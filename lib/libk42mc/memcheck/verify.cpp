@@ -6,24 +6,21 @@
 namespace k42mc::internal {
 namespace {
 
-void print_damage(const MCAllocRec &record, int defect) {
-    FILE *out = MCSink();
-    print_block(out, record, k42mc_defect_desc[defect]);
-    write_allocation_trace(out, record.frames, record.frameCount);
+void put_damage(TextOutput &out, const MCAllocRec &record, int defect) {
+    put_block(out, record, k42mc_defect_desc[defect]);
+    put_allocation_trace(out, record.trace());
 }
 
-unsigned print_damaged_blocks() {
+unsigned put_damaged_blocks(TextOutput &out) {
     GuardInspector inspector;
     unsigned damaged = 0;
-    const auto *record = static_cast<MCAllocRec *>(DLFirst(gMCList));
-    for (; record != nullptr; record = static_cast<MCAllocRec *>(DLNext(gMCList, record))) {
-        const int defect = inspector.defect(*record);
+    for (const MCAllocRec &record : RecordList(gMCList)) {
+        const int defect = inspector.defect(record);
         if (defect != K42MC_DEFECT_NONE) [[unlikely]] {
-            print_damage(*record, defect);
+            put_damage(out, record, defect);
             ++damaged;
         }
     }
-    fflush(MCSink());
     return damaged;
 }
 
@@ -41,7 +38,7 @@ unsigned k42mcx_verify() {
         say_not_initialized(name);
         return 0;
     }
-    return print_damaged_blocks();
+    return put_damaged_blocks(*SinkText());
 }
 
 K42MC_EXPORT(k42mcx_verify);

@@ -62,7 +62,7 @@ template <class Family> void wrap_free(Site site, void *ptr) {
     if (ptr != nullptr)
         ptr = take_back(site, Family::type, ptr);
     else if (Family::null_release_is_reported)
-        report_null_release(site, Family::type);
+        report_null_release(site);
     Family::release(ptr);
 }
 

@@ -1,0 +1,41 @@
+// Our locks, and the one order in which a thread takes them.
+#pragma once
+
+#include <pthread.h>
+
+namespace k42mc::internal {
+
+// From the first to the last.
+enum class LockRank : unsigned { descriptors, checker, debug_messages };
+
+// Builds with assertions stop where a lock is taken out of order, or where something that is not ours is
+// waited for while one is held: libc's list of streams, its time zone.
+#ifdef NDEBUG
+inline void check_lock_order(LockRank) {}
+inline void check_no_lock_held() {}
+inline void note_locked(LockRank) {}
+inline void note_unlocked(LockRank) {}
+inline void forget_locks() {}
+#else
+void check_lock_order(LockRank rank);
+void check_no_lock_held();
+void note_locked(LockRank rank);
+void note_unlocked(LockRank rank);
+void forget_locks(); // in the child of a fork, which makes them anew
+#endif
+
+// Returns 0 or what went wrong.
+inline int lock(pthread_mutex_t &mutex, LockRank rank) {
+    check_lock_order(rank);
+    const int failure = pthread_mutex_lock(&mutex);
+    if (failure == 0)
+        note_locked(rank);
+    return failure;
+}
+
+inline int unlock(pthread_mutex_t &mutex, LockRank rank) {
+    note_unlocked(rank);
+    return pthread_mutex_unlock(&mutex);
+}
+
+} // namespace k42mc::internal

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <stdint.h>
+
+namespace k42mc::internal {
+
+// One report cycle, as MCReport makes it; the limit in the host's byte order. Takes gMCLock.
+void report(uint32_t limit);
+
+} // namespace k42mc::internal

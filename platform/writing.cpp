@@ -1,0 +1,94 @@
+#include "platform/platform.h"
+
+#include <atomic>
+#include <cerrno>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace k42mc::internal::platform {
+namespace {
+
+constexpr int raised_by_writes[] = {SIGXFSZ, SIGPIPE, SIGTTOU};
+
+constexpr long patience = 5000; // milliseconds
+
+// Somebody waited in vain for a reader, and no byte has been taken since.
+constinit std::atomic<bool> nobody_reads = false;
+
+sigset_t write_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : raised_by_writes)
+        sigaddset(&set, number);
+    return set;
+}
+
+bool any_pending() {
+    sigset_t pending;
+    sigpending(&pending);
+    for (const int number : raised_by_writes)
+        if (sigismember(&pending, number) == 1)
+            return true;
+    return false;
+}
+
+long milliseconds_now() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long>(now.tv_sec % 1000000) * 1000 + now.tv_nsec / 1000000;
+}
+
+} // namespace
+
+// Only what was blocked before can be pending already.
+WriteSignalsHeld::WriteSignalsHeld() {
+    const sigset_t set = write_signals();
+    pthread_sigmask(SIG_BLOCK, &set, &former_);
+    for (const int number : raised_by_writes)
+        others_pending_ = others_pending_ || (sigismember(&former_, number) == 1 && any_pending());
+}
+
+WriteSignalsHeld::~WriteSignalsHeld() {
+    const int kept_errno = errno;
+    constexpr timespec at_once = {0, 0};
+    const sigset_t set = write_signals();
+    while (!others_pending_ && any_pending() && sigtimedwait(&set, nullptr, &at_once) > 0)
+        continue;
+    pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+    errno = kept_errno;
+}
+
+bool wait_for_room(int descriptor) {
+    const long end = milliseconds_now() + (nobody_reads ? 0 : patience);
+    pollfd room{.fd = descriptor, .events = POLLOUT, .revents = 0};
+    for (;;) {
+        const long left = end - milliseconds_now();
+        const int ready = poll(&room, 1, static_cast<int>(left > 0 ? left : 0));
+        if (ready > 0)
+            return true;
+        if (ready == 0 || errno != EINTR)
+            break;
+    }
+    nobody_reads = true;
+    return false;
+}
+
+int write_all(int descriptor, const char *bytes, size_t size) {
+    const WriteSignalsHeld signals_held;
+    while (size > 0) {
+        const ssize_t written = write(descriptor, bytes, size);
+        if (written > 0) {
+            nobody_reads = false;
+            bytes += written;
+            size -= static_cast<size_t>(written);
+        } else if (written == 0) {
+            return EIO;
+        } else if (errno != EINTR && (errno != EAGAIN || !wait_for_room(descriptor))) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+} // namespace k42mc::internal::platform
