@@ -1,6 +1,7 @@
 // Report files: where they go, when the terminal is left for them, and what a forked child does.
 #include "checker.h"
 #include "ended.h"
+#include "failing_malloc.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -145,6 +146,58 @@ TEST_F(Sink, TakesLongReportsOffTheTerminal) {
     EXPECT_CONTAINS(text, "a.c:1:LK:STD:" + address(blocks[0]) + ":1:3\n");
     for (void *block : blocks)
         k42MC_free("a.c", 2, block);
+}
+
+// A folder that does not hold it makes it longer than a path may be.
+TEST_F(Sink, HasAPathThatIsCut) {
+    const std::string name = [] {
+        std::string folders;
+        while (folders.size() < 1100)
+            folders += "a-folder-that-is-there/";
+        return folders;
+    }();
+    const std::string wanted = fallback.string() + name;
+    fs::create_directories(fs::path(wanted.substr(0, 1023)).parent_path());
+    const Ended end = ended([&] {
+        program_invocation_short_name = const_cast<char *>(name.c_str());
+        init(MC_TO_FILE, 0);
+        MCReport(0);
+        k42mcx_at_exit(K42MCX_EXIT_JSON);
+        std::exit(0);
+    });
+    const std::string cut = wanted.substr(0, 1023);
+    EXPECT_STARTS(contents(cut), "==========MC init==========\n");
+    EXPECT_CONTAINS(contents(cut), "==========MC exit==========\n");
+    EXPECT_ENDS(end.err, ": File name too long\n"); // of the JSON, whose name is no other one
+}
+
+// A file that somebody else may read, or change, is not written.
+TEST_F(Sink, IsNoFileOfAnotherUser) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can make one";
+    fs::create_directories(reports);
+    for (int ahead = 0; ahead < 5; ++ahead) {
+        const fs::path path = reports / name_in(ahead);
+        std::ofstream(path) << "old";
+        ASSERT_EQ(chown(path.c_str(), 1, 1), 0);
+    }
+    EXPECT_CONTAINS(init(MC_TO_FILE, 0), fallback.string() + "sink_test.MC.");
+    for (const fs::path &file : files_in(reports))
+        EXPECT_EQ(contents(file), "old");
+}
+
+// Whatever fails first, the next try is a new one.
+TEST_F(Sink, IsTriedAnewAfterMemoryRanOut) {
+    NEEDS_OWN_MALLOC();
+    for (int nth = 1; nth <= 8; ++nth) {
+        const Ended end = ended([=] {
+            failing_malloc(nth, true, [] { MCInit(K42MC_BE32(MC_TO_FILE), 0); });
+            MCInit(K42MC_BE32(MC_TO_FILE), 0);
+            _exit(gK42MCOn ? 0 : 1);
+        });
+        EXPECT_TRUE(end.exited(0)) << end.err;
+        EXPECT_FALSE(contains(end.err, "Success")) << end.err;
+    }
 }
 
 TEST_F(Sink, IsItsOwnInAForkedChild) {
