@@ -1,5 +1,5 @@
-// A daemon closes every descriptor that it does not know, and opens something of its own under the number
-// of the report file: no line of a report goes there.
+// A daemon closes every descriptor that it does not know, and opens something of its own under the numbers
+// of the report file and the debug file: no line goes there.
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -12,6 +12,7 @@ int main() {
     const std::string folder = "descriptors_closed." + std::to_string(getpid());
     k42mcx_report_folder(folder.c_str());
     MCInit(K42MC_BE32(MC_TO_FILE), 0);
+    MCDebugMsg(0, "message\n");
     for (int descriptor = 3; descriptor < 64; ++descriptor)
         close(descriptor);
     const int database = open(".", O_TMPFILE | O_RDWR, 0600);
@@ -19,6 +20,7 @@ int main() {
         if (descriptor != database)
             dup2(database, descriptor);
     MCReport(0);
+    MCDebugMsg(1, "message\n");
     MCDeinit();
     struct stat status {};
     const bool intact = fstat(database, &status) == 0 && status.st_size == 0;

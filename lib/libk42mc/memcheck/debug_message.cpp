@@ -1,5 +1,6 @@
 #include "base/errno_keeper.h"
 #include "base/fork.h"
+#include "base/kept_file.h"
 #include "base/locks.h"
 #include "base/text_output.h"
 #include "linkage/linkage.h"
@@ -18,23 +19,32 @@ constinit pthread_mutex_t gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-// Chosen by the first message, for the rest of the process: a descriptor, or standard error where no
-// file can be opened.
-constexpr int not_chosen = -2;
-constexpr int standard_error = -1;
-constinit int gMCDebugFile = not_chosen;
+// Chosen by the first message, for the rest of the process.
+constinit enum { not_chosen, file, standard_error } debug_stream = not_chosen;
+constinit KeptFile gMCDebugFile;
+constinit char path[1024] = "";
 
-void choose_debug_file() {
-    static constinit char path[1024] = "";
+void choose_debug_stream() {
     snprintf(path, sizeof path, "%s%s.%lx.debug.txt", K42MC_FALLBACK_DIR, platform::progname(),
              static_cast<unsigned long>(static_cast<uint32_t>(time(nullptr))));
-    gMCDebugFile = open_regular(path, O_TRUNC);
-    if (gMCDebugFile != standard_error)
+    const int descriptor = open_regular(path, O_TRUNC);
+    gMCDebugFile.keep(descriptor);
+    debug_stream = descriptor >= 0 ? file : standard_error;
+    if (descriptor >= 0)
         return;
     StandardErrorText text;
     text->put("MCDebugMsg: Failed to open ");
     text->put(path);
     text->put(". Using stderr instead\n");
+}
+
+// -1 for standard error. Where the process has closed the file, it is opened again.
+int descriptor_to_write() {
+    if (debug_stream == not_chosen)
+        choose_debug_stream();
+    if (debug_stream == file && gMCDebugFile.descriptor() < 0)
+        gMCDebugFile.keep(open_regular(path, O_APPEND));
+    return gMCDebugFile.descriptor();
 }
 
 void put_message(TextOutput &out, const char *message, const StackTrace *trace) {
@@ -49,12 +59,13 @@ void put_message(TextOutput &out, const char *message, const StackTrace *trace) 
 }
 
 void write_message(const char *message, const StackTrace *trace) {
-    if (gMCDebugFile == standard_error) {
+    const int descriptor = descriptor_to_write();
+    if (descriptor < 0) {
         put_message(*StandardErrorText(), message, trace);
         return;
     }
     char buffer[512];
-    TextOutput out(buffer, gMCDebugFile);
+    TextOutput out(buffer, descriptor);
     put_message(out, message, trace);
     out.flush();
 }
@@ -78,8 +89,6 @@ void MCDebugMsg(int with_backtrace, const char *format, ...) {
     hook_fork();
     const Printing printing;
     lock(gMCDebugLock, LockRank::debug_messages);
-    if (gMCDebugFile == not_chosen)
-        choose_debug_file();
     write_message(message, with_backtrace ? &trace : nullptr);
     unlock(gMCDebugLock, LockRank::debug_messages);
 }

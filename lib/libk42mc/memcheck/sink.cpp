@@ -1,9 +1,9 @@
 #include "memcheck/sink.h"
 
+#include "base/kept_file.h"
 #include "memcheck/report_file.h"
 #include "platform/platform.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace k42mc::internal {
@@ -11,14 +11,9 @@ namespace {
 
 struct Sink {
     enum Kind { none, standard_error, file, borrowed } kind = none;
-    // Of a file: programs close descriptors that they do not know, and use the numbers for something of
-    // their own; and not every child tells that it was forked.
-    int descriptor = -1;
-    dev_t device = 0;
-    ino_t inode = 0;
-    pid_t owner = 0; // 0 in a child that has not yet written
-    // Of a borrowed sink.
-    int (*lender)() = nullptr;
+    KeptFile report_file;
+    pid_t owner = 0; // of the file; 0 in a child that has not yet written. Not every child is told of.
+    int (*lender)() = nullptr; // of a borrowed sink
 };
 
 constinit Sink gMCReportFile;
@@ -41,38 +36,26 @@ void say_path(bool opened) {
 void open_file(bool for_child) {
     const int descriptor = open_report_file(for_child);
     gMCReportFile = {};
-    struct stat status;
-    if (descriptor >= 0 && fstat(descriptor, &status) == 0)
-        gMCReportFile = {.kind = Sink::file,
-                         .descriptor = descriptor,
-                         .device = status.st_dev,
-                         .inode = status.st_ino,
-                         .owner = getpid()};
+    if (descriptor >= 0) {
+        gMCReportFile.kind = Sink::file;
+        gMCReportFile.report_file.keep(descriptor);
+        gMCReportFile.owner = getpid();
+    }
     say_path(descriptor >= 0);
-}
-
-bool file_is_ours() {
-    struct stat status;
-    return fstat(gMCReportFile.descriptor, &status) == 0 && status.st_dev == gMCReportFile.device &&
-           status.st_ino == gMCReportFile.inode;
-}
-
-void close_file() {
-    if (file_is_ours())
-        close(gMCReportFile.descriptor);
 }
 
 // A child that has its parent's memory, too, can only leave the parent's sink alone.
 int own_file() {
-    if (gMCReportFile.owner == getpid() && file_is_ours())
-        return gMCReportFile.descriptor;
+    const int descriptor = gMCReportFile.report_file.descriptor();
+    if (descriptor >= 0 && gMCReportFile.owner == getpid())
+        return descriptor;
     if (platform::borrows_memory())
         return -1;
-    close_file();
+    gMCReportFile.report_file.close();
     open_file(true);
     if (gMCReportFile.kind == Sink::none)
         stay_on_terminal();
-    return gMCReportFile.descriptor;
+    return gMCReportFile.report_file.descriptor();
 }
 
 // -1 for standard error.
@@ -103,7 +86,7 @@ void MCOpenSink(int to_file) {
 
 void MCCloseSink() {
     if (gMCReportFile.kind == Sink::file)
-        close_file();
+        gMCReportFile.report_file.close();
     gMCReportFile = {};
 }
 
@@ -116,11 +99,14 @@ bool sink_is_terminal() {
 }
 
 void stay_on_terminal() {
-    gMCReportFile = {.kind = Sink::standard_error};
+    gMCReportFile = {};
+    gMCReportFile.kind = Sink::standard_error;
 }
 
 void borrow_sink(int (*descriptor)()) {
-    gMCReportFile = {.kind = Sink::borrowed, .lender = descriptor};
+    gMCReportFile = {};
+    gMCReportFile.kind = Sink::borrowed;
+    gMCReportFile.lender = descriptor;
 }
 
 int open_beside_sink(const char *extension) {
