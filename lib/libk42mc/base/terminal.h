@@ -12,17 +12,21 @@ namespace k42mc::internal {
 // the stream's own lock may be waiting in a wrapper.
 class TerminalLock {
 public:
-    TerminalLock() {
+    explicit TerminalLock(bool wanted = true) : stream_(wanted ? stderr : nullptr) {
         hook_fork();
-        flockfile(stream_);
+        if (stream_ != nullptr)
+            flockfile(stream_);
     }
-    ~TerminalLock() { funlockfile(stream_); }
+    ~TerminalLock() {
+        if (stream_ != nullptr)
+            funlockfile(stream_);
+    }
     TerminalLock(const TerminalLock &) = delete;
     TerminalLock &operator=(const TerminalLock &) = delete;
 
 private:
     const Printing printing_;
-    FILE *const stream_ = stderr;
+    FILE *const stream_;
 };
 
 // Writes to a stream at once. For where a lock of ours is held without the stream's: text for standard

@@ -2,12 +2,14 @@
 
 #include "base/terminal.h"
 #include "linkage/linkage.h"
+#include "memcheck/sink.h"
 
 #include <stdio.h>
 
 namespace k42mc::internal {
 
-// gMCLock for a control function, which must work while the checker is off too.
+// gMCLock for a control function, which must work while the checker is off too. Without the terminal's where
+// the sink is borrowed: the process may hold that to its end, and still is to get its reports.
 class ControlLock {
 public:
     explicit ControlLock(const char *function) {
@@ -24,7 +26,7 @@ public:
     explicit operator bool() const { return held_; }
 
 private:
-    const TerminalLock terminal_;
+    const TerminalLock terminal_{!sink_is_borrowed()};
     const bool held_ = pthread_mutex_lock(&gMCLock) == 0;
 };
 

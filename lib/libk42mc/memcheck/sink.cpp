@@ -21,8 +21,8 @@ namespace {
 // The sink belongs to the parent process.
 constinit bool sink_inherited = false;
 
-// The sink is somebody else's stream.
-constinit bool sink_borrowed = false;
+// Of somebody else's stream that is the sink; null while it is not.
+constinit DescriptorSource borrowed_descriptor = nullptr;
 
 // The stream of all report files. Streams are made and closed with a lock of libc's, which fflush(NULL)
 // holds while it waits for standard error; so one stream is made ahead of all locks, for good, and what
@@ -133,7 +133,7 @@ void open_report_file(bool for_child) {
 }
 
 bool is_file(const FILE *sink) {
-    return sink != nullptr && sink != stderr && !sink_borrowed;
+    return sink != nullptr && sink != stderr && !sink_is_borrowed();
 }
 
 void close_file() {
@@ -186,6 +186,8 @@ int open_beside_report(const char *extension) {
 }
 
 int descriptor_of(FILE *out) {
+    if (out == gMCReportFile && sink_is_borrowed())
+        return borrowed_descriptor();
     return out == file_stream ? file_descriptor : fileno(out);
 }
 
@@ -196,7 +198,7 @@ FILE *MCSink() {
 }
 
 void MCOpenSink(int to_file) {
-    if (sink_borrowed)
+    if (sink_is_borrowed())
         return;
     if (!to_file) {
         MCCloseSink();
@@ -207,16 +209,20 @@ void MCOpenSink(int to_file) {
     }
 }
 
-void borrow_sink(FILE *stream) {
+void borrow_sink(FILE *stream, DescriptorSource descriptor) {
     gMCReportFile = stream;
-    sink_borrowed = true;
+    borrowed_descriptor = descriptor;
+}
+
+bool sink_is_borrowed() {
+    return borrowed_descriptor != nullptr;
 }
 
 void MCCloseSink() {
     if (is_file(gMCReportFile))
         close_file();
     gMCReportFile = nullptr;
-    sink_borrowed = false;
+    borrowed_descriptor = nullptr;
     sink_inherited = false;
 }
 

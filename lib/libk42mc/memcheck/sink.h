@@ -23,8 +23,11 @@ void prepare_sink();
 void MCOpenSink(int to_file);
 
 // Makes a stream the sink that somebody else opened, keeps, and takes care of around a fork: for a shim
-// whose reports go to a file of its own. To be called while the checker is off; MCOpenSink keeps it.
-void borrow_sink(FILE *stream);
+// whose reports go to a file of its own. `descriptor` says where its bytes go at the moment. To be called
+// while the checker is off; MCOpenSink keeps it.
+using DescriptorSource = int (*)();
+void borrow_sink(FILE *stream, DescriptorSource descriptor);
+bool sink_is_borrowed();
 
 // Closes the sink if it is a report file, and leaves none.
 void MCCloseSink();
