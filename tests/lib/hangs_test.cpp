@@ -15,7 +15,7 @@ namespace {
 // Runs action over and over beside threads that do the same, each with one of others.
 template <class Action, class... Others> Ended side_by_side(Action action, Others... others) {
     return ended([&] {
-        alarm(30);
+        alarm(100);
         std::atomic<bool> done = false;
         const auto until_done = [&](auto other) {
             return std::thread([&done, other] {
@@ -39,7 +39,7 @@ void start(uint32_t file_type = MC_TO_STDERR) {
 template <class Action> void in_a_child(Action action) {
     const pid_t child = fork();
     if (child == 0) {
-        alarm(30);
+        alarm(100);
         action();
         _exit(0);
     }
@@ -99,7 +99,7 @@ TEST(Hangs, NotWhenTheCheckerPrintsWhatNobodyAskedFor) {
             usleep(1000);
     };
     const Ended at_exit = ended([&] {
-        alarm(30);
+        alarm(100);
         start();
         hold_standard_error();
     });
@@ -119,7 +119,7 @@ TEST(Hangs, NotWhenTheCheckerPrintsWhatNobodyAskedFor) {
 // Others wait while FDReport prints, on a stream of the process's own that reports its descriptor.
 TEST(Hangs, NotInAChildForkedAheadOfTheFirstEvent) {
     const Ended end = ended([] {
-        alarm(30);
+        alarm(100);
         static std::atomic<bool> printing = false, printed = false, forked = false;
         const auto write = [](void *, const char *, size_t size) {
             printing = true;
@@ -183,7 +183,7 @@ TEST(Hangs, NotWhileALibraryIsLoaded) {
 
 TEST(Hangs, NotWhenStandardErrorAllocates) {
     const Ended end = ended([] {
-        alarm(30);
+        alarm(100);
         char *text = nullptr;
         size_t size = 0;
         stderr = k42mcx_open_memstream("a.c", 1, &text, &size);
@@ -211,7 +211,7 @@ TEST(Hangs, NotAfterAThreadWasCancelled) {
         }).join();
     };
     const Ended end = ended([&] {
-        alarm(30);
+        alarm(100);
         start();
         cancelled([] { k42MC_MM_free("a.c", 1, nullptr), MCReport(0), MCDebugMsg(1, "message\n"); });
         MCReport(0);
@@ -219,7 +219,7 @@ TEST(Hangs, NotAfterAThreadWasCancelled) {
     });
     EXPECT_TRUE(end.exited(0));
     const Ended defect = ended([&] {
-        alarm(30);
+        alarm(100);
         cancelled([] {
             char *volatile block = static_cast<char *>(k42MC_malloc("a.c", 1, 10));
             block[10] = 0;

@@ -6,6 +6,7 @@
 #include "fdcheck/routes.h"
 #include "platform/platform.h"
 #include "tools/preload/depth.h"
+#include "tools/preload/exported.h"
 #include "tools/preload/next.h"
 
 #include <k42mc/extra.h>
@@ -23,8 +24,6 @@
 #include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
-
-#define EXPORTED [[gnu::visibility("default")]]
 
 namespace {
 

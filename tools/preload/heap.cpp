@@ -1,23 +1,26 @@
 // The malloc family, over guarded blocks. The wrappers' own calls of these names come back here, from
 // inside the checker, and go to libc; so does what libc allocates while the checker prints.
+#include "k42mc_debug.h"
+#include "platform/platform.h"
+#include "platform/trace_buffer.h"
 #include "tools/preload/depth.h"
-#include "tools/preload/guarded.h"
+#include "tools/preload/exported.h"
 #include "tools/preload/libc.h"
-#include "tools/preload/session.h"
+#include "tools/preload/next.h"
 #include "tools/preload/site.h"
 
 #include <k42mc/k42mc.h>
 
 #include <bit>
-#include <dlfcn.h>
 #include <errno.h>
 #include <malloc.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 __thread int checker_depth = 0;
 
 namespace {
+
+using namespace k42mc::internal;
 
 #define CALLER __builtin_return_address(0)
 
@@ -30,6 +33,10 @@ void *resize_plain(void *ptr, size_t size) {
 void release_plain(void *ptr) {
     const InsideChecker inside;
     __libc_free(ptr);
+}
+
+bool called_by_checker(const void *caller) {
+    return platform::TraceBuffer::is_own(reinterpret_cast<uintptr_t>(caller));
 }
 
 // The checker is at work below a call of the shim, or below one of its own functions, in a program that
@@ -48,7 +55,7 @@ void *allocate(const void *caller, size_t size) {
 void *resize(const void *caller, void *ptr, size_t size) {
     if (ptr == nullptr)
         return allocate(caller, size);
-    if (for_checker(caller) || (!is_guarded(ptr) && !was_guarded(ptr)))
+    if (for_checker(caller) || state_of(ptr) == BlockState::none)
         return resize_plain(ptr, size);
     const InsideChecker inside;
     return k42mcx_realloc(site_of(caller), 0, ptr, size);
@@ -62,21 +69,17 @@ void *allocate_aligned(const void *caller, size_t alignment, size_t size) {
     return k42mcx_memalign(site_of(caller), 0, alignment, size);
 }
 
-size_t page_size() {
-    return static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
-
 // Inside the checker, blocks that libc allocated outside of it stay where they are: releasing one would
 // want the lock that this thread may hold.
 void release(const void *caller, void *ptr) {
     if (ptr == nullptr)
         return;
     if (for_checker(caller)) {
-        if (called_by_checker(caller) || !is_guarded(ptr))
+        if (called_by_checker(caller) || state_of(ptr) != BlockState::live)
             __libc_free(ptr);
         return;
     }
-    if (!is_guarded(ptr) && !was_guarded(ptr)) {
+    if (state_of(ptr) == BlockState::none) {
         release_plain(ptr);
         return;
     }
@@ -88,22 +91,22 @@ void release(const void *caller, void *ptr) {
 
 extern "C" {
 
-[[gnu::visibility("default")]] void *malloc(size_t size) {
+EXPORTED void *malloc(size_t size) {
     return allocate(CALLER, size);
 }
 
-[[gnu::visibility("default")]] void *calloc(size_t nmemb, size_t size) {
+EXPORTED void *calloc(size_t nmemb, size_t size) {
     if (for_checker(CALLER))
         return __libc_calloc(nmemb, size);
     const InsideChecker inside;
     return k42MC_calloc(site_of(CALLER), 0, nmemb, size);
 }
 
-[[gnu::visibility("default")]] void *realloc(void *ptr, size_t size) {
+EXPORTED void *realloc(void *ptr, size_t size) {
     return resize(CALLER, ptr, size);
 }
 
-[[gnu::visibility("default")]] void *reallocarray(void *ptr, size_t nmemb, size_t size) {
+EXPORTED void *reallocarray(void *ptr, size_t nmemb, size_t size) {
     size_t bytes;
     if (__builtin_mul_overflow(nmemb, size, &bytes)) {
         errno = ENOMEM;
@@ -112,28 +115,28 @@ extern "C" {
     return resize(CALLER, ptr, bytes);
 }
 
-[[gnu::visibility("default")]] void free(void *ptr) {
+EXPORTED void free(void *ptr) {
     release(CALLER, ptr);
 }
 
-[[gnu::visibility("default")]] void cfree(void *ptr) {
+EXPORTED void cfree(void *ptr) {
     release(CALLER, ptr);
 }
 
-[[gnu::visibility("default")]] void *memalign(size_t alignment, size_t size) {
+EXPORTED void *memalign(size_t alignment, size_t size) {
     return allocate_aligned(CALLER, alignment, size);
 }
 
-[[gnu::visibility("default")]] void *aligned_alloc(size_t alignment, size_t size) {
+EXPORTED void *aligned_alloc(size_t alignment, size_t size) {
     return allocate_aligned(CALLER, alignment, size);
 }
 
-[[gnu::visibility("default")]] void *valloc(size_t size) {
-    return allocate_aligned(CALLER, page_size(), size);
+EXPORTED void *valloc(size_t size) {
+    return allocate_aligned(CALLER, platform::page_size(), size);
 }
 
-[[gnu::visibility("default")]] void *pvalloc(size_t size) {
-    const size_t page = page_size();
+EXPORTED void *pvalloc(size_t size) {
+    const size_t page = platform::page_size();
     size_t padded;
     if (__builtin_add_overflow(size, page - 1, &padded)) {
         errno = ENOMEM;
@@ -142,7 +145,7 @@ extern "C" {
     return allocate_aligned(CALLER, page, padded & -page);
 }
 
-[[gnu::visibility("default")]] int posix_memalign(void **memptr, size_t alignment, size_t size) {
+EXPORTED int posix_memalign(void **memptr, size_t alignment, size_t size) {
     if (alignment < sizeof(void *) || !std::has_single_bit(alignment))
         return EINVAL;
     const int saved_errno = errno;
@@ -154,16 +157,12 @@ extern "C" {
     return 0;
 }
 
-[[gnu::visibility("default")]] size_t malloc_usable_size(void *ptr) {
+EXPORTED size_t malloc_usable_size(void *ptr) {
     if (ptr == nullptr)
         return 0;
-    if (is_guarded(ptr)) {
-        const InsideChecker inside;
-        return k42mcx_malloc_usable_size(ptr);
-    }
-    using UsableSize = size_t (*)(void *);
-    const InsideChecker inside; // dlsym may allocate
-    const auto libc = reinterpret_cast<UsableSize>(dlsym(RTLD_NEXT, "malloc_usable_size"));
-    return libc != nullptr ? libc(ptr) : 0;
+    size_t size;
+    if (state_of(ptr) == BlockState::live && guarded_size(ptr, &size))
+        return size;
+    return NEXT(malloc_usable_size)(ptr);
 }
 }

@@ -3,6 +3,7 @@
 
 #include "tools/preload/depth.h"
 
+#include <atomic>
 #include <dlfcn.h>
 
 inline void *find_next(const char *name) {
@@ -10,11 +11,11 @@ inline void *find_next(const char *name) {
     return dlsym(RTLD_NEXT, name);
 }
 
-// Looked up once.
+// Looked up once, or by each of the threads that are the first to ask.
 #define NEXT(function)                                                                                  \
     ([] {                                                                                               \
-        static constinit decltype(::function) *next = nullptr;                                          \
-        if (next == nullptr)                                                                            \
-            next = reinterpret_cast<decltype(::function) *>(find_next(#function));                      \
-        return next;                                                                                    \
+        static constinit std::atomic<void *> next = nullptr;                                            \
+        if (next.load(std::memory_order_relaxed) == nullptr)                                            \
+            next.store(find_next(#function), std::memory_order_relaxed);                                \
+        return reinterpret_cast<decltype(::function) *>(next.load(std::memory_order_relaxed));          \
     }())

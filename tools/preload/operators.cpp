@@ -1,7 +1,8 @@
 // operator new and delete, over guarded blocks of their own types, so that mixed-up releases show.
 // Linked without the C++ library: a program that has operators to call brings it.
+#include "k42mc_debug.h"
 #include "tools/preload/depth.h"
-#include "tools/preload/guarded.h"
+#include "tools/preload/exported.h"
 #include "tools/preload/libc.h"
 #include "tools/preload/site.h"
 
@@ -15,8 +16,9 @@
 
 namespace {
 
-#define CALLER   __builtin_return_address(0)
-#define EXPORTED [[gnu::visibility("default")]]
+using namespace k42mc::internal;
+
+#define CALLER __builtin_return_address(0)
 
 template <class Function> Function *in_process(const char *name) {
     const InsideChecker inside; // dlsym may allocate
@@ -78,7 +80,7 @@ void *allocate(const void *caller, int type, size_t alignment, size_t size) {
 void release(const void *caller, int type, void *block) {
     if (block == nullptr)
         return;
-    if (!is_guarded(block) && !was_guarded(block)) {
+    if (state_of(block) == BlockState::none) {
         __libc_free(block);
         return;
     }

@@ -1,40 +1,46 @@
 #include "tools/preload/reporter.h"
 
 #include "tools/preload/depth.h"
-#include "tools/preload/output.h"
+#include "tools/preload/settings.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
-#include <stdint.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
+#include <time.h>
 
 namespace {
 
 constinit Report report_now = nullptr;
-constinit int wakes_reporter = -1;
-constinit int pause_seconds = 0;
+constinit time_t pause_seconds = 0;
+
+// All zeroes is what sem_init makes of a private one at 0. No descriptor, which the program might close.
+constinit sem_t requests = {};
 
 void ask_for_report(int) {
     const int saved_errno = errno;
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(wakes_reporter, &one, sizeof one);
+    sem_post(&requests);
     errno = saved_errno;
+}
+
+int wait_for_request() {
+    if (pause_seconds <= 0)
+        return sem_wait(&requests);
+    timespec until;
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += pause_seconds;
+    return sem_clockwait(&requests, CLOCK_MONOTONIC, &until);
 }
 
 void *report_when_asked(void *) {
     const InsideChecker inside; // whatever this thread allocates is none of the program's
-    for (;;) {
-        pollfd request{.fd = wakes_reporter, .events = POLLIN, .revents = 0};
-        const int ready = poll(&request, 1, pause_seconds > 0 ? pause_seconds * 1000 : -1);
-        uint64_t requests;
-        if (ready > 0 && read(wakes_reporter, &requests, sizeof requests) < 0)
-            return nullptr; // somebody closed it
-        if (ready >= 0)
-            report_now();
-    }
+    do {
+        while (wait_for_request() != 0 && errno == EINTR)
+            continue;
+        while (sem_trywait(&requests) == 0)
+            continue; // one report answers all
+    } while (report_now());
+    return nullptr;
 }
 
 // With all signals blocked: they are the program's.
@@ -55,11 +61,10 @@ bool start_thread() {
 
 void start_reporter(Report report) {
     const int signal_number = static_cast<int>(number_in("K42MC_RUN_SIGNAL", 0));
-    pause_seconds = static_cast<int>(number_in("K42MC_RUN_EVERY", 0));
+    pause_seconds = number_in("K42MC_RUN_EVERY", 0);
     if (signal_number == 0 && pause_seconds <= 0)
         return;
     report_now = report;
-    wakes_reporter = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (!start_thread() || signal_number == 0)
         return;
     struct sigaction action {};

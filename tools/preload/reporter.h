@@ -1,6 +1,7 @@
 // Reports while the process runs, as the environment asks.
 #pragma once
 
-using Report = void (*)();
+// Returns false when there are to be no more.
+using Report = bool (*)();
 
 void start_reporter(Report report);

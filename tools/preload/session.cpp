@@ -1,5 +1,7 @@
 // Switches the checker on for the whole life of the process, as the environment asks:
 //   K42MC_RUN_OUTPUT     the folder for this process's files
+//   K42MC_RUN_FOLDER     that folder's device and inode, "2049:131074", so that no other one is taken for it
+//   K42MC_RUN_ID         a word for the first line of JSON, so that k42mc run knows its own files
 //   K42MC_RUN_LIMIT      blocks count that have survived so many reports; 1 unless it is given
 //   K42MC_RUN_EVERY      seconds from one report to the next
 //   K42MC_RUN_SIGNAL     the number of a signal that asks for a report
@@ -8,21 +10,21 @@
 //   K42MC_RUN_VERIFY     1 to examine the guards of the blocks that are left at exit
 //   K42MC_RUN_FDS        1 to watch descriptors, too
 //   K42MC_RUN_FOLLOW     0 to leave programs that this one starts alone
-// Without a folder, blocks are guarded and nothing is recorded.
-#include "tools/preload/session.h"
-
-#include "platform/platform.h"
-#include "platform/trace_buffer.h"
+// Without a folder that files can be made in, blocks are guarded and nothing is recorded.
+#include "base/checker_lock.h"
+#include "memcheck/report.h"
+#include "memcheck/state.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
+#include "tools/preload/exported.h"
 #include "tools/preload/next.h"
 #include "tools/preload/output.h"
 #include "tools/preload/reporter.h"
+#include "tools/preload/settings.h"
 
 #include <k42mc/k42mc.h>
 
 #include <errno.h>
-#include <fcntl.h>
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
@@ -32,33 +34,41 @@ extern "C" int __cxa_atexit(void (*function)(void *), void *argument, void *libr
 
 namespace {
 
+using k42mc::internal::checker_on;
+
 constinit uint32_t limit = 1;
 constinit bool verifies = false;
-constinit FILE *sink = nullptr;
 constinit pid_t first_process = 0;
-constinit bool registers_exit = false;
 
-void report() {
-    const InsideChecker inside;
-    const int saved_errno = errno;
-    check_output(sink);
-    MCReport(K42MC_BE32(limit));
+// Held for as long as a report takes: the end waits for the one that the reporter's thread is at.
+constinit pthread_mutex_t report_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit bool recording = false;
+
+class ReportLock {
+public:
+    ReportLock() { pthread_mutex_lock(&report_lock); }
+    ~ReportLock() { pthread_mutex_unlock(&report_lock); }
+    ReportLock(const ReportLock &) = delete;
+    ReportLock &operator=(const ReportLock &) = delete;
+};
+
+// A program that is linked to the checker may have switched it off.
+void write_report() {
+    if (!checker_on())
+        return;
+    k42mc::internal::report(limit);
     write_json(limit);
-    errno = saved_errno;
 }
 
-// The checker takes standard error for its sink; here that is a file of the process's own for the
-// moment, so that nothing is said among what the program says.
-class SinkAsStandardError {
-public:
-    SinkAsStandardError() { stderr = sink; }
-    ~SinkAsStandardError() { stderr = before_; }
-    SinkAsStandardError(const SinkAsStandardError &) = delete;
-    SinkAsStandardError &operator=(const SinkAsStandardError &) = delete;
-
-private:
-    FILE *const before_ = stderr;
-};
+bool report() {
+    const InsideChecker inside;
+    const int saved_errno = errno;
+    const ReportLock lock;
+    if (recording)
+        write_report();
+    errno = saved_errno;
+    return recording;
+}
 
 void add_filters(bool traces_off) {
     char *line = getenv("K42MC_RUN_FILTERS");
@@ -73,59 +83,49 @@ void add_filters(bool traces_off) {
 
 // ---- The end: behind the destructors of all libraries. What is allocated later still is guarded. ----
 
+// Where a signal handler has interrupted the checker there is no way to a report, nor where the thread of the
+// reports is the one that ends the process: both may hold what a report needs.
 void finish() {
-    if (sink == nullptr)
+    if (checker_depth != 0)
         return;
     const InsideChecker inside;
-    check_output(sink);
-    if (verifies)
+    const ReportLock lock;
+    if (!recording)
+        return;
+    recording = false;
+    if (verifies && checker_on())
         k42mcx_verify();
-    report();
-    MCDeinit();
-    sink = nullptr;
+    write_report();
+    if (checker_on())
+        MCDeinit();
 }
 
 void finish_at_exit(void *) {
     finish();
 }
 
-// Of a child that ends this way most blocks are its parent's. In a signal handler that has interrupted
-// the checker there is no way to a report.
+// Of a child that ends this way most blocks are its parent's.
 void finish_in_haste() {
-    if (checker_depth == 0 && getpid() == first_process)
+    if (getpid() == first_process)
         finish();
 }
 
-// ---- Fork: a child's report goes to a file of its own, on the same stream. ----
-
-constinit FILE *standard_error = nullptr;
-
-void before_fork() {
-    standard_error = stderr;
-    if (sink != nullptr)
-        stderr = sink;
-}
-
-void after_fork_in_parent() {
-    stderr = standard_error;
-}
-
+// A child's report goes to files of its own. The thread that may have held the lock is not there.
 void after_fork_in_child() {
-    stderr = standard_error;
-    if (sink == nullptr)
-        return;
     const InsideChecker inside;
-    reopen_outputs(sink);
+    report_lock = PTHREAD_MUTEX_INITIALIZER;
+    if (recording)
+        renew_outputs();
 }
 
 // ---- The start ----
 
+// The exit report must come behind those of all libraries' destructors; one that the checker registers would
+// be the shim's, as a library, and come ahead of them.
 void switch_on() {
-    const SinkAsStandardError quiet;
     const bool traces_off = number_in("K42MC_RUN_BACKTRACE", 1) == 0;
-    registers_exit = true;
+    k42mc::internal::gMCExitHooked = true;
     MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(traces_off ? MC_TYPE_LKBF | MC_TYPE_BT_OFF : 0));
-    registers_exit = false;
     add_filters(traces_off);
 }
 
@@ -134,18 +134,16 @@ void switch_on() {
     const int saved_errno = errno;
     if (number_in("K42MC_RUN_FOLLOW", 1) == 0)
         unsetenv("LD_PRELOAD");
-    if (find_output_folder())
-        sink = open_outputs();
-    if (sink == nullptr)
+    recording = open_outputs();
+    if (!recording)
         return;
     limit = static_cast<uint32_t>(number_in("K42MC_RUN_LIMIT", 1));
     verifies = number_in("K42MC_RUN_VERIFY", 0) != 0;
     first_process = getpid();
-    note_defects();
     switch_on();
     if (number_in("K42MC_RUN_FDS", 0) != 0)
         watch_descriptors();
-    pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+    pthread_atfork(nullptr, nullptr, after_fork_in_child);
     __cxa_atexit(finish_at_exit, nullptr, nullptr);
     (void)at_quick_exit(finish);
     start_reporter(report);
@@ -154,27 +152,15 @@ void switch_on() {
 
 } // namespace
 
-bool called_by_checker(const void *caller) {
-    const auto address = reinterpret_cast<const char *>(caller);
-    return address > __ehdr_start && address <= etext;
-}
-
 extern "C" {
 
-// What belongs to a library runs ahead of the library's destructors. The checker's exit report must come
-// behind those of all libraries, so it belongs to none.
-[[gnu::visibility("default")]] int __cxa_atexit(void (*function)(void *), void *argument,
-                                                void *library) {
-    return NEXT(__cxa_atexit)(function, argument, registers_exit ? nullptr : library);
-}
-
-[[gnu::visibility("default")]] void _exit(int status) {
+EXPORTED void _exit(int status) {
     finish_in_haste();
     NEXT(_exit)(status);
     __builtin_unreachable();
 }
 
-[[gnu::visibility("default")]] void _Exit(int status) noexcept {
+EXPORTED void _Exit(int status) noexcept {
     _exit(status);
 }
 }

@@ -1,8 +1,9 @@
 #include "tools/preload/site.h"
 
+#include "tools/preload/exported.h"
 #include "tools/preload/libc.h"
 #include "tools/preload/next.h"
-#include "tools/preload/output.h"
+#include "tools/preload/report_files.h"
 
 #include <atomic>
 #include <dlfcn.h>
@@ -93,7 +94,7 @@ const char *site_of(const void *caller) {
     return nameless;
 }
 
-extern "C" [[gnu::visibility("default")]] int dlclose(void *module) noexcept {
+extern "C" EXPORTED int dlclose(void *module) noexcept {
     const int result = NEXT(dlclose)(module);
     ++unloads;
     return result;

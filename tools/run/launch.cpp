@@ -1,5 +1,6 @@
 #include "tools/run/launch.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdlib>
@@ -16,7 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char *shim_name = "libk42mc_preload.so";
+constexpr const char *shim = "k42mc/libk42mc_preload.so";
 
 struct Width {
     int bits;
@@ -43,23 +44,6 @@ unsigned char elf_class_of(const std::string &program, int most_interpreters = 4
     return elf_class_of(interpreter, most_interpreters - 1);
 }
 
-// Beside the command, in the build of the other width, or where libraries of the width are installed.
-fs::path find_shim(const Width &width) {
-    const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
-    std::string sibling = here;
-    if (const size_t at = sibling.rfind("64"); at != std::string::npos)
-        sibling.replace(at, 2, std::to_string(width.bits));
-    std::vector<fs::path> candidates = {sibling};
-    for (const char *folder : width.folders)
-        candidates.push_back(here.parent_path() / folder / "k42mc");
-    if (width.elf_class == ELFCLASS64) // the command's own
-        candidates.push_back(here.parent_path() / K42MC_LIBDIR / "k42mc");
-    for (const fs::path &folder : candidates)
-        if (elf_class_of(folder / shim_name) == width.elf_class)
-            return folder;
-    return {};
-}
-
 // As the shell finds it.
 std::string find_program(const std::string &name) {
     if (name.find('/') != std::string::npos)
@@ -76,25 +60,21 @@ std::string find_program(const std::string &name) {
 
 } // namespace
 
-std::string lay_out_preload(const std::string &folder, const std::string &program) {
-    if (folder.find_first_of(" :$") != std::string::npos)
+std::string preload_path(const std::string &program) {
+    const fs::path prefix = fs::read_symlink("/proc/self/exe").parent_path().parent_path();
+    if (prefix.string().find_first_of(" :$") != std::string::npos)
         throw std::runtime_error("the loader cannot read folder names with blanks, colons or dollars: " +
-                                 folder);
+                                 prefix.string());
     const unsigned char wanted = elf_class_of(find_program(program));
-    fs::create_directories(folder + "/lib");
     for (const Width &width : widths) {
-        const fs::path shims = find_shim(width);
-        if (shims.empty() && width.elf_class == wanted)
-            throw std::runtime_error("no " + std::to_string(width.bits) + "-bit " + shim_name +
-                                     " is installed");
-        for (const char *name : width.folders) {
-            const fs::path link = fs::path(folder) / name;
-            fs::remove(link);
-            if (!shims.empty())
-                fs::create_directory_symlink(shims, link);
-        }
+        const bool installed = std::ranges::any_of(width.folders, [&](const char *folder) {
+            return elf_class_of(prefix / folder / shim) == width.elf_class;
+        });
+        if (!installed && width.elf_class == wanted)
+            throw std::runtime_error("no " + std::to_string(width.bits) + "-bit " + shim +
+                                     " is installed below " + prefix.string());
     }
-    return folder + "/$LIB/" + shim_name;
+    return prefix / "$LIB" / shim;
 }
 
 int launch(const std::vector<std::string> &command, const std::vector<Setting> &environment) {
@@ -116,6 +96,7 @@ int launch(const std::vector<std::string> &command, const std::vector<Setting> &
     // The keyboard's signals are the program's to answer.
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN); // what does not fit is told
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR)
         continue;

@@ -3,12 +3,15 @@
 #include "tools/report/reader.h"
 #include "tools/run/findings.h"
 #include "tools/run/launch.h"
+#include "tools/run/report_folder.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <iostream>
+#include <iterator>
+#include <set>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -50,34 +53,18 @@ int signal_number(const std::string &name) {
     }
 }
 
-std::string output_folder(const Options &options) {
-    namespace fs = std::filesystem;
-    if (!options.output.empty()) {
-        fs::create_directories(options.output);
-        return fs::absolute(options.output);
-    }
-    const char *temporary = getenv("TMPDIR");
-    for (const std::string &parent :
-         {fs::current_path().string(), std::string(temporary != nullptr ? temporary : "/tmp")}) {
-        std::string folder = parent + "/k42mc-run.XXXXXX";
-        if (mkdtemp(folder.data()) != nullptr)
-            return folder;
-    }
-    throw std::runtime_error("no folder for reports can be made");
-}
-
-std::vector<Setting> environment(const Options &options, const std::string &folder) {
-    std::string preload = lay_out_preload(folder, options.command.front());
+std::vector<Setting> environment(const Options &options, const ReportFolder &folder) {
+    std::string preload = preload_path(options.command.front());
     if (const char *others = getenv("LD_PRELOAD"); others != nullptr && *others != '\0')
         preload += std::string(":") + others;
     std::vector<Setting> settings = {{"LD_PRELOAD", preload},
-                                     {"K42MC_RUN_OUTPUT", folder},
                                      {"K42MC_RUN_LIMIT", std::to_string(options.limit)},
                                      {"K42MC_RUN_EVERY", std::to_string(options.every)},
                                      {"K42MC_RUN_BACKTRACE", options.no_backtrace ? "0" : "1"},
                                      {"K42MC_RUN_VERIFY", options.verify ? "1" : "0"},
                                      {"K42MC_RUN_FDS", options.fds ? "1" : "0"},
                                      {"K42MC_RUN_FOLLOW", options.follow ? "1" : "0"}};
+    std::ranges::move(folder.settings(), std::back_inserter(settings));
     if (!options.signal.empty())
         settings.push_back({"K42MC_RUN_SIGNAL", std::to_string(signal_number(options.signal))});
     std::string filters;
@@ -87,32 +74,26 @@ std::vector<Setting> environment(const Options &options, const std::string &fold
     return settings;
 }
 
-// A folder may have those of runs before. Its links to the shims are laid out anew for each.
-std::vector<std::string> reports_of_this_run(const std::string &folder) {
-    namespace fs = std::filesystem;
-    const fs::file_time_type start = fs::last_write_time(folder + "/lib");
-    std::vector<std::string> files;
-    for (const fs::directory_entry &entry : fs::directory_iterator(folder)) {
-        const bool report = entry.path().extension() == ".json" && entry.last_write_time() >= start;
-        if (report && entry.file_size() != 0)
-            files.push_back(entry.path());
-    }
-    return files;
+// What a full disk, or the end of a process in the midst of it, has left of reports is no result. Returns
+// whether all of them are whole, and says what is not.
+bool are_whole(const Report &report, const ReportFolder &folder) {
+    std::set<std::string> damaged;
+    for (const Problem &problem : report.problems)
+        damaged.insert(problem.file);
+    if (report.processes.empty())
+        std::cerr << "k42mc: no process got as far as its report\n";
+    else if (!damaged.empty())
+        std::cerr << "k42mc: incomplete: " << counted(damaged.size(), "report") << '\n';
+    else
+        return true;
+    if (const std::string obstacle = folder.obstacle(); !obstacle.empty())
+        std::cerr << "k42mc: nothing can be written to " << folder.path() << ": " << obstacle << '\n';
+    return false;
 }
 
-// Of processes that ended without a report, as children of fork do that turn into another program.
-void remove_empty_files(const std::string &folder) {
-    namespace fs = std::filesystem;
-    std::vector<fs::path> empty;
-    for (const fs::directory_entry &entry : fs::directory_iterator(folder))
-        if (entry.is_regular_file() && entry.file_size() == 0)
-            empty.push_back(entry.path());
-    for (const fs::path &file : empty)
-        fs::remove(file);
-}
-
-// Returns whether anything is left to complain about.
-bool summarize(const Options &options, const std::string &folder) {
+// Returns whether anything is left to complain about. A program that failed says so by itself; one that ended
+// well is none the less not clean where nobody could look.
+bool summarize(const Options &options, const ReportFolder &folder, bool ended_well) {
     std::vector<Suppression> suppressions;
     if (!options.suppressions.empty())
         suppressions = read_suppressions(options.suppressions);
@@ -120,13 +101,12 @@ bool summarize(const Options &options, const std::string &folder) {
     for (const char *pattern : always_left)
         suppressions.push_back({pattern, true});
     Symbolizer symbolizer;
-    const Report report = read_reports(reports_of_this_run(folder));
+    const Report report = read_reports(folder.collect_reports());
     Findings findings(report);
     findings.suppress(suppressions, symbolizer);
-    if (report.processes.empty())
-        std::cerr << "k42mc: no process got as far as its report\n";
-    else
+    if (!report.processes.empty())
         findings.print(std::cerr, symbolizer);
+    const bool whole = are_whole(report, folder);
     for (size_t i = 0; i < own; ++i) {
         const Suppression &suppression = suppressions[i];
         std::cerr << (suppression.blocks == 0 ? "k42mc: unused suppression: leak:"
@@ -137,8 +117,8 @@ bool summarize(const Options &options, const std::string &folder) {
                       << counted(suppression.bytes, "byte");
         std::cerr << '\n';
     }
-    std::cerr << "k42mc: read more with: k42mc report " << folder << '\n';
-    return !findings.empty();
+    std::cerr << "k42mc: read more with: k42mc report " << folder.path() << '\n';
+    return !findings.empty() || (ended_well && !whole);
 }
 
 // Ends as the program did.
@@ -156,10 +136,9 @@ void run(const Options &options) {
     bool found = false;
     int status = 0;
     try {
-        const std::string folder = output_folder(options);
+        const ReportFolder folder(options.output);
         status = launch(options.command, environment(options, folder));
-        remove_empty_files(folder);
-        found = summarize(options, folder);
+        found = summarize(options, folder, status == 0);
     } catch (const std::exception &error) {
         std::cerr << "k42mc run: " << error.what() << '\n';
         throw CLI::RuntimeError(125);

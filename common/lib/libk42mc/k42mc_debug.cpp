@@ -183,7 +183,6 @@ bool decode_header(const Word *header, Layout &layout) {
 // where the header ends, which was read already, no probe is needed; nor where the registry expects the
 // tail.
 bool tail_readable(uintptr_t user, uintptr_t tail, KnownBlock known) {
-    constexpr uintptr_t smallest_page = 4096;
     if (tail == known.tail || (tail + guard_bytes - 1) / smallest_page == (user - 1) / smallest_page)
         return true;
     return platform::readable(pointer_to(tail), guard_bytes);
@@ -314,6 +313,24 @@ int live_defect(uint32_t arena, const void *user, size_t size) {
     if (header[magic_word].value == magic || carries_pattern(words_at(tail), tail_words))
         return K42MC_DEFECT_WU;
     return K42MC_DEFECT_NONE;
+}
+
+// The header may lie in the page ahead of the block's, which need not be there.
+BlockState state_of(const void *user) {
+    const uintptr_t address = address_of(user);
+    const Word *header = words_at(address - guard_bytes);
+    if (address % smallest_page < guard_bytes && !platform::readable(header, guard_bytes))
+        return BlockState::none;
+    if (header[magic_word].value == magic)
+        return BlockState::live;
+    // The system's allocator keeps links of its own in the first four words of free memory. All of the
+    // others, where one would do for a block known to be guarded: no block of anybody else's may be taken
+    // for a freed one.
+    for (size_t i = 4; i < free_words.size(); ++i) {
+        if (header[i].value != free_words[i])
+            return BlockState::none;
+    }
+    return BlockState::freed;
 }
 
 bool guarded_size(const void *user, size_t *size) {

@@ -6,6 +6,9 @@
 
 namespace k42mc::internal {
 
+// Pages are at least as large: what can be read of one can be read to its end.
+inline constexpr uintptr_t smallest_page = 4096;
+
 // What is known of a block before its guards are examined. What is not known to be readable is probed
 // first, at the price of a system call.
 struct KnownBlock {
@@ -31,6 +34,10 @@ void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size
 
 // As k42mc_guard_free, and tells what the block's header said before it was marked as freed.
 ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known);
+
+// What the words ahead of a block of anybody's say: where guarded blocks and the system allocator's meet.
+enum class BlockState { none, live, freed };
+BlockState state_of(const void *user);
 
 // The user size that a sound header implies; false when the header is none. Reads only the header, which
 // must be readable.

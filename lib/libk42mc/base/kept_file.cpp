@@ -15,11 +15,10 @@ void KeptFile::keep(int descriptor) {
     inode_ = status.st_ino;
 }
 
-int KeptFile::descriptor() const {
+bool KeptFile::is_same(int descriptor) const {
     struct stat status;
-    const bool same = descriptor_ >= 0 && fstat(descriptor_, &status) == 0 && status.st_dev == device_ &&
-                      status.st_ino == inode_;
-    return same ? descriptor_ : -1;
+    return descriptor >= 0 && fstat(descriptor, &status) == 0 && status.st_dev == device_ &&
+           status.st_ino == inode_;
 }
 
 void KeptFile::close() {

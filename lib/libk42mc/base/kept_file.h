@@ -9,11 +9,14 @@ namespace k42mc::internal {
 // stands behind the number is compared ahead of each use.
 class KeptFile {
 public:
-    // Takes the descriptor over; -1 for none.
+    // Takes a descriptor of the file over; -1 for none.
     void keep(int descriptor);
 
     // Returns -1 when it is no longer the file's.
-    int descriptor() const;
+    int descriptor() const { return is_same(descriptor_) ? descriptor_ : -1; }
+
+    // Whether another descriptor is one of the file that was kept.
+    bool is_same(int descriptor) const;
 
     // Closes the file, unless the process did.
     void close();

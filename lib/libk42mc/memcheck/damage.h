@@ -1,6 +1,7 @@
 // Whether the guards of live blocks are sound.
 #pragma once
 
+#include "k42mc_debug.h"
 #include "memcheck/state.h"
 
 #include <stdint.h>
@@ -16,8 +17,6 @@ public:
     int defect(const MCAllocRec &record);
 
 private:
-    static constexpr uintptr_t smallest_page = 4096;
-
     bool readable(uintptr_t address, size_t size);
     bool page_readable(uintptr_t page);
 

@@ -18,6 +18,10 @@ struct Sink {
 
 constinit Sink gMCReportFile;
 
+// In place of a descriptor.
+constexpr int to_standard_error = -1;
+constexpr int to_nobody = -2; // what a lender no longer has
+
 constinit char sink_buffer[8192] = {};
 
 void say_path(bool opened) {
@@ -50,23 +54,24 @@ int own_file() {
     if (descriptor >= 0 && gMCReportFile.owner == getpid())
         return descriptor;
     if (platform::borrows_memory())
-        return -1;
+        return to_standard_error;
     gMCReportFile.report_file.close();
     open_file(true);
     if (gMCReportFile.kind == Sink::none)
         stay_on_terminal();
-    return gMCReportFile.report_file.descriptor();
+    return sink_is_terminal() ? to_standard_error : gMCReportFile.report_file.descriptor();
 }
 
-// -1 for standard error.
 int file_to_write() {
     switch (gMCReportFile.kind) {
-    case Sink::borrowed:
-        return gMCReportFile.lender();
+    case Sink::borrowed: {
+        const int lent = gMCReportFile.lender();
+        return lent >= 0 ? lent : to_nobody;
+    }
     case Sink::file:
         return own_file();
     default:
-        return -1;
+        return to_standard_error;
     }
 }
 
@@ -118,8 +123,9 @@ int open_beside_sink(const char *extension) {
 }
 
 SinkText::SinkText()
-    : file_(file_to_write()), terminal_(file_ < 0),
-      text_(file_ < 0 ? TextOutput(sink_buffer, terminal_) : TextOutput(sink_buffer, file_)) {}
+    : file_(file_to_write()), terminal_(file_ == to_standard_error),
+      text_(file_ == to_standard_error ? TextOutput(sink_buffer, terminal_)
+                                       : TextOutput(sink_buffer, file_)) {}
 
 void put_trace(TextOutput &out, const char *title, std::span<void *const> frames) {
     out.put(title);

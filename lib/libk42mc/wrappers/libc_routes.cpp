@@ -1,7 +1,6 @@
 // libc's functions that hand out memory, over guarded blocks.
 #include "base/errno_keeper.h"
 #include "k42mc_debug.h"
-#include "platform/platform.h"
 #include "wrappers/k42MC.h"
 
 #include <algorithm>
@@ -192,9 +191,7 @@ size_t k42mcx_malloc_usable_size(void *ptr) {
     size_t size;
     if (ptr == nullptr)
         return 0;
-    constexpr size_t header_size = K42MC_GUARD_OVERHEAD / 2;
-    if (platform::readable(static_cast<const char *>(ptr) - header_size, header_size) &&
-        guarded_size(ptr, &size))
+    if (state_of(ptr) == BlockState::live && guarded_size(ptr, &size))
         return size;
     return malloc_usable_size(ptr);
 }

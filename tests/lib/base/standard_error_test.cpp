@@ -63,7 +63,7 @@ TEST(StandardError, HasTheCheckersOwnLinesInTheirOrder) {
 // A thread that holds standard error waits for one that is inside the checker.
 template <class Action> bool returns_while_standard_error_is_held(Action action) {
     return ended([&] {
-               alarm(30);
+               alarm(100);
                flockfile(stderr);
                std::thread(action).join();
                funlockfile(stderr);

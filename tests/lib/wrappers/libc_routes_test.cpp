@@ -178,9 +178,11 @@ TEST(LibcRoutes, ResizeAndMeasureAsLibcDoes) {
     expect_error(ENOMEM, [=] { return k42mcx_plain_reallocarray(block, SIZE_MAX / 2, 3); });
     expect_block(block, 3);
     EXPECT_EQ(k42mcx_malloc_usable_size(nullptr), 0u);
-    void *foreign = malloc(100);
-    EXPECT_EQ(k42mcx_malloc_usable_size(foreign), malloc_usable_size(foreign));
-    k42mcx_raw_free(foreign);
+    for (const size_t size : {size_t{100}, size_t{1} << 20}) { // the large one at the start of its pages
+        void *foreign = malloc(size);
+        EXPECT_EQ(k42mcx_malloc_usable_size(foreign), malloc_usable_size(foreign));
+        k42mcx_raw_free(foreign);
+    }
     expect_error(ERANGE, [] { return k42mcx_plain_getcwd(nullptr, 1); });
     expect_error(ENOENT, [] { return k42mcx_plain_realpath("/no/such/file", nullptr); });
     char buffer[4096];

@@ -1,0 +1,189 @@
+#include "tools/preload/report_files.h"
+
+#include "base/json_output.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <limits.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using k42mc::internal::JsonOutput;
+
+constinit char folder_path[PATH_MAX] = "";
+constinit char folder_identity[64] = ""; // "<device>:<inode>"; empty: any folder will do
+constinit char run_id[64] = "";          // what k42mc run knows its own files by
+constinit char program[NAME_MAX - sizeof ".4294967295-4294967295.json"] = "";
+constinit char stem[NAME_MAX - sizeof ".json"] = "";
+
+template <size_t room> bool copy_setting(char (&to)[room], const char *variable) {
+    const char *value = getenv(variable);
+    if (value == nullptr || strlen(value) >= room)
+        return false;
+    strcpy(to, value);
+    return true;
+}
+
+bool is_expected_folder(int descriptor) {
+    struct stat status;
+    char identity[sizeof folder_identity];
+    if (*folder_identity == '\0')
+        return true;
+    if (fstat(descriptor, &status) != 0)
+        return false;
+    snprintf(identity, sizeof identity, "%ju:%ju", uintmax_t{status.st_dev}, uintmax_t{status.st_ino});
+    return strcmp(identity, folder_identity) == 0;
+}
+
+// The folder for as long as something is opened in it: a descriptor that stays is one more for programs to
+// stumble over. Somebody may have put another one in its place.
+class OpenFolder {
+public:
+    OpenFolder() : descriptor_(open(folder_path, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {
+        if (descriptor_ >= 0 && !is_expected_folder(descriptor_)) {
+            ::close(descriptor_);
+            descriptor_ = -1;
+        }
+    }
+    ~OpenFolder() {
+        if (descriptor_ >= 0)
+            ::close(descriptor_);
+    }
+    OpenFolder(const OpenFolder &) = delete;
+    OpenFolder &operator=(const OpenFolder &) = delete;
+
+    int descriptor() const { return descriptor_; }
+
+private:
+    int descriptor_;
+};
+
+// Away from the low numbers, which programs expect to be free.
+int move_up(int descriptor) {
+    constexpr int lowest = 200;
+    const int high = descriptor >= 0 ? fcntl(descriptor, F_DUPFD_CLOEXEC, lowest) : -1;
+    if (high < 0)
+        return descriptor;
+    ::close(descriptor);
+    return high;
+}
+
+void name_stem(unsigned number) {
+    const int length = snprintf(stem, sizeof stem, "%s.%d", program, getpid());
+    if (number != 0)
+        snprintf(stem + length, sizeof stem - static_cast<size_t>(length), "-%u", number);
+}
+
+// The first line, without which the files are none that the run would read or remove.
+bool introduce(int descriptor) {
+    if (*run_id == '\0')
+        return true;
+    JsonOutput out(descriptor);
+    out->print("{\"kind\":\"run\",\"id\":");
+    out.string(run_id);
+    out->print("}\n");
+    return out->flush() == 0;
+}
+
+// Both or neither, under one stem. False with errno set.
+bool create_both(int folder) {
+    if (!json_file.create(folder))
+        return false;
+    if (text_file.create(folder)) {
+        if (introduce(json_file.descriptor()))
+            return true;
+        text_file.remove(folder);
+        errno = ENOSPC;
+    }
+    const int cause = errno;
+    json_file.remove(folder);
+    errno = cause;
+    return false;
+}
+
+} // namespace
+
+constinit ReportFile text_file("txt");
+constinit ReportFile json_file("json");
+
+bool find_report_folder() {
+    if (!copy_setting(folder_path, "K42MC_RUN_OUTPUT"))
+        return false;
+    copy_setting(folder_identity, "K42MC_RUN_FOLDER");
+    copy_setting(run_id, "K42MC_RUN_ID");
+    snprintf(program, sizeof program, "%s", program_invocation_short_name);
+    return true;
+}
+
+const char *program_name() {
+    return *program != '\0' ? program : program_invocation_short_name;
+}
+
+void ReportFile::name_into(char *name) const {
+    snprintf(name, NAME_MAX, "%s.%s", stem, extension_);
+}
+
+// Whoever finds the file unlocked may take it that no process is going to write there any more.
+bool ReportFile::take(int descriptor) {
+    file_.keep(move_up(descriptor));
+    created_ = file_.descriptor() >= 0;
+    if (created_)
+        flock(file_.descriptor(), LOCK_SH | LOCK_NB);
+    return created_;
+}
+
+bool ReportFile::create(int folder) {
+    char name[NAME_MAX];
+    name_into(name);
+    return take(openat(folder, name,
+                       O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                       0666));
+}
+
+void ReportFile::remove(int folder) {
+    char name[NAME_MAX];
+    name_into(name);
+    close();
+    unlinkat(folder, name, 0);
+}
+
+int ReportFile::descriptor() {
+    const int kept = file_.descriptor();
+    if (kept >= 0 || !created_)
+        return kept;
+    char name[NAME_MAX];
+    name_into(name);
+    const OpenFolder folder;
+    const int again =
+        openat(folder.descriptor(), name, O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (file_.is_same(again) && take(again))
+        return file_.descriptor();
+    if (again >= 0)
+        ::close(again);
+    return -1;
+}
+
+bool create_report_files() {
+    constexpr unsigned most_numbers = 1000;
+    json_file.close();
+    text_file.close();
+    const OpenFolder folder;
+    if (folder.descriptor() < 0)
+        return false;
+    for (unsigned number = 0; number < most_numbers; ++number) {
+        name_stem(number);
+        if (create_both(folder.descriptor()))
+            return true;
+        if (errno != EEXIST)
+            return false;
+    }
+    return false;
+}

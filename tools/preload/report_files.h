@@ -1,0 +1,44 @@
+// The two files that this process leaves in the folder for reports: "<program>.<pid>.txt" and ".json", with a
+// number behind the pid where there are others of the name. Nobody else's file is ever opened: they are
+// created exclusively, and opened again only as the very files that they were.
+#pragma once
+
+#include "base/kept_file.h"
+
+// Takes note of the folder that the environment names and of the program's name: a server overwrites both
+// with what it wants to be called. False without a folder.
+bool find_report_folder();
+
+const char *program_name();
+
+// One of the two, held open from the start: a server may give up the right to open files in the folder.
+// Programs close descriptors that they do not know, and use the numbers for something of their own; the file
+// is then opened again.
+class ReportFile {
+public:
+    constexpr explicit ReportFile(const char *extension) : extension_(extension) {}
+
+    // Below an open folder. False with errno set, EEXIST for a name that is taken.
+    bool create(int folder);
+    void remove(int folder);
+
+    void close() { file_.close(); }
+
+    // Returns -1 when the file cannot be opened again.
+    int descriptor();
+
+private:
+    void name_into(char *name) const;
+    bool take(int descriptor);
+
+    const char *extension_;
+    bool created_ = false;
+    k42mc::internal::KeptFile file_;
+};
+
+extern ReportFile text_file;
+extern ReportFile json_file;
+
+// Creates both, in a forked child its own in place of its parent's. False, with neither of them, when that is
+// not possible.
+bool create_report_files();
