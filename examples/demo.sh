@@ -141,7 +141,7 @@ expect err '^Backtrace of the bad free:$'
 expect err 'concordance\(index_close\+0x[0-9a-f]+\) '
 show out '^k42mc detected BF: alloc\(STD\) free\(SHM\) usrPtr\(0x[0-9a-f]+\) usrSize\([0-9]+\) trace buffer: 0x'
 look "BF, bad free: malloc's family allocated the block and the memory manager's was to free it. The
-      checker names the line and the call chain of the free; then the guards stop the process."
+      checker names the line and the stack trace of the free; then the guards stop the process."
 
 title "A descriptor closed twice"
 run 0 'guard\n' concordance --close-twice --descriptors "${few[@]}"
@@ -152,7 +152,7 @@ expect err '^CLOSE by index_file at \['
 expect err 'concordance\(index_file\+0x[0-9a-f]+\) '
 expect err '^Alarms\(1\), Opens\([0-9]+\), Closes\([0-9]+\)$'
 look "The star marks a descriptor with an alarm. Its history ends with the second CLOSE, and each event
-      has its call chain: fclose closed the descriptor of its stream, and close was one too many. By
+      has its stack trace: fclose closed the descriptor of its stream, and close was one too many. By
       then the number can be another file's."
 
 title "Descriptors that stay open"
@@ -199,7 +199,7 @@ if [[ -x $k42mc ]]; then
     title "A program of the system, which nobody rebuilt"
     reports=$build_reports/sort
     check 0 --verify -- sort -r README.md
-    expect out '^## Threads, processes, widths$'
+    expect out '^# libk42mc_r$'
     show err '^k42mc: [0-9]+ blocks?, [0-9]+ bytes? at [0-9]+ sites? in 1 process$'
     expect err 'k42mc report '
     look "Every block of the program and of its libraries was guarded. What is left at exit is listed; no

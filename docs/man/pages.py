@@ -17,7 +17,7 @@ PAGES = [
     ("MCInit", "memcheck.h", "record live blocks and report those that survive",
      r"MC(Lock|Unlock|Init|Deinit|Report|Alloc|Free)$"),
     ("MCCheck", "memcheck.h", "ask for one block, write debug messages", r"MC(Check|DebugMsg)$"),
-    ("MCBTFilterIn", "memcheck.h", "choose the sites that get call chains", r"MCBTFilter\w+$"),
+    ("MCBTFilterIn", "memcheck.h", "choose the sites that get stack traces", r"MCBTFilter\w+$"),
     ("k42mc_guard_alloc", "guard.h", "lay guards around memory and check them", None),
     ("FDOpen", "fdcheck.h", "keep histories of descriptors", None),
     ("k42mcx", "extra.h", "additions: verification, JSON, descriptors, libc's allocating functions", None),

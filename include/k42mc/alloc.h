@@ -7,14 +7,14 @@
  * is on (memcheck.h) each block is also recorded under its file and line.
  *
  * What holds for all of them:
- *   file    The caller's source file, kept by pointer: it has to outlive the block. Pass a literal.
+ *   file    The caller's source file, kept by pointer: it must outlive the block. Pass a literal.
  *   line    The caller's line.
  *   Errors  A size that does not fit once the guards are added fails as if memory had run out, with
  *           errno ENOMEM.
  *   Lock    gMCLock, around the recording only, and only while the checker is on.
  *   Threads Any thread, at any time: before MCInit, after MCDeinit and in exit handlers too. None of
  *           them is async-signal-safe.
- *   Owner   The caller owns what it is handed until it gives it back through the same family.
+ *   Owner   The caller owns what it is handed until it releases it through the same family.
  */
 #ifndef K42MC_ALLOC_H
 #define K42MC_ALLOC_H
@@ -70,9 +70,9 @@ void *k42MC_valloc(const char *file, int line, size_t size) K42MC_RELEASED_BY(k4
 
 /* ---- The memory manager's family (type and arena SHM) ----
  *
- * These stand over MM_malloc, MM_calloc, MM_realloc and MM_free, which the process provides if it has a
- * memory manager. In a process without one, the allocating wrappers return null and the releasing ones
- * check the block and hand nothing on.
+ * These call MM_malloc, MM_calloc, MM_realloc and MM_free, which the process provides if it has a memory
+ * manager. In a process without one, the allocating wrappers return null, and the releasing ones check
+ * the block and pass nothing on.
  */
 
 /*

@@ -12,7 +12,7 @@
 K42MC_BEGIN_DECLS
 
 /* A node's state: one of the tilts, and the bit AVL_THREAD. */
-#define AVL_BALANCED   1 /* both subtrees have one height */
+#define AVL_BALANCED   1 /* both subtrees have the same height */
 #define AVL_RIGHT_TILT 2 /* the right subtree is one level taller */
 #define AVL_LEFT_TILT  4 /* the left subtree is one level taller */
 #define AVL_THREAD     8 /* there is no right child: right is a thread */
@@ -24,8 +24,8 @@ typedef struct AVLNode {
 } AVLNode;
 
 /*
- * Returns below, equal to or above 0 as the first key comes before, is equal to or comes after the
- * second, which is always the key of an element in the tree.
+ * Returns a negative number when the first key comes before the second, 0 when they are equal, a
+ * positive number when it comes after it. The second is always the key of an element in the tree.
  */
 typedef int32_t (*AVLCompareFn)(const void *key, const void *elementKey);
 
@@ -94,27 +94,26 @@ void *AVLFirst(const AVLTree *tree);
 void *AVLLast(const AVLTree *tree);
 
 /*
- * The element after and before one in the tree; null at the end. AVLNext costs O(log n) at most and O(1)
- * on average, without a comparison; AVLPrev descends from the root where there is no left child.
+ * The element after, before one in the tree; null at the end. AVLNext costs O(log n) at most and O(1) on
+ * average, without a comparison; AVLPrev descends from the root when there is no left child.
  */
 void *AVLNext(const AVLTree *tree, const void *element);
 void *AVLPrev(const AVLTree *tree, const void *element);
 
-/* Returns the least element with a key after this one, which need not be in the tree; or null. O(log n).
- */
+/* The least element with a key after this one, which need not be in the tree; or null. O(log n). */
 void *AVLNextByKey(const AVLTree *tree, const void *key);
 
 /*
  * Visits every element.
- *   order  0: ascending. 1: descending. 2: each before its left and then its right subtree. 3: each
- *          after them; the callback may then free the element.
+ *   order  0: ascending. 1: descending. 2: each element before its left and then its right subtree.
+ *          3: each after them; the callback may then free the element.
  * AVLVisit calls nothing with another order. AVLVisitWithArg returns the first callback result that is
  * not 0, which ends the walk; else 0; or DS_FAILURE with another order and a tree that is not empty.
  */
 void AVLVisit(const AVLTree *tree, uint32_t order, DSVisitFn visit);
 int32_t AVLVisitWithArg(const AVLTree *tree, uint32_t order, DSVisitArgFn visit, void *argument);
 
-/* Prints the number of elements, the height, and the depth of an element on average. O(n). */
+/* Prints the number of elements, the height, and the average depth of an element. O(n). */
 void AVLInfo(const AVLTree *tree);
 
 /*
@@ -124,8 +123,10 @@ void AVLInfo(const AVLTree *tree);
  */
 void AVLDump(const AVLTree *tree);
 
-/* Compares tilts with heights, and prints the first fault, or that there is none. Returns DS_OK, or
- * DS_FAILURE at a fault. O(n). */
+/*
+ * Compares tilts with heights, and prints the first fault, or that there is none. Returns DS_OK, or
+ * DS_FAILURE at a fault. O(n).
+ */
 int32_t AVLCheck(const AVLTree *tree);
 
 K42MC_END_DECLS

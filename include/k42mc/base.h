@@ -1,6 +1,6 @@
 /*
- * What every public header needs. It includes nothing but <stddef.h>, so that redirect.h can pull it
- * in ahead of a source file's own feature-test macros.
+ * What every public header needs. It includes nothing but <stddef.h>, so that redirect.h can include it
+ * before a source file defines its own feature-test macros.
  */
 #ifndef K42MC_BASE_H
 #define K42MC_BASE_H

@@ -3,9 +3,9 @@
  * array of pointers to its elements, which doubles when it is full; nothing is allocated per element.
  * See ds.h for what holds for all families.
  *
- * Every element knows its slot in the array, so that one whose key has changed is put right, and one in
- * the middle is removed, without a search. The least element is in slot 1, and no element orders before
- * the one in half its slot.
+ * Every element knows its slot in the array, so that one whose key has changed is put in its place, and
+ * one in the middle is removed, without a search. The least element is in slot 1, and the element in
+ * slot i never orders before the one in slot i / 2.
  */
 #ifndef K42MC_BH_H
 #define K42MC_BH_H
@@ -15,7 +15,7 @@
 K42MC_BEGIN_DECLS
 
 /*
- * Compares two keys by their addresses. Returns a negative number when the first orders before the
+ * Compares two keys, given their addresses. Returns a negative number when the first orders before the
  * second, 0 when they are equal, a positive number when it orders after it.
  */
 typedef int32_t (*BHCompareFn)(const void *key, const void *other);
@@ -28,7 +28,7 @@ typedef struct BHNode {
 typedef struct BHHeap {
     uint32_t count;      /* of elements */
     BHNode **slots;      /* of the elements, in 1 to count; slot 0 is not used */
-    uint32_t capacity;   /* of the array, in slots, with slot 0; 256 at first, never less than before */
+    uint32_t capacity;   /* of the array, in slots, slot 0 included; 256 at first, never shrinks */
     uint32_t nodeOffset; /* bytes from an element to its BHNode */
     uint32_t keyOffset;  /* bytes from an element to its key */
     BHCompareFn compare;
@@ -61,9 +61,9 @@ void BHDestroy(BHHeap *heap);
 int BHIsEmpty(const BHHeap *heap);
 
 /*
- * Inserts an element; it comes after those whose keys are equal on its way up. Returns DS_OK; or
- * DS_NOMEM when the array cannot grow or holds 2^32 - 2 elements, and the heap is unchanged.
- * O(log n), beside the growth.
+ * Inserts an element; on its way up it stays below those with an equal key. Returns DS_OK; or DS_NOMEM,
+ * with the heap unchanged, when the array cannot grow or holds 2^32 - 2 elements. O(log n), apart from
+ * the growth.
  */
 int32_t BHInsert(BHHeap *heap, void *element);
 
@@ -71,8 +71,8 @@ int32_t BHInsert(BHHeap *heap, void *element);
 void *BHRemoveRoot(BHHeap *heap);
 
 /*
- * Puts an element of the heap, whose key has changed, where it belongs. To be called before any other
- * operation on the heap. O(log n).
+ * Puts an element whose key has changed where it belongs. Must be called before any other operation on
+ * the heap. O(log n).
  */
 void BHChange(BHHeap *heap, void *element);
 

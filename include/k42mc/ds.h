@@ -29,9 +29,9 @@
  *   BH binary heap    O(1), -      O(log n)       O(log n)            -       least first
  *
  * SL when elements leave at the front; DL when they leave from anywhere; HT to find keys of any kind
- * when their order does not matter; AVL for unique keys in an order of the caller's; PT for unique keys
- * of a fixed length, compared bit by bit; PX to find the longest prefix of a key, as routing does; BH to
- * take the least element, time and again.
+ * when their order does not matter; AVL for unique keys in an order of the caller's choice; PT for unique
+ * keys of a fixed length, compared bit by bit; PX to find the longest prefix of a key, as routing does;
+ * BH to take the least element, time and again.
  */
 #ifndef K42MC_DS_H
 #define K42MC_DS_H

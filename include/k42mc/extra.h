@@ -1,6 +1,6 @@
 /*
- * Additions of our own, beside the defined interface. They never change what a defined function does.
- * What alloc.h says of all wrappers holds for these too.
+ * Additions, all named k42mcx_. They never change what the other functions do. What alloc.h says of all
+ * wrappers holds for these too.
  */
 #ifndef K42MC_EXTRA_H
 #define K42MC_EXTRA_H
@@ -31,21 +31,21 @@ void k42mcx_free(const char *file, int line, int type, void *ptr);
  */
 
 /*
- * Compares the guards of every live recorded block with what they have to be, and stops for nothing.
- * Each damaged block gets a line on the report sink, "file:line:WO:type:0xADDRESS:size:cycles", or WU
- * for an underrun, and the trace of its allocation. Returns how many are damaged; 0 while the checker is
- * off, which it says on standard error. Takes the checker's lock; allocates nothing.
+ * Compares the guards of every live recorded block with what they should be. Damage does not stop the
+ * process: each damaged block gets a line on the sink, "file:line:WO:type:0xADDRESS:size:cycles", or WU
+ * for an underrun, and the trace of its allocation. Returns how many are damaged; 0, with a message on
+ * standard error, while the checker is off. Takes the checker's lock; allocates nothing.
  */
 unsigned k42mcx_verify(void);
 
 /*
- * Writes what a report would say as JSON, an object a line, without counting as a cycle: a "cycle", a
- * "site" for each place and call chain that holds blocks (most bytes first), a "damage" for each damaged
- * block, whatever it has survived, and an "end". The checker's lock is released before anything is
- * written.
+ * Writes what a report would say as JSON, one object per line, without counting as a cycle: a "cycle", a
+ * "site" for each site and stack trace that holds blocks (most bytes first), a "damage" for each damaged
+ * block, however many reports it has survived, and an "end". The checker's lock is released before
+ * anything is written.
  *   fd  Open for writing; stays open.
- * Returns 0, or -1 with errno: EBADF; ENOMEM, with nothing written; EINVAL while the checker is off,
- * which it says on standard error; or what write says.
+ * Returns 0, or -1 with errno: EBADF; ENOMEM, with nothing written; EINVAL, with a message on standard
+ * error, while the checker is off; or what write sets.
  */
 int k42mcx_report_json(int fd, __UINT32_TYPE__ limit);
 
@@ -53,26 +53,27 @@ int k42mcx_report_json(int fd, __UINT32_TYPE__ limit);
 #define K42MCX_EXIT_JSON   2
 
 /*
- * Asks for more than the report at exit. K42MCX_EXIT_VERIFY: k42mcx_verify ahead of it.
- * K42MCX_EXIT_JSON: all blocks as JSON after it, in a file beside the report file with ".json" for
- * ".txt". 0 takes both back. Takes no lock.
+ * Asks for more than the report at exit. K42MCX_EXIT_VERIFY: k42mcx_verify before it.
+ * K42MCX_EXIT_JSON: all blocks as JSON after it, in a file beside the report file, with ".json" in place
+ * of ".txt". 0 cancels both. Takes no lock.
  */
 void k42mcx_at_exit(__UINT32_TYPE__ flags);
 
 /*
  * Calls MCReport with the limit each time the signal arrives, from a thread that the first call starts;
- * the signal's action is replaced. Signals that arrive while one waits for its report are one. Another
- * call for the same signal changes the limit, another signal adds. A forked child has no such thread: it
- * ignores the signals until it calls this function itself. The library stays loaded from then on.
+ * the signal's action is replaced. Signals that arrive before a requested report is written are merged
+ * with it. A second call for the same signal changes the limit, one for another signal adds that signal.
+ * A forked child has no such thread: it ignores the signals until it calls this function itself. The
+ * library stays loaded from then on.
  * Returns 0 or an errno value: EINVAL for a signal that cannot be caught, EAGAIN without a thread.
  */
 int k42mcx_report_on_signal(int signo, __UINT32_TYPE__ limit);
 
 /*
- * Tries this folder for report files ahead of the usual ones, and makes it if it is missing. A file
- * there is never truncated: "-1", "-2" ... goes into the name in front of the extension. What is open
- * stays.
- *   path  Is copied. Null takes the folder back.
+ * Tries this folder for report files before the usual ones, and makes it if it is missing. A file there
+ * is never truncated: where the name is taken, "-1", "-2" ... is put in front of the extension. A report
+ * file that is already open stays in use.
+ *   path  Copied. Null goes back to the usual folders.
  * Returns 0 or an errno value: ENAMETOOLONG for PATH_MAX bytes or more. Takes the checker's lock.
  */
 int k42mcx_report_folder(const char *path);
@@ -89,21 +90,21 @@ struct __dirstream; /* DIR */
 int k42mcx_fd_event(const char *name, int descriptor, unsigned type);
 
 /*
- * Writes the histories of all descriptors as JSON, an object a line: whether the system has it open,
- * what has been counted, and the events, oldest first. The checker's lock is released before anything is
- * written.
+ * Writes the histories of all descriptors as JSON, one object per line: whether the system has the
+ * descriptor open, what has been counted, and the events, oldest first. The checker's lock is released
+ * before anything is written.
  *   fd  Open for writing; stays open.
- * Returns 0, or -1 with errno: EBADF, ENOMEM, or what write says.
+ * Returns 0, or -1 with errno: EBADF, ENOMEM, or what write sets.
  */
 int k42mcx_fd_report_json(int fd);
 
 /*
  * What redirect_fd.h puts around calls of libc. They take the checker's lock, keep errno and return what
  * they were given, so that they fit around a call: fd = k42mcx_fd_opened(__func__, open(path, flags)).
- * An open, read or write that failed is no event. Of the reads and of the writes between two opens and
- * closes, the last one stays. Where a descriptor is closed that the checker believes closed already, and
- * the system knows as open, code that reports nothing has opened it: an open by "(not routed)" is
- * recorded first. What a child of vfork does with its descriptors is no event of its parent's.
+ * An open, read or write that failed is not an event. Between two opens or closes, only the last read
+ * and the last write are kept. If a descriptor is closed that the checker takes for closed while the
+ * system has it open, code that reports nothing has opened it: an open by "(not routed)" is recorded
+ * first. What a child of vfork does with its descriptors is not recorded as its parent's.
  */
 int k42mcx_fd_opened(const char *name, int descriptor);
 int k42mcx_fd_opened_pair(const char *name, const int *descriptors, int result);
@@ -117,9 +118,9 @@ struct _IO_FILE *k42mcx_fd_closing_stream(const char *name, struct _IO_FILE *str
 struct __dirstream *k42mcx_fd_opened_directory(const char *name, struct __dirstream *directory);
 
 /*
- * Record that a stream or directory is closed and close it, by fclose, pclose or closedir. One that was
- * closed before is recorded as a second close of its descriptor, and libc, which would stop the process
- * or worse, does not see it: the result is -1 with errno EBADF.
+ * Record that a stream or directory is closed, and close it with fclose, pclose or closedir. A second
+ * close is recorded as one of its descriptor and never reaches libc, which would stop the process or
+ * worse: the result is -1 with errno EBADF.
  */
 int k42mcx_fd_fclose(const char *name, struct _IO_FILE *stream);
 int k42mcx_fd_pclose(const char *name, struct _IO_FILE *stream);
@@ -127,10 +128,11 @@ int k42mcx_fd_closedir(const char *name, struct __dirstream *directory);
 
 /* ---- libc's functions that hand out memory, over guarded blocks (redirect.h routes calls here) ----
  *
- * Each is libc's function of the name, with the caller's file and line in front and a block of the
+ * Each is libc's function of that name, with the caller's file and line in front and a block of the
  * standard family as its result: release it with k42MC_free or a routed free. Return values, errno and
- * what is read and written are libc's. The names with "plain" are for references that carry no site:
- * addresses, tables, calls in parentheses. Their blocks have the file "(indirect call)" and line 0.
+ * what is read and written are as libc has them. The names with "plain" are for references that carry
+ * no site: addresses, tables, calls in parentheses. Their blocks have the file "(indirect call)" and
+ * line 0.
  */
 
 /* As k42MC_realloc, but allocates when ptr is null and size is 0, as libc's does. */
@@ -142,8 +144,9 @@ void *k42mcx_reallocarray(const char *file, int line, void *ptr, size_t nmemb, s
     K42MC_SIZE_IS_PRODUCT(4, 5) K42MC_MUST_CHECK;
 
 /*
- * As k42MC_posix_memalign; an alignment that is no power of two is EINVAL in errno. Alignments below the
- * size of a pointer count as that size, those above K42MC_ALIGN_MAX are EINVAL.
+ * Allocates size bytes at a multiple of alignment. Returns the block, or null with errno set: EINVAL if
+ * the alignment is not a power of two or is above K42MC_ALIGN_MAX. One below the size of a pointer
+ * counts as that size.
  */
 void *k42mcx_aligned_alloc(const char *file, int line, size_t alignment, size_t size)
     K42MC_RELEASED_BY(k42MC_free, 3) K42MC_SIZE_IS(4);
@@ -157,12 +160,12 @@ char *k42mcx_strndup(const char *file, int line, const char *s, size_t most)
     K42MC_RELEASED_BY(k42MC_free, 3);
 wchar_t *k42mcx_wcsdup(const char *file, int line, const wchar_t *s) K42MC_RELEASED_BY(k42MC_free, 3);
 
-/* The block is exactly as long as the text; on failure -1, and *text is null. */
+/* The block is exactly as long as the text and its NUL. On failure they return -1, and *text is null. */
 int k42mcx_asprintf(const char *file, int line, char **text, const char *format, ...) K42MC_PRINTF(4, 5);
 int k42mcx_vasprintf(const char *file, int line, char **text, const char *format,
                      __builtin_va_list arguments) K42MC_PRINTF(4, 0);
 
-/* A line buffer that is passed in has to be a block of the standard family. */
+/* A line buffer that is passed in must be a block of the standard family. */
 __PTRDIFF_TYPE__ k42mcx_getline(const char *file, int line, char **buffer, size_t *capacity,
                                 struct _IO_FILE *stream);
 __PTRDIFF_TYPE__ k42mcx_getdelim(const char *file, int line, char **buffer, size_t *capacity,
@@ -170,19 +173,19 @@ __PTRDIFF_TYPE__ k42mcx_getdelim(const char *file, int line, char **buffer, size
 
 /*
  * The stream is unbuffered: *text and *size are up to date after each write and seek, not only after
- * fflush and fclose. *size is the position, or the length where the position lies beyond it; a NUL
- * follows the length. Once the stream is closed, the block is exactly as long as the text and its NUL.
+ * fflush and fclose. *size is the position, or the length if the position is beyond it; the text is
+ * followed by a NUL. Once the stream is closed, the block is exactly as long as the text and its NUL.
  */
 struct _IO_FILE *k42mcx_open_memstream(const char *file, int line, char **text, size_t *size);
 
-/* A block only when the buffer is null; otherwise libc's functions and nothing else. */
+/* Return a block only when the buffer is null; otherwise they are libc's functions and nothing else. */
 char *k42mcx_realpath(const char *file, int line, const char *path, char *resolved);
 char *k42mcx_getcwd(const char *file, int line, char *buffer, size_t size);
 
-/* The bytes asked for, if ptr is a guarded block; 0 for null; what libc says of any other block. */
+/* Returns the size asked for if ptr is a guarded block, 0 for null, else what libc's function does. */
 size_t k42mcx_malloc_usable_size(void *ptr);
 
-/* Releases memory that is no guarded block, through libc's free: what an unrouted library handed out. */
+/* Passes ptr to libc's free: for memory that is not a guarded block, as unrouted libraries return it. */
 void k42mcx_raw_free(void *ptr);
 
 void *k42mcx_plain_malloc(size_t size);

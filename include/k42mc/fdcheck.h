@@ -1,14 +1,14 @@
 /*
  * The descriptor checker: who opened, closed, read and wrote each descriptor, as far as the process
- * reports it. It raises an alarm where a descriptor is closed twice in a row, and where descriptor 0, 1
- * or 2 is opened or closed more than three times in all. An alarm freezes the descriptor's history, so
- * that the events that led to it stay.
+ * reports it. It raises an alarm when a descriptor is closed twice in a row, and when descriptor 0, 1 or
+ * 2 is opened or closed more than three times in all. An alarm freezes the descriptor's history, so that
+ * the events that led to it stay.
  *
  * It needs no start call. It prints on standard error and never stops the process.
  *
  * Glossary
- *   event     One operation on a descriptor: its operator, time and call chain.
- *   operator  The code that did it, by a name of the caller's choice: cut to 15 characters, copied.
+ *   event     One operation on a descriptor: its operator, time and stack trace.
+ *   operator  The code that did it, under a name of the caller's choice: copied, cut to 15 characters.
  *   history   A descriptor's events, oldest first. It grows until 10 opens and closes have been counted;
  *             from then on each event replaces the oldest.
  *
@@ -44,31 +44,31 @@ typedef struct FDEvent {
 /* ---- The table ---- */
 
 typedef struct FDInfo {
-    uint32_t opens; /* these two go on counting behind an alarm */
+    uint32_t opens; /* these two go on counting after an alarm */
     uint32_t closes;
     uint32_t alarms; /* 0, or 1 from the first alarm on */
     SLList *events;  /* of FDEvent; null until the first one */
 } FDInfo;
 
 /*
- * One record per descriptor; null until the first event. It has as many as the process may have
- * descriptors open at that moment, at most 2^20; later changes of the limit do not change it.
+ * One record per descriptor; null until the first event. There are as many as the process may have
+ * descriptors open at that moment, at most 2^20; later changes of that limit have no effect.
  */
 K42MC_DATA FDInfo *gFDITable;
 
-/* Set it to nonzero for events without a call chain, which is what costs most. */
+/* Set it to nonzero for events without a stack trace, which is what costs most. */
 K42MC_DATA int gFDNoBacktrace;
 
-/* The checker's error messages are put together here. */
+/* The text of the checker's last error message. */
 K42MC_DATA char gFDDebugStr[1024];
 
 /* ---- Recording ---- */
 
 /*
- * Record that a descriptor was opened, that it is about to be closed. Call FDClose ahead of close():
- * behind it another thread may already have the number.
+ * Record that a descriptor was opened, that it is about to be closed. Call FDClose before close(): after
+ * it, another thread may already have the number.
  *   name        The operator, or null. Copied.
- *   descriptor  Negative or past the table: ignored.
+ *   descriptor  Ignored when negative or beyond the table.
  */
 void FDOpen(const char *name, int32_t descriptor);
 void FDClose(const char *name, int32_t descriptor);
@@ -76,8 +76,8 @@ void FDClose(const char *name, int32_t descriptor);
 /*
  * Records one event of the given type, FD_EV_OPEN to FD_EV_WRITE. It takes no lock: no other call of the
  * descriptor checker may run at the same time. k42mcx_fd_event is the same with the lock.
- * Returns 0 when the event was recorded, or dropped because an alarm has frozen the history; 1 when the
- * descriptor or the type is out of range, or when memory is short, which it says on standard error.
+ * Returns 0 when the event was recorded, or dropped because an alarm has frozen the history; 1, with a
+ * message on standard error, when the descriptor or the type is out of range or memory ran out.
  */
 int32_t FDAddEvent(const char *name, int32_t descriptor, uint32_t type);
 
@@ -89,7 +89,7 @@ void FDDeinit(void);
 
 /* ---- Reports. The arguments have their bytes reversed: FDCheck(K42MC_BE32(3)). ---- */
 
-/* Prints the history of a descriptor with the call chain of each event, and what has been counted. */
+/* Prints the history of a descriptor with the stack trace of each event, and what has been counted. */
 void FDCheck(int32_t descriptor);
 
 enum {

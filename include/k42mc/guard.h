@@ -5,12 +5,14 @@
  *   raw memory    What the underlying allocator returned, and what it gets back.
  *   header        Eight words in front of the user bytes: the magic word, the trace of the allocation
  *                 (five return addresses), the alignment word, the raw size.
- *   user pointer  What the caller sees: the first byte after the header.
+ *   user pointer  What the caller gets: the address of the first byte after the header, the first of the
+ *                 user bytes.
  *   tail          Eight words behind the user bytes: seven of guard pattern and the arena. It begins
  *                 where the user bytes end, at any address.
  *   arena         The allocator family that a block belongs to; its allocator type plus 1.
- *   alignment     The logarithm of the alignment in the top 5 bits; below it the offset of the header
- *   word          from the start of the raw memory. 0 for a block without an alignment of its own.
+ *   alignment     The binary logarithm of the alignment in the top 5 bits; below it the offset of the
+ *   word          header from the start of the raw memory. 0 for a block without its own alignment.
+ *   sound         Said of a guard that holds what it should, and of a block with two such guards.
  * A word is as wide as a pointer.
  *
  * After a sound release the header holds the freed pattern (seven words) and the address of the tail;
@@ -39,7 +41,7 @@ enum {
     K42MC_DEFECT_BF, /* released through another arena */
     K42MC_DEFECT_DF, /* released twice */
     K42MC_DEFECT_WO, /* write overflow: the tail is damaged */
-    K42MC_DEFECT_WU, /* write underflow: the header is damaged, or this is no guarded block */
+    K42MC_DEFECT_WU, /* write underflow: the header is damaged, or this is not a guarded block */
     K42MC_DEFECTS
 };
 

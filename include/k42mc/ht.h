@@ -64,7 +64,7 @@ void HTDeinit(HTTable **table);
 
 /*
  * Hands every element to the destroy hook, last bucket to first; the table stays, empty. From 127
- * buckets on it goes back to 31; where no memory is left for them, it keeps what it has. O(n + buckets).
+ * buckets on it goes back to 31; if there is no memory for those, it keeps what it has. O(n + buckets).
  */
 void HTDestroy(HTTable *table);
 
@@ -73,16 +73,15 @@ int HTIsEmpty(const HTTable *table);
 
 /*
  * Inserts an element.
- *   existing  Null: the element is linked without looking for its key. Otherwise an element with its key
- *             is stored there, and the table keeps its elements as they are; or null is, and the element
- *             is linked.
+ *   existing  Null to link the element without looking for its key. Otherwise receives null when the
+ *             element was linked, or the element that has its key, and the table is unchanged.
  * O(1) on average. Before that, the table may change its size, in O(n): it grows when this would be the
  * 8th element for each bucket, and shrinks when this would still be too few for the size two below.
- * Where no memory is left for the new buckets, it keeps the old ones, and the element goes there.
+ * If there is no memory for the new buckets, it keeps the old ones, and the element goes there.
  */
 void HTInsert(HTTable *table, void *element, void **existing);
 
-/* Returns the first element of its chain with this key, or null. O(1) on average. */
+/* Returns the first element with this key in its bucket's chain, or null. O(1) on average. */
 void *HTSearch(const HTTable *table, const void *key);
 
 /* Unlinks an element. Nothing happens when it is not in the table. O(1) on average. */
@@ -99,12 +98,12 @@ int32_t HTRemoveAndDestroyByKey(HTTable *table, const void *key);
 
 /*
  * The first element, the one after an element of the table; null when there is none. Inserting may
- * change the order. O(1) on average when there are as many elements as buckets.
+ * change the order. O(1) on average, unless most buckets are empty.
  */
 void *HTFirst(const HTTable *table);
 void *HTNext(const HTTable *table, const void *element);
 
-/* Calls visit for each element, in the same order and quicker. O(n + buckets). */
+/* Calls visit for each element, in the same order and faster. O(n + buckets). */
 void HTVisit(const HTTable *table, DSVisitFn visit);
 
 /* The same with an argument. Returns the first nonzero result, where the walk ends, or 0. */

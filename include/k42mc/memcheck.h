@@ -1,12 +1,14 @@
 /*
  * The memory checker: switched on, it records every live block of the wrappers with its file, line,
- * size, type and call chain, and reports, cycle by cycle, the blocks that keep surviving.
+ * size, type and stack trace, and reports, cycle by cycle, the blocks that keep surviving.
  *
  * Glossary
  *   type    The allocator that a block came from: an index into gAllocatorType.
+ *   site    The file and line of an allocation.
  *   sink    Where reports go: standard error or a report file, as MCInit chose.
  *   cycle   One MCReport. A record's cycles are the reports that have seen it.
- *   filter  One allocation site and size: file, line, type and size.
+ *   trace   The stack trace of an allocation: return addresses, innermost first.
+ *   filter  One site and size: file, line, type and size.
  *
  * Control functions report problems on standard error and return; none of them stops the process. They
  * may be called from any thread and take gMCLock; none of them is async-signal-safe, and none may be
@@ -38,7 +40,7 @@ K42MC_DATA pthread_mutex_t gMCLock;
 
 /*
  * Takes gMCLock if the checker is on.
- * Returns 1 with the lock held; 0 without it, when the checker is off or the lock cannot be had.
+ * Returns 1 with the lock held; 0 without it, when the checker is off or the lock cannot be taken.
  */
 uint8_t MCLock(void);
 
@@ -62,8 +64,8 @@ int MCUnlock(void);
  * leak detection anew. The first call in a process also arranges for a final report at exit.
  *   file_type  MC_TO_STDERR or MC_TO_FILE, bytes reversed (K42MC_BE32). Ignored when already on.
  *   bitmap     MC_TYPE_ bits, bytes reversed. 0 stands for MC_TYPE_LKBF, or for no change when on.
- * Errors go to standard error: a bad argument, a report file that cannot be opened, no memory. The
- * checker then stays as it was.
+ * Errors go to standard error: a bad argument, a report file that cannot be opened, too little memory.
+ * The checker then stays as it was.
  */
 void MCInit(uint32_t file_type, uint32_t bitmap);
 
@@ -71,20 +73,20 @@ void MCInit(uint32_t file_type, uint32_t bitmap);
 void MCDeinit(void);
 
 /*
- * Prints one report on the sink: the blocks that have now survived limit reports, oldest first, and the
- * counters since the last report and since the last reset.
+ * Prints one report on the sink: the blocks that have survived limit reports, this one included, oldest
+ * first, and the counters since the last report and since the last reset.
  *   limit  Bytes reversed (K42MC_BE32). 0 and 1 list every live block, 2 those that the previous report
  *          saw too, and so on.
- * Where blocks may be listed and, since the last reset, over 199 more were recorded than released, the
- * report leaves standard error for a report file. Allocations and releases of other threads wait until
- * the report is written. Time: linear in the live blocks; allocates nothing.
+ * If blocks may be listed and, since the last reset, over 199 more were recorded than released, the
+ * report goes to a report file instead of standard error. Allocations and releases of other threads wait
+ * until it is written. Time: linear in the live blocks; allocates nothing.
  */
 void MCReport(uint32_t limit);
 
 /*
  * Prints on standard error what is known of one block: a record line and the trace of its allocation.
  *   address  The block's user pointer, bytes reversed (K42MC_BE_ADDR).
- * Returns 0 when the block is known, or the address 0; else 1.
+ * Returns 0 when the block is known or the address is 0; else 1.
  */
 uint32_t MCCheck(uintptr_t address);
 
@@ -92,8 +94,8 @@ uint32_t MCCheck(uintptr_t address);
  * Writes a message to the process's debug file, "/k42/<program>.<time>.debug.txt" unless the library was
  * built with another folder, or to standard error if that cannot be opened. Works whether or not the
  * checker is on.
- *   with_backtrace  Nonzero to add the caller's call chain.
- *   format          As for printf, 255 characters at most once formatted; null for "No message.".
+ *   with_backtrace  Nonzero to add the caller's stack trace.
+ *   format          As for printf, at most 255 characters once formatted; null for "No message.".
  * Takes a lock of its own, never gMCLock.
  */
 void MCDebugMsg(int with_backtrace, const char *format, ...) K42MC_PRINTF(2, 3);
@@ -110,7 +112,7 @@ void MCDebugMsg(int with_backtrace, const char *format, ...) K42MC_PRINTF(2, 3);
  * Asks for traces of a site: adds an in-filter while traces are off by default, else cancels the
  * out-filter of that site.
  *   text     The filter; it is taken apart in place. Not kept.
- * Returns 0, also when there was nothing to do; -1 with a message on standard error if the text is no
+ * Returns 0, also when there was nothing to do; -1 with a message on standard error if the text is not a
  * filter, memory ran out, or the checker is off.
  */
 int MCBTFilterIn(char *text);

@@ -94,13 +94,16 @@ void *PTLast(const PTTree *tree);
 
 /*
  * Returns the element with the next greater key, or null. The element given must be in the tree. A step
- * that descends for its result finds the element after that too and keeps both in the tree, where the
- * next step finds its own: threads that walk the same tree need a lock. O(keyBits), O(1) for such a
- * step.
+ * that descends also finds the element after its result and keeps both in the tree, so that the next
+ * step need not descend. Threads that walk the same tree therefore need a lock. O(keyBits), or O(1) for
+ * a step that need not descend.
  */
 void *PTNext(PTTree *tree, const void *element);
 
-/* Returns the element with the next smaller key, or null. It must be in the tree. O(keyBits). */
+/*
+ * Returns the element with the next smaller key, or null. The element given must be in the tree.
+ * O(keyBits).
+ */
 void *PTPrev(const PTTree *tree, const void *element);
 
 /*
@@ -115,7 +118,7 @@ void PTVisit(const PTTree *tree, int order, DSVisitFn visit);
 /* The same with an argument. Returns the first nonzero result, where the walk ends, or 0. O(n). */
 int32_t PTVisitWithArg(const PTTree *tree, int order, DSVisitArgFn visit, void *argument);
 
-/* Prints the number of elements and how many bits a search for one tests at most, on average. O(n). */
+/* Prints the number of elements, and how many bits a search tests at most and on average. O(n). */
 void PTInfo(const PTTree *tree);
 
 /*

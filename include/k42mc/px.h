@@ -9,11 +9,11 @@
  *   its key     bytes, of which the first length bits count
  *   its length  uint16_t: 0 to 32767 bits; 0 is the prefix of every key
  *   its chain   pointer to the next element with the same prefix, or null. The table writes it; it must
- *               be null when the element is inserted, unless that heads a chain with the same prefix.
+ *               be null when the element is inserted, unless it heads a chain with the same prefix.
  * Key and length must not change while the element is in the table.
  *
- * A search with a length reads that many bits of the key. One without may read up to the longest prefix
- * that is stored: all keys should have one full width.
+ * A search with a length reads that many bits of the key. One without may read as many as the longest
+ * stored prefix has: all keys should have the same full width.
  */
 #ifndef K42MC_PX_H
 #define K42MC_PX_H
@@ -40,11 +40,11 @@ typedef struct PXTable {
     uint32_t lengthOffset; /* bytes from an element to its prefix length */
 } PXTable;
 
-/* Orders of a visit. In table order a prefix stands behind those that extend it with 0. */
+/* Orders of a visit. In table order a prefix comes after those that extend it with 0. */
 #define PX_IN_ORDER         0 /* table order: left side, node, right side */
 #define PX_REVERSE_IN_ORDER 1
 #define PX_PRE_ORDER        2 /* node, left side, right side: each prefix before those that extend it */
-#define PX_POST_ORDER       3 /* left side, right side, node: each prefix behind those that extend it */
+#define PX_POST_ORDER       3 /* left side, right side, node: each prefix after those that extend it */
 
 /*
  * Creates an empty table.
@@ -86,12 +86,12 @@ void *PXSearchLMPForPrefix(const PXTable *table, const void *key, int16_t length
 /* Returns the first element of the prefix that is the first length bits of key, or null. O(length). */
 void *PXSearch(const PXTable *table, const void *key, int16_t length);
 
-/* Takes one element, which must be in the table, out of it and of its chain. O(length + chain). */
+/* Removes one element, which must be in the table, from the table and its chain. O(length + chain). */
 void PXRemove(PXTable *table, void *element);
 
 /*
- * Takes the prefix that is the first length bits of key out, with all its elements. Returns the first of
- * them, which still are a chain, or null when there are none. O(length).
+ * Removes the prefix that is the first length bits of key, with all its elements. Returns the first of
+ * them, which are still a chain, or null when there are none. O(length).
  */
 void *PXRemoveByKey(PXTable *table, const void *key, int16_t length);
 
@@ -112,7 +112,7 @@ int32_t PXRemoveAndDestroyByKey(PXTable *table, const void *key, int16_t length)
 void *PXFirst(const PXTable *table);
 void *PXLast(const PXTable *table);
 
-/* The one behind, the one before the prefix of an element, which must be in the table; or null. */
+/* The one after, the one before the prefix of an element, which must be in the table; or null. */
 void *PXNext(const PXTable *table, const void *element);
 void *PXPrev(const PXTable *table, const void *element);
 
