@@ -11,6 +11,9 @@ namespace k42mc::internal {
 // The first failure is kept, and nothing is written after it.
 class JsonOutput {
 public:
+    // Of the format of the lines, told at the start of a report: a reader that knows less refuses them.
+    static constexpr unsigned version = 1;
+
     explicit JsonOutput(int descriptor) : descriptor_(descriptor) {}
 
     [[gnu::format(printf, 2, 3)]] void print(const char *format, ...);
