@@ -75,6 +75,21 @@ TEST(Reader, NewerFormatsAreRefused) {
                     .starts_with("r.json:1: not a report line: "));
 }
 
+TEST(Reader, TheDescriptionShowsLinesThatAreRead) {
+    std::ifstream description(fs::path(__FILE__) / "../../../../docs/json.md");
+    std::string lines;
+    for (std::string line; std::getline(description, line);)
+        if (line.starts_with("{\""))
+            lines += line + "\n";
+    const Report report = json(lines);
+    EXPECT_EQ(problems(report), "");
+    ASSERT_EQ(report.processes.size(), 1u);
+    const Process &process = report.processes[0];
+    EXPECT_EQ(process.cycles.size() + process.damages.size() + process.descriptors.size() +
+                  process.stops.size() + process.cycles[0].holdings.size(),
+              5u);
+}
+
 TEST(Reader, LinesAreReadWithMemoryForOne) {
     const std::string longest(Lines::longest, 'x');
     for (const std::string contents : {"", "\n", "a", "a\n", "a\n\nb"}) {
