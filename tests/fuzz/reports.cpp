@@ -1,19 +1,24 @@
 // Any bytes as a report: whatever they are, they are read, or told of, and the outputs can be made.
+#include "tools/report/html.h"
 #include "tools/report/machine.h"
 #include "tools/report/reader.h"
 #include "tools/report/table.h"
+#include "tools/run/findings.h"
 
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string_view text(reinterpret_cast<const char *>(data), size);
     Report report;
-    read_text(report, "text", text);
-    read_json(report, "json", text);
+    Lines lines(text), again(text);
+    read_text(report, "text", lines);
+    read_json(report, "json", again);
     Symbolizer symbolizer;
     std::ostringstream out;
     print_table(out, report, {}, symbolizer);
     print_folded(out, report, symbolizer);
+    print_csv(out, report, Order::growth, symbolizer);
+    print_html(out, report, Order::age, symbolizer);
+    Findings(report).print(out, symbolizer);
     return 0;
 }

@@ -1,6 +1,10 @@
 #include "tools/common/symbols.h"
 
+#include "tools/common/file.h"
+
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/libdwfl.h>
@@ -9,9 +13,29 @@
 
 namespace {
 
+// What a module names as its debug information may be anything by now, and libdw waits for a pipe's
+// writer.
+bool would_wait(const std::string &path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+int find_debuginfo(Dwfl_Module *module, void **userdata, const char *name, Dwarf_Addr base,
+                   const char *file, const char *link, GElf_Word checksum, char **found) {
+    const std::string path = file != nullptr ? file : "";
+    const size_t slash = path.rfind('/') + 1; // or 0
+    const std::string folder = path.substr(0, slash);
+    const std::string own = path.substr(slash);
+    for (const std::string &candidate : {link != nullptr ? std::string(link) : own + ".debug", own})
+        for (const std::string &place : {folder, folder + ".debug/", std::string()})
+            if (would_wait(place + candidate))
+                return -1;
+    return dwfl_standard_find_debuginfo(module, userdata, name, base, file, link, checksum, found);
+}
+
 constexpr Dwfl_Callbacks callbacks = {
     .find_elf = dwfl_build_id_find_elf,
-    .find_debuginfo = dwfl_standard_find_debuginfo,
+    .find_debuginfo = find_debuginfo,
     .section_address = dwfl_offline_section_address,
     .debuginfo_path = nullptr,
 };
@@ -33,40 +57,46 @@ struct Module {
     std::multimap<std::string, GElf_Addr, std::less<>> functions; // the file's own addresses, by name
 };
 
-// A place in a module, taken apart.
-struct Place {
+// A return address, taken apart.
+struct Pc {
     std::string_view module;
     std::string_view function; // what the offset counts from; empty for the module
     GElf_Addr offset = 0;
     GElf_Addr address = 0; // in the process, where it is known
 };
 
-GElf_Addr hexadecimal(std::string_view text) {
-    return strtoull(std::string(text).c_str(), nullptr, 16);
+// Takes a number off the end of a text, and what it has to follow.
+std::optional<GElf_Addr> take_hexadecimal(std::string_view &text, std::string_view mark) {
+    const size_t at = text.rfind(mark);
+    if (at == std::string_view::npos)
+        return {};
+    const std::string digits(text.substr(at + mark.size()));
+    if (digits.empty() || digits.find_first_not_of("0123456789abcdef") != std::string::npos)
+        return {};
+    text = text.substr(0, at);
+    return strtoull(digits.c_str(), nullptr, 16);
 }
 
 // "module(function+0x12) [0x55ee]"
-Place parse_trace(std::string_view text, size_t bracket) {
-    Place place;
-    place.address = hexadecimal(text.substr(bracket + 2));
-    text = text.substr(0, bracket);
+std::optional<Pc> parse_trace_line(std::string_view text) {
+    if (!text.ends_with(']') || text.starts_with(' '))
+        return {};
+    text.remove_suffix(1);
+    const std::optional<GElf_Addr> address = take_hexadecimal(text, ") [0x");
+    const std::optional<GElf_Addr> offset = address ? take_hexadecimal(text, "+0x") : std::nullopt;
     const size_t open = text.rfind('(');
-    const size_t plus = text.rfind("+0x");
-    if (open == std::string_view::npos || plus == std::string_view::npos || plus < open)
-        return place;
-    place.module = text.substr(0, open);
-    place.function = text.substr(open + 1, plus - open - 1);
-    place.offset = hexadecimal(text.substr(plus + 1));
-    return place;
+    if (!offset || open == std::string_view::npos || open == 0 ||
+        text.find_first_of(" \t", open) != std::string_view::npos)
+        return {};
+    return Pc{text.substr(0, open), text.substr(open + 1), *offset, *address};
 }
 
-Place parse_place(std::string_view text) {
-    if (const size_t bracket = text.rfind(" [0x"); bracket != std::string_view::npos)
-        return parse_trace(text, bracket);
-    const size_t plus = text.rfind("+0x");
-    if (plus == std::string_view::npos)
-        return {};
-    return {text.substr(0, plus), {}, hexadecimal(text.substr(plus + 1)), 0};
+// Nothing for what is none.
+Pc parse_pc(std::string_view text) {
+    if (const std::optional<Pc> pc = parse_trace_line(text))
+        return *pc;
+    const std::optional<GElf_Addr> offset = take_hexadecimal(text, "+0x");
+    return offset ? Pc{text, {}, *offset, 0} : Pc{};
 }
 
 // Without the version that the linker puts behind some.
@@ -75,10 +105,13 @@ std::string bare_name(const char *name) {
     return std::string(text.substr(0, text.find('@')));
 }
 
+// Only names of C++: to the demangler, "f" is the type float.
 std::string demangled(const char *name) {
     if (name == nullptr)
         return {};
     const std::string bare = bare_name(name);
+    if (!bare.starts_with("_Z"))
+        return bare;
     int status = 0;
     const std::unique_ptr<char, Free> text(abi::__cxa_demangle(bare.c_str(), nullptr, nullptr, &status));
     return status == 0 ? text.get() : bare;
@@ -96,13 +129,28 @@ GElf_Addr first_page_of(Elf *elf) {
     return 0;
 }
 
+// Not open for anything but an ELF file.
+File open_elf(const std::string &path) {
+    constexpr off_t most_bytes = 1 << 30;
+    File file = open_regular(path, most_bytes);
+    char magic[SELFMAG];
+    if (file.is_open() && pread(file.descriptor(), magic, SELFMAG, 0) == SELFMAG &&
+        memcmp(magic, ELFMAG, SELFMAG) == 0)
+        return file;
+    return {};
+}
+
 Module open_module(const std::string &path) {
     Module module;
+    File file = open_elf(path);
+    if (!file.is_open())
+        return module;
     module.dwfl.reset(dwfl_begin(&callbacks));
-    module.module = dwfl_report_offline(module.dwfl.get(), "", path.c_str(), -1);
+    module.module = dwfl_report_offline(module.dwfl.get(), "", path.c_str(), file.descriptor());
     dwfl_report_end(module.dwfl.get(), nullptr, nullptr);
     if (module.module == nullptr)
         return module;
+    file.release(); // libdw has it
     if (Elf *elf = dwfl_module_getelf(module.module, &module.bias))
         module.first_page = first_page_of(elf);
     return module;
@@ -120,18 +168,18 @@ void list_functions(Module &module) {
     }
 }
 
-// The file's own address of a place. Of functions with one name, the one that fits the address in the
+// The file's own address. Of functions with one name, the one that fits the address in the
 // process: modules lie at the start of pages.
-std::optional<GElf_Addr> own_address(Module &module, const Place &place) {
+std::optional<GElf_Addr> own_address(Module &module, const Pc &pc) {
     constexpr GElf_Addr in_page = 4095;
-    if (place.function.empty())
-        return place.offset + module.first_page;
+    if (pc.function.empty())
+        return pc.offset + module.first_page;
     if (module.functions.empty())
         list_functions(module);
-    const auto [first, last] = module.functions.equal_range(place.function);
+    const auto [first, last] = module.functions.equal_range(pc.function);
     for (auto candidate = first; candidate != last; ++candidate)
-        if (((candidate->second + place.offset - place.address) & in_page) == 0)
-            return candidate->second + place.offset;
+        if (((candidate->second + pc.offset - pc.address) & in_page) == 0)
+            return candidate->second + pc.offset;
     return {};
 }
 
@@ -153,7 +201,7 @@ Dwarf_Word number(Dwarf_Die *scope, unsigned which) {
     return value;
 }
 
-void place_at_call(Dwarf_Die *scope, Dwarf_Die *unit, SourceFrame &frame) {
+void move_to_call(Dwarf_Die *scope, Dwarf_Die *unit, SourceFrame &frame) {
     Dwarf_Files *files = nullptr;
     size_t count = 0;
     const Dwarf_Word file = number(scope, DW_AT_call_file);
@@ -181,11 +229,18 @@ Scopes scopes_around(Dwarf_Die *unit, Dwarf_Addr address) {
     return {std::unique_ptr<Dwarf_Die[], Free>(dies), count};
 }
 
+// The scopes of such a unit are in a file that it names, and that libdw would open whatever it is.
+bool is_split(Dwarf_Die *unit) {
+    uint8_t type = 0;
+    return dwarf_cu_info(unit->cu, nullptr, &type, nullptr, nullptr, nullptr, nullptr, nullptr) != 0 ||
+           type == DW_UT_skeleton;
+}
+
 // Replaces the one frame that the symbol table gives by those that debug information tells apart.
 void unfold_inlined(Module &module, GElf_Addr address, std::vector<SourceFrame> &frames) {
     Dwarf_Addr bias = 0;
     Dwarf_Die *unit = dwfl_module_addrdie(module.module, address, &bias);
-    if (unit == nullptr)
+    if (unit == nullptr || is_split(unit))
         return;
     SourceFrame frame = frames.back();
     frames.clear();
@@ -197,7 +252,7 @@ void unfold_inlined(Module &module, GElf_Addr address, std::vector<SourceFrame> 
         if (dwarf_tag(scope) != DW_TAG_inlined_subroutine)
             continue;
         frames.push_back({name_of(scope), frame.file, frame.line, true});
-        place_at_call(scope, unit, frame);
+        move_to_call(scope, unit, frame);
     }
     frames.push_back(std::move(frame));
 }
@@ -209,9 +264,12 @@ struct Symbolizer::Modules {
     std::map<std::string, std::vector<SourceFrame>, std::less<>> known; // by what was asked
 
     Module &at(std::string_view path) {
+        constexpr size_t most_modules = 1024;
         const auto found = by_path.find(path);
         if (found != by_path.end())
             return found->second;
+        if (by_path.size() == most_modules)
+            by_path.clear();
         return by_path.emplace(path, open_module(std::string(path))).first->second;
     }
 
@@ -222,22 +280,25 @@ Symbolizer::Symbolizer() : modules_(std::make_unique<Modules>()) {}
 
 Symbolizer::~Symbolizer() = default;
 
-const std::vector<SourceFrame> &Symbolizer::lookup(std::string_view place) {
-    const auto found = modules_->known.find(place);
+const std::vector<SourceFrame> &Symbolizer::lookup(std::string_view pc) {
+    constexpr size_t most_known = 1 << 16;
+    const auto found = modules_->known.find(pc);
     if (found != modules_->known.end())
         return found->second;
-    return modules_->known.emplace(place, modules_->find(place)).first->second;
+    if (modules_->known.size() == most_known)
+        modules_->known.clear();
+    return modules_->known.emplace(pc, modules_->find(pc)).first->second;
 }
 
 std::vector<SourceFrame> Symbolizer::Modules::find(std::string_view text) {
     std::vector<SourceFrame> frames(1);
-    const Place place = parse_place(text);
-    if (place.module.empty())
+    const Pc pc = parse_pc(text);
+    if (pc.module.empty())
         return frames;
-    Module &module = at(place.module);
+    Module &module = at(pc.module);
     if (module.module == nullptr)
         return frames;
-    const std::optional<GElf_Addr> own = own_address(module, place);
+    const std::optional<GElf_Addr> own = own_address(module, pc);
     if (!own)
         return frames;
     const GElf_Addr address = *own + module.bias - 1; // in the call, not behind it
@@ -249,16 +310,21 @@ std::vector<SourceFrame> Symbolizer::Modules::find(std::string_view text) {
     return frames;
 }
 
-std::string describe(std::string_view place, const SourceFrame &frame) {
-    std::string text = frame.function.empty() ? std::string(place) : frame.function;
+bool is_trace_line(std::string_view line) {
+    constexpr size_t longest = 8192; // a path, and the library cuts names to less than another
+    return line.size() <= longest && parse_trace_line(line).has_value();
+}
+
+std::string describe(std::string_view pc, const SourceFrame &frame) {
+    std::string text = frame.function.empty() ? std::string(pc) : frame.function;
     if (!frame.file.empty())
         text += " at " + frame.file + ":" + std::to_string(frame.line);
     else if (!frame.function.empty())
-        text += " (" + std::string(place) + ")";
+        text += " (" + std::string(pc) + ")";
     return text;
 }
 
-std::string_view module_of(std::string_view place) {
-    const std::string_view module = parse_place(place).module;
-    return module.empty() ? place : module;
+std::string_view module_of(std::string_view pc) {
+    const std::string_view module = parse_pc(pc).module;
+    return module.empty() ? pc : module;
 }

@@ -13,8 +13,9 @@ struct SourceFrame {
     bool inlined = false; // into the frame that follows
 };
 
-// Reads each module once and keeps it open, and remembers what it has found. Not for several threads at
-// a time.
+// Reads each module once and keeps it open, and remembers what it has found, up to bounds: reports may
+// come from anywhere. Modules are regular ELF files of at most a gibibyte; nothing else is opened. Not
+// for several threads at a time.
 class Symbolizer {
 public:
     Symbolizer();
@@ -22,19 +23,22 @@ public:
     Symbolizer(const Symbolizer &) = delete;
     Symbolizer &operator=(const Symbolizer &) = delete;
 
-    // What stands at a return address: the functions around the call ahead of it, innermost first. It is
-    // written "/usr/lib/libfoo.so.1+0x1a2b", the offset counting from where the module is loaded, or as
-    // traces have it, "/usr/lib/libfoo.so.1(function+0x2b) [0x7f12a2b]". Always at least one frame; an
-    // empty one when nothing is known. Valid as long as this is.
-    const std::vector<SourceFrame> &lookup(std::string_view place);
+    // What stands at a return address: the functions around the call in front of it, innermost first. It
+    // is written "/usr/lib/libfoo.so.1+0x1a2b", the offset counting from where the module is loaded, or
+    // as printed traces have it, "/usr/lib/libfoo.so.1(function+0x2b) [0x7f12a2b]". Always at least one
+    // frame; an empty one when nothing is known. Valid until the next lookup.
+    const std::vector<SourceFrame> &lookup(std::string_view pc);
 
 private:
     struct Modules;
     std::unique_ptr<Modules> modules_;
 };
 
-// "function at file:line", as far as they are known.
-std::string describe(std::string_view place, const SourceFrame &frame);
+// Whether this is a line of a printed trace, "/usr/bin/p(function+0x12) [0x55ee]".
+bool is_trace_line(std::string_view line);
 
-// The module of a place.
-std::string_view module_of(std::string_view place);
+// "function at file:line", as far as they are known.
+std::string describe(std::string_view pc, const SourceFrame &frame);
+
+// The module of a return address.
+std::string_view module_of(std::string_view pc);

@@ -1,20 +1,24 @@
 #include "tools/report/diff.h"
 
 #include "tools/common/counted.h"
-#include "tools/report/table.h"
+#include "tools/common/printable.h"
+#include "tools/report/site_name.h"
 
 #include <algorithm>
 #include <iomanip>
 
 std::vector<Change> changes_between(const Report &before, const Report &after) {
-    std::map<Place, Change> by_place;
-    for (const Site &site : sites_of(before, Order::bytes))
-        by_place[before.places()[site.place]].before = site.held;
-    for (const Site &site : sites_of(after, Order::bytes))
-        by_place[after.places()[site.place]].after = site.held;
+    std::map<Site, Change> by_site;
+    const auto enter = [&](const Report &report, Counter Change::*held) {
+        const Histories histories(report, Order::bytes);
+        for (const SiteHistory &history : histories.sites())
+            by_site[report.site(history.site)].*held = history.held;
+    };
+    enter(before, &Change::before);
+    enter(after, &Change::after);
     std::vector<Change> changes;
-    for (auto &[place, change] : by_place) {
-        change.place = place;
+    for (auto &[site, change] : by_site) {
+        change.site = site;
         if (change.bytes() != 0 || change.blocks() != 0)
             changes.push_back(change);
     }
@@ -36,9 +40,9 @@ void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t
     for (size_t i = 0; i < std::min(top, changes.size()); ++i)
         out << std::showpos << std::setw(14) << changes[i].bytes() << std::setw(10)
             << changes[i].blocks() << std::noshowpos << std::setw(14) << changes[i].after.bytes << "  "
-            << name_of(changes[i].place, symbolizer) << '\n';
+            << printable(name_of(changes[i].site, symbolizer)) << '\n';
     if (top < changes.size())
-        out << "  and " << counted(changes.size() - top, "site") << " more\n";
+        out << "  and " << counted(changes.size() - top, "more site") << '\n';
     out << "total: " << std::showpos << static_cast<int64_t>(bytes) << " bytes, "
         << static_cast<int64_t>(blocks) << " blocks" << std::noshowpos << " at "
         << counted(changes.size(), "site") << '\n';

@@ -7,7 +7,7 @@
 #include <ostream>
 
 struct Change {
-    Place place;
+    Site site;
     Counter before;
     Counter after;
 
@@ -15,7 +15,7 @@ struct Change {
     int64_t blocks() const { return static_cast<int64_t>(after.blocks - before.blocks); }
 };
 
-// Places whose holdings differ, most growth first.
+// Sites whose holdings differ, most growth first.
 std::vector<Change> changes_between(const Report &before, const Report &after);
 
 void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t top,

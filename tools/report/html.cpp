@@ -1,33 +1,32 @@
 #include "tools/report/html.h"
 
+#include "tools/report/machine.h"
 #include "tools/report/page.h"
 
-#include <nlohmann/json.hpp>
-#include <string>
 #include <string_view>
 
 namespace {
 
-// Fits between script tags, whatever names the program has.
-std::string data_of(const nlohmann::json &report) {
-    std::string data = report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    for (size_t at = 0; (at = data.find('<', at)) != std::string::npos;)
-        data.replace(at, 1, "\\u003c");
-    return data;
+// Fits between script tags, whatever names the program has: in JSON, "<" stands only in strings.
+void put_escaped(std::ostream &out, std::string_view data) {
+    for (size_t at; (at = data.find('<')) != std::string_view::npos; data.remove_prefix(at + 1))
+        out << data.substr(0, at) << "\\u003c";
+    out << data;
 }
 
 } // namespace
 
-void print_html(std::ostream &out, const nlohmann::json &report) {
+void print_html(std::ostream &out, const Report &report, Order order, Symbolizer &symbolizer) {
     std::string_view rest = page::html;
-    const std::string data = data_of(report);
-    for (const auto &[mark, text] :
-         {std::pair<std::string_view, std::string_view>{"/* style */", page::css},
-          {"/* report */", data},
-          {"/* script */", page::js}}) {
+    const auto put_up_to = [&](std::string_view mark) {
         const size_t at = rest.find(mark);
-        out << rest.substr(0, at) << text;
+        out << rest.substr(0, at);
         rest.remove_prefix(at + mark.size());
-    }
-    out << rest;
+    };
+    put_up_to("/* style */");
+    out << page::css;
+    put_up_to("/* report */");
+    put_json([&](std::string_view data) { put_escaped(out, data); }, report, order, symbolizer);
+    put_up_to("/* script */");
+    out << page::js << rest;
 }

@@ -1,5 +1,8 @@
+#include "tools/report/complaints.h"
 #include "tools/report/reader.h"
 
+#include <algorithm>
+#include <charconv>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -7,13 +10,28 @@ namespace {
 
 using Json = nlohmann::json;
 
+// The newest version of the lines that is known; lines without one are of the first.
+constexpr uint32_t known_format = 1;
+
+[[noreturn]] void refuse(const Json &line, const std::string &text) {
+    throw Json::other_error::create(501, text, &line);
+}
+
+std::string_view text_in(const Json &line, const char *member) {
+    return line.at(member).get_ref<const std::string &>();
+}
+
 // Without the shim's own functions, which stand between libc and the program in some.
-std::vector<std::string> chain_of(const Json &line, const char *member = "chain") {
-    auto chain = line.at(member).get<std::vector<std::string>>();
-    std::erase_if(chain, [](const std::string &place) {
-        return place.find("/libk42mc_preload.so+") != std::string::npos;
-    });
-    return chain;
+std::vector<std::string_view> trace_in(const Json &line, const char *member = "chain") {
+    const auto &chain = line.at(member).get_ref<const Json::array_t &>();
+    std::vector<std::string_view> trace;
+    trace.reserve(chain.size());
+    for (const Json &element : chain) {
+        const std::string_view pc = element.get_ref<const std::string &>();
+        if (!pc.empty() && pc.find("/libk42mc_preload.so+") == std::string_view::npos)
+            trace.push_back(pc);
+    }
+    return trace;
 }
 
 // Whole numbers that fit; the conversions of the library would take any.
@@ -23,12 +41,25 @@ template <class Number> Number number_in(const Json &line, const char *member) {
                        (value.is_number_unsigned() ? std::in_range<Number>(value.get<uint64_t>())
                                                    : std::in_range<Number>(value.get<int64_t>()));
     if (!whole)
-        throw Json::other_error::create(501, std::string("no such number: ") + member, &line);
+        refuse(line, std::string("no such number: ") + member);
     return value.get<Number>();
 }
 
-Place place_of(const Json &line) {
-    return {line.at("file"), number_in<int>(line, "line"), line.at("type"), chain_of(line)};
+uint64_t address_in(const Json &line, const char *member) {
+    const std::string_view text = text_in(line, member);
+    uint64_t address = 0;
+    const auto [end, error] = std::from_chars(text.data() + std::min<size_t>(text.size(), 2),
+                                              text.data() + text.size(), address, 16);
+    if (!text.starts_with("0x") || error != std::errc() || end != text.data() + text.size())
+        refuse(line, std::string("no such address: ") + member);
+    return address;
+}
+
+bool is_past_end(const Json &line) {
+    const std::string_view defect = text_in(line, "defect");
+    if (defect != "WO" && defect != "WU")
+        refuse(line, "no such defect");
+    return defect == "WO";
 }
 
 Counter counter_of(const Json &line) {
@@ -37,23 +68,27 @@ Counter counter_of(const Json &line) {
 
 class JsonReader {
 public:
-    JsonReader(Report &report, const std::string &name) : report_(report), name_(name) {
-        report_.processes.push_back({name_, {}, {}, {}, {}});
+    JsonReader(Report &report, const std::string &name)
+        : report_(report), name_(name), complaints_(report, name) {
+        report_.processes.push_back({report_.text(name_), {}, {}, {}, {}});
     }
 
-    void read(std::string_view text) {
-        while (!text.empty()) {
-            const size_t end = text.find('\n');
-            ++line_;
-            read_line(text.substr(0, end));
-            text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    void read(Lines &lines) {
+        while (!refused_ && lines.next()) {
+            line_ = lines.number();
+            if (lines.is_too_long())
+                complain("a line is too long");
+            else
+                read_line(lines.line());
         }
-        if (unfinished_)
+        if (unfinished_ && !refused_)
             complain("the report is cut off here");
-        if (is_empty()) {
-            report_.processes.pop_back();
+        end_cycle();
+        if (!is_empty())
+            return;
+        report_.processes.pop_back();
+        if (!refused_)
             complain("no report in this file");
-        }
     }
 
 private:
@@ -63,20 +98,27 @@ private:
         return process().cycles.empty() && process().descriptors.empty() && process().stops.empty();
     }
 
-    void complain(std::string text) { report_.problems.push_back({name_, line_, std::move(text)}); }
+    void complain(std::string_view text) { complaints_.add(line_, text); }
 
     void read_line(std::string_view text) {
-        if (text.empty())
+        if (text.find_first_not_of(" \t\r") == std::string_view::npos)
             return;
         try {
-            take(Json::parse(text));
+            const Json line = Json::parse(text);
+            const uint32_t format = line.contains("format") ? number_in<uint32_t>(line, "format") : 1;
+            refused_ = format > known_format;
+            if (refused_)
+                complain("format " + std::to_string(format) + " is newer than this k42mc, which reads " +
+                         std::to_string(known_format));
+            else
+                take(line);
         } catch (const Json::exception &error) {
-            complain(std::string("no line of a report: ") + error.what());
+            complain(std::string("not a report line: ") + error.what());
         }
     }
 
     void take(const Json &line) {
-        const std::string kind = line.at("kind");
+        const std::string_view kind = text_in(line, "kind");
         if (kind == "run")
             return; // what k42mc run knows its own files by
         if (kind == "cycle") {
@@ -84,10 +126,9 @@ private:
         } else if (kind == "descriptor") {
             add_descriptor(line);
         } else if (kind == "defect") {
-            process().stops.push_back(
-                {number_in<int>(line, "pid"), line.at("text"), chain_of(line), chain_of(line, "block")});
+            add_stop(line);
         } else if (!unfinished_) {
-            complain("what is ahead of this line is missing");
+            complain("what comes before this line is missing");
         } else if (kind == "site") {
             add_site(line);
         } else if (kind == "damage") {
@@ -99,52 +140,72 @@ private:
 
     void begin_cycle(const Json &line) {
         if (unfinished_)
-            complain("a report ahead of this one is cut off");
+            complain("a report before this one is cut off");
         const auto number = number_in<uint32_t>(line, "cycle");
         const Counter live = counter_of(line);
         if (process().cycles.empty())
-            process().name = line.at("program").get<std::string>() + "." +
-                             std::to_string(number_in<int>(line, "pid"));
+            process().name = report_.text(std::string(text_in(line, "program")) + "." +
+                                          std::to_string(number_in<int>(line, "pid")));
+        end_cycle();
         process().cycles.push_back({number, live, {}});
         process().damages.clear();
         process().descriptors.clear();
         unfinished_ = true;
     }
 
+    void end_cycle() {
+        if (!process().cycles.empty())
+            process().cycles.back().holdings.shrink_to_fit();
+    }
+
+    uint32_t site_in(const Json &line) {
+        const std::vector<std::string_view> trace = trace_in(line);
+        return report_.site_number(
+            {text_in(line, "file"), number_in<int>(line, "line"), text_in(line, "type"), trace});
+    }
+
     void add_site(const Json &line) {
         // The descriptor checker's own records of what it watches.
         if (line.at("file") == "common/lib/libk42mc/k42mc_ds")
             return;
-        const Holding holding = {report_.place(place_of(line)), counter_of(line),
-                                 number_in<uint32_t>(line, "oldest"),
+        const Holding holding = {site_in(line), number_in<uint32_t>(line, "oldest"), counter_of(line),
                                  number_in<uint64_t>(line, "largest")};
         process().cycles.back().holdings.push_back(holding);
     }
 
     void add_damage(const Json &line) {
-        process().damages.push_back({line.at("defect"), report_.place(place_of(line)),
-                                     line.at("address"), number_in<uint64_t>(line, "size"),
-                                     number_in<uint32_t>(line, "cycles")});
+        process().damages.push_back({is_past_end(line), site_in(line),
+                                     number_in<uint32_t>(line, "cycles"), address_in(line, "address"),
+                                     number_in<uint64_t>(line, "size")});
+    }
+
+    void add_stop(const Json &line) {
+        process().stops.push_back({number_in<int>(line, "pid"), report_.text(text_in(line, "text")),
+                                   report_.trace(trace_in(line)),
+                                   report_.trace(trace_in(line, "block"))});
     }
 
     void add_descriptor(const Json &line) {
         Descriptor descriptor{
             number_in<int>(line, "descriptor"), line.at("open"), line.at("alarms") != 0, {}};
-        for (const Json &event : line.at("events"))
+        for (const Json &event : line.at("events").get_ref<const Json::array_t &>())
             descriptor.events.push_back(
-                {event.at("type"), event.at("operator"), event.at("time"), chain_of(event)});
+                {report_.text(text_in(event, "type")), report_.text(text_in(event, "operator")),
+                 report_.text(text_in(event, "time")), report_.trace(trace_in(event))});
         if (!descriptor.events.empty())
             process().descriptors.push_back(std::move(descriptor));
     }
 
     Report &report_;
     const std::string &name_;
-    size_t line_ = 0;
+    Complaints complaints_;
+    uint64_t line_ = 0;
+    bool refused_ = false;    // for a format that is not known
     bool unfinished_ = false; // the "end" is still to come
 };
 
 } // namespace
 
-void read_json(Report &report, const std::string &name, std::string_view text) {
-    JsonReader(report, name).read(text);
+void read_json(Report &report, const std::string &name, Lines &lines) {
+    JsonReader(report, name).read(lines);
 }

@@ -4,14 +4,16 @@
 #include "tools/common/symbols.h"
 #include "tools/report/model.h"
 
-#include <nlohmann/json_fwd.hpp>
+#include <functional>
 #include <ostream>
 
-// All there is, with functions and lines, as one object.
-nlohmann::json json_of(const Report &report, Order order, Symbolizer &symbolizer);
+// All there is, with functions and lines, as one object: put gets it piece by piece. Its text is ASCII;
+// what was no UTF-8 before has the replacement character.
+using Put = std::function<void(std::string_view)>;
+void put_json(const Put &put, const Report &report, Order order, Symbolizer &symbolizer);
 
-// The sites, a line each, under a line of names.
+// The sites, a line each, under a line of names. No field is a formula to a spreadsheet.
 void print_csv(std::ostream &out, const Report &report, Order order, Symbolizer &symbolizer);
 
-// "main;serve;parse 4096" for each site: call chains from the outside in and the bytes that they hold.
+// "main;serve;parse 4096" for each site: stack traces from the outside in and the bytes that they hold.
 void print_folded(std::ostream &out, const Report &report, Symbolizer &symbolizer);

@@ -1,36 +1,49 @@
 #include "tools/report/model.h"
 
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <functional>
+#include <tuple>
 
-size_t Report::place(Place place) {
-    const auto [known, is_new] = numbers_.try_emplace(place, places_.size());
-    if (is_new)
-        places_.push_back(std::move(place));
-    return known->second;
+std::strong_ordering operator<=>(const Site &left, const Site &right) {
+    const auto place = [](const Site &site) { return std::tie(site.file, site.line, site.type); };
+    if (const auto order = place(left) <=> place(right); order != 0)
+        return order;
+    return std::lexicographical_compare_three_way(left.trace.begin(), left.trace.end(),
+                                                  right.trace.begin(), right.trace.end());
 }
 
-int64_t Site::growth() const {
-    return static_cast<int64_t>(series.back() - series.front());
+std::string Damage::address_text() const {
+    char text[20];
+    std::snprintf(text, sizeof text, "0x%" PRIX64, address);
+    return text;
+}
+
+std::string_view Report::text(std::string_view text) {
+    const std::span<const char> kept = texts_[texts_.number_of(text)];
+    return {kept.data(), kept.size()};
+}
+
+Trace Report::trace(std::span<const std::string_view> pcs) {
+    std::vector<std::string_view> kept;
+    kept.reserve(pcs.size());
+    for (const std::string_view pc : pcs)
+        kept.push_back(text(pc));
+    return traces_[traces_.number_of(kept)];
+}
+
+uint32_t Report::site_number(const Site &site) {
+    const Site kept = {text(site.file), site.line, text(site.type), trace(site.trace)};
+    return sites_.number_of({&kept, 1});
 }
 
 namespace {
 
-void add_cycle(std::vector<Site> &by_place, const Cycle &cycle, size_t index, bool is_last) {
-    for (const Holding &holding : cycle.holdings) {
-        Site &site = by_place[holding.place];
-        site.series[index] += holding.held.bytes;
-        site.largest = std::max(site.largest, holding.largest);
-        if (!is_last)
-            continue;
-        site.held += holding.held;
-        site.oldest = std::max(site.oldest, holding.oldest);
-    }
-}
-
-bool comes_before(const Site &left, const Site &right, Order order) {
+bool comes_before(const SiteHistory &left, const SiteHistory &right, Order order) {
     switch (order) {
     case Order::growth:
-        return left.growth() > right.growth();
+        return left.growth > right.growth;
     case Order::blocks:
         return left.held.blocks > right.held.blocks;
     case Order::age:
@@ -40,23 +53,83 @@ bool comes_before(const Site &left, const Site &right, Order order) {
     }
 }
 
+// Those with the most cycles first.
+std::vector<const Process *> by_length(const Report &report) {
+    std::vector<const Process *> processes;
+    processes.reserve(report.processes.size());
+    for (const Process &process : report.processes)
+        processes.push_back(&process);
+    std::ranges::stable_sort(processes, std::greater(),
+                             [](const Process *process) { return process->cycles.size(); });
+    return processes;
+}
+
+int64_t growth_of(std::span<const Point> bytes, uint32_t cycles) {
+    uint64_t growth = 0;
+    if (!bytes.empty() && bytes.back().cycle == cycles - 1)
+        growth += bytes.back().bytes;
+    if (!bytes.empty() && bytes.front().cycle == 0)
+        growth -= bytes.front().bytes;
+    return static_cast<int64_t>(growth);
+}
+
 } // namespace
 
-std::vector<Site> sites_of(const Report &report, Order order) {
-    const size_t cycles = cycles_of(report);
-    std::vector<Site> by_place(report.places().size());
-    for (size_t i = 0; i < by_place.size(); ++i) {
-        by_place[i].place = i;
-        by_place[i].series.resize(std::max<size_t>(cycles, 1));
-    }
+// All points lie in one row, where each site gets a part that has room for what it was seen in.
+void Histories::count_points(const Report &report) {
+    std::vector<size_t> counts(report.site_count());
+    size_t all = 0;
     for (const Process &process : report.processes)
-        for (size_t i = 0; i < process.cycles.size(); ++i)
-            add_cycle(by_place, process.cycles[i], i, i + 1 == process.cycles.size());
-    std::erase_if(by_place, [](const Site &site) { return site.largest == 0 && site.held.blocks == 0; });
-    std::ranges::stable_sort(by_place, [order](const Site &left, const Site &right) {
+        for (const Cycle &cycle : process.cycles)
+            for (const Holding &holding : cycle.holdings) {
+                ++counts[holding.site];
+                ++all;
+            }
+    points_.resize(all);
+    sites_.resize(counts.size());
+    size_t begin = 0;
+    for (size_t i = 0; i < counts.size(); ++i) {
+        sites_[i].site = static_cast<uint32_t>(i);
+        sites_[i].bytes = std::span(points_).subspan(begin, 0);
+        begin += counts[i];
+    }
+}
+
+void Histories::add_cycle(const Cycle &cycle, uint32_t index, bool is_last) {
+    for (const Holding &holding : cycle.holdings) {
+        SiteHistory &site = sites_[holding.site];
+        const std::span<const Point> seen = site.bytes;
+        if (seen.empty() || seen.back().cycle != index)
+            site.bytes = std::span(seen.data(), seen.size() + 1);
+        Point &point = points_[static_cast<size_t>(&site.bytes.back() - points_.data())];
+        point.cycle = index;
+        point.bytes += holding.held.bytes;
+        site.largest = std::max(site.largest, holding.largest);
+        if (!is_last)
+            continue;
+        site.held += holding.held;
+        site.oldest = std::max(site.oldest, holding.oldest);
+    }
+}
+
+Histories::Histories(const Report &report, Order order) {
+    count_points(report);
+    const std::vector<const Process *> processes = by_length(report);
+    if (!processes.empty())
+        cycles_ = static_cast<uint32_t>(processes.front()->cycles.size());
+    for (uint32_t i = 0; i < cycles_; ++i)
+        for (const Process *process : processes) {
+            if (i >= process->cycles.size())
+                break;
+            add_cycle(process->cycles[i], i, i + 1 == process->cycles.size());
+        }
+    std::erase_if(sites_,
+                  [](const SiteHistory &site) { return site.largest == 0 && site.held.blocks == 0; });
+    for (SiteHistory &site : sites_)
+        site.growth = growth_of(site.bytes, cycles_);
+    std::ranges::stable_sort(sites_, [order](const SiteHistory &left, const SiteHistory &right) {
         return comes_before(left, right, order);
     });
-    return by_place;
 }
 
 Counter total_of(const Report &report) {
@@ -65,11 +138,4 @@ Counter total_of(const Report &report) {
         if (!process.cycles.empty())
             total += process.cycles.back().live;
     return total;
-}
-
-size_t cycles_of(const Report &report) {
-    size_t most = 0;
-    for (const Process &process : report.processes)
-        most = std::max(most, process.cycles.size());
-    return most;
 }

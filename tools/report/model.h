@@ -1,22 +1,28 @@
 // What reports say, whatever form they have: processes, their cycles, and what each cycle found.
 #pragma once
 
+#include "tools/common/pool.h"
+
+#include <compare>
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
-// Where blocks come from: a source line, and the call chain where the report has it, innermost first.
-struct Place {
-    std::string file;
-    int line = 0;
-    std::string type;
-    std::vector<std::string> chain;
+// Return addresses, innermost first, each with its module: "/usr/bin/p+0x1a2b".
+using Trace = std::span<const std::string_view>;
 
-    auto operator<=>(const Place &) const = default;
+// Where blocks come from: a source line, and the stack trace where the report has it.
+struct Site {
+    std::string_view file;
+    int64_t line = 0;
+    std::string_view type;
+    Trace trace;
 };
+
+std::strong_ordering operator<=>(const Site &left, const Site &right);
 
 struct Counter {
     uint64_t blocks = 0;
@@ -29,11 +35,11 @@ struct Counter {
     }
 };
 
-// What one place held in one cycle.
+// What one site held in one cycle.
 struct Holding {
-    size_t place = 0; // in Report::places
+    uint32_t site = 0;   // in Report
+    uint32_t oldest = 0; // cycles that its oldest block had survived
     Counter held;
-    uint32_t oldest = 0;  // cycles that its oldest block had survived
     uint64_t largest = 0; // bytes of its largest block
 };
 
@@ -44,18 +50,20 @@ struct Cycle {
 };
 
 struct Damage {
-    std::string defect; // "WO" or "WU"
-    size_t place = 0;
-    std::string address;
-    uint64_t size = 0;
+    bool past_end = false; // or before the start
+    uint32_t site = 0;
     uint32_t cycles = 0;
+    uint64_t address = 0;
+    uint64_t size = 0;
+
+    std::string address_text() const; // "0x55D0C0"
 };
 
 struct DescriptorEvent {
-    std::string type; // "OPEN", "CLOSE", "READ", "WRITE"
-    std::string who;
-    std::string time;
-    std::vector<std::string> chain;
+    std::string_view type; // "OPEN", "CLOSE", "READ", "WRITE"
+    std::string_view who;
+    std::string_view time;
+    Trace trace;
 };
 
 struct Descriptor {
@@ -74,16 +82,16 @@ struct Descriptor {
 // What stopped a process.
 struct Stop {
     int process = 0;
-    std::string text;
-    std::vector<std::string> chain; // of the release that found it
-    std::vector<std::string> block; // of the allocation, or of the release before
+    std::string_view text;
+    Trace trace; // of the release that found it
+    Trace block; // of the allocation, or of the release before
 
     bool is_double_free() const { return text.starts_with("k42mc detected DF"); }
 };
 
 // One run of a program under the checker.
 struct Process {
-    std::string name;
+    std::string_view name;
     std::vector<Cycle> cycles;
     // As of the last report.
     std::vector<Damage> damages;
@@ -94,41 +102,63 @@ struct Process {
 // Something in a file that could not be read, and was left out.
 struct Problem {
     std::string file;
-    size_t line = 0;
+    uint64_t line = 0; // 0 for the whole file
     std::string text;
 };
 
+// Texts, traces and sites are kept once, and as long as the report.
 class Report {
 public:
-    size_t place(Place place);
+    std::string_view text(std::string_view text);
+    Trace trace(std::span<const std::string_view> pcs);
 
-    const std::vector<Place> &places() const { return places_; }
+    uint32_t site_number(const Site &site);
+    const Site &site(uint32_t number) const { return sites_[number].front(); }
+    size_t site_count() const { return sites_.size(); }
 
     std::vector<Process> processes;
     std::vector<Problem> problems;
 
 private:
-    std::vector<Place> places_;
-    std::map<Place, size_t> numbers_;
+    Pool<char> texts_;
+    Pool<std::string_view> traces_;
+    Pool<Site> sites_;
 };
 
-// One place over all cycles of all processes.
-struct Site {
-    size_t place = 0;
-    Counter held; // in the last cycle of each process
-    uint32_t oldest = 0;
-    uint64_t largest = 0;
-    std::vector<uint64_t> series; // bytes in the first, second ... cycle
+// Bytes that a site held in a cycle, counted from 0.
+struct Point {
+    uint32_t cycle = 0;
+    uint64_t bytes = 0;
+};
 
-    int64_t growth() const;
+// One site over all cycles of all processes.
+struct SiteHistory {
+    uint32_t site = 0;
+    uint32_t oldest = 0;
+    Counter held; // in the last cycle of each process
+    uint64_t largest = 0;
+    int64_t growth = 0;           // from the first cycle to the last
+    std::span<const Point> bytes; // of the cycles that it was seen in
 };
 
 enum class Order { bytes, growth, blocks, age };
 
 // Those that held something in any cycle.
-std::vector<Site> sites_of(const Report &report, Order order);
+class Histories {
+public:
+    Histories(const Report &report, Order order);
+
+    const std::vector<SiteHistory> &sites() const { return sites_; }
+    uint32_t cycles() const { return cycles_; }
+
+private:
+    void count_points(const Report &report);
+    void add_cycle(const Cycle &cycle, uint32_t index, bool is_last);
+
+    uint32_t cycles_ = 0;
+    std::vector<SiteHistory> sites_;
+    std::vector<Point> points_;
+};
 
 // What the last cycles of all processes hold, listed or not.
 Counter total_of(const Report &report);
-
-size_t cycles_of(const Report &report);

@@ -1,4 +1,5 @@
 #include "tools/commands.h"
+#include "tools/common/printable.h"
 #include "tools/report/diff.h"
 #include "tools/report/html.h"
 #include "tools/report/machine.h"
@@ -11,7 +12,6 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 namespace {
@@ -39,52 +39,52 @@ void show_progress(uint64_t done, uint64_t all) {
     constexpr uint64_t width = 40;
     if (all < long_work)
         return;
-    const uint64_t full = done * width / all;
+    const uint64_t full = std::min(done, all) * width / all; // pipes have no size
     std::cerr << "\r[" << std::string(full, '#') << std::string(width - full, ' ') << "] "
-              << (done == all ? "\r\033[K" : "") << std::flush;
+              << (done >= all ? "\r\033[K" : "") << std::flush;
 }
 
 Report read(const std::vector<std::string> &paths) {
     try {
         return read_reports(paths, isatty(STDERR_FILENO) != 0 ? show_progress : Progress());
     } catch (const std::exception &error) {
-        std::cerr << "k42mc: " << error.what() << '\n';
+        std::cerr << "k42mc: " << printable(error.what()) << '\n';
         throw CLI::RuntimeError(1);
     }
 }
 
-// A damaged file can have as many problems as lines: the first of each file tell enough.
 void tell_problems(const Report &report) {
-    constexpr size_t most = 5;
-    std::map<std::string, size_t> told;
-    for (const Problem &problem : report.problems)
-        if (++told[problem.file] <= most)
-            std::cerr << problem.file << ':' << problem.line << ": " << problem.text << '\n';
-    for (const auto &[file, count] : told)
-        if (count > most)
-            std::cerr << file << ": and " << count - most << " problems more\n";
+    for (const Problem &problem : report.problems) {
+        const std::string line = problem.line != 0 ? ":" + std::to_string(problem.line) : "";
+        std::cerr << printable(problem.file) << line << ": " << printable(problem.text) << '\n';
+    }
     if (!report.problems.empty())
         throw CLI::RuntimeError(1);
 }
 
+[[noreturn]] void fail(const std::string &path) {
+    const int error = errno;
+    std::cerr << "k42mc: " << printable(path) << ": "
+              << (error == EINVAL ? "neither a file nor a pipe" : strerror(error)) << '\n';
+    throw CLI::RuntimeError(1);
+}
+
 void write_html(const std::string &path, const Report &report, Order order, Symbolizer &symbolizer) {
     std::ofstream file(path);
-    print_html(file, json_of(report, order, symbolizer));
+    print_html(file, report, order, symbolizer);
     file.close();
-    if (!file) {
-        std::cerr << "k42mc: " << path << ": " << strerror(errno) << '\n';
-        throw CLI::RuntimeError(1);
-    }
-    std::cout << "the page is " << path << '\n';
+    if (!file)
+        fail(path);
+    std::cout << "wrote " << printable(path) << '\n';
 }
 
 void report(const Options &options) {
     const Report report = read(options.paths);
     if (report.processes.empty() && report.problems.empty())
-        std::cerr << "k42mc: no reports in " << options.paths.front() << '\n';
+        std::cerr << "k42mc: no reports in " << printable(options.paths.front()) << '\n';
     Symbolizer symbolizer;
     if (options.json)
-        std::cout << json_of(report, options.order, symbolizer).dump(1) << '\n';
+        put_json([](std::string_view piece) { std::cout << piece; }, report, options.order, symbolizer);
     else if (options.csv)
         print_csv(std::cout, report, options.order, symbolizer);
     else if (options.folded)
@@ -115,10 +115,8 @@ void symbolize(const std::string &path) {
         return;
     }
     std::ifstream file(path);
-    if (!file) {
-        std::cerr << "k42mc: " << path << ": " << strerror(errno) << '\n';
-        throw CLI::RuntimeError(1);
-    }
+    if (!file)
+        fail(path);
     symbolize(file, std::cout, symbolizer);
 }
 
@@ -134,13 +132,13 @@ void add_report(CLI::App &app) {
     command->add_option("--sort", options->order, "bytes, growth, blocks or age")
         ->type_name("ORDER")
         ->transform(CLI::Transformer(orders).description(""));
-    command->add_option("--top", options->top, "So many sites; 20 unless it is given")->type_name("N");
+    command->add_option("--top", options->top, "Number of sites to show (default 20)")->type_name("N");
     CLI::Option *const forms[] = {
         command->add_option("--html", options->html, "Write a page to look at and click through")
             ->type_name("FILE"),
         command->add_flag("--json", options->json, "All of it as JSON"),
         command->add_flag("--csv", options->csv, "The sites as comma-separated values"),
-        command->add_flag("--folded", options->folded, "Call chains and bytes, for flame graph tools")};
+        command->add_flag("--folded", options->folded, "Stack traces and bytes, for flame graph tools")};
     for (CLI::Option *form : forms)
         for (CLI::Option *other : forms)
             if (form != other)
@@ -158,14 +156,14 @@ void add_diff(CLI::App &app) {
     CLI::App *command = app.add_subcommand("diff", "Show what grew between two reports");
     command->add_option("before", arguments->before)->type_name("FILE|DIR")->required();
     command->add_option("after", arguments->after)->type_name("FILE|DIR")->required();
-    command->add_option("--top", arguments->top, "So many sites; 20 unless it is given")->type_name("N");
+    command->add_option("--top", arguments->top, "Number of sites to show (default 20)")->type_name("N");
     command->callback([arguments] { diff(arguments->before, arguments->after, arguments->top); });
 }
 
 void add_symbolize(CLI::App &app) {
     const auto path = std::make_shared<std::string>();
-    CLI::App *command =
-        app.add_subcommand("symbolize", "Copy text and put function and line behind each trace line");
-    command->add_option("file", *path, "Standard input unless it is given")->type_name("FILE");
+    CLI::App *command = app.add_subcommand(
+        "symbolize", "Copy text, with function and line added to each line of a stack trace");
+    command->add_option("file", *path, "A file (default: standard input)")->type_name("FILE");
     command->callback([path] { symbolize(*path); });
 }

@@ -1,16 +1,10 @@
 #include "tools/report/symbolize.h"
 
-#include <regex>
+#include "tools/common/printable.h"
 
 namespace {
 
-// "/usr/bin/p(function+0x12) [0x55ee]"
-bool is_frame(const std::string &line) {
-    static const std::regex frame(R"(\S.*\(\S*\+0x[0-9a-f]+\) \[0x[0-9a-f]+\]\r?)");
-    return line.find(" [0x") != std::string::npos && std::regex_match(line, frame);
-}
-
-std::string described(const std::string &line, Symbolizer &symbolizer) {
+std::string described(std::string_view line, Symbolizer &symbolizer) {
     std::string text;
     for (const SourceFrame &frame : symbolizer.lookup(line)) {
         if (frame.function.empty() && frame.file.empty())
@@ -20,7 +14,12 @@ std::string described(const std::string &line, Symbolizer &symbolizer) {
         if (!frame.file.empty())
             text += " at " + frame.file + ":" + std::to_string(frame.line);
     }
-    return text;
+    return printable(text);
+}
+
+// Without the end that a line has from elsewhere.
+std::string_view bare(std::string_view line) {
+    return line.substr(0, line.size() - line.ends_with('\r'));
 }
 
 } // namespace
@@ -28,8 +27,8 @@ std::string described(const std::string &line, Symbolizer &symbolizer) {
 void symbolize(std::istream &in, std::ostream &out, Symbolizer &symbolizer) {
     for (std::string line; std::getline(in, line);) {
         out << line;
-        if (is_frame(line))
-            out << described(line, symbolizer);
+        if (is_trace_line(bare(line)))
+            out << described(bare(line), symbolizer);
         if (!in.eof()) // the last line may end without
             out << '\n';
     }

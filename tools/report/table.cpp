@@ -1,8 +1,12 @@
 #include "tools/report/table.h"
 
 #include "tools/common/counted.h"
+#include "tools/common/printable.h"
+#include "tools/report/finding.h"
+#include "tools/report/site_name.h"
 
 #include <algorithm>
+#include <array>
 #include <iomanip>
 
 namespace {
@@ -15,130 +19,83 @@ constexpr const char *plain = "\033[0m";
 class Table {
 public:
     Table(std::ostream &out, const Report &report, const TableStyle &style, Symbolizer &symbolizer)
-        : out_(out), report_(report), style_(style), symbolizer_(symbolizer) {}
+        : out_(out), report_(report), style_(style), symbolizer_(symbolizer),
+          histories_(report, style.order) {}
 
     void print() {
-        for (const Process &process : report_.processes) {
-            print_stops(process);
-            print_damages(process);
-            print_descriptors(process);
-        }
-        const std::vector<Site> sites = sites_of(report_, style_.order);
-        if (!sites.empty())
-            print_sites(sites);
-        print_total(sites);
+        for (const Process &process : report_.processes)
+            each_finding(report_, process,
+                         [&](const Finding &finding) { print_finding(process, finding); });
+        if (!histories_.sites().empty())
+            print_sites();
+        print_total();
     }
 
 private:
     const char *in(const char *colour) const { return style_.colour ? colour : ""; }
 
-    void print_heading(const Process &process, const std::string &text) {
-        out_ << in(red) << text << in(plain) << " in " << process.name << '\n';
+    void print_finding(const Process &process, const Finding &finding) {
+        out_ << in(red) << printable(finding.title) << in(plain) << " in " << printable(process.name)
+             << '\n';
+        for (const Trail &trail : finding.trails) {
+            out_ << "  " << printable(trail.heading) << '\n';
+            print_trace(trail.trace);
+        }
     }
 
-    void print_chain(const std::vector<std::string> &chain, const std::string &heading = {}) {
-        if (!heading.empty())
-            out_ << "  " << heading << '\n';
-        for (const std::string &place : chain)
-            for (const SourceFrame &frame : symbolizer_.lookup(place))
-                out_ << "    " << describe(place, frame)
+    void print_trace(Trace trace) {
+        for (const std::string_view pc : trace)
+            for (const SourceFrame &frame : symbolizer_.lookup(pc))
+                out_ << "    " << printable(describe(pc, frame))
                      << (frame.inlined ? std::string(in(faint)) + " (inlined)" + in(plain) : "") << '\n';
     }
 
-    void print_stops(const Process &process) {
-        for (const Stop &stop : process.stops) {
-            print_heading(process, stop.text.substr(0, stop.text.find(" trace buffer")));
-            print_chain(stop.chain, "released by");
-            print_chain(stop.block, stop.is_double_free() ? "released before by" : "allocated by");
-        }
-    }
-
-    void print_damages(const Process &process) {
-        for (const Damage &damage : process.damages) {
-            const Place &place = report_.places()[damage.place];
-            print_heading(process, damage.defect + ": a block of " + std::to_string(damage.size) +
-                                       " bytes at " + damage.address + " was written past its " +
-                                       (damage.defect == "WO" ? "end" : "start"));
-            out_ << "  allocated at " << name_of(place, symbolizer_) << '\n';
-            print_chain(place.chain);
-        }
-    }
-
-    void print_event(const DescriptorEvent &event) {
-        print_chain(event.chain, event.type + " by " + event.who + " at " + event.time);
-    }
-
-    void print_descriptors(const Process &process) {
-        for (const Descriptor &descriptor : process.descriptors) {
-            if (!descriptor.alarm)
-                continue;
-            print_heading(process, "descriptor " + std::to_string(descriptor.number) +
-                                       (descriptor.is_standard() ? ": traffic" : ": closed twice"));
-            for (const DescriptorEvent &event : descriptor.events)
-                print_event(event);
-        }
-        print_left_open(process);
-    }
-
-    // Those that one call chain opened go together.
-    void print_left_open(const Process &process) {
-        std::map<std::vector<std::string>, std::vector<const Descriptor *>> by_chain;
-        for (const Descriptor &descriptor : process.descriptors)
-            if (descriptor.is_left_open())
-                by_chain[descriptor.events.back().chain].push_back(&descriptor);
-        for (const auto &[chain, descriptors] : by_chain) {
-            std::string numbers;
-            for (const Descriptor *descriptor : descriptors)
-                numbers += (numbers.empty() ? "" : ", ") + std::to_string(descriptor->number);
-            print_heading(process, (descriptors.size() == 1 ? "descriptor" : "descriptors") +
-                                       std::string(" left open: ") + numbers);
-            print_event(descriptors.front()->events.back());
-        }
-    }
-
-    void print_sites(const std::vector<Site> &sites) {
-        const bool grows = cycles_of(report_) > 1;
+    void print_sites() {
+        const std::vector<SiteHistory> &sites = histories_.sites();
         out_ << in(bold) << std::setw(14) << "BYTES" << std::setw(10) << "BLOCKS" << std::setw(8)
              << "AGE";
-        if (grows)
+        if (grows())
             out_ << std::setw(14) << "GROWTH"
                  << "  ";
         out_ << "  SITE" << in(plain) << '\n';
         const size_t shown = std::min(sites.size(), style_.top);
         for (size_t i = 0; i < shown; ++i)
-            print_site(sites[i], grows);
+            print_site(sites[i]);
         if (shown < sites.size())
-            out_ << in(faint) << "  and " << counted(sites.size() - shown, "site") << " more"
-                 << in(plain) << '\n';
+            out_ << in(faint) << "  and " << counted(sites.size() - shown, "more site") << in(plain)
+                 << '\n';
         for (size_t i = 0; i < std::min(shown, size_t{5}); ++i)
-            print_site_chain(sites[i]);
+            print_site_trace(sites[i]);
         out_ << '\n';
     }
 
-    void print_site(const Site &site, bool grows) {
+    bool grows() const { return histories_.cycles() > 1; }
+
+    void print_site(const SiteHistory &site) {
         out_ << std::setw(14) << site.held.bytes << std::setw(10) << site.held.blocks << std::setw(8)
              << site.oldest;
-        if (grows)
-            out_ << std::setw(14) << std::showpos << site.growth() << std::noshowpos << "  "
-                 << sparkline(site.series);
-        out_ << "  " << name_of(report_.places()[site.place], symbolizer_) << '\n';
+        if (grows())
+            out_ << std::setw(14) << std::showpos << site.growth << std::noshowpos << "  "
+                 << sparkline(site.bytes, histories_.cycles());
+        out_ << "  " << printable(name_of(report_.site(site.site), symbolizer_)) << '\n';
     }
 
-    void print_site_chain(const Site &site) {
-        const Place &place = report_.places()[site.place];
-        if (place.chain.empty())
+    void print_site_trace(const SiteHistory &site) {
+        const Trace trace = report_.site(site.site).trace;
+        if (trace.empty())
             return;
         out_ << '\n'
              << counted(site.held.bytes, "byte") << " in " << counted(site.held.blocks, "block")
              << " from\n";
-        print_chain(place.chain);
+        print_trace(trace);
     }
 
-    void print_total(const std::vector<Site> &sites) {
+    void print_total() {
         const Counter total = total_of(report_);
         out_ << in(bold) << "total: " << counted(total.bytes, "byte") << " in "
-             << counted(total.blocks, "block") << in(plain) << "; " << counted(sites.size(), "site")
-             << ", " << counted(cycles_of(report_), "cycle") << ", "
+             << counted(total.blocks, "block") << in(plain) << "; "
+             << counted(histories_.sites().size(), "site") << ", "
+             << counted(histories_.cycles(), "cycle") << ", "
              << counted(report_.processes.size(), "process") << '\n';
     }
 
@@ -146,6 +103,7 @@ private:
     const Report &report_;
     const TableStyle &style_;
     Symbolizer &symbolizer_;
+    const Histories histories_;
 };
 
 } // namespace
@@ -155,37 +113,22 @@ void print_table(std::ostream &out, const Report &report, const TableStyle &styl
     Table(out, report, style, symbolizer).print();
 }
 
-std::string name_of(const Place &place, Symbolizer &symbolizer) {
-    constexpr size_t most_callers = 2;
-    const std::string type = " (" + place.type + ")";
-    if (place.line != 0)
-        return place.file + ":" + std::to_string(place.line) + type;
-    if (place.chain.empty())
-        return place.file + type;
-    std::string name;
-    for (size_t i = 0; i < std::min(place.chain.size(), 1 + most_callers); ++i) {
-        const SourceFrame &frame = symbolizer.lookup(place.chain[i]).front();
-        if (i > 0)
-            name += " < ";
-        name += frame.function.empty() ? place.chain[i] : frame.function;
-        if (!frame.file.empty() && i == 0)
-            name += " at " + frame.file + ":" + std::to_string(frame.line);
-    }
-    return name + type;
-}
-
-std::string sparkline(const std::vector<uint64_t> &series) {
-    constexpr size_t most = 24;
+std::string sparkline(std::span<const Point> bytes, uint32_t cycles) {
+    constexpr uint32_t most = 24;
     static constexpr const char *levels[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-    const uint64_t highest = std::max<uint64_t>(std::ranges::max(series), 1);
-    const size_t width = std::min(series.size(), most);
+    const uint32_t width = std::min(cycles, most);
+    // Where there are more cycles than room, the highest of those that share a character.
+    std::array<uint64_t, most> columns{};
+    uint64_t highest = 1;
+    for (const Point &point : bytes) {
+        // The last column that begins at the cycle or before.
+        const uint64_t column = ((point.cycle + uint64_t{1}) * width - 1) / cycles;
+        columns[column] = std::max(columns[column], point.bytes);
+        highest = std::max(highest, point.bytes);
+    }
     std::string text;
-    for (size_t i = 0; i < width; ++i) {
-        // Where there are more cycles than room, the highest of those that share a character.
-        const auto first = series.begin() + static_cast<ptrdiff_t>(i * series.size() / width);
-        const auto last = series.begin() + static_cast<ptrdiff_t>((i + 1) * series.size() / width);
-        const double share =
-            static_cast<double>(*std::max_element(first, last)) / static_cast<double>(highest);
+    for (uint32_t i = 0; i < width; ++i) {
+        const double share = static_cast<double>(columns[i]) / static_cast<double>(highest);
         text += levels[static_cast<size_t>(share * 8 + (share > 0 ? 0.999 : 0))];
     }
     return text;

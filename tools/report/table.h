@@ -15,8 +15,5 @@ struct TableStyle {
 void print_table(std::ostream &out, const Report &report, const TableStyle &style,
                  Symbolizer &symbolizer);
 
-// "net.c:14 (STD)"; where the report has no line, the functions that led to the call.
-std::string name_of(const Place &place, Symbolizer &symbolizer);
-
-// Its growth from cycle to cycle, a character for each.
-std::string sparkline(const std::vector<uint64_t> &series);
+// Bytes from cycle to cycle, a character for each.
+std::string sparkline(std::span<const Point> bytes, uint32_t cycles);

@@ -1,8 +1,11 @@
+#include "tools/common/symbols.h"
+#include "tools/report/complaints.h"
 #include "tools/report/reader.h"
 
 #include <algorithm>
 #include <charconv>
 #include <optional>
+#include <unordered_map>
 
 namespace {
 
@@ -25,19 +28,18 @@ template <class Number> bool parse(std::string_view text, Number &number, int ba
 
 // "file:line:LK:type:0xADDRESS:size:cycles", from the right: files may have colons in their names.
 struct BlockLine {
-    std::string_view origin; // all ahead of the address: one text for each site
-    std::string_view address;
+    std::string_view origin; // all in front of the address
+    uint64_t address = 0;
     uint64_t size = 0;
     uint32_t cycles = 0;
 };
 
 std::optional<BlockLine> parse_block(std::string_view text) {
     BlockLine line;
-    uint64_t address = 0;
     if (!parse(take_last(text), line.cycles) || !parse(take_last(text), line.size))
         return {};
-    line.address = take_last(text);
-    if (!line.address.starts_with("0x") || !parse(line.address.substr(2), address, 16))
+    const std::string_view address = take_last(text);
+    if (!address.starts_with("0x") || !parse(address.substr(2), line.address, 16))
         return {};
     line.origin = text;
     return line;
@@ -45,39 +47,37 @@ std::optional<BlockLine> parse_block(std::string_view text) {
 
 struct Origin {
     std::string_view what; // "LK", "WO", "WU"
-    Place place;
+    Site site;
 };
 
 std::optional<Origin> parse_origin(std::string_view text) {
     Origin origin;
-    origin.place.type = take_last(text);
+    origin.site.type = take_last(text);
     origin.what = take_last(text);
-    if (!parse(take_last(text), origin.place.line) || text.empty())
+    if (!parse(take_last(text), origin.site.line) || text.empty())
         return {};
-    origin.place.file = text;
+    origin.site.file = text;
     for (const char *what : {"LK", "WO", "WU"})
         if (origin.what == what)
             return origin;
     return {};
 }
 
-// "/usr/bin/p(function+0x12) [0x55ee]"
-bool is_frame(std::string_view line) {
-    return line.ends_with(']') && line.find(" [0x") != std::string_view::npos;
-}
-
 class TextReader {
 public:
-    TextReader(Report &report, const std::string &name) : report_(report), name_(name) {}
+    TextReader(Report &report, const std::string &name)
+        : report_(report), name_(name), complaints_(report, name) {}
 
-    void read(std::string_view text) {
-        while (!text.empty()) {
-            const size_t end = text.find('\n');
-            ++line_;
-            read_line(text.substr(0, end));
-            text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    void read(Lines &lines) {
+        while (lines.next()) {
+            line_ = lines.number();
+            if (lines.is_too_long() && inside_)
+                complain("a line is too long");
+            else if (!lines.is_too_long())
+                read_line(lines.line());
         }
         end_damage();
+        end_cycle();
         if (inside_)
             complain("the report is cut off here");
         if (processes_ == 0)
@@ -85,14 +85,15 @@ public:
     }
 
 private:
-    void complain(std::string text) { report_.problems.push_back({name_, line_, std::move(text)}); }
+    void complain(std::string_view text) { complaints_.add(line_, text); }
 
     Process &process() { return report_.processes.back(); }
     Cycle &cycle() { return process().cycles.back(); }
 
     void begin_process() {
         ++processes_;
-        report_.processes.push_back({name_, {}, {}, {}, {}});
+        report_.processes.push_back({report_.text(name_), {}, {}, {}, {}});
+        damaged_.clear();
     }
 
     void read_line(std::string_view line) {
@@ -113,15 +114,21 @@ private:
             return;
         }
         if (inside_)
-            complain("a report ahead of this one is cut off");
+            complain("a report before this one is cut off");
         end_damage();
+        end_cycle();
         // Cycles count from 1 again when the checker is switched on again.
         if (processes_ == 0 || (!process().cycles.empty() && cycle().number >= number))
             begin_process();
         process().cycles.push_back({number, {}, {}});
-        held_by_.clear();
+        ++cycles_;
         inside_ = true;
         counts_ = false;
+    }
+
+    void end_cycle() {
+        if (processes_ != 0 && !process().cycles.empty())
+            cycle().holdings.shrink_to_fit();
     }
 
     void read_inside(std::string_view line) {
@@ -152,76 +159,88 @@ private:
 
     void read_block(std::string_view line) {
         const std::optional<BlockLine> block = parse_block(line);
-        Holding *holding = block ? holding_of(block->origin) : nullptr;
-        if (holding == nullptr) {
-            complain("no line of a report: " + std::string(line));
+        const std::optional<Origin> origin = block ? parse_origin(block->origin) : std::nullopt;
+        if (!origin || origin->what != "LK") {
+            complain("not a report line: " + std::string(line));
             return;
         }
-        holding->held += {1, block->size};
-        holding->oldest = std::max(holding->oldest, block->cycles);
-        holding->largest = std::max(holding->largest, block->size);
+        Holding &holding = holding_of(report_.site_number(origin->site));
+        holding.held += {1, block->size};
+        holding.oldest = std::max(holding.oldest, block->cycles);
+        holding.largest = std::max(holding.largest, block->size);
     }
 
-    Holding *holding_of(std::string_view text) {
-        if (const auto known = held_by_.find(text); known != held_by_.end())
-            return &cycle().holdings[known->second];
-        std::optional<Origin> origin = parse_origin(text);
-        if (!origin || origin->what != "LK")
-            return nullptr;
-        held_by_.emplace(text, cycle().holdings.size());
-        cycle().holdings.push_back({report_.place(std::move(origin->place)), {}, 0, 0});
-        return &cycle().holdings.back();
+    Holding &holding_of(uint32_t site) {
+        if (site >= latest_.size())
+            latest_.resize(site + 1);
+        Latest &latest = latest_[site];
+        if (latest.cycle != cycles_) {
+            latest = {cycles_, static_cast<uint32_t>(cycle().holdings.size())};
+            cycle().holdings.push_back({site, 0, {}, 0});
+        }
+        return cycle().holdings[latest.holding];
     }
 
-    // A damaged block, with its call chain behind it; what programs print goes by.
+    // A damaged block, with its stack trace behind it; what programs print goes by.
     void read_outside(std::string_view line) {
-        if (chain_ != nullptr && is_frame(line)) {
-            chain_->emplace_back(line);
+        if (in_damage_ && is_trace_line(line)) {
+            trace_.emplace_back(report_.text(line));
             return;
         }
         if (line == "------")
             end_damage();
         const std::optional<BlockLine> block = parse_block(line);
-        std::optional<Origin> origin = block ? parse_origin(block->origin) : std::nullopt;
+        const std::optional<Origin> origin = block ? parse_origin(block->origin) : std::nullopt;
         if (!origin || origin->what == "LK")
             return;
         end_damage();
         if (processes_ == 0)
             begin_process();
-        damage_ = {std::string(origin->what), 0, std::string(block->address), block->size,
-                   block->cycles};
-        damaged_ = std::move(origin->place);
-        chain_ = &damaged_.chain;
+        damage_ = {origin->what == "WO", 0, block->cycles, block->address, block->size};
+        damage_site_ = {
+            report_.text(origin->site.file), origin->site.line, report_.text(origin->site.type), {}};
+        in_damage_ = true;
     }
 
     // A block that several verifications found counts once.
     void end_damage() {
-        if (chain_ == nullptr)
+        if (!in_damage_)
             return;
-        chain_ = nullptr;
-        damage_.place = report_.place(std::move(damaged_));
-        for (Damage &known : process().damages)
-            if (known.address == damage_.address) {
-                known = damage_;
-                return;
-            }
-        process().damages.push_back(damage_);
+        in_damage_ = false;
+        damage_site_.trace = trace_;
+        damage_.site = report_.site_number(damage_site_);
+        trace_.clear();
+        const auto [known, is_new] =
+            damaged_.try_emplace(damage_.address, static_cast<uint32_t>(process().damages.size()));
+        if (is_new)
+            process().damages.push_back(damage_);
+        else
+            process().damages[known->second] = damage_;
     }
+
+    struct Latest {
+        uint32_t cycle = 0;
+        uint32_t holding = 0; // in that cycle
+    };
 
     Report &report_;
     const std::string &name_;
-    size_t line_ = 0;
+    Complaints complaints_;
+    uint64_t line_ = 0;
     size_t processes_ = 0;
-    bool inside_ = false;                                  // between a cycle's braces
-    bool counts_ = false;                                  // behind its blocks
-    std::unordered_map<std::string_view, size_t> held_by_; // holdings of the cycle, by origin
+    uint32_t cycles_ = 0;        // of all processes
+    bool inside_ = false;        // between a cycle's braces
+    bool counts_ = false;        // behind its blocks
+    std::vector<Latest> latest_; // by site
+    bool in_damage_ = false;     // its stack trace may follow
     Damage damage_;
-    Place damaged_;
-    std::vector<std::string> *chain_ = nullptr;
+    Site damage_site_;
+    std::vector<std::string_view> trace_;
+    std::unordered_map<uint64_t, uint32_t> damaged_; // the process's damages, by address
 };
 
 } // namespace
 
-void read_text(Report &report, const std::string &name, std::string_view text) {
-    TextReader(report, name).read(text);
+void read_text(Report &report, const std::string &name, Lines &lines) {
+    TextReader(report, name).read(lines);
 }

@@ -1,6 +1,7 @@
 #include "tools/run/findings.h"
 
 #include "tools/common/counted.h"
+#include "tools/common/printable.h"
 
 #include <algorithm>
 #include <map>
@@ -9,132 +10,125 @@
 
 namespace {
 
-bool matches_frame(const std::string &pattern, const std::string &frame, Symbolizer &symbolizer) {
-    if (matches_pattern(pattern, module_of(frame)))
+bool matches_frame(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
+    if (matches_pattern(pattern, module_of(pc)))
         return true;
-    return std::ranges::any_of(symbolizer.lookup(frame), [&](const SourceFrame &source) {
+    return std::ranges::any_of(symbolizer.lookup(pc), [&](const SourceFrame &source) {
         return matches_pattern(pattern, source.function) || matches_pattern(pattern, source.file);
     });
 }
 
-// Without call chains, what stands for the source file.
-std::vector<std::string> chain_of(const Place &place) {
-    return place.chain.empty() ? std::vector{place.file} : place.chain;
+// Without stack traces, the source file stands for one.
+Trace trace_of(const Site &site) {
+    return site.trace.empty() ? Trace(&site.file, 1) : site.trace;
 }
 
-void add_blocks(const Report &report, const Process &process, std::vector<Finding> &blocks) {
+void add_left(const Report &report, const Process &process, std::vector<Group> &groups) {
     if (!process.cycles.empty())
         for (const Holding &holding : process.cycles.back().holdings)
-            blocks.push_back({"left",
+            groups.push_back({"left",
+                              false,
                               holding.held.blocks,
                               holding.held.bytes,
-                              chain_of(report.places()[holding.place]),
+                              trace_of(report.site(holding.site)),
                               {}});
-    for (const Damage &damage : process.damages)
-        blocks.push_back(
-            {damage.defect == "WO" ? "written past the end (WO)" : "written ahead of the start (WU)",
-             1,
-             damage.size,
-             chain_of(report.places()[damage.place]),
-             {}});
 }
 
-Finding alarm_of(const Descriptor &descriptor) {
-    const auto &events = descriptor.events;
-    if (descriptor.is_standard() || events.size() < 2)
-        return {"standard descriptor", 1, 0, events.back().chain, {}};
-    return {"closed twice", 1, 0, events.back().chain, events[events.size() - 2].chain};
+Group group_of(const Finding &finding) {
+    const bool certain = finding.kind != Finding::Kind::left_open;
+    const auto latest = finding.trails.rbegin();
+    Group group = {finding.what, certain, finding.count, finding.bytes, latest->trace, {}};
+    if (finding.site != nullptr)
+        group.trace = trace_of(*finding.site);
+    if (finding.trails.size() > 1)
+        group.before = std::next(latest)->trace;
+    return group;
 }
 
-void add_descriptors(const Process &process, std::vector<Finding> &descriptors) {
-    std::map<std::vector<std::string>, Finding> left_open;
-    for (const Descriptor &descriptor : process.descriptors) {
-        const std::vector<std::string> &chain = descriptor.events.back().chain;
-        if (descriptor.alarm)
-            descriptors.push_back(alarm_of(descriptor));
-        else if (descriptor.is_left_open())
-            ++left_open.try_emplace(chain, Finding{"open", 0, 0, chain, {}}).first->second.count;
+// A child of fork reports what its parent holds, too: traces count once, at their most.
+void merge(std::vector<Group> &groups) {
+    using Key = std::pair<std::string, std::vector<std::string_view>>;
+    std::map<Key, Group> by_trace;
+    for (const Group &group : groups) {
+        Group &known = by_trace[{group.what, {group.trace.begin(), group.trace.end()}}];
+        if (std::pair(group.bytes, group.count) >= std::pair(known.bytes, known.count))
+            known = group;
     }
-    for (const auto &[chain, finding] : left_open)
-        descriptors.push_back(finding);
-}
-
-// A child of fork reports what its parent holds, too: chains count once, at their most.
-void merge(std::vector<Finding> &findings) {
-    std::map<std::pair<std::string, std::vector<std::string>>, Finding> chains;
-    for (Finding &finding : findings) {
-        Finding &known = chains[{finding.what, finding.chain}];
-        if (std::pair(finding.bytes, finding.count) >= std::pair(known.bytes, known.count))
-            known = std::move(finding);
-    }
-    findings.clear();
-    for (auto &[chain, finding] : chains)
-        findings.push_back(std::move(finding));
-    // What is wrong for certain comes first, then by size.
-    std::ranges::stable_sort(findings, [](const Finding &left, const Finding &right) {
-        const auto rank = [](const Finding &finding) {
-            return finding.what == "left" || finding.what == "open";
-        };
-        return std::tuple(rank(left), right.bytes, right.count) <
-               std::tuple(rank(right), left.bytes, left.count);
+    groups.clear();
+    for (const auto &[key, group] : by_trace)
+        groups.push_back(group);
+    std::ranges::stable_sort(groups, [](const Group &left, const Group &right) {
+        return std::tuple(!left.certain, right.bytes, right.count) <
+               std::tuple(!right.certain, left.bytes, left.count);
     });
 }
 
-void print_chain(std::ostream &out, const std::vector<std::string> &chain, Symbolizer &symbolizer) {
+void print_trace(std::ostream &out, Trace trace, Symbolizer &symbolizer) {
     constexpr size_t most_frames = 4;
-    for (size_t at = 0; at < std::min(chain.size(), most_frames); ++at) {
-        const std::vector<SourceFrame> &frames = symbolizer.lookup(chain[at]);
+    for (const std::string_view pc : trace.first(std::min(trace.size(), most_frames))) {
+        const std::vector<SourceFrame> &frames = symbolizer.lookup(pc);
         for (const SourceFrame &frame : frames)
-            out << "    " << describe(chain[at], frame) << '\n';
+            out << "    " << printable(describe(pc, frame)) << '\n';
         if (frames.back().function == "main")
             return; // what called it is the same for all
     }
 }
 
-void print_findings(std::ostream &out, const std::vector<Finding> &findings, const char *noun,
-                    Symbolizer &symbolizer) {
-    constexpr size_t most_findings = 5;
-    for (size_t i = 0; i < std::min(findings.size(), most_findings); ++i) {
-        out << "  " << findings[i].what << ": " << counted(findings[i].count, noun);
-        if (findings[i].bytes != 0)
-            out << ", " << counted(findings[i].bytes, "byte");
+void print_groups(std::ostream &out, const std::vector<Group> &groups, const char *noun,
+                  Symbolizer &symbolizer) {
+    constexpr size_t most_groups = 5;
+    for (const Group &group : std::span(groups).first(std::min(groups.size(), most_groups))) {
+        out << "  " << group.what << ": " << counted(group.count, noun);
+        if (group.bytes != 0)
+            out << ", " << counted(group.bytes, "byte");
         out << '\n';
-        print_chain(out, findings[i].chain, symbolizer);
-        if (!findings[i].before.empty()) {
+        print_trace(out, group.trace, symbolizer);
+        if (!group.before.empty()) {
             out << "   and before by\n";
-            print_chain(out, findings[i].before, symbolizer);
+            print_trace(out, group.before, symbolizer);
         }
     }
-    if (findings.size() > most_findings)
-        out << "  and " << counted(findings.size() - most_findings, "site") << " more\n";
+    if (groups.size() > most_groups)
+        out << "  and " << counted(groups.size() - most_groups, "more site") << '\n';
 }
 
 } // namespace
 
+void Findings::add(const Finding &finding) {
+    switch (finding.kind) {
+    case Finding::Kind::stopped:
+        stops_.push_back(finding);
+        break;
+    case Finding::Kind::damaged:
+        blocks_.push_back(group_of(finding));
+        break;
+    default:
+        descriptors_.push_back(group_of(finding));
+    }
+}
+
 Findings::Findings(const Report &report) : processes_(report.processes.size()) {
     for (const Process &process : report.processes) {
-        add_blocks(report, process, blocks_);
-        add_descriptors(process, descriptors_);
-        stops_.insert(stops_.end(), process.stops.begin(), process.stops.end());
+        add_left(report, process, blocks_);
+        each_finding(report, process, [this](const Finding &finding) { add(finding); });
     }
     merge(blocks_);
     merge(descriptors_);
 }
 
 void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer) {
-    std::erase_if(blocks_, [&](const Finding &finding) {
-        if (finding.what != "left")
+    std::erase_if(blocks_, [&](const Group &group) {
+        if (group.what != "left")
             return false;
         for (Suppression &suppression : suppressions) {
-            const auto frames =
-                std::span(finding.chain).first(suppression.innermost ? 1 : finding.chain.size());
-            const bool matches = std::ranges::any_of(frames, [&](const std::string &frame) {
-                return matches_frame(suppression.pattern, frame, symbolizer);
+            const Trace pcs = group.trace.first(suppression.innermost ? 1 : group.trace.size());
+            const bool matches = std::ranges::any_of(pcs, [&](std::string_view pc) {
+                return matches_frame(suppression.pattern, pc, symbolizer);
             });
             if (!matches)
                 continue;
-            suppression.blocks += finding.count;
-            suppression.bytes += finding.bytes;
+            suppression.blocks += group.count;
+            suppression.bytes += group.bytes;
             return true;
         }
         return false;
@@ -144,23 +138,22 @@ void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symb
 void Findings::print(std::ostream &out, Symbolizer &symbolizer) const {
     uint64_t blocks = 0;
     uint64_t bytes = 0;
-    for (const Finding &finding : blocks_) {
-        blocks += finding.count;
-        bytes += finding.bytes;
+    for (const Group &group : blocks_) {
+        blocks += group.count;
+        bytes += group.bytes;
     }
     out << "k42mc: " << counted(blocks, "block") << ", " << counted(bytes, "byte") << " at "
         << counted(blocks_.size(), "site") << " in " << counted(processes_, "process") << '\n';
-    print_findings(out, blocks_, "block", symbolizer);
+    print_groups(out, blocks_, "block", symbolizer);
     if (!descriptors_.empty()) {
         out << "k42mc: descriptors\n";
-        print_findings(out, descriptors_, "descriptor", symbolizer);
+        print_groups(out, descriptors_, "descriptor", symbolizer);
     }
-    for (const Stop &stop : stops_) {
-        out << "k42mc: process " << stop.process
-            << " was stopped: " << stop.text.substr(0, stop.text.find(" trace buffer"))
-            << "\n  released by\n";
-        print_chain(out, stop.chain, symbolizer);
-        out << (stop.is_double_free() ? "  released before by\n" : "  allocated by\n");
-        print_chain(out, stop.block, symbolizer);
+    for (const Finding &stop : stops_) {
+        out << "k42mc: process " << stop.process << " was stopped: " << printable(stop.title) << '\n';
+        for (const Trail &trail : stop.trails) {
+            out << "  " << trail.heading << '\n';
+            print_trace(out, trail.trace, symbolizer);
+        }
     }
 }

@@ -2,21 +2,24 @@
 #pragma once
 
 #include "tools/common/symbols.h"
+#include "tools/report/finding.h"
 #include "tools/report/model.h"
 #include "tools/run/suppressions.h"
 
 #include <ostream>
 
-// Blocks of one call chain that were left, one chain's damaged blocks, or descriptors that one chain
-// opened or closed.
-struct Finding {
-    std::string what; // "left", "open", or what is wrong
+// Blocks of one stack trace that were left, one trace's damaged blocks, or descriptors that one trace
+// opened or closed; one trace of all processes.
+struct Group {
+    std::string what;     // "left", or what is wrong
+    bool certain = false; // a bug, not only something that was left
     uint64_t count = 0;
     uint64_t bytes = 0;
-    std::vector<std::string> chain;  // "/usr/bin/p+0x1a2b", innermost first
-    std::vector<std::string> before; // of a second close: that of the first
+    Trace trace;  // "/usr/bin/p+0x1a2b", innermost first
+    Trace before; // of a second close: that of the first
 };
 
+// Of a report, which has to stay.
 class Findings {
 public:
     explicit Findings(const Report &report);
@@ -28,8 +31,10 @@ public:
     void print(std::ostream &out, Symbolizer &symbolizer) const;
 
 private:
-    std::vector<Finding> blocks_;
-    std::vector<Finding> descriptors_;
-    std::vector<Stop> stops_;
+    void add(const Finding &finding);
+
+    std::vector<Group> blocks_;
+    std::vector<Group> descriptors_;
+    std::vector<Finding> stops_;
     size_t processes_ = 0;
 };

@@ -7,6 +7,9 @@ namespace k42mc::internal {
 
 class JsonOutput {
 public:
+    // Of the format of the lines, told at the start of a report: a reader that knows less refuses them.
+    static constexpr unsigned version = 1;
+
     explicit JsonOutput(int descriptor) : text_(buffer_, descriptor) {}
 
     TextOutput *operator->() { return &text_; }

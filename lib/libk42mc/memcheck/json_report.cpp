@@ -27,7 +27,7 @@ void put_site_key(JsonOutput &out, const SiteKey &key) {
 }
 
 void put_cycle(JsonOutput &out, const Snapshot &state, uint32_t limit) {
-    out->print("{\"kind\":\"cycle\",\"program\":");
+    out->print("{\"format\":%u,\"kind\":\"cycle\",\"program\":", JsonOutput::version);
     out.string(platform::progname());
     out->print(",\"pid\":%d,\"time\":%lld,\"width\":%zu,\"cycle\":%u,\"limit\":%u,", getpid(),
                static_cast<long long>(time(nullptr)), 8 * sizeof(void *), state.cycle, limit);

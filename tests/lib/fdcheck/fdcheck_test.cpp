@@ -233,12 +233,13 @@ TEST_F(FD, JsonTellsWhatTheHistoriesHold) {
     FDClose("b", 9);
     FDClose("c", 9);
     const std::string text = json();
-    EXPECT_STARTS(text,
-                  "{\"kind\":\"descriptor\",\"descriptor\":2,\"open\":true,\"alarms\":0,\"opens\":1,"
-                  "\"closes\":0,\"events\":[{\"type\":\"OPEN\",\"operator\":\"a \\\"name\\\"\",TIME,"
-                  "\"chain\":[]}]}\n{\"kind\":\"descriptor\",\"descriptor\":9,\"open\":false,"
-                  "\"alarms\":1,\"opens\":1,\"closes\":2,\"events\":[{\"type\":\"OPEN\","
-                  "\"operator\":\"opener\",TIME,\"chain\":[\"/");
+    EXPECT_STARTS(
+        text,
+        "{\"format\":1,\"kind\":\"descriptor\",\"descriptor\":2,\"open\":true,\"alarms\":0,\"opens\":1,"
+        "\"closes\":0,\"events\":[{\"type\":\"OPEN\",\"operator\":\"a \\\"name\\\"\",TIME,"
+        "\"chain\":[]}]}\n{\"format\":1,\"kind\":\"descriptor\",\"descriptor\":9,\"open\":false,"
+        "\"alarms\":1,\"opens\":1,\"closes\":2,\"events\":[{\"type\":\"OPEN\","
+        "\"operator\":\"opener\",TIME,\"chain\":[\"/");
     EXPECT_ENDS(text,
                 "\"]},{\"type\":\"CLOSE\",\"operator\":\"b\",TIME,\"chain\":[]},{\"type\":\"CLOSE\","
                 "\"operator\":\"c\",TIME,\"chain\":[]}]}\n");

@@ -119,7 +119,7 @@ std::string json(uint32_t limit) {
 }
 
 std::string cycle(const std::string &rest) {
-    return "{\"kind\":\"cycle\",\"program\":\"json_report_test\",\"width\":" +
+    return "{\"format\":1,\"kind\":\"cycle\",\"program\":\"json_report_test\",\"width\":" +
            std::to_string(8 * sizeof(void *)) + "," + rest + "\n";
 }
 

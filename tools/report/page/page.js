@@ -3,7 +3,7 @@ const report = JSON.parse(document.getElementById("report").textContent);
 const at = (selector, root = document) => root.querySelector(selector);
 const number = (value) => value.toLocaleString("en-US");
 const signed = (value) => (value > 0 ? "+" : "") + number(value);
-const cycles = Math.max(0, ...report.processes.map((process) => process.cycles.length));
+const cycles = report.cycles;
 
 function make(tag, attributes = {}, ...children) {
   const element = tag.startsWith("svg:")
@@ -24,12 +24,12 @@ function size(bytes) {
   return (unit === 0 ? bytes : bytes.toFixed(bytes < 10 ? 2 : bytes < 100 ? 1 : 0)) + " " + units[unit];
 }
 
-function frameName(frame) { return frame.function || frame.place; }
+function frameName(frame) { return frame.function || frame.pc; }
 
-function chainList(chain, heading) {
-  const list = make("ul", { class: "chain" });
+function traceList(trace, heading) {
+  const list = make("ul", { class: "trace" });
   if (heading) list.append(make("li", { class: "heading" }, heading));
-  for (const frame of chain) {
+  for (const frame of trace) {
     const where = frame.file ? `  ${frame.file}:${frame.line}` : "";
     list.append(make("li", {}, frameName(frame), make("span", { class: "where" }, where)));
   }
@@ -48,42 +48,17 @@ function showTotals() {
     at("#totals").append(make("div", {}, make("dt", {}, name), make("dd", {}, value)));
 }
 
-function eventList(event) {
-  return chainList(event.chain, `${event.type} by ${event.operator} at ${event.time}`);
-}
-
-// Those that one call chain opened go together.
-function leftOpen(descriptors) {
-  const groups = new Map();
-  for (const descriptor of descriptors.filter((descriptor) => descriptor.left_open)) {
-    const chain = JSON.stringify(descriptor.events.at(-1).chain);
-    groups.set(chain, [...(groups.get(chain) ?? []), descriptor]);
-  }
-  return [...groups.values()];
-}
-
-function findingsOf(process) {
-  const found = [];
-  for (const stop of process.stops)
-    found.push([stop.text.split(" trace buffer")[0], chainList(stop.chain, "released by"),
-      chainList(stop.block, stop.text.includes("detected DF") ? "released before by" : "allocated by")]);
-  for (const damage of process.damages)
-    found.push([`${damage.defect}: a block of ${number(damage.size)} bytes at ${damage.address} was written past its ${damage.defect === "WO" ? "end" : "start"}`,
-      chainList(damage.chain, `allocated at ${damage.name}`)]);
-  for (const descriptor of process.descriptors.filter((descriptor) => descriptor.alarm))
-    found.push([`descriptor ${descriptor.descriptor}: ${descriptor.descriptor <= 2 ? "traffic" : "closed twice"}`,
-      ...descriptor.events.map(eventList)]);
-  for (const group of leftOpen(process.descriptors))
-    found.push([`${group.length === 1 ? "descriptor" : `${group.length} descriptors`} left open: ${group.map((descriptor) => descriptor.descriptor).join(", ")}`,
-      eventList(group[0].events.at(-1))]);
-  return found.map(([text, ...details]) => [`${text} in ${process.name}`, ...details]);
+function findingItem(finding, process) {
+  const trails = finding.trails.map((trail) => traceList(trail.chain, trail.heading));
+  return make("li", {}, make("details", {},
+    make("summary", {}, `${finding.title} in ${process.name}`), ...trails));
 }
 
 function showFindings() {
-  const found = report.processes.flatMap(findingsOf);
-  at("#findings").hidden = found.length === 0;
-  for (const [text, ...details] of found)
-    at("#findings ul").append(make("li", {}, make("details", {}, make("summary", {}, text), ...details)));
+  const items = report.processes.flatMap((process) =>
+    process.findings.map((finding) => findingItem(finding, process)));
+  at("#findings").hidden = items.length === 0;
+  at("#findings ul").append(...items);
 }
 
 // ---- Growth ----
@@ -97,8 +72,25 @@ function niceStep(highest, steps) {
   return rough / unit > 1.5 ? 2 * unit : unit;
 }
 
+// A site has bytes for the cycles that it was seen in, counted from 1: [[cycle, bytes], ...].
+const peak = (site) => site.series.reduce((highest, [, bytes]) => Math.max(highest, bytes), 0);
+
+// Where a line of it bends: with nothing on both sides of what was seen.
+function bends(series) {
+  const points = [];
+  for (const [cycle, bytes] of series) {
+    const last = points.at(-1)?.[0] ?? 0;
+    if (last + 1 < cycle) points.push([last + 1, 0]);
+    if (last + 2 < cycle) points.push([cycle - 1, 0]);
+    points.push([cycle, bytes]);
+  }
+  const last = points.at(-1)?.[0] ?? 0;
+  if (last < cycles) points.push([last + 1, 0], [cycles, 0]);
+  return points;
+}
+
 function plotted() {
-  const sites = [...report.sites].sort((a, b) => Math.max(...b.series) - Math.max(...a.series)).slice(0, colours.length);
+  const sites = [...report.sites].sort((a, b) => peak(b) - peak(a)).slice(0, colours.length);
   if (chosen && !sites.includes(chosen)) sites[sites.length - 1] = chosen;
   return sites;
 }
@@ -112,21 +104,21 @@ function showGrowth() {
   const sites = plotted();
   const width = svg.clientWidth, height = svg.clientHeight;
   const left = 76, right = 12, top = 8, bottom = 30;
-  const highest = Math.max(1, ...sites.flatMap((site) => site.series));
+  const highest = Math.max(1, ...sites.map(peak));
   const step = niceStep(highest, 4);
   const ceiling = Math.ceil(highest / step) * step;
-  const x = (cycle) => left + (width - left - right) * (cycle / (cycles - 1));
+  const x = (cycle) => left + (width - left - right) * ((cycle - 1) / (cycles - 1));
   const y = (bytes) => height - bottom - (height - top - bottom) * (bytes / ceiling);
   svg.replaceChildren();
   for (let bytes = 0; bytes <= ceiling; bytes += step)
     svg.append(make("svg:line", { class: "grid", x1: left, x2: width - right, y1: y(bytes), y2: y(bytes) }),
       make("svg:text", { x: left - 8, y: y(bytes) + 4, "text-anchor": "end" }, size(bytes)));
   const every = Math.max(1, Math.ceil(cycles / Math.max(2, Math.floor((width - left) / 60))));
-  for (let cycle = 0; cycle < cycles; cycle += every)
-    svg.append(make("svg:text", { x: x(cycle), y: height - 10, "text-anchor": "middle" }, String(cycle + 1)));
+  for (let cycle = 1; cycle <= cycles; cycle += every)
+    svg.append(make("svg:text", { x: x(cycle), y: height - 10, "text-anchor": "middle" }, String(cycle)));
   at("#growth .legend").replaceChildren();
   sites.forEach((site, index) => {
-    const path = site.series.map((bytes, cycle) => `${cycle ? "L" : "M"}${x(cycle)},${y(bytes)}`).join("");
+    const path = bends(site.series).map(([cycle, bytes], i) => `${i ? "L" : "M"}${x(cycle)},${y(bytes)}`).join("");
     const dim = chosen && chosen !== site ? " dim" : "";
     svg.append(make("svg:path", { class: "line" + dim, d: path, stroke: colours[index] },
       make("svg:title", {}, `${site.name}: ${size(site.bytes)}`)));
@@ -227,10 +219,10 @@ const columns = [
 ];
 let order = { column: columns[0], descending: true };
 
-function sparkline(series) {
-  const highest = Math.max(1, ...series);
-  const d = series.map((bytes, i) =>
-    `${i ? "L" : "M"}${2 + 86 * (i / (series.length - 1))},${18 - 16 * bytes / highest}`).join("");
+function sparkline(site) {
+  const highest = Math.max(1, peak(site));
+  const d = bends(site.series).map(([cycle, bytes], i) =>
+    `${i ? "L" : "M"}${2 + 86 * ((cycle - 1) / (cycles - 1))},${18 - 16 * bytes / highest}`).join("");
   return make("svg:svg", { viewBox: "0 0 90 20", "aria-hidden": "true" }, make("svg:path", { d }));
 }
 
@@ -239,26 +231,26 @@ function sortBy(column) {
   showTable();
 }
 
-function toggleChain(row, site) {
+function toggleTrace(row, site) {
   const next = row.nextElementSibling;
-  if (next && next.classList.contains("chain-row")) {
+  if (next && next.classList.contains("trace-row")) {
     next.remove();
     return;
   }
-  const heading = site.chain.length ? null : "No call chain was recorded.";
-  row.after(make("tr", { class: "chain-row" }, make("td", { colspan: columns.length }, chainList(site.chain, heading))));
+  const heading = site.chain.length ? null : "No stack trace was recorded.";
+  row.after(make("tr", { class: "trace-row" }, make("td", { colspan: columns.length }, traceList(site.chain, heading))));
 }
 
 function siteRow(site) {
   const row = make("tr", { class: "site-row" });
   for (const column of columns.slice(0, -1)) {
     const cell = make("td", {}, column.show(column.key(site)));
-    if (column.name === "Growth" && cycles > 1) cell.append(" ", sparkline(site.series));
+    if (column.name === "Growth" && cycles > 1) cell.append(" ", sparkline(site));
     row.append(cell);
   }
   const open = make("button", {
-    type: "button", "aria-label": `${site.name}: call chain`,
-    onclick: () => { toggleChain(row, site); choose(site); },
+    type: "button", "aria-label": `${site.name}: stack trace`,
+    onclick: () => { toggleTrace(row, site); choose(site); },
   }, site.name);
   row.append(make("td", { class: "site" }, open));
   return row;

@@ -1,0 +1,206 @@
+// From addresses to functions and lines, in modules of all kinds.
+#include "tools/common/symbols.h"
+#include "tools/report/symbolize.h"
+
+#include <dlfcn.h>
+#include <elf.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Where a call in this program comes from, in both forms that places are written in.
+[[gnu::noinline]] void *here() {
+    return __builtin_return_address(0);
+}
+
+constexpr int line_of_call = __LINE__ + 3;
+
+extern "C" [[gnu::noinline, gnu::visibility("default")]] void *known_function() {
+    void *place = here();
+    __asm__ volatile("" ::: "memory");
+    return place;
+}
+
+TEST(Symbols, AddressesBecomeFunctionsAndLines) {
+    auto *address = static_cast<char *>(known_function());
+    Dl_info info;
+    ASSERT_NE(dladdr(address, &info), 0);
+    char offset[32], trace[4200];
+    snprintf(offset, sizeof offset, "+0x%zx", size_t(address - static_cast<char *>(info.dli_fbase)));
+    snprintf(trace, sizeof trace, "%s(known_function+0x%zx) [%p]", info.dli_fname,
+             size_t(address - reinterpret_cast<char *>(&known_function)), static_cast<void *>(address));
+    Symbolizer symbolizer;
+    for (const std::string &place : {info.dli_fname + std::string(offset), std::string(trace)}) {
+        const SourceFrame &frame = symbolizer.lookup(place).front();
+        EXPECT_EQ(frame.function, "known_function") << place;
+        EXPECT_TRUE(frame.file.ends_with("symbols_test.cpp")) << place;
+        EXPECT_EQ(frame.line, line_of_call) << place;
+    }
+    std::istringstream in("plain [0x1]\n" + std::string(trace) + "\r\n/no/p(f+0x1) [0x2]\nlast");
+    std::ostringstream out;
+    symbolize(in, out, symbolizer);
+    EXPECT_TRUE(std::regex_match(
+        out.str(),
+        std::regex(R"(plain \[0x1\]\n\S+symbols_test\(known_function\+0x\w+\) \[0x\w+\]\r  )"
+                   R"(known_function at \S+symbols_test.cpp:\d+\n/no/p\(f\+0x1\) \[0x2\]\nlast)")))
+        << out.str();
+}
+
+// One letter is the name of a type to the demangler.
+extern "C" [[gnu::noinline, gnu::visibility("default")]] void *f() {
+    void *pc = here();
+    __asm__ volatile("" ::: "memory");
+    return pc;
+}
+
+std::string pc_in(const std::string &module, const void *address) {
+    Dl_info info;
+    EXPECT_NE(dladdr(address, &info), 0);
+    char offset[32];
+    snprintf(offset, sizeof offset, "+0x%zx",
+             size_t(static_cast<const char *>(address) - static_cast<char *>(info.dli_fbase)));
+    return (module.empty() ? info.dli_fname : module) + offset;
+}
+
+TEST(Symbols, OnlyNamesOfCppAreDemangled) {
+    Symbolizer symbolizer;
+    EXPECT_EQ(symbolizer.lookup(pc_in({}, f())).front().function, "f");
+    const auto lookup = reinterpret_cast<const char *>(&describe);
+    EXPECT_TRUE(symbolizer.lookup(pc_in({}, lookup + 1)).back().function.starts_with("describe[abi:cxx11]("));
+}
+
+TEST(Symbols, LinesOfAnyLengthAreCopied) {
+    const std::string spaces(100000, ' '), letters(1 << 20, 'x');
+    for (const std::string &line :
+         {letters, "/p(" + letters + "+0x1) [0x1]", "/p(f+0x1) [0x" + letters + "]",
+          "/p" + spaces + "(+0x1) [0x1]", std::string(30000, '(') + "+0x1) [0x1]"}) {
+        std::istringstream in(line + "\n");
+        std::ostringstream out;
+        Symbolizer symbolizer;
+        symbolize(in, out, symbolizer);
+        EXPECT_TRUE(out.str() == line + "\n") << line.substr(0, 20);
+    }
+    for (const auto &[line, is] : {std::pair{"/p(f+0x1) [0x2]", true},
+                                   {"/p(+0x1) [0x2]", true},
+                                   {"/a (b)/p(f+0x1) [0x2]", true},
+                                   {" /p(f+0x1) [0x2]", false},
+                                   {"/p(f g+0x1) [0x2]", false},
+                                   {"(f+0x1) [0x2]", false},
+                                   {"/p(f+0x1) [0x2] ", false},
+                                   {"/p(f+0x1) [0x]", false},
+                                   {"/p(f+0xg) [0x2]", false},
+                                   {"/p(f) [0x2]", false},
+                                   {"[0x2]", false}})
+        EXPECT_EQ(is_trace_line(line), is) << line;
+}
+
+class Modules : public testing::Test {
+protected:
+    Modules() {
+        fs::create_directory(folder);
+        Dl_info info;
+        dladdr(reinterpret_cast<void *>(&known_function), &info);
+        std::ifstream self(info.dli_fname, std::ios::binary);
+        whole.assign(std::istreambuf_iterator<char>(self), {});
+    }
+    ~Modules() override { fs::remove_all(folder); }
+
+    std::string at(const std::string &name) const { return folder / name; }
+
+    void write(const std::string &name, std::string_view contents) const {
+        std::ofstream(at(name), std::ios::binary) << contents;
+    }
+
+    // In another process: whether a lookup comes back, and with what exit status it would not.
+    int status_of_lookups(const std::string &module) const {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20);
+            Symbolizer symbolizer;
+            for (const char *place : {"+0x1234", "(known_function+0x8) [0x1008]"})
+                symbolizer.lookup(module + place);
+            symbolizer.lookup(pc_in(module, known_function()));
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        return status;
+    }
+
+    const fs::path folder = fs::temp_directory_path() / ("k42mc_modules_" + std::to_string(getpid()));
+    std::string whole; // this program's file
+};
+
+TEST_F(Modules, NothingButElfFilesIsOpened) {
+    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
+    write("text", "no program");
+    write("empty", "");
+    for (const std::string &module : {at("fifo"), at("text"), at("empty"), at(""),
+                                      std::string("/dev/zero"), std::string("/dev/tty")})
+        EXPECT_EQ(status_of_lookups(module), 0) << module;
+    // Too large to be worth it.
+    write("huge", whole);
+    fs::resize_file(at("huge"), (1ull << 30) + 1);
+    Symbolizer symbolizer;
+    EXPECT_EQ(symbolizer.lookup(pc_in(at("huge"), known_function())).front().function, "");
+    fs::resize_file(at("huge"), whole.size());
+    Symbolizer another;
+    EXPECT_EQ(another.lookup(pc_in(at("huge"), known_function())).front().function, "known_function");
+}
+
+// Where debug information is looked for.
+TEST_F(Modules, PipesAreNoDebugInformation) {
+    std::string stripped = at("stripped");
+    write("stripped", whole);
+    ASSERT_EQ(system(("objcopy --strip-debug --remove-section .note.gnu.build-id " + stripped).c_str()),
+              0);
+    ASSERT_EQ(mkfifo(at("stripped.debug").c_str(), 0600), 0);
+    EXPECT_EQ(status_of_lookups(stripped), 0);
+    fs::remove(at("stripped.debug"));
+    write("link", "contents");
+    ASSERT_EQ(system(("objcopy --add-gnu-debuglink=" + at("link") + " " + stripped).c_str()), 0);
+    fs::remove(at("link"));
+    fs::create_directory(at(".debug"));
+    ASSERT_EQ(mkfifo(at(".debug/link").c_str(), 0600), 0);
+    EXPECT_EQ(status_of_lookups(stripped), 0);
+}
+
+// Random bytes of the headers, of the section table and of all sections but code.
+TEST_F(Modules, DamagedFilesAreSurvived) {
+    const unsigned seed = std::random_device()();
+    std::mt19937 random(seed);
+    Elf64_Ehdr header;
+    ASSERT_GT(whole.size(), sizeof header);
+    memcpy(&header, whole.data(), sizeof header);
+    for (int round = 0; round < 60; ++round) {
+        std::string damaged = whole;
+        const auto any = [&](size_t below) {
+            return std::uniform_int_distribution<size_t>(0, below - 1)(random);
+        };
+        const size_t table = header.e_shoff, table_size = header.e_shnum * size_t(header.e_shentsize);
+        for (size_t i = 0; i <= any(6); ++i) {
+            const size_t offset = round % 4 == 0   ? any(sizeof header)
+                                  : round % 4 == 1 ? table + any(table_size)
+                                  : round % 4 == 2 ? any(4096)
+                                                   : table - 1 - any(table / 2);
+            damaged[offset] = round % 8 < 4 ? char(any(256)) : char(damaged[offset] ^ 1 << any(8));
+        }
+        if (round % 10 == 9)
+            damaged.resize(any(damaged.size()));
+        write("damaged", damaged);
+        ASSERT_EQ(status_of_lookups(at("damaged")), 0) << "round " << round << " of seed " << seed;
+    }
+}
+
+} // namespace

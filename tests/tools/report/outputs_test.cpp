@@ -1,0 +1,278 @@
+// What the command shows of reports, to people and to programs.
+#include "reports.h"
+#include "tools/report/diff.h"
+#include "tools/report/html.h"
+#include "tools/report/machine.h"
+#include "tools/report/table.h"
+#include "tools/run/findings.h"
+
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+
+namespace {
+
+using Json = nlohmann::json;
+
+std::string table(const Report &report, Order order = Order::bytes, size_t top = 20) {
+    std::ostringstream out;
+    Symbolizer symbolizer;
+    print_table(out, report, {order, top, false}, symbolizer);
+    return out.str();
+}
+
+std::string summary(const Report &report) {
+    std::ostringstream out;
+    Symbolizer symbolizer;
+    Findings(report).print(out, symbolizer);
+    return out.str();
+}
+
+// The data in a page.
+Json embedded(const std::string &page) {
+    std::smatch data;
+    EXPECT_TRUE(std::regex_search(page, data, std::regex("id=\"report\">([^<]*)</script>")));
+    return Json::parse(data[1].str());
+}
+
+TEST(Outputs, TextReportsBecomeATable) {
+    const Report report = text(three_cycles);
+    EXPECT_EQ(problems(report), "");
+    EXPECT_EQ(table(report), "WO: a block of 4 bytes at 0xD0 was written past its end in r.txt\n"
+                             "  allocated at d.c:3 (STD)\n"
+                             "         BYTES    BLOCKS     AGE        GROWTH    SITE\n"
+                             "            50         1       1           +50    █  e.c:9 (FIX)\n"
+                             "            40         2       3           +30  ▂██  a.c:1 (STD)\n"
+                             "             0         0       0            -5  █    b:\\c:7.c:2 (SHM)\n"
+                             "\n"
+                             "total: 90 bytes in 3 blocks; 3 sites, 3 cycles, 1 process\n");
+    const std::string by_age = table(report, Order::age, 1);
+    EXPECT_NE(by_age.find("a.c:1"), std::string::npos);
+    EXPECT_NE(by_age.find("and 2 more sites"), std::string::npos);
+    EXPECT_EQ(Histories(report, Order::growth).sites().back().growth, -5);
+    EXPECT_EQ(Histories(report, Order::blocks).sites().front().held.blocks, 2u);
+    // The checker was switched on again: another process, as far as cycles go.
+    const Report again = text(three_cycles + cycle(3, "a.c:1:LK:STD:0xA0:7:1\n", ""));
+    EXPECT_EQ(again.processes.size(), 2u);
+    const Histories histories(again, Order::age);
+    const SiteHistory &both = histories.sites().front();
+    EXPECT_EQ(both.held.bytes, 47u);
+    EXPECT_EQ(both.oldest, 3u);
+    ASSERT_EQ(both.bytes.size(), 3u);
+    for (const auto &[cycle, bytes] : {std::pair{0u, 17u}, {1u, 40u}, {2u, 40u}}) {
+        EXPECT_EQ(both.bytes[cycle].cycle, cycle);
+        EXPECT_EQ(both.bytes[cycle].bytes, bytes);
+    }
+}
+
+TEST(Outputs, JsonReportsBecomeATable) {
+    const Report report = json(json_lines);
+    EXPECT_EQ(problems(report), "");
+    EXPECT_EQ(table(report), R"(k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10) in p.12
+  released by
+    /no/p+0x7
+  released before by
+    /no/p+0x8
+WU: a block of 100 bytes at 0x55D0 was written before its start in p.12
+  allocated at b.c:2 (STD)
+    /no/p+0x3
+descriptor 6 closed twice in p.12
+  CLOSE by fclose at 1/2 3:4:5
+    /no/p+0x5
+  CLOSE by close at 1/2 3:4:6
+    /no/p+0x6
+descriptors left open: 5, 7 in p.12
+  OPEN by socket at 1/2 3:4:5
+    /no/p+0x4
+         BYTES    BLOCKS     AGE  SITE
+            50         5       3  a.c:12 (STD)
+             7         1       1  /no/p+0x9 < /no/p+0x2b (FIX)
+
+50 bytes in 5 blocks from
+    /no/p+0x1a
+    /no/p+0x2b
+
+7 bytes in 1 block from
+    /no/p+0x9
+    /no/p+0x2b
+
+total: 90 bytes in 9 blocks; 2 sites, 1 cycle, 1 process
+)");
+    const Process later = json(json_lines + json_lines).processes[0]; // the last report counts
+    EXPECT_EQ(later.damages.size(), 1u);
+    EXPECT_EQ(later.descriptors.size(), 4u);
+}
+
+TEST(Outputs, TheSummaryOfARunGroupsByTrace) {
+    Report report = json(json_lines);
+    Lines again(json_lines); // of a child of fork, which has the same blocks
+    read_json(report, "child", again);
+    EXPECT_EQ(summary(report), R"(k42mc: 7 blocks, 157 bytes at 3 sites in 2 processes
+  written before the start (WU): 1 block, 100 bytes
+    /no/p+0x3
+  left: 5 blocks, 50 bytes
+    /no/p+0x1a
+    /no/p+0x2b
+  left: 1 block, 7 bytes
+    /no/p+0x9
+    /no/p+0x2b
+k42mc: descriptors
+  closed twice: 1 descriptor
+    /no/p+0x6
+   and before by
+    /no/p+0x5
+  open: 2 descriptors
+    /no/p+0x4
+k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10)
+  released by
+    /no/p+0x7
+  released before by
+    /no/p+0x8
+k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10)
+  released by
+    /no/p+0x7
+  released before by
+    /no/p+0x8
+)");
+    // Without traces, the file tells sites apart.
+    EXPECT_EQ(summary(text("a:1:WO:STD:0xA0:4:2\n------\nb:1:WO:STD:0xB0:5:2\n------\n")),
+              "k42mc: 2 blocks, 9 bytes at 2 sites in 1 process\n"
+              "  written past the end (WO): 1 block, 5 bytes\n    b\n"
+              "  written past the end (WO): 1 block, 4 bytes\n    a\n");
+}
+
+TEST(Outputs, OtherProgramsGetAllThereIs) {
+    const Report report = json(json_lines);
+    Symbolizer symbolizer;
+    std::ostringstream csv, folded, page;
+    print_csv(csv, report, Order::bytes, symbolizer);
+    EXPECT_EQ(csv.str(), "bytes,blocks,oldest,largest,growth,type,file,line,site\n"
+                         "50,5,3,20,0,\"STD\",\"a.c\",12,\"a.c:12 (STD)\"\n"
+                         "7,1,1,7,0,\"FIX\",\"p+0x9\",0,\"/no/p+0x9 < /no/p+0x2b (FIX)\"\n");
+    print_folded(folded, report, symbolizer);
+    EXPECT_EQ(folded.str(), "/no/p+0x2b;/no/p+0x1a;a.c:12 50\n/no/p+0x2b;/no/p+0x9 7\n");
+    std::string whole;
+    put_json([&](std::string_view piece) { whole += piece; }, report, Order::bytes, symbolizer);
+    const Json all = Json::parse(whole);
+    EXPECT_EQ(all["format"], 1);
+    EXPECT_EQ(all["cycles"], 1);
+    EXPECT_EQ(all["total"], Json::parse(R"({"blocks":9,"bytes":90})"));
+    EXPECT_EQ(all["sites"][0]["series"], Json::parse("[[1,50]]"));
+    EXPECT_EQ(all["sites"][0]["chain"][1]["pc"], "/no/p+0x2b");
+    const Json &process = all["processes"][0];
+    EXPECT_EQ(process["damages"][0]["address"], "0x55D0");
+    EXPECT_EQ(process["descriptors"].size(), 4u);
+    std::string titles;
+    for (const Json &finding : process["findings"])
+        titles += std::string(finding["kind"]) + ": " + std::string(finding["title"]) + "\n";
+    EXPECT_EQ(titles, "stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10)\n"
+                      "damaged: WU: a block of 100 bytes at 0x55D0 was written before its start\n"
+                      "misused descriptor: descriptor 6 closed twice\n"
+                      "left open: descriptors left open: 5, 7\n");
+    print_html(page, report, Order::bytes, symbolizer);
+    EXPECT_EQ(embedded(page.str()), all);
+    EXPECT_EQ(page.str().find("http://"),
+              page.str().find("http://www.w3.org/2000/svg")); // nothing from elsewhere
+}
+
+// Whatever stands in a name, it stays a name.
+const std::string escape = "\x1b]0;owned\a\x1b[2J";
+const std::string hostile = "=cmd|'/c calc'!A0\r\n\"" + escape +
+                            ";</script>\xc2\x9b"
+                            "\xe2\x80\xae\xff";
+constexpr const char *shown = "=cmd|'/c calc'!A0\\x0d\\x0a\"\\x1b]0;owned\\x07\\x1b[2J;</script>"
+                              "\\xc2\\x9b\\xe2\\x80\\xae\\xff";
+
+// JSON has no bytes that are no text, but all control characters.
+Report hostile_report() {
+    const auto quoted = [](const std::string &name) {
+        return Json(name).dump(-1, ' ', true, Json::error_handler_t::ignore);
+    };
+    const std::string name = quoted(hostile);
+    return json(R"({"kind":"cycle","program":)" + name +
+                R"(,"pid":1,"cycle":1,"blocks":1,"bytes":1})"
+                "\n"
+                R"({"kind":"site","file":)" +
+                name + R"(,"line":3,"type":)" + name + R"(,"chain":[)" + name +
+                R"(],"blocks":1,"bytes":1,"oldest":1,"largest":1})"
+                "\n"
+                R"({"kind":"damage","defect":"WO","file":)" +
+                name + R"(,"line":3,"type":)" + name +
+                R"(,"address":"0x1","size":1,"cycles":1,"chain":[)" + name +
+                "]}\n"
+                R"({"kind":"end","sites":1,"damaged":1})"
+                "\n"
+                R"({"kind":"descriptor","descriptor":7,"open":true,"alarms":1,"events":[)"
+                R"({"type":)" +
+                name + R"(,"operator":)" + name + R"(,"time":)" + name +
+                R"(,"chain":[]},)"
+                R"({"type":"CLOSE","operator":)" +
+                name +
+                R"(,"time":"","chain":[]}]})"
+                "\n"
+                R"({"kind":"defect","pid":1,"text":)" +
+                name + R"(,"chain":[)" + name +
+                R"(],"block":[]})"
+                "\n");
+}
+
+TEST(Outputs, HostileNamesStayNames) {
+    const Report report = hostile_report();
+    EXPECT_EQ(problems(report), "");
+    const Report bytes =
+        text(cycle(1, "=1+\xff\x1b;b\"\t:1:LK:STD:0xA0:10:1\n", "1 bytes held by 1 allocations"));
+    Symbolizer symbolizer;
+    for (const Report *each : {&report, &bytes}) {
+        std::ostringstream changes;
+        print_changes(changes, changes_between(Report(), *each), 20, symbolizer);
+        for (const std::string &out : {table(*each), summary(*each), changes.str()}) {
+            EXPECT_EQ(out.find_first_of(escape.substr(0, 1) + "\a\r\t\xff"), std::string::npos) << out;
+            EXPECT_EQ(out.find("\xc2\x9b"), std::string::npos) << out;
+            EXPECT_EQ(out.find("\xe2\x80\xae"), std::string::npos) << out;
+        }
+    }
+    EXPECT_EQ(table(bytes).find("=1+\\xff\\x1b;b\"\\x09:1 (STD)\n"), table(bytes).find("=1+"));
+
+    std::ostringstream csv, folded, page;
+    print_csv(csv, bytes, Order::bytes, symbolizer);
+    EXPECT_EQ(csv.str().substr(csv.str().find('\n') + 1),
+              "10,1,1,10,0,\"STD\",\"'=1+\\xff\\x1b;b\"\"\\x09\",1,"
+              "\"'=1+\\xff\\x1b;b\"\"\\x09:1 (STD)\"\n");
+    for (const char *formula : {"=a", "+a", "-a", "@a"}) {
+        std::ostringstream one;
+        print_csv(one, text(cycle(1, std::string(formula) + ":1:LK:" + formula + ":0xA0:10:1\n", "")),
+                  Order::bytes, symbolizer);
+        EXPECT_NE(
+            one.str().find(std::string(",\"'") + formula + "\",\"'" + formula + "\",1,\"'" + formula),
+            std::string::npos)
+            << one.str();
+    }
+    print_folded(folded, bytes, symbolizer);
+    EXPECT_EQ(folded.str(), "=1+\\xff\\x1b:b\"\\x09:1 10\n");
+    print_html(page, bytes, Order::bytes, symbolizer);
+    EXPECT_EQ(embedded(page.str())["sites"][0]["file"], "=1+\xef\xbf\xbd\x1b;b\"\t");
+
+    std::ostringstream hostile_page;
+    print_html(hostile_page, report, Order::bytes, symbolizer);
+    const Json site = embedded(hostile_page.str())["sites"][0];
+    EXPECT_TRUE(std::string(site["file"]).starts_with(hostile.substr(0, hostile.size() - 1)));
+}
+
+TEST(Outputs, DiffListsWhatChanged) {
+    const Report before =
+        text(cycle(1, "a:1:LK:STD:0xA0:10:1\nb:1:LK:STD:0xB0:10:1\nc:1:LK:STD:0xC0:9:1\n", ""));
+    const Report after = text(cycle(1,
+                                    "a:1:LK:STD:0xA0:10:1\nb:1:LK:STD:0xB0:10:1\nb:1:LK:STD:0xB1:20:1\n"
+                                    "d:1:LK:STD:0xD0:5:1\n",
+                                    ""));
+    std::ostringstream out;
+    Symbolizer symbolizer;
+    print_changes(out, changes_between(before, after), 2, symbolizer);
+    EXPECT_EQ(out.str(), "        GROWTH    BLOCKS         BYTES  SITE\n"
+                         "           +20        +1            30  b:1 (STD)\n"
+                         "            +5        +1             5  d:1 (STD)\n"
+                         "  and 1 more site\n"
+                         "total: +16 bytes, +1 blocks at 3 sites\n");
+}
+
+} // namespace

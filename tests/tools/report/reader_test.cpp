@@ -1,0 +1,211 @@
+// What is read from reports, whole, damaged and hostile.
+#include "reports.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <malloc.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(Reader, DamagedTextIsToldAndTheRestShown) {
+    const std::string whole = cycle(1, "a.c:1:LK:STD:0xA0:10:1\n", "10 bytes held by 1 allocations");
+    for (const auto &[contents, told] : std::map<std::string, std::string>{
+             {"", "r.txt:0: no report in this file\n"},
+             {"root:x:0:0:root:/root:/bin/bash\n", "r.txt:1: no report in this file\n"},
+             {whole.substr(0, whole.size() - 3), "r.txt:9: the report is cut off here\n"},
+             {whole.substr(0, 50), "r.txt:3: not a report line: a.c:1:LK:STD:0xA\n"
+                                   "r.txt:3: the report is cut off here\n"},
+             {whole.substr(0, 57) + whole, "r.txt:4: a report before this one is cut off\n"},
+             {"-----------<cycle x>-----------\n" + whole, "r.txt:1: no cycle number\n"},
+             {cycle(1,
+                    "a.c:1:LK:STD:A0:10:1\n:1:LK:STD:0xA0:10:1\na.c:1:XX:STD:0xA0:10:1\n"
+                    "a.c:1:LK:STD:0xA0:-1:1\na.c:1:LK:STD:0xA0:10:99999999999\na.c:1:LK:STD:0xA0:10:1\n",
+                    "10 bytes held by 1 allocations"),
+              "r.txt:3: not a report line: a.c:1:LK:STD:A0:10:1\n"
+              "r.txt:4: not a report line: :1:LK:STD:0xA0:10:1\n"
+              "r.txt:5: not a report line: a.c:1:XX:STD:0xA0:10:1\n"
+              "r.txt:6: not a report line: a.c:1:LK:STD:0xA0:-1:1\n"
+              "r.txt:7: not a report line: a.c:1:LK:STD:0xA0:10:99999999999\n"},
+             {cycle(1, "a.c:1:LK:STD:0xA0:10:1\n", "many bytes"), "r.txt:8: no total\n"}}) {
+        const Report report = text(contents);
+        EXPECT_EQ(problems(report), told) << contents;
+        if (contents.find("0xA0:10:1\n") != std::string::npos) {
+            EXPECT_EQ(Histories(report, Order::bytes).sites().front().held.bytes % 10, 0u) << contents;
+        }
+    }
+}
+
+TEST(Reader, DamagedJsonIsToldAndTheRestShown) {
+    const size_t second = json_lines.find('\n') + 1;
+    const auto told = [](const std::string &contents) { return problems(json(contents)); };
+    EXPECT_EQ(told("{\"kind\":\"end\"}\n"), "r.json:1: what comes before this line is missing\n"
+                                            "r.json:1: no report in this file\n");
+    EXPECT_EQ(told(json_lines.substr(0, second)), "r.json:1: the report is cut off here\n");
+    EXPECT_TRUE(told(json_lines.substr(0, second + 30)).starts_with("r.json:2: not a report line: "));
+    EXPECT_EQ(told(json_lines.substr(0, second) + json_lines),
+              "r.json:2: a report before this one is cut off\n");
+    const std::string odd =
+        "[1]\n{\"kind\":3}\n{\"kind\":\"defect\",\"pid\":1e33,\"text\":\"\",\"chain\":[],"
+        "\"block\":[]}\n{\"kind\":\"site\",\"file\":\"a\"}\n";
+    const Report report = json(json_lines.substr(0, second) + odd + json_lines.substr(second));
+    EXPECT_EQ(report.problems.size(), 4u);
+    EXPECT_TRUE(report.processes[0].stops.size() == 1);
+    EXPECT_EQ(report.problems[1].line, 3u);
+    EXPECT_EQ(Histories(report, Order::bytes).sites().size(), 2u);
+}
+
+// The newest line that says a format decides: nothing after it is understood.
+TEST(Reader, NewerFormatsAreRefused) {
+    const std::string known = R"({"format":1,)" + json_lines.substr(1);
+    EXPECT_EQ(problems(json(known)), "");
+    EXPECT_EQ(json(known).processes[0].descriptors.size(), 4u);
+    const Report newer = json(R"({"format":2,"kind":"cycle","pages":[]})"
+                              "\n" +
+                              json_lines);
+    EXPECT_EQ(problems(newer), "r.json:1: format 2 is newer than this k42mc, which reads 1\n");
+    EXPECT_TRUE(newer.processes.empty());
+    EXPECT_TRUE(problems(json(R"({"format":"x","kind":"cycle"})"
+                              "\n"))
+                    .starts_with("r.json:1: not a report line: "));
+}
+
+TEST(Reader, TheDescriptionShowsLinesThatAreRead) {
+    std::ifstream description(fs::path(__FILE__) / "../../../../docs/json.md");
+    std::string lines;
+    for (std::string line; std::getline(description, line);)
+        if (line.starts_with("{\""))
+            lines += line + "\n";
+    const Report report = json(lines);
+    EXPECT_EQ(problems(report), "");
+    ASSERT_EQ(report.processes.size(), 1u);
+    const Process &process = report.processes[0];
+    EXPECT_EQ(process.cycles.size() + process.damages.size() + process.descriptors.size() +
+                  process.stops.size() + process.cycles[0].holdings.size(),
+              5u);
+}
+
+TEST(Reader, LinesAreReadWithMemoryForOne) {
+    const std::string longest(Lines::longest, 'x');
+    for (const std::string contents : {"", "\n", "a", "a\n", "a\n\nb"}) {
+        Lines lines(contents);
+        std::string all;
+        while (lines.next())
+            all += std::string(lines.line()) + "\n";
+        EXPECT_EQ(all, contents + (contents.empty() || contents.ends_with('\n') ? "" : "\n"));
+    }
+    // Through a pipe, whose pieces end anywhere.
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    std::thread writer([&] {
+        fcntl(ends[1], F_SETFL, 0);
+        const std::string all = "one\n" + longest + "\n" + longest + "y\nthree\n" + longest + longest +
+                                longest + "\nend\n" + longest + "z";
+        for (size_t done = 0; done < all.size();)
+            done +=
+                size_t(write(ends[1], all.data() + done, std::min<size_t>(all.size() - done, 40001)));
+        close(ends[1]);
+    });
+    uint64_t bytes = 0;
+    Lines lines(ends[0], [&](uint64_t got) { bytes += got; });
+    EXPECT_FALSE(lines.begin_with("one\nx!"));
+    EXPECT_TRUE(lines.begin_with("one\nxx"));
+    std::string seen;
+    while (lines.next()) {
+        EXPECT_LE(lines.line().size(), Lines::longest);
+        seen += std::string(lines.line().substr(0, 5)) + (lines.is_too_long() ? "!" : "") + " ";
+    }
+    writer.join();
+    close(ends[0]);
+    EXPECT_EQ(seen, "one xxxxx xxxxx! three xxxxx! end xxxxx! ");
+    EXPECT_EQ(lines.number(), 7u);
+    EXPECT_EQ(bytes, 6 * longest.size() + 19);
+}
+
+TEST(Reader, LongLinesAndManyProblemsAreToldInShort) {
+    const std::string noise(3 << 20, 'n');
+    EXPECT_EQ(problems(text(noise + "\n" +
+                            cycle(1, noise + "\n" + std::string(999, 'm') + "\n",
+                                  "1 bytes held by 1 allocations"))),
+              "r.txt:4: a line is too long\nr.txt:5: not a report line: " + std::string(181, 'm') +
+                  " ...\n");
+    EXPECT_EQ(problems(json(noise + "\n" + json_lines)), "r.json:1: a line is too long\n");
+    std::string many;
+    for (int i = 0; i < 1000; ++i)
+        many += "x\n";
+    const Report report = text(cycle(1, many, "1 bytes held by 1 allocations"));
+    ASSERT_EQ(report.problems.size(), 6u);
+    EXPECT_EQ(report.problems.back().text, "and 995 more problems");
+}
+
+// Each site is seen in one cycle of many.
+TEST(Reader, MemoryGrowsWithTheInput) {
+    constexpr int cycles = 3000;
+    std::string input;
+    for (int i = 1; i <= cycles; ++i)
+        input += R"({"kind":"cycle","program":"p","pid":12,"cycle":)" + std::to_string(i) +
+                 R"(,"blocks":9,"bytes":90})"
+                 "\n"
+                 R"({"kind":"site","cycle":1,"file":"p+0x)" +
+                 std::to_string(i) + R"(","line":0,"type":"STD","chain":["/bin/p+0x)" +
+                 std::to_string(i) +
+                 R"("],"blocks":5,"bytes":50,"oldest":3,"largest":20})"
+                 "\n"
+                 R"({"kind":"end","sites":1,"damaged":0})"
+                 "\n";
+    const auto in_use = [] {
+        const struct mallinfo2 info = mallinfo2(); // nothing under a sanitizer
+        return info.uordblks + info.hblkhd;
+    };
+    const size_t before = in_use();
+    const Report report = json(input);
+    const Histories histories(report, Order::growth);
+    EXPECT_LE(in_use() - before, 4 * input.size());
+    ASSERT_EQ(histories.sites().size(), size_t(cycles));
+    EXPECT_EQ(histories.cycles(), unsigned(cycles));
+    EXPECT_EQ(histories.sites().front().growth, 50); // held at the end only
+    EXPECT_EQ(histories.sites().back().growth, -50);
+}
+
+class ReportFolder : public testing::Test {
+protected:
+    ReportFolder() { fs::create_directory(folder); }
+    ~ReportFolder() override { fs::remove_all(folder); }
+
+    std::string at(const std::string &name) const { return folder / name; }
+
+    const fs::path folder = fs::temp_directory_path() / ("k42mc_reader_" + std::to_string(getpid()));
+};
+
+TEST_F(ReportFolder, OnlyFilesAndPipesAreRead) {
+    ASSERT_EQ(mkfifo(at("a.json").c_str(), 0600), 0);
+    std::ofstream(at("b.json")) << json_lines;
+    std::ofstream(at("b.txt")) << "of the same process\n";
+    std::ofstream(at("c.txt")) << three_cycles;
+    std::ofstream(at("d.log")) << "no report";
+    const std::string named[] = {folder};
+    const Report report = read_reports(named);
+    ASSERT_EQ(report.processes.size(), 2u);
+    EXPECT_EQ(report.processes[0].name, "p.12");
+    EXPECT_EQ(report.processes[1].name, at("c.txt"));
+    // Nobody writes into this one.
+    const std::string pipe[] = {at("a.json")};
+    EXPECT_EQ(problems(read_reports(pipe)), pipe[0] + ":0: no report in this file\n");
+    for (const auto &[path, told] : {std::pair{std::string("/dev/zero"), "neither a file nor a pipe"},
+                                     {at("missing"), "No such file or directory"}}) {
+        const std::string paths[] = {path};
+        try {
+            read_reports(paths);
+            FAIL() << path;
+        } catch (const std::runtime_error &error) {
+            EXPECT_EQ(error.what(), path + ": " + told);
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,98 @@
+#include "tools/report/finding.h"
+
+#include "tools/common/counted.h"
+
+#include <unordered_map>
+
+namespace {
+
+Trail trail_of(const DescriptorEvent &event) {
+    return {std::string(event.type).append(" by ").append(event.who).append(" at ").append(event.time),
+            event.trace};
+}
+
+Finding finding_of(const Stop &stop) {
+    const std::string text(stop.text.substr(0, stop.text.find(" trace buffer")));
+    return {.kind = Finding::Kind::stopped,
+            .what = "stopped",
+            .title = text,
+            .trails = {{"released by", stop.trace},
+                       {stop.is_double_free() ? "released before by" : "allocated by", stop.block}},
+            .process = stop.process};
+}
+
+std::string allocation_of(const Site &site) {
+    const std::string type = "(" + std::string(site.type) + ")";
+    if (site.line == 0 && !site.trace.empty())
+        return "allocated " + type + " by";
+    const std::string line = site.line != 0 ? ":" + std::to_string(site.line) : "";
+    return "allocated at " + std::string(site.file) + line + " " + type;
+}
+
+Finding finding_of(const Damage &damage, const Site &site) {
+    const std::string title = std::string(damage.past_end ? "WO" : "WU") + ": a block of " +
+                              counted(damage.size, "byte") + " at " + damage.address_text() +
+                              " was written " + (damage.past_end ? "past its end" : "before its start");
+    return {.kind = Finding::Kind::damaged,
+            .what = damage.past_end ? "written past the end (WO)" : "written before the start (WU)",
+            .title = title,
+            .trails = {{allocation_of(site), site.trace}},
+            .bytes = damage.size,
+            .site = &site};
+}
+
+Finding misuse_of(const Descriptor &descriptor) {
+    const bool standard = descriptor.is_standard() || descriptor.events.size() < 2;
+    const std::string number = std::to_string(descriptor.number);
+    Finding finding = {
+        .kind = Finding::Kind::misused_descriptor,
+        .what = standard ? "standard descriptor opened or closed repeatedly" : "closed twice",
+        .title = standard ? "standard descriptor " + number + " opened or closed repeatedly"
+                          : "descriptor " + number + " closed twice",
+        .trails = {}};
+    for (const DescriptorEvent &event : descriptor.events)
+        finding.trails.push_back(trail_of(event));
+    return finding;
+}
+
+// Those that one stack trace opened go together.
+std::vector<std::vector<const Descriptor *>> left_open(const Process &process) {
+    std::vector<std::vector<const Descriptor *>> groups;
+    std::unordered_map<const void *, size_t> by_trace;
+    for (const Descriptor &descriptor : process.descriptors) {
+        if (!descriptor.is_left_open())
+            continue;
+        const Trace trace = descriptor.events.back().trace;
+        const void *const key = trace.empty() ? nullptr : trace.data();
+        const auto [group, is_new] = by_trace.try_emplace(key, groups.size());
+        if (is_new)
+            groups.emplace_back();
+        groups[group->second].push_back(&descriptor);
+    }
+    return groups;
+}
+
+Finding finding_of(const std::vector<const Descriptor *> &group) {
+    std::string title = group.size() == 1 ? "descriptor left open: " : "descriptors left open: ";
+    for (const Descriptor *descriptor : group)
+        title += (descriptor == group.front() ? "" : ", ") + std::to_string(descriptor->number);
+    return {.kind = Finding::Kind::left_open,
+            .what = "open",
+            .title = title,
+            .trails = {trail_of(group.front()->events.back())},
+            .count = group.size()};
+}
+
+} // namespace
+
+void each_finding(const Report &report, const Process &process, const TakeFinding &take) {
+    for (const Stop &stop : process.stops)
+        take(finding_of(stop));
+    for (const Damage &damage : process.damages)
+        take(finding_of(damage, report.site(damage.site)));
+    for (const Descriptor &descriptor : process.descriptors)
+        if (descriptor.alarm)
+            take(misuse_of(descriptor));
+    for (const auto &group : left_open(process))
+        take(finding_of(group));
+}
