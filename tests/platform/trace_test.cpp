@@ -12,6 +12,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <link.h>
+#include <span>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <ucontext.h>
@@ -144,6 +145,33 @@ TEST_F(Traces, AreExactOnStacksOfAnySize) {
     call_shapes_O3(path);
 }
 
+template <int frames> [[gnu::noinline]] void use_a_page_each() {
+    auto *const page = static_cast<volatile char *>(alloca(4096));
+    page[0] = 0;
+    if constexpr (frames > 0)
+        use_a_page_each<frames - 1>();
+    else
+        compare();
+    page[1] = 0;
+}
+
+// Of a stack that the process makes itself, no more than so many pages are seen.
+TEST_F(Traces, SeeTheWholeStackOfAThread) {
+    constexpr size_t size = 1 << 20;
+    const auto memory = std::make_unique<char[]>(size);
+    for (void *const stack : {static_cast<void *>(nullptr), static_cast<void *>(memory.get())}) {
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        if (stack)
+            pthread_attr_setstack(&attributes, stack, size);
+        pthread_t thread;
+        pthread_create(
+            &thread, &attributes, [](void *given) { return use_a_page_each<40>(), given; }, nullptr);
+        pthread_join(thread, nullptr);
+        pthread_attr_destroy(&attributes);
+    }
+}
+
 // What is remembered of a trace does not outlive a change of one word that it came from.
 [[gnu::noinline, gnu::no_sanitize_address]] void change_a_return_address() {
     compare();
@@ -267,6 +295,9 @@ TEST_F(Traces, EndWhereAContextBegins) {
     munmap(stack, size);
 }
 
+// Memory that is not there (any more), for a damaged stack to lead to.
+std::span<char> gone;
+
 // Overwrites words of the callers' frames, and puts them back before anybody returns to them.
 [[gnu::noinline, gnu::no_sanitize_address]] void trace_on_a_damaged_stack() {
     static std::mt19937 random;
@@ -276,7 +307,9 @@ TEST_F(Traces, EndWhereAContextBegins) {
         kept[i] = stack[i];
     for (size_t damages = 1 + random() % 6; damages; --damages) {
         auto value = uintptr_t(uint64_t(random()) << 32 | random());
-        if (random() % 4)
+        if (!gone.empty() && random() % 2)
+            value = reinterpret_cast<uintptr_t>(&gone[random() % gone.size() & ~size_t{15}]);
+        else if (random() % 4)
             value = reinterpret_cast<uintptr_t>(&stack[random() % 4096]) - random() % 2 * 8192;
         else if (random() % 4)
             value = kept[random() % kept.size()];
@@ -296,6 +329,70 @@ TEST_F(Traces, EndOnDamagedStacks) {
         std::exit(compared != 20000);
     });
     EXPECT_TRUE(end.exited(0)) << end.err;
+    compared = 1;
+}
+
+// A thread's stack without a guard page, two more below it, and what the thread does on the lowest of
+// them, by hand, and on its own.
+class StacksSideBySide {
+public:
+    void run() {
+        memory_ = static_cast<char *>(
+            mmap(nullptr, 3 * size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstack(&attributes, memory_ + 2 * size, size);
+        pthread_t thread;
+        pthread_create(
+            &thread, &attributes,
+            [](void *given) { return static_cast<StacksSideBySide *>(given)->act(), given; }, this);
+        pthread_join(thread, nullptr);
+    }
+
+private:
+    static constexpr size_t size = 1 << 18;
+
+    void *act() {
+        on_lowest(take);
+        lose(memory_ + size, size);
+        on_lowest(trace_on_a_damaged_stack);
+        lose(memory_, 2 * size);
+        trace_often(trace_on_a_damaged_stack);
+        return nullptr;
+    }
+
+    static void lose(char *begin, size_t bytes) {
+        gone = {begin, bytes};
+        mprotect(begin, bytes, PROT_NONE);
+    }
+
+    static void trace_often(void (*trace)()) {
+        auto *const room = static_cast<volatile char *>(alloca(8192)); // for the damage
+        Random random;
+        for (int round = 0; round < 2000; ++round)
+            follow_a_path(random, 2 + int(random() % 12), trace);
+        room[0] = 0;
+    }
+
+    void on_lowest(void (*trace)()) {
+        static void (*now)();
+        now = trace;
+        ucontext_t back, context;
+        getcontext(&context);
+        context.uc_stack.ss_sp = memory_;
+        context.uc_stack.ss_size = size;
+        context.uc_link = &back;
+        makecontext(
+            &context, [] { trace_often(now); }, 0);
+        swapcontext(&back, &context);
+    }
+
+    char *memory_;
+};
+
+TEST_F(Traces, ReadNoStackThatIsGone) {
+    const Ended end = ended([] { StacksSideBySide().run(); });
+    EXPECT_TRUE(end.exited(0)) << end.status << end.err;
     compared = 1;
 }
 
