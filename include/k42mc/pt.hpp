@@ -80,7 +80,7 @@ public:
 
     // Calls f(T &) in ascending (0) or descending order; ends at a result other than 0 and returns it.
     template <class F> int32_t visit(int order, F f) const {
-        return patricia::walk(head(), keys{}, order,
+        return patricia::walk(head(), order,
                               [&](const PTNode *node, unsigned) { return f(link::around(*node)); });
     }
 

@@ -94,7 +94,7 @@ public:
     // Calls visitor(T &) in one of the orders of PXVisit. Where it returns something other than 0 the
     // walk ends, with that result. For an order that there is not the result is 1.
     template <class Visitor> int32_t visit(int order, Visitor visitor) const {
-        return prefix_table::visit(container->root, Elements(), order,
+        return prefix_table::visit(container->root, order,
                                    [&](void *element) { return visitor(*static_cast<T *>(element)); });
     }
 

@@ -39,6 +39,9 @@ inline AVLNode *right_child(const AVLNode *node) {
     return has_thread(node) ? nullptr : node->right;
 }
 
+// That many levels take more than 12 thousand million nodes.
+inline constexpr unsigned most_levels = 48;
+
 // Lifts the left child of the node that a link leads to into its place.
 inline void rotate_right(AVLNode *&link) {
     AVLNode *node = link, *child = node->left;
@@ -213,7 +216,7 @@ private:
         }
     }
 
-    AVLNode **links[48]; // 48 levels take more than 12 thousand million nodes
+    AVLNode **links[most_levels];
     unsigned depth = 0;
 };
 
