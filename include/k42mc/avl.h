@@ -100,8 +100,7 @@ void *AVLLast(const AVLTree *tree);
 void *AVLNext(const AVLTree *tree, const void *element);
 void *AVLPrev(const AVLTree *tree, const void *element);
 
-/* Returns the least element with a key after this one, which need not be in the tree; or null. O(log n).
- */
+/* The least element with a key after this one, which need not be in the tree; or null. O(log n). */
 void *AVLNextByKey(const AVLTree *tree, const void *key);
 
 /*

@@ -1,6 +1,10 @@
 // pt_tree<T, &T::node, &T::key>: the typed front end of the Patricia tree. The key is a member of T
 // without padding, compared by its bytes as they lie in memory, of which a fourth argument names the
 // first bits that count. Keys of up to a word are compared as words.
+//   Requires    Of the bits that count no two keys in the tree have the same, which insert() sees to.
+//   Complexity  O(Bits) for insertion, search, removal and each step; a visit is O(n) where an iterator
+//               descends for each element.
+//   Validity    Walks go on in order, whatever is inserted and removed elsewhere.
 #ifndef K42MC_PT_HPP
 #define K42MC_PT_HPP
 
