@@ -330,6 +330,7 @@ std::span<char> gone;
 
 TEST(DamagedStacks, EndTraces) {
     Random random;
+    compared = 0;
     const Ended end = ended([&] {
         for (int round = 0; round < 5000; ++round)
             follow_a_path(random, 8 + int(random() % 12), trace_on_a_damaged_stack);

@@ -448,7 +448,7 @@ TEST(PXCheck, ComesBackFromAnyDamage) {
                 node->left = any(node->length);
                 break;
             case 1:
-                node->right = node->left;
+                node->right = random() % 2 ? node->left : any(node->length);
                 break;
             case 2:
                 node->left = node->right = random() % 2 ? any(node->length) : nullptr;
