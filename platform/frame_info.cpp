@@ -121,7 +121,8 @@ bool find_frame_table(uintptr_t pc, FrameTable &table) {
     table = {reinterpret_cast<uintptr_t>(found.dlfo_map_start),
              reinterpret_cast<uintptr_t>(found.dlfo_map_end), found.dlfo_link_map,
              reinterpret_cast<uintptr_t>(found.dlfo_eh_frame)};
-    return true;
+    // The loader has it from the module and does not look.
+    return table.address >= table.module_begin && table.address < table.module_end;
 }
 
 bool find_frame_entry(const FrameTable &table, uintptr_t pc, uint32_t &index) {

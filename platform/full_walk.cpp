@@ -13,25 +13,24 @@ class Walk {
 public:
     explicit Walk(const Registers &start) : registers(start), stack(stack_of(start[Registers::sp])) {}
 
-    uintptr_t place() const { return registers[Registers::ra]; }
+    uintptr_t return_address() const { return registers[Registers::ra]; }
 
     // Goes to the caller. Returns false where there is none, or it cannot be told.
     bool step() {
         FrameInfo info;
         FrameRules rules;
-        uintptr_t frame_address;
-        const uintptr_t pc = place() - !was_interrupted;
-        if (!find_frame_info(pc, info) || !rules_at(info, pc, rules) ||
-            !find_address(info, rules, frame_address))
+        uintptr_t cfa;
+        const uintptr_t pc = return_address() - !was_interrupted;
+        if (!find_frame_info(pc, info) || !rules_at(info, pc, rules) || !find_address(info, rules, cfa))
             return false;
         // Callers lie higher, or the stack is damaged; only a signal handler may run on another one.
-        if (frame_address <= registers[Registers::sp] && !info.is_signal_frame)
+        if (cfa <= registers[Registers::sp] && !info.is_signal_frame)
             return false;
         Registers caller = registers;
-        caller[Registers::sp] = frame_address;
+        caller[Registers::sp] = cfa;
         caller[Registers::ra] = 0;
         for (int number = 0; number < Registers::count; ++number)
-            if (!restore(info, rules.registers[number], frame_address, number, caller[number]))
+            if (!restore(info, rules.registers[number], cfa, number, caller[number]))
                 return false;
         // The return address is wherever the entry says; everybody says it is this.
         if (info.return_column != Registers::ra || caller[Registers::ra] == 0)
@@ -60,7 +59,7 @@ private:
         return true;
     }
 
-    bool restore(const FrameInfo &info, const RegisterRule &rule, uintptr_t frame_address, int number,
+    bool restore(const FrameInfo &info, const RegisterRule &rule, uintptr_t cfa, int number,
                  uintptr_t &value) const {
         const uintptr_t offset = static_cast<uintptr_t>(rule.value);
         uintptr_t address;
@@ -70,15 +69,15 @@ private:
         case How::undefined:
             return number != Registers::ra;
         case How::at_offset:
-            return load_checked(frame_address + offset, value);
+            return load_checked(cfa + offset, value);
         case How::is_offset:
-            value = frame_address + offset;
+            value = cfa + offset;
             return true;
         case How::at_expression:
-            return evaluate(info, rule.value, registers, stack, &frame_address, address) &&
+            return evaluate(info, rule.value, registers, stack, &cfa, address) &&
                    load_checked(address, value);
         case How::is_expression:
-            return evaluate(info, rule.value, registers, stack, &frame_address, value);
+            return evaluate(info, rule.value, registers, stack, &cfa, value);
         case How::in_register:
             if (offset >= Registers::count)
                 return false;
@@ -90,17 +89,17 @@ private:
 
     Registers registers;
     Stack stack;
-    bool was_interrupted = true; // the place is an instruction to come, not a return address
+    bool was_interrupted = true; // that is an instruction to come, not a return address
 };
 
 } // namespace
 
-[[gnu::noinline]] void full_walk(TraceBuffer &chain) {
+[[gnu::noinline]] void full_walk(TraceBuffer &trace) {
     Registers start = {};
     capture(start);
     Walk walk(start);
-    while (chain.room() > 0 && walk.step())
-        chain.add(walk.place());
+    while (trace.room() > 0 && walk.step())
+        trace.add(walk.return_address());
 }
 
 } // namespace k42mc::internal::platform

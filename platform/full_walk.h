@@ -6,6 +6,6 @@
 
 namespace k42mc::internal::platform {
 
-void full_walk(TraceBuffer &chain);
+void full_walk(TraceBuffer &trace);
 
 } // namespace k42mc::internal::platform

@@ -1,12 +1,15 @@
-// Where a stack ends is known without asking anybody: the first thread's frames lie below what the
-// program was started with, those of other threads below their control block, which the C library puts
-// at the top of the stack. Whether a stack pointer belongs to that stack is seen from the pages between,
-// all of which can be read then: below each thread's stack lies a page that cannot.
+// The frames of a thread lie below its control block, which the C library puts at the top of the thread's
+// stack; those of the first thread below what the program was started with. Where a thread's stack begins
+// has to be known, too: below a stack without a guard page may lie anything, another stack that the
+// process switches to by hand as well, and that may go away while the thread lives. The system itself
+// keeps other mappings away from the first thread's stack.
+//
+// How much of a stack is in use is seen from its pages, all of which can be read then: whatever the
+// process protects within it is not in use.
 #include "platform/stack.h"
 
 #include "platform/platform.h"
 
-#include <algorithm>
 #include <atomic>
 
 #include <pthread.h>
@@ -29,11 +32,55 @@ constexpr uintptr_t deepest_start = 64u << 20;
 // as a rule, at a system call a page each time, since nobody says when such a stack goes away.
 constexpr uintptr_t foreign_pages = 16;
 
-uintptr_t nearest_top(uintptr_t stack_pointer) {
-    const auto first = reinterpret_cast<uintptr_t>(__libc_stack_end);
-    const auto other = static_cast<uintptr_t>(pthread_self());
-    return std::min(first > stack_pointer ? first : UINTPTR_MAX,
-                    other > stack_pointer ? other : UINTPTR_MAX);
+// ---- What the C library knows ----
+
+// The memory that a thread's stack was given, as its control block has it. The C library tells that to
+// nobody without an allocation, which a signal handler must not make.
+struct Block {
+    uintptr_t begin, size;
+
+    // The control block lies at the end, and nothing behind it but what aligns it. No other two words of
+    // the control block add up to that: small numbers and addresses of its own do, but for the limits.
+    bool ends_behind(uintptr_t control_block) const {
+        constexpr uintptr_t most_behind = 8192;
+        const uintptr_t before = control_block - begin;
+        return begin < control_block && size > before && size - before <= most_behind &&
+               size > most_behind && size < begin;
+    }
+};
+
+// Where that is in a control block, the same for all; 0 until found.
+constinit std::atomic<uintptr_t> gBlockOffset = 0;
+
+uintptr_t find_block_offset(uintptr_t control_block) {
+    const uintptr_t page = page_size();
+    uintptr_t end = (control_block | (page - 1)) + 1;
+    if (readable(reinterpret_cast<const void *>(end), page))
+        end += page;
+    for (uintptr_t at = control_block; at + sizeof(Block) <= end; at += sizeof(uintptr_t))
+        if (reinterpret_cast<const Block *>(at)->ends_behind(control_block))
+            return at - control_block;
+    return 0;
+}
+
+// Of size 0 for the first thread.
+Block own_block(uintptr_t control_block) {
+    uintptr_t offset = gBlockOffset.load(std::memory_order_relaxed);
+    if (offset == 0 && !single_threaded())
+        gBlockOffset.store(offset = find_block_offset(control_block), std::memory_order_relaxed);
+    const Block block = *reinterpret_cast<const Block *>(control_block + offset);
+    return offset != 0 && block.ends_behind(control_block) ? block : Block{0, 0};
+}
+
+// ---- What is known of the thread ----
+
+// Where the thread's stack ends, or 0 if the stack pointer is on another one.
+uintptr_t end_of_own_stack(uintptr_t stack_pointer) {
+    const auto control_block = static_cast<uintptr_t>(pthread_self());
+    const Block block = own_block(control_block);
+    const uintptr_t end =
+        block.size != 0 ? control_block : reinterpret_cast<uintptr_t>(__libc_stack_end);
+    return stack_pointer >= block.begin && stack_pointer < end ? end : 0;
 }
 
 // In an order that shows a signal handler no stack that is larger than what is known.
@@ -48,12 +95,13 @@ void remember(const Stack &stack) {
 } // namespace
 
 Stack find_stack(uintptr_t stack_pointer) {
-    const uintptr_t page = page_size(), low = stack_pointer & -page, top = nearest_top(stack_pointer);
+    const uintptr_t page = page_size(), low = stack_pointer & -page,
+                    end = end_of_own_stack(stack_pointer);
     const Stack own = own_stack;
-    const uintptr_t known = own.high == top && own.low > low ? own.low : top;
-    if ((own.high == 0 || own.high == top) && known - low <= deepest_start &&
+    const uintptr_t known = own.high == end && own.low > low ? own.low : end;
+    if (end != 0 && known - low <= deepest_start &&
         readable(reinterpret_cast<const void *>(low), known - low)) {
-        remember({low, top});
+        remember({low, end});
         return own_stack;
     }
     uintptr_t high = low;

@@ -13,8 +13,8 @@ struct Stack {
     }
 };
 
-// What is known of the calling thread's own stack: nothing at first, and never more than was seen to be
-// readable. It stays mapped as long as the thread lives.
+// What is known of the calling thread's own stack: nothing at first, and never more than the stack was
+// given and was seen to be readable. It stays mapped as long as the thread lives.
 extern constinit thread_local Stack own_stack;
 
 // Finds out, with a system call for each page that is new.

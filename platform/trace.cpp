@@ -15,46 +15,41 @@ namespace {
 
 enum class Outcome { went_on, ended, unusual };
 
-// Where nobody wants to know.
-struct NoNotes {
-    void applied(UnwindRule) {}
-    void ended() {}
-    void used_pointer(const Frame &) {}
-    void depended_on(uintptr_t, uintptr_t) {}
-    void restored_pointer(uintptr_t) {}
-    void returned(uintptr_t, uintptr_t) {}
-};
-
-template <class Notes>
+// Inlined, so that it is compiled for a walk that records and for one that does not.
 [[gnu::always_inline]] inline Outcome step(const Stack &stack, Frame &frame, ModuleCheck &check,
-                                           Notes &notes) {
-    const UnwindRule rule = rule_of(frame.place, check);
-    notes.applied(rule);
+                                           Recorder *recorder) {
+    const UnwindRule rule = rule_of(frame.pc, check);
+    if (recorder)
+        recorder->applied(rule);
     const auto distance = static_cast<uintptr_t>(intptr_t{rule.distance});
-    uintptr_t frame_address, base;
+    uintptr_t cfa, base;
     switch (rule.kind()) {
     case UnwindRule::from_stack_pointer:
-        base = frame_address = frame.stack_pointer + distance;
+        base = cfa = frame.stack_pointer + distance;
         break;
     case UnwindRule::from_frame_pointer:
-        notes.used_pointer(frame);
-        base = frame_address = frame.frame_pointer + distance;
+        if (recorder)
+            recorder->used_pointer(frame);
+        base = cfa = frame.frame_pointer + distance;
         break;
     case UnwindRule::at_frame_pointer:
-        notes.used_pointer(frame);
+        if (recorder)
+            recorder->used_pointer(frame);
         base = frame.frame_pointer;
         if (!stack.holds(base + distance))
             return Outcome::ended;
-        frame_address = load(base + distance);
-        notes.depended_on(base + distance, frame_address);
+        cfa = load(base + distance);
+        if (recorder)
+            recorder->depended_on(base + distance, cfa);
         break;
     case UnwindRule::outermost:
-        notes.ended();
+        if (recorder)
+            recorder->ended();
         return Outcome::ended;
     default:
         return Outcome::unusual;
     }
-    const uintptr_t return_slot = frame_address - sizeof(uintptr_t);
+    const uintptr_t return_slot = cfa - sizeof(uintptr_t);
     if (return_slot < frame.stack_pointer || !stack.holds(return_slot))
         return Outcome::ended;
     if (rule.saves_frame_pointer()) {
@@ -62,63 +57,64 @@ template <class Notes>
         if (!stack.holds(save))
             return Outcome::ended;
         frame.frame_pointer = load(save);
-        notes.restored_pointer(save);
+        if (recorder)
+            recorder->restored_pointer(save);
     }
-    frame.place = load(return_slot);
-    frame.stack_pointer = frame_address;
-    if (frame.place == 0)
+    frame.pc = load(return_slot);
+    frame.stack_pointer = cfa;
+    if (frame.pc == 0)
         return Outcome::ended;
-    notes.returned(return_slot, frame.place);
+    if (recorder)
+        recorder->returned(return_slot, frame.pc);
     return Outcome::went_on;
 }
 
-// A walk in progress: of the frame that it is at, the chain has the place already.
+// A walk in progress: of the frame that it is at, the trace has the pc already.
 struct Walk {
     Walk(void **frames, int most, const Frame &start)
-        : stack(stack_of(start.stack_pointer)), frame(start), chain(frames, most) {
-        chain.add(frame.place);
+        : stack(stack_of(start.stack_pointer)), frame(start), trace(frames, most) {
+        trace.add(frame.pc);
     }
 
     Stack stack;
     Frame frame;
-    TraceBuffer chain;
+    TraceBuffer trace;
 };
 
 [[gnu::noinline, gnu::cold]] int walk_again(void **frames, int most) {
-    TraceBuffer chain(frames, most);
-    full_walk(chain);
-    return most - chain.room();
+    TraceBuffer trace(frames, most);
+    full_walk(trace);
+    return most - trace.room();
 }
 
 [[gnu::noinline]] int walk(void **frames, int most, Frame start) {
     Walk walk(frames, most, start);
     ModuleCheck check;
-    NoNotes none;
     Outcome outcome = Outcome::went_on;
-    while (walk.chain.room() > 0 &&
-           (outcome = step(walk.stack, walk.frame, check, none)) == Outcome::went_on)
-        walk.chain.add(walk.frame.place);
-    return outcome == Outcome::unusual ? walk_again(frames, most) : most - walk.chain.room();
+    while (walk.trace.room() > 0 &&
+           (outcome = step(walk.stack, walk.frame, check, nullptr)) == Outcome::went_on)
+        walk.trace.add(walk.frame.pc);
+    return outcome == Outcome::unusual ? walk_again(frames, most) : most - walk.trace.room();
 }
 
 [[gnu::noinline]] Outcome walk_new_segment(Walk &walk, TraceCache &cache, int most_frames) {
     const Stack stack = walk.stack;
     Frame frame = walk.frame;
-    TraceBuffer chain = walk.chain;
+    TraceBuffer trace = walk.trace;
     ModuleCheck check = cache.check;
-    Recorder recorder(cache.place_for(frame), frame, chain, most_frames);
+    Recorder recorder(cache.place_for(frame), frame, trace, most_frames);
     Outcome outcome = Outcome::went_on;
-    while (recorder.has_room() && (outcome = step(stack, frame, check, recorder)) == Outcome::went_on)
-        chain.add(frame.place);
+    while (recorder.has_room() && (outcome = step(stack, frame, check, &recorder)) == Outcome::went_on)
+        trace.add(frame.pc);
     recorder.complete();
     cache.check = check;
     walk.frame = frame;
-    walk.chain = chain;
+    walk.trace = trace;
     return outcome;
 }
 
 [[gnu::always_inline]] inline Outcome follow(Walk &walk, const CachedSegment &segment) {
-    walk.chain.extend(segment.frames);
+    walk.trace.extend(segment.return_count);
     segment.go(walk.frame);
     return segment.is_last ? Outcome::ended : Outcome::went_on;
 }
@@ -127,19 +123,19 @@ struct Walk {
 [[gnu::noinline]] int walk_and_learn(void **frames, int most, Walk walk, TraceCache &cache) {
     Outcome outcome;
     int most_frames =
-        walk.chain.room() + 1 < most ? CachedSegment::most_frames : CachedSegment::innermost_frames;
+        walk.trace.room() + 1 < most ? CachedSegment::most_frames : CachedSegment::innermost_frames;
     int unknown = 0;
-    const auto goes_on = [&] { return outcome == Outcome::went_on && walk.chain.room() > 0; };
+    const auto goes_on = [&] { return outcome == Outcome::went_on && walk.trace.room() > 0; };
     do {
-        const int room = walk.chain.room();
+        const int room = walk.trace.room();
         outcome = walk_new_segment(walk, cache, most_frames);
-        unknown += room - walk.chain.room();
+        unknown += room - walk.trace.room();
         most_frames = CachedSegment::most_frames;
         const CachedSegment *segment;
-        while (goes_on() && (segment = cache.find(walk.frame, walk.stack.high, walk.chain)))
+        while (goes_on() && (segment = cache.find(walk.frame, walk.stack.high, walk.trace)))
             outcome = follow(walk, *segment);
     } while (goes_on());
-    const int count = most - walk.chain.room();
+    const int count = most - walk.trace.room();
     cache.release(count, unknown);
     return outcome == Outcome::unusual ? walk_again(frames, most) : count;
 }
@@ -158,14 +154,14 @@ int backtrace_skip(void **frames, int most) {
     if (!cache)
         return walk(frames, most, start);
     Walk walk(frames, most, start);
-    while (walk.chain.room() > 0) {
-        const CachedSegment *segment = cache->find(walk.frame, walk.stack.high, walk.chain);
+    while (walk.trace.room() > 0) {
+        const CachedSegment *segment = cache->find(walk.frame, walk.stack.high, walk.trace);
         if (!segment)
             return walk_and_learn(frames, most, walk, *cache);
         if (follow(walk, *segment) == Outcome::ended)
             break;
     }
-    const int count = most - walk.chain.room();
+    const int count = most - walk.trace.room();
     cache->release(count);
     return count;
 }

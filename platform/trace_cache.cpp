@@ -13,10 +13,10 @@ namespace {
 
 // For so many threads at a time; only what is used takes memory. Nobody tells when a thread ends, and
 // the thread's own memory is no place: a library that is loaded late finds little room there.
-constinit TraceCache gMemos[64] = {};
+constinit TraceCache gCaches[64] = {};
 
 // Of threads that came too late: always resting.
-constinit TraceCache gNone = {};
+constinit TraceCache gNoCache = {};
 
 // Learning a frame costs about twice as much as knowing one saves. A cache that does not pay rests, for
 // traces that did not repeat may do so later; finding out costs a fiftieth of the longest rest.
@@ -44,9 +44,9 @@ void TraceCache::claim() {
     const int kept_errno = errno;
     const pid_t process = getpid();
     const uint64_t self = number_of(process, gettid());
-    gNone.state = resting;
-    own = &gNone;
-    for (TraceCache &cache : gMemos) {
+    gNoCache.state = resting;
+    own = &gNoCache;
+    for (TraceCache &cache : gCaches) {
         uint64_t owner = cache.owner.load(std::memory_order_relaxed);
         if ((owner == 0 || is_abandoned(owner, process)) &&
             cache.owner.compare_exchange_strong(owner, self, std::memory_order_acquire)) {
@@ -61,7 +61,7 @@ void TraceCache::claim() {
 TraceCache *TraceCache::take_another_time() {
     if (!own)
         claim();
-    else if (own != &gNone && own->state == resting && --own->rest == 0)
+    else if (own != &gNoCache && own->state == resting && --own->rest == 0)
         own->state = available;
     return nullptr;
 }

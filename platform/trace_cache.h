@@ -1,7 +1,7 @@
 // Traces seen before. A segment remembers what a few steps of a walk read: as long as every slot on the
-// stack holds what it held, and the walk comes to the same place with the same pointers, it would read
-// the same again and come to the same end, by induction. So the slots are compared, none of which
-// waits for another, where the walk has to wait for each before it knows the next.
+// stack holds what it held, and the walk comes to the same pc with the same pointers, it would read the
+// same again and come to the same end, by induction. So the slots are compared, none of which waits for
+// another, where the walk has to wait for each before it knows the next.
 //
 // Segments are short, since calls mostly differ in the innermost frames: the outer ones are found again
 // by what the inner ones lead to. None leads through a signal frame, or through two modules that can be
@@ -20,7 +20,7 @@ namespace k42mc::internal::platform {
 
 // Where a walk stands: the return address into a function, and the two pointers there.
 struct Frame {
-    uintptr_t place;
+    uintptr_t pc;
     uintptr_t stack_pointer, frame_pointer;
 };
 
@@ -34,41 +34,67 @@ template <int most> struct Slots {
     }
 };
 
+// A segment of two steps, on a stack that grows down:
+//
+//       |                     |
+//       +---------------------+ <- the next frame's stack pointer     = start.stack_pointer + length
+//       | return address      |    end_pc, the next frame's pc        returns
+//       | frame pointer       |    the next frame's, just loaded      frame_pointer_distance
+//       | locals              |
+//       +---------------------+
+//       | return address      |    of the function between            returns
+//       | frame pointer       |    where a rule went by it            others
+//       | locals              |
+//       +---------------------+ <- start.stack_pointer                distances count from here
+//
+// The return addresses of the library's own leading frames, which are no part of the trace, are among
+// the others. It holds that:
+//
+// 1. All slots lie between the two stack pointers. So one comparison with the end of the stack says that
+//    all can be read.
+// 2. The slots are all the words that the steps went by: each return address, each frame pointer that a
+//    rule used after it was restored, each address that a rule loaded. The last frame pointer restored
+//    is none, unless a rule used it; the next frame takes it from the stack.
+// 3. With the start's pc and stack pointer, and its frame pointer where needs_frame_pointer says that a
+//    rule used that, the slots decide everything else here.
+// 4. All rules came from modules that stay, and from one that may go, at most: `module`.
+// 5. It leads on: length is above 0, unless nobody called the last frame.
+// 6. A segment that is being recorded, or was given up, starts at pc 0, where no walk comes.
 struct CachedSegment {
     // The innermost calls change the most. A guard keeps five frames, below those of the wrappers; one
     // more segment holds what the checker keeps.
     static constexpr int innermost_frames = 6, most_frames = 12, most_others = 12;
 
     Frame start;
-    uintptr_t end;                   // the place that it leads to
+    uintptr_t end_pc;
     uint16_t module;                 // that has to be in its place, but for those that stay
-    uint32_t length;                 // from the stack pointer at the start to the one at the end
-    uint32_t frame_pointer_distance; // from there to where the one at the end is saved
+    uint32_t length;                 // in bytes
+    uint32_t frame_pointer_distance; // to where the next frame's is saved
     bool starts_inside;              // the library's own leading frames go on
-    bool needs_frame_pointer;        // a rule used the one at the start
-    bool moves_frame_pointer;        // the one at the end is another
-    bool is_last;                    // nobody called the last frame
-    uint8_t frames;                  // that belong to the trace
-    uint8_t others;
+    bool needs_frame_pointer;
+    bool moves_frame_pointer; // the next frame's is another
+    bool is_last;             // nobody called the last frame
+    uint8_t return_count;     // of frames that belong to the trace
+    uint8_t other_count;
 
-    Slots<most_frames> returns; // the return addresses of those frames
-    Slots<most_others> other;   // of the library's own, and frame pointers where a rule used them
+    Slots<most_frames> returns;
+    Slots<most_others> others;
 
-    bool starts_at(const Frame &frame, const TraceBuffer &chain) const {
-        return start.place == frame.place && start.stack_pointer == frame.stack_pointer &&
+    bool starts_at(const Frame &frame, const TraceBuffer &trace) const {
+        return start.pc == frame.pc && start.stack_pointer == frame.stack_pointer &&
                (!needs_frame_pointer || start.frame_pointer == frame.frame_pointer) &&
-               starts_inside == chain.is_inside() && frames <= chain.room();
+               starts_inside == trace.is_inside() && return_count <= trace.room();
     }
 
-    // Whether the walk from there would go this way again. Puts the trace behind the chain all the same.
+    // Whether the walk from there would go this way again. Puts the trace behind the trace all the same.
     [[gnu::always_inline]] bool holds(uintptr_t stack_pointer, uintptr_t stack_end,
                                       void **behind) const {
         if (length > stack_end - stack_pointer)
             return false;
-        for (int i = 0; i < others; ++i)
-            if (!other.holds(i, stack_pointer))
+        for (int i = 0; i < other_count; ++i)
+            if (!others.holds(i, stack_pointer))
                 return false;
-        for (int i = 0; i < frames; ++i) {
+        for (int i = 0; i < return_count; ++i) {
             if (!returns.holds(i, stack_pointer))
                 return false;
             behind[i] = reinterpret_cast<void *>(returns.values[i]);
@@ -80,17 +106,17 @@ struct CachedSegment {
         if (moves_frame_pointer)
             frame.frame_pointer = load(frame.stack_pointer + frame_pointer_distance);
         frame.stack_pointer += length;
-        frame.place = end;
+        frame.pc = end_pc;
     }
 };
 
-// Notes down what a walk reads, for a segment.
+// Notes down what a walk reads, for a segment; the invariants are those of CachedSegment.
 class Recorder {
 public:
-    // The segment is none, which starts nowhere, until it is complete.
-    Recorder(CachedSegment &result, const Frame &its_start, const TraceBuffer &chain, int most)
-        : segment(result), start(its_start), room(chain.room()), steps_left(most),
-          inside(chain.is_inside()), end(start.stack_pointer) {
+    // The segment is none until it is complete (6).
+    Recorder(CachedSegment &result, const Frame &its_start, const TraceBuffer &trace, int most)
+        : segment(result), start(its_start), room(trace.room()), steps_left(most),
+          inside(trace.is_inside()), end(start.stack_pointer) {
         segment.start = {};
         segment.starts_inside = inside;
         segment.needs_frame_pointer = segment.is_last = false;
@@ -111,6 +137,7 @@ public:
     }
     void ended() { segment.is_last = true; }
 
+    // (2, 3)
     void used_pointer(const Frame &frame) {
         if (pointer_saved_at == 0)
             segment.needs_frame_pointer = true;
@@ -120,7 +147,7 @@ public:
 
     void depended_on(uintptr_t address, uintptr_t value) {
         mind(address);
-        note(segment.other, others, address, value);
+        note(segment.others, others, address, value);
     }
 
     void restored_pointer(uintptr_t address) {
@@ -129,17 +156,18 @@ public:
         pointer_is_noted = false;
     }
 
-    void returned(uintptr_t address, uintptr_t place) {
-        inside = inside && TraceBuffer::is_own(place);
+    void returned(uintptr_t address, uintptr_t pc) {
+        inside = inside && TraceBuffer::is_own(pc);
         if (inside)
-            note(segment.other, others, address, place);
+            note(segment.others, others, address, pc);
         else
-            note(segment.returns, frames, address, place);
-        segment.end = place;
+            note(segment.returns, frames, address, pc);
+        segment.end_pc = pc;
         end = address + sizeof(uintptr_t);
         --steps_left;
     }
 
+    // Makes a segment of it, if that would be sound (4, 5, 1).
     void complete() {
         if (!is_sound || (end == start.stack_pointer && !segment.is_last) ||
             lowest < start.stack_pointer || highest + sizeof(uintptr_t) > end ||
@@ -149,8 +177,8 @@ public:
         segment.length = distance(end);
         segment.moves_frame_pointer = pointer_saved_at != 0;
         segment.frame_pointer_distance = distance(pointer_saved_at);
-        segment.frames = static_cast<uint8_t>(frames);
-        segment.others = static_cast<uint8_t>(others);
+        segment.return_count = static_cast<uint8_t>(frames);
+        segment.other_count = static_cast<uint8_t>(others);
         segment.start = start;
     }
 
@@ -209,12 +237,12 @@ public:
     // After one of which so many frames were unknown.
     void release(int frames, int unknown);
 
-    // The segment by which the walk would go on from there, whose trace is behind the chain then.
+    // The segment by which the walk would go on from there, whose trace is behind the trace then.
     [[gnu::always_inline]] const CachedSegment *find(const Frame &frame, uintptr_t stack_end,
-                                                     const TraceBuffer &chain) {
+                                                     const TraceBuffer &trace) {
         for (const CachedSegment &segment : segments[set_of(frame)])
-            if (segment.starts_at(frame, chain) && check.passes(segment.module) &&
-                segment.holds(frame.stack_pointer, stack_end, chain.behind()))
+            if (segment.starts_at(frame, trace) && check.passes(segment.module) &&
+                segment.holds(frame.stack_pointer, stack_end, trace.behind()))
                 return &segment;
         return nullptr;
     }
@@ -235,8 +263,7 @@ private:
     static constexpr uint32_t set_bits = 7, sets = 1u << set_bits, ways = 4;
 
     static uint32_t set_of(const Frame &frame) {
-        const auto mixed =
-            static_cast<uint32_t>(frame.place) + static_cast<uint32_t>(frame.stack_pointer);
+        const auto mixed = static_cast<uint32_t>(frame.pc) + static_cast<uint32_t>(frame.stack_pointer);
         return mixed * 0x9e3779b1u >> (32 - set_bits);
     }
 

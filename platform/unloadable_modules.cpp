@@ -21,13 +21,13 @@ struct Identity {
     uint8_t bytes[most];
 };
 
-struct PassingModule {
+struct UnloadableModule {
     std::atomic<bool> is_known;
     Identity identity;
 };
 
 constexpr uint32_t most_modules = 256;
-constinit PassingModule gModules[most_modules] = {};
+constinit UnloadableModule gModules[most_modules] = {};
 constinit std::atomic<uint32_t> gClaimed = 0;
 
 // A note with the build's identity, within the notes that lie there.
@@ -82,7 +82,7 @@ bool is_there(const Identity &identity, const FrameTable &now) {
 
 } // namespace
 
-uint16_t number_passing_module(const FrameTable &table) {
+uint16_t number_unloadable_module(const FrameTable &table) {
     const uint32_t claimed = gClaimed.load(std::memory_order_relaxed);
     for (uint32_t i = 0; i < claimed && i < most_modules; ++i)
         if (gModules[i].is_known.load(std::memory_order_acquire) &&

@@ -12,7 +12,7 @@ namespace k42mc::internal::platform {
 // it has no identity or there are too many.
 inline constexpr uint16_t staying_module = 0, unknown_module = UINT16_MAX;
 
-uint16_t number_passing_module(const FrameTable &table);
+uint16_t number_unloadable_module(const FrameTable &table);
 
 // Whether the module of a number is in its place: looked up once for a trace, which keeps the modules
 // that it leads through loaded.

@@ -101,7 +101,7 @@ UnwindRule learn_rule(uintptr_t called_from) {
     FrameRules rules;
     if (read_frame_info(table, index, call, info) && rules_at(info, call, rules))
         rule = shorten(info, rules);
-    rule.module = is_startup_module(table.module) ? staying_module : number_passing_module(table);
+    rule.module = is_startup_module(table.module) ? staying_module : number_unloadable_module(table);
     if (rule.module != unknown_module)
         keep(called_from, rule);
     return rule;

@@ -11,7 +11,7 @@
 
 namespace k42mc::internal::platform {
 
-// The frame address, as everywhere here, is the caller's stack pointer.
+// The frame address (CFA), as everywhere here, is the caller's stack pointer.
 struct UnwindRule {
     enum Kind : uint32_t {
         none,

@@ -1,5 +1,9 @@
 // avl_tree<T, &T::node, &T::key>: the typed front end of the AVL tree. A fourth argument orders keys by
 // something other than <=>: Compare{}(key, key) gives a result like that.
+//   Requires    Compare is a weak order; it finds no two keys in the tree equal, which insert() sees to.
+//   Complexity  O(log n) for insertion, search, removal, first(), last(), prev() and next_by_key();
+//               next() is O(log n) at most, O(1) on average, and compares nothing.
+//   Validity    Walks go on in order, whatever is inserted and removed elsewhere.
 #ifndef K42MC_AVL_HPP
 #define K42MC_AVL_HPP
 

@@ -1,4 +1,11 @@
-// bh_heap<T, &T::node, &T::key>: the typed front end of the binary heap.
+// bh_heap<T, &T::node, &T::key>: the typed front end of the binary heap. A fourth argument orders keys by
+// something other than <=>: Compare{}(key, key) gives what compares with 0, an ordering or a number.
+//   Requires    Compare is a weak order. A key may change if change() follows ahead of all else.
+//   Complexity  insert(), remove(), remove_root() and change() are O(log n), beside the growth of the
+//               array, O(1) a step on average; first() and next() are O(1).
+//   Validity    All but change() of an element that orders where it did may shift others from slot to
+//               slot: an iterator stays at its element, but what lies ahead of it is no longer what a
+//               walk has not seen.
 #ifndef K42MC_BH_HPP
 #define K42MC_BH_HPP
 
@@ -16,7 +23,6 @@ struct bh_hooks {
     DSDestroyHook destroy = DS_DUMMY; // null: elements are released to the checked allocator
 };
 
-// Compare gives what compares with 0: a std::..._ordering, or a number.
 template <class T, BHNode T::*Node, auto Key, class Compare = std::compare_three_way> class bh_view {
     using node = member<Node>;
     using key = member<Key>;

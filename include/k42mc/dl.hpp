@@ -1,4 +1,8 @@
 // dl_list<T, &T::link>: the typed front end of the doubly-linked list.
+//   Requires    Lists are joined with others than themselves, of the same members.
+//   Complexity  O(1), but for reverse() and clear(): O(n).
+//   Validity    Joining leaves the source empty; its elements are then good for the list that took them,
+//               and so are iterators at them, but for --, from the end, which asks the source.
 #ifndef K42MC_DL_HPP
 #define K42MC_DL_HPP
 

@@ -2,14 +2,27 @@
 //
 // For each family there are two class templates over the element type and its members:
 //   xx_view                 refers to a container, as a pointer does: one word, copied freely. It works
-//   on
-//                           every container of its family with the members' offsets, whoever created it.
+//                           on every container of its family with the members' offsets, whoever
+//                           created it.
 //   xx_list, xx_tree, ...   the same, and the owner: it creates and destroys the container.
+//
 // Elements are the caller's, and a container does not make them const: like a span, it gives T & even
 // where it is const itself.
 //
 // What needs no access to elements goes to the C functions: creation, destruction, printouts. The rest
 // is the same algorithm as theirs, compiled for the members: no offsets, casts or hooks.
+//
+// What holds for all families, beside what ds.h says; each front end adds its own:
+//   Requires    An element to insert is not in the container, nor in another one by the same member; any
+//               other element that a function is given is in the container. Keys do not change while
+//               their elements are in there. Comparisons and hashes do not throw; functions that are
+//               called for each element may, but leave the container as it is. A view that was made of null, or of which the container is
+//               destroyed, may be assigned to and destroyed, no more.
+//   Complexity  Of the C function that does the same, where nothing else is said. empty(), size() and
+//               any() are O(1), clear() and visit() O(n), a walk by iterators O(n), too.
+//   Validity    Elements stay where they are, and so do pointers to them. An iterator is good for as
+//               long as its element is in the container, whatever is inserted, removed or moved from
+//               owner to owner meanwhile; the end is always good.
 #ifndef K42MC_FRONT_END_HPP
 #define K42MC_FRONT_END_HPP
 

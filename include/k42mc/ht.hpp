@@ -1,4 +1,10 @@
 // ht_table<T, &T::link, &T::key>: the typed front end of the hash table.
+//   Requires    Keys that are equal have equal hashes.
+//   Complexity  O(1) on average for insert(), insert_unique(), search(), remove() and remove_key(), of
+//               which an insertion changes the number of buckets now and then, in O(n). next() is O(1)
+//               on average while there are about as many elements as buckets.
+//   Validity    An insertion may bring another order: an iterator stays at its element, but what lies
+//               ahead of it is no longer what a walk has not seen. A removal keeps the order.
 #ifndef K42MC_HT_HPP
 #define K42MC_HT_HPP
 

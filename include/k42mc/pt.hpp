@@ -1,6 +1,10 @@
 // pt_tree<T, &T::node, &T::key>: the typed front end of the Patricia tree. The key is a member of T
 // without padding, compared by its bytes as they lie in memory, of which a fourth argument names the
 // first bits that count. Keys of up to a word are compared as words.
+//   Requires    Of the bits that count no two keys in the tree have the same, which insert() sees to.
+//   Complexity  O(Bits) for insertion, search, removal and each step; a visit is O(n) where an iterator
+//               descends for each element.
+//   Validity    Walks go on in order, whatever is inserted and removed elsewhere.
 #ifndef K42MC_PT_HPP
 #define K42MC_PT_HPP
 
@@ -80,7 +84,7 @@ public:
 
     // Calls f(T &) in ascending (0) or descending order; ends at a result other than 0 and returns it.
     template <class F> int32_t visit(int order, F f) const {
-        return patricia::walk(head(), keys{}, order,
+        return patricia::walk(head(), order,
                               [&](const PTNode *node, unsigned) { return f(link::around(*node)); });
     }
 

@@ -1,6 +1,13 @@
 // px_table<T, &T::chain, &T::key, &T::length>: the typed front end of the prefix table. The chain member
 // is a void * or a T *. The key is of any type whose bytes are all its value; they are the key's bits,
 // first byte first. Lengths are in bits.
+//   Requires    An element's length is no more than its key has bits, and its chain member is null when
+//               it is inserted, or leads to others of the same prefix.
+//   Complexity  O(length) for insertion, search, removal and each step, any() among them; remove() and
+//               the insertion of a chain follow the chain, too. A visit is O(n) where an iterator descends for each prefix.
+//   Validity    Walks go on in table order, whatever is inserted and removed elsewhere. An iterator is at
+//               the first element of a prefix; it stays good when others come to stand before it, but a
+//               walk from begin() meets those.
 #ifndef K42MC_PX_HPP
 #define K42MC_PX_HPP
 
@@ -94,7 +101,7 @@ public:
     // Calls visitor(T &) in one of the orders of PXVisit. Where it returns something other than 0 the
     // walk ends, with that result. For an order that there is not the result is 1.
     template <class Visitor> int32_t visit(int order, Visitor visitor) const {
-        return prefix_table::visit(container->root, Elements(), order,
+        return prefix_table::visit(container->root, order,
                                    [&](void *element) { return visitor(*static_cast<T *>(element)); });
     }
 

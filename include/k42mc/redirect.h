@@ -21,14 +21,18 @@
  *
  * What the preprocessor cannot do: where a name is followed by a parenthesis and is no call of libc's
  * function (a struct member or a class's method called like one, a declaration or definition of a
- * function of the name), the macro is in the way. Compile that source with -DK42MC_NO_REDIRECT_<name> no
- * macro for this name, or -DK42MC_REDIRECT_NAMES_ONLY     no macros at all; calls then reach the guarded
- * functions all the same, without file and line. `#undef` does that as well, from its line on.
+ * function of the name), the macro is in the way. Compile that source with
+ *   -DK42MC_NO_REDIRECT_<name>      no macro for this name, or
+ *   -DK42MC_REDIRECT_NAMES_ONLY     no macros at all;
+ * calls then reach the guarded functions all the same, without file and line. `#undef` does that as well,
+ * from its line on.
  *
  * Memory from libraries that were compiled without these flags, or from functions of libc not named
  * above (scandir, backtrace_symbols, scanf's "%m"), is not guarded: release it with K42MC_RAW_FREE(p),
- * which is plain free in a build without this file if you say so: #ifndef K42MC_RAW_FREE #define
- * K42MC_RAW_FREE(ptr) free(ptr) #endif
+ * which is plain free in a build without this file if you say so:
+ *   #ifndef K42MC_RAW_FREE
+ *   #define K42MC_RAW_FREE(ptr) free(ptr)
+ *   #endif
  *
  * _FORTIFY_SOURCE is switched off: its variants of the functions would bypass the guards.
  */

@@ -1,4 +1,8 @@
 // sl_list<T, &T::link>: the typed front end of the singly-linked list.
+//   Requires    Lists are joined with others than themselves, of the same members.
+//   Complexity  O(1), but for reverse() and clear(): O(n).
+//   Validity    Joining leaves the source empty; its elements, and iterators at them, are then good for
+//               the list that took them. Iterators go forward only.
 #ifndef K42MC_SL_HPP
 #define K42MC_SL_HPP
 

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <link.h>
+#include <span>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <ucontext.h>
@@ -34,6 +35,7 @@ struct Trace {
 };
 Trace ours, theirs;
 std::atomic<int> compared, different, longest;
+volatile std::sig_atomic_t in_trace;
 
 _Unwind_Reason_Code add_frame(_Unwind_Context *context, void *) {
     int interrupted = 0;
@@ -49,7 +51,9 @@ _Unwind_Reason_Code add_frame(_Unwind_Context *context, void *) {
     constexpr int lengths[] = {most, 5, 16};
     const int wanted = lengths[compared % std::size(lengths)];
     theirs.count = 0;
+    in_trace = true;
     ours.count = shim_trace(ours.frames.data(), wanted);
+    in_trace = false;
     _Unwind_Backtrace(add_frame, nullptr);
     ++compared;
     longest = std::max<int>(longest, ours.count);
@@ -144,6 +148,33 @@ TEST_F(Traces, AreExactOnStacksOfAnySize) {
     call_shapes_O3(path);
 }
 
+template <int frames> [[gnu::noinline]] void use_a_page_each() {
+    auto *const page = static_cast<volatile char *>(alloca(4096));
+    page[0] = 0;
+    if constexpr (frames > 0)
+        use_a_page_each<frames - 1>();
+    else
+        compare();
+    page[1] = 0;
+}
+
+// Of a stack that the process makes itself, no more than so many pages are seen.
+TEST_F(Traces, SeeTheWholeStackOfAThread) {
+    constexpr size_t size = 1 << 20;
+    const auto memory = std::make_unique<char[]>(size);
+    for (void *const stack : {static_cast<void *>(nullptr), static_cast<void *>(memory.get())}) {
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        if (stack)
+            pthread_attr_setstack(&attributes, stack, size);
+        pthread_t thread;
+        pthread_create(
+            &thread, &attributes, [](void *given) { return use_a_page_each<40>(), given; }, nullptr);
+        pthread_join(thread, nullptr);
+        pthread_attr_destroy(&attributes);
+    }
+}
+
 // What is remembered of a trace does not outlive a change of one word that it came from.
 [[gnu::noinline, gnu::no_sanitize_address]] void change_a_return_address() {
     compare();
@@ -236,13 +267,16 @@ TEST_F(Traces, LeaveAnAlternateStack) {
 
 // A trace that interrupts a trace disturbs neither.
 TEST_F(Traces, MayInterruptTraces) {
+    static std::atomic<int> interrupted;
+    interrupted = 0;
     interrupt_with(
         [](int) {
             void *frames[most];
             shim_trace(frames, most);
+            interrupted += in_trace;
         },
         0);
-    for (int round = 0; round < 3000; ++round)
+    while (interrupted < 100 && different == 0)
         follow_a_path(random, int(random() % 12));
     interrupt_no_more();
 }
@@ -267,6 +301,9 @@ TEST_F(Traces, EndWhereAContextBegins) {
     munmap(stack, size);
 }
 
+// Memory that is not there (any more), for a damaged stack to lead to.
+std::span<char> gone;
+
 // Overwrites words of the callers' frames, and puts them back before anybody returns to them.
 [[gnu::noinline, gnu::no_sanitize_address]] void trace_on_a_damaged_stack() {
     static std::mt19937 random;
@@ -276,7 +313,9 @@ TEST_F(Traces, EndWhereAContextBegins) {
         kept[i] = stack[i];
     for (size_t damages = 1 + random() % 6; damages; --damages) {
         auto value = uintptr_t(uint64_t(random()) << 32 | random());
-        if (random() % 4)
+        if (!gone.empty() && random() % 2)
+            value = reinterpret_cast<uintptr_t>(&gone[random() % gone.size() & ~size_t{15}]);
+        else if (random() % 4)
             value = reinterpret_cast<uintptr_t>(&stack[random() % 4096]) - random() % 2 * 8192;
         else if (random() % 4)
             value = kept[random() % kept.size()];
@@ -289,14 +328,78 @@ TEST_F(Traces, EndWhereAContextBegins) {
     compared += count > 0;
 }
 
-TEST_F(Traces, EndOnDamagedStacks) {
+TEST(DamagedStacks, EndTraces) {
+    Random random;
+    compared = 0;
     const Ended end = ended([&] {
         for (int round = 0; round < 5000; ++round)
             follow_a_path(random, 8 + int(random() % 12), trace_on_a_damaged_stack);
         std::exit(compared != 20000);
     });
     EXPECT_TRUE(end.exited(0)) << end.err;
-    compared = 1;
+}
+
+// A thread's stack without a guard page, two more below it, and what the thread does on the lowest of
+// them, by hand, and on its own.
+class StacksSideBySide {
+public:
+    void run() {
+        memory_ = static_cast<char *>(
+            mmap(nullptr, 3 * size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstack(&attributes, memory_ + 2 * size, size);
+        pthread_t thread;
+        pthread_create(
+            &thread, &attributes,
+            [](void *given) { return static_cast<StacksSideBySide *>(given)->act(), given; }, this);
+        pthread_join(thread, nullptr);
+    }
+
+private:
+    static constexpr size_t size = 1 << 18;
+
+    void *act() {
+        on_lowest(take);
+        lose(memory_ + size, size);
+        on_lowest(trace_on_a_damaged_stack);
+        lose(memory_, 2 * size);
+        trace_often(trace_on_a_damaged_stack);
+        return nullptr;
+    }
+
+    static void lose(char *begin, size_t bytes) {
+        gone = {begin, bytes};
+        mprotect(begin, bytes, PROT_NONE);
+    }
+
+    static void trace_often(void (*trace)()) {
+        auto *const room = static_cast<volatile char *>(alloca(8192)); // for the damage
+        Random random;
+        for (int round = 0; round < 2000; ++round)
+            follow_a_path(random, 2 + int(random() % 12), trace);
+        room[0] = 0;
+    }
+
+    void on_lowest(void (*trace)()) {
+        static void (*now)();
+        now = trace;
+        ucontext_t back, context;
+        getcontext(&context);
+        context.uc_stack.ss_sp = memory_;
+        context.uc_stack.ss_size = size;
+        context.uc_link = &back;
+        makecontext(
+            &context, [] { trace_often(now); }, 0);
+        swapcontext(&back, &context);
+    }
+
+    char *memory_;
+};
+
+TEST(DamagedStacks, LeadToNoStackThatIsGone) {
+    const Ended end = ended([] { StacksSideBySide().run(); });
+    EXPECT_TRUE(end.exited(0)) << end.status << end.err;
 }
 
 TEST_F(Traces, AreTakenInAThreadsLastMoments) {
@@ -310,18 +413,18 @@ TEST_F(Traces, AreTakenInAThreadsLastMoments) {
     pthread_key_delete(key);
 }
 
-TEST_F(Traces, RepeatInAnyNumberOfThreads) {
+TEST(TracesOfThreads, RepeatInAnyNumber) {
     constexpr int threads = 100; // at a time, twice
     static pthread_barrier_t all_there;
-    static std::atomic<int> failed;
+    static std::atomic<int> repeated, failed;
     pthread_barrier_init(&all_there, nullptr, threads);
-    failed = 0;
     const auto repeat = [](void *) -> void * {
         pthread_barrier_wait(&all_there);
         call_plainly(8, [] {
             void *first[most], *next[most];
             for (int i = 0; i < 100; ++i) {
                 const int count = shim_trace(i ? next : first, most);
+                ++repeated;
                 failed += count < 10 || (i && !std::equal(first + 1, first + count, next + 1));
             }
         });
@@ -335,7 +438,7 @@ TEST_F(Traces, RepeatInAnyNumberOfThreads) {
             pthread_join(id, nullptr);
     }
     EXPECT_EQ(failed, 0);
-    compared = 1;
+    EXPECT_EQ(repeated, 2 * threads * 100);
 }
 
 // ---- Code that comes and goes ----

@@ -39,7 +39,19 @@ inline AVLNode *right_child(const AVLNode *node) {
     return has_thread(node) ? nullptr : node->right;
 }
 
-// Lifts the left child of the node that a link leads to into its place.
+// That many levels take more than 12 thousand million nodes.
+inline constexpr unsigned most_levels = 48;
+
+/*
+ * Lifts the left child of the node that a link leads to into its place. Where the child has nothing on
+ * its right, the thread from there led to the node.
+ *
+ *          node            child
+ *         /    \          /     \
+ *     child     c   ->   a      node
+ *     /   \                     /  \
+ *    a     b                   b    c
+ */
 inline void rotate_right(AVLNode *&link) {
     AVLNode *node = link, *child = node->left;
     if (has_thread(child)) {
@@ -52,6 +64,15 @@ inline void rotate_right(AVLNode *&link) {
     link = child;
 }
 
+/*
+ * The mirror image. Where the child has nothing on its left, the node gets a thread to it.
+ *
+ *      node                   child
+ *     /    \                 /     \
+ *    a     child    ->     node     c
+ *          /   \           /  \
+ *         b     c         a    b
+ */
 inline void rotate_left(AVLNode *&link) {
     AVLNode *node = link, *child = node->right;
     if (child->left)
@@ -66,9 +87,28 @@ inline void rotate_to(uint8_t side, AVLNode *&link) {
     side == left_side ? rotate_left(link) : rotate_right(link);
 }
 
-// Rebalances the subtree that a link leads to, whose one side is two levels taller than the other.
-// Returns whether it became a level lower: only a removal finds a balanced child on the tall side, with
-// which it does not.
+/*
+ * Rebalances the subtree that a link leads to, whose one side is two levels taller than the other.
+ * Returns whether it became a level lower than it was with that side.
+ *
+ * The child on the tall side tilts there, too, or not at all: one rotation lifts it.
+ *
+ *            node                child               a is h + 1 levels high, c is h. Where b is h as
+ *           /    \              /     \              well, the subtree is a level lower now, and node
+ *       child     c     ->     a      node           and child are balanced. Where b is h + 1, which
+ *       /   \                         /  \           only a removal leads to, it is as high as
+ *      a     b                       b    c          before, and the two tilt toward each other.
+ *
+ * The child tilts to the low side: what is between node and child is lifted above both.
+ *
+ *            node                 middle             a and d are h levels high, and one of b and c is,
+ *           /    \              /        \           or both are; the other is h - 1. The subtree is
+ *       child     d   ->    child         node       a level lower now, and middle is balanced. Above
+ *       /   \               /   \         /  \       the lower of b and c stands a node that tilts to
+ *      a    middle         a     b       c    d      the side where that is not.
+ *           /   \
+ *          b     c
+ */
 inline bool rebalance(AVLNode *&link, uint8_t tall) {
     const uint8_t low = opposite(tall);
     AVLNode *node = link;
@@ -77,9 +117,10 @@ inline bool rebalance(AVLNode *&link, uint8_t tall) {
     if (child->state & low) {
         rotate_to(tall, to_child);
         rotate_to(low, link);
-        set_tilt(node, link->state & tall ? low : AVL_BALANCED);
-        set_tilt(child, link->state & low ? tall : AVL_BALANCED);
-        set_tilt(link, AVL_BALANCED);
+        AVLNode *middle = link;
+        set_tilt(node, middle->state & tall ? low : AVL_BALANCED);
+        set_tilt(child, middle->state & low ? tall : AVL_BALANCED);
+        set_tilt(middle, AVL_BALANCED);
         return true;
     }
     const bool lower = child->state & tall;
@@ -213,7 +254,7 @@ private:
         }
     }
 
-    AVLNode **links[48]; // 48 levels take more than 12 thousand million nodes
+    AVLNode **links[most_levels];
     unsigned depth = 0;
 };
 

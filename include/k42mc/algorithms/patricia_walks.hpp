@@ -106,18 +106,18 @@ template <class Keys, class Key> PTNode *next_by_key(PTNode *head, const Keys &k
 // Calls visit(node, depth) for every node in ascending (order 0) or descending order, at the link that
 // leads up to it; the depth is that of the node that holds the link, the root's 0. Ends at a result
 // other than 0 and returns it.
-template <class Keys, class Visit> int32_t walk(PTNode *head, const Keys &keys, int order, Visit visit) {
+template <class Visit> int32_t walk(PTNode *head, int order, Visit visit) {
     if (is_empty(head))
         return 0;
     const Side one = order ? &PTNode::right : &PTNode::left;
     const Side other = order ? &PTNode::left : &PTNode::right;
-    path<PTNode> above;
     PTNode *node = head->left;
+    path<PTNode> above(node, one, other);
     Side side = one;
     for (;;) {
         PTNode *next = node->*side;
         if (leads_down(node, next)) {
-            above.push(node);
+            above.push(node, side);
             node = next;
             side = one;
             continue;
@@ -126,14 +126,9 @@ template <class Keys, class Visit> int32_t walk(PTNode *head, const Keys &keys, 
             if (const int32_t result = visit(next, above.depth()))
                 return result;
         while (side == other) {
-            const PTNode *done = node;
-            node = above.pop([&](auto push) {
-                for (PTNode *at = head->left; at != done; at = toward(at, keys(done)))
-                    push(at);
-            });
+            node = above.pop(side);
             if (!node)
                 return 0;
-            side = node->*one == done ? one : other;
         }
         side = other;
     }

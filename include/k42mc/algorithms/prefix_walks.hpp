@@ -36,26 +36,24 @@ template <Side From, Side To, class Key> PXNode *step(PXNode *node, Key key, int
 // Where a walk over all nodes can act: before, between and after the two sides of a node.
 enum class When { enter, between, leave };
 
-// Walks all nodes, the First side of each before the Second. act(when, node, depth) is called three
-// times for each; a result other than 0 ends the walk and is returned. The root has depth 0.
-template <Side First, Side Second, class Elements, class Act>
-int32_t walk(PXNode *root, const Elements &elements, Act act) {
-    path<PXNode> up;
+// Walks all nodes, the First side of each before the Second, but for subtrees that enters(root) says no
+// to. act(when, node, depth) is called three times for each node; a result other than 0 ends the walk and
+// is returned. The root has depth 0.
+template <Side First, Side Second, class Act, class Enters>
+int32_t walk(PXNode *root, Act act, Enters enters) {
+    path<PXNode> up(root, First, Second);
     PXNode *node = root;
     When now = When::enter;
     while (node) {
         if (const int32_t result = act(now, node, up.depth()))
             return result;
+        const Side side = now == When::enter ? First : Second;
         if (now == When::leave) {
-            PXNode *done = node;
-            node = up.pop([&](auto push) {
-                const auto key = elements.key(element_of(done));
-                for (PXNode *above = root; above != done; above = toward(above, key))
-                    push(above);
-            });
-            now = node && node->*First == done ? When::between : When::leave;
-        } else if (PXNode *below = now == When::enter ? node->*First : node->*Second) {
-            up.push(node);
+            Side taken = First;
+            node = up.pop(taken);
+            now = taken == First ? When::between : When::leave;
+        } else if (PXNode *below = node->*side; below && enters(below)) {
+            up.push(node, side);
             node = below;
             now = When::enter;
         } else {
@@ -65,9 +63,12 @@ int32_t walk(PXNode *root, const Elements &elements, Act act) {
     return 0;
 }
 
+template <Side First, Side Second, class Act> int32_t walk(PXNode *root, Act act) {
+    return walk<First, Second>(root, act, [](const PXNode *) { return true; });
+}
+
 // Calls act with the first element of each prefix, in one of the orders of PXVisit.
-template <class Elements, class Act>
-int32_t visit(PXNode *root, const Elements &elements, int order, Act act) {
+template <class Act> int32_t visit(PXNode *root, int order, Act act) {
     constexpr When moments[] = {When::between, When::between, When::enter, When::leave};
     if (!root)
         return 0;
@@ -76,8 +77,8 @@ int32_t visit(PXNode *root, const Elements &elements, int order, Act act) {
     const auto act_at = [&, moment = moments[order]](When now, PXNode *node, unsigned) -> int32_t {
         return now == moment && node->element ? act(node->element) : 0;
     };
-    return order == PX_REVERSE_IN_ORDER ? walk<&PXNode::right, &PXNode::left>(root, elements, act_at)
-                                        : walk<&PXNode::left, &PXNode::right>(root, elements, act_at);
+    return order == PX_REVERSE_IN_ORDER ? walk<&PXNode::right, &PXNode::left>(root, act_at)
+                                        : walk<&PXNode::left, &PXNode::right>(root, act_at);
 }
 
 // Takes a table apart in post-order and hands over each node, whose memory may go away at once. A left

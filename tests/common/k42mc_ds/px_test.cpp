@@ -9,11 +9,13 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <set>
 #include <sys/mman.h>
 #include <unordered_map>
 
 namespace {
 
+using namespace std::string_literals;
 using List = hooks::Blocks; // of elements or nodes
 
 template <size_t Bytes> using Key = std::array<uint8_t, Bytes>;
@@ -387,6 +389,102 @@ TEST_F(PXSmall, CheckFindsWhatDoesNotGrow) {
     expect(leaf, 15, "5397: >>>>>> FAULT in PX: 15 : 15\n");
     expect(branch, 16, "5386: >>>>>> FAULT in PX: 16 : 16\n");
     expect(branch, -3, "5386: >>>>>> FAULT in PX: 8 : -3\n");
+}
+
+// What the check says by its definition, each node once: of the others it says the same.
+std::string fault_below(const PXNode *node, std::set<const PXNode *> &seen) {
+    if (!node || !seen.insert(node).second)
+        return "";
+    for (const auto &[below, line] : {std::pair(node->left, "5386"), std::pair(node->right, "5397")}) {
+        if (below && below->length <= node->length)
+            return "common/lib/libk42mc/k42mc_ds:"s + line +
+                   ": >>>>>> FAULT in PX: " + std::to_string(node->length) + " : " +
+                   std::to_string(below->length) + "\n";
+        if (const std::string fault = fault_below(below, seen); !fault.empty())
+            return fault;
+    }
+    return "";
+}
+
+// Links lead to any other nodes, none, or nodes that are there already, at all depths.
+TEST(PXCheck, ComesBackFromAnyDamage) {
+    constexpr int width = 128;
+    Random random;
+    std::map<std::string, int> outcomes;
+    for (int round = 0; round < 300; ++round) {
+        Route<16> routes[2 * width + 1]{};
+        PXTable *table;
+        hooks::start();
+        PXInit(&table, std::malloc, std::free, offsetof(Route<16>, chain), offsetof(Route<16>, key),
+               offsetof(Route<16>, length), DS_DUMMY);
+        for (int i = 0; i <= 2 * width; ++i) {
+            routes[i].length = uint16_t(i / 2);
+            if (i % 2)
+                routes[i].key[size_t(i) / 2 / 8] = uint8_t(0x80 >> i / 2 % 8), ++routes[i].length;
+            PXInsert(table, &routes[i]);
+        }
+        std::vector<PXNode *> nodes;
+        const auto note = [&](auto self, PXNode *node) -> void {
+            if (node)
+                nodes.push_back(node), self(self, node->left), self(self, node->right);
+        };
+        note(note, table->root);
+        const std::vector<PXNode> sound = [&] {
+            std::vector<PXNode> copies;
+            for (const PXNode *node : nodes)
+                copies.push_back(*node);
+            return copies;
+        }();
+        const auto any = [&](int above) { // whose length grows, as a rule
+            PXNode *node = nodes[random() % nodes.size()];
+            for (int tries = random() % 16 ? 100 : 0; tries && node->length <= above; --tries)
+                node = nodes[random() % nodes.size()];
+            return node;
+        };
+        for (unsigned damages = random() % 100; damages; --damages) {
+            PXNode *const node = nodes[random() % nodes.size()];
+            switch (random() % 4) {
+            case 0:
+                node->left = any(node->length);
+                break;
+            case 1:
+                node->right = random() % 2 ? node->left : any(node->length);
+                break;
+            case 2:
+                node->left = node->right = random() % 2 ? any(node->length) : nullptr;
+                break;
+            case 3:
+                node->element = random() % 2 ? nullptr : &routes[random() % std::size(routes)];
+            }
+        }
+        for (Route<16> &route : routes)
+            for (uint8_t &byte : route.key)
+                byte = uint8_t(random());
+        std::set<const PXNode *> seen;
+        const std::string fault = fault_below(table->root, seen);
+        EXPECT_EQ(captured_stdout([=] { PXCheck(table); }),
+                  fault.empty() ? ">>>>>> PXCheck: OK\n" : fault);
+        ++outcomes[fault.substr(0, 40)];
+        for (size_t i = 0; i < nodes.size(); ++i)
+            *nodes[i] = sound[i];
+        PXDeinit(&table);
+    }
+    EXPECT_EQ(outcomes.size(), 3);
+}
+
+// More ways through it than anybody can walk.
+TEST(PXCheck, WalksSharedSubtreesOnce) {
+    std::vector<PXNode> nodes(1000);
+    for (size_t i = 0; i < nodes.size(); ++i)
+        nodes[i] = {i + 1 < nodes.size() ? &nodes[i + 1] : nullptr, nullptr, nullptr, int16_t(i)};
+    for (PXNode &node : nodes)
+        node.right = node.left;
+    PXTable table{};
+    table.root = nodes.data();
+    EXPECT_EQ(captured_stdout([&] { PXCheck(&table); }), ">>>>>> PXCheck: OK\n");
+    nodes.back().right = nodes.data();
+    EXPECT_EQ(captured_stdout([&] { PXCheck(&table); }),
+              "common/lib/libk42mc/k42mc_ds:5397: >>>>>> FAULT in PX: 999 : 0\n");
 }
 
 struct Deep {

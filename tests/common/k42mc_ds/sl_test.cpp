@@ -40,5 +40,12 @@ TEST(SL, CheckFindsFaults) {
     expect_fault(none, "645: >>>>>> FAULT in SL");
     list->tail = &a.link;
     expect_fault(list, "652: >>>>>> FAULT in SL");
+    for (SLLink *const back : {&a.link, &b.link})
+        for (SLLink *const tail : {&b.link, static_cast<SLLink *>(nullptr)}) {
+            b.link.next = back;
+            list->tail = tail;
+            expect_fault(list, "652: >>>>>> FAULT in SL");
+        }
+    list->head = nullptr;
     SLDeinit(&list), SLDeinit(&none);
 }

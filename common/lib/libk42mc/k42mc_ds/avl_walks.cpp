@@ -1,6 +1,7 @@
 // The AVL tree: steps in order, visits and printouts.
 #include "k42mc_ds/avl_access.h"
 
+#include "k42mc_ds/checked.h"
 #include "k42mc_ds/depths.h"
 
 #include <k42mc/algorithms/avl_walks.hpp>
@@ -44,30 +45,36 @@ bool tilts_rightly(const AVLNode *node, int left, int right) {
     }
 }
 
-void print_fault(const AVLNode *node, int left, int right) {
+int fault(const AVLNode *node, int left, int right) {
     const char *tilt = node->state & AVL_BALANCED    ? "no"
                        : node->state & AVL_LEFT_TILT ? "left"
                                                      : "right";
     ds::check_failed(3153, "AVL:");
     std::printf(" heights(L:%d, R:%d), %s tilt\n", left, right, tilt);
     std::fflush(stdout);
+    return -1;
 }
 
-// Returns the height of a subtree, or a negative number once a fault has been printed.
-int checked_height(const AVLNode *node) {
+// Returns the height of a subtree, or a negative number once a fault has been printed. What goes deeper
+// than trees do goes round in a circle: the heights are that much and more.
+int checked_height(const AVLNode *node, ds::CheckedSubtrees<AVLNode> &checked, unsigned depth = 0) {
     if (!node)
         return 0;
-    const int left = checked_height(node->left);
+    if (const int known = checked.height_of(node))
+        return known;
+    if (depth == avl::most_levels)
+        return fault(node, avl::most_levels, avl::most_levels);
+    const int left = checked_height(node->left, checked, depth + 1);
     if (left < 0)
         return left;
-    const int right = checked_height(avl::right_child(node));
+    const int right = checked_height(avl::right_child(node), checked, depth + 1);
     if (right < 0)
         return right;
-    if (!tilts_rightly(node, left, right)) {
-        print_fault(node, left, right);
-        return -1;
-    }
-    return 1 + std::max(left, right);
+    if (!tilts_rightly(node, left, right))
+        return fault(node, left, right);
+    const int height = 1 + std::max(left, right);
+    checked.add(node, height);
+    return height;
 }
 
 } // namespace
@@ -121,7 +128,8 @@ void AVLDump(const AVLTree *tree) {
 }
 
 int32_t AVLCheck(const AVLTree *tree) {
-    return checked_height(tree->root) < 0 ? DS_FAILURE : ds::check_passed("AVLCheck");
+    ds::CheckedSubtrees<AVLNode> checked;
+    return checked_height(tree->root, checked) < 0 ? DS_FAILURE : ds::check_passed("AVLCheck");
 }
 
 K42MC_EXPORT(AVLFirst);

@@ -45,19 +45,19 @@ void *PTNextByKey(const PTTree *tree, const void *key) {
 }
 
 void PTVisit(const PTTree *tree, int order, DSVisitFn visit) {
-    patricia::walk(tree->head, OffsetKeys(tree), order,
+    patricia::walk(tree->head, order,
                    [=](PTNode *node, unsigned) { return visit(ds::element_of(tree, node)), 0; });
 }
 
 int32_t PTVisitWithArg(const PTTree *tree, int order, DSVisitArgFn visit, void *argument) {
-    return patricia::walk(tree->head, OffsetKeys(tree), order, [=](PTNode *node, unsigned) {
+    return patricia::walk(tree->head, order, [=](PTNode *node, unsigned) {
         return visit(ds::element_of(tree, node), argument);
     });
 }
 
 void PTInfo(const PTTree *tree) {
     ds::Depths depths;
-    patricia::walk(tree->head, OffsetKeys(tree), 0, [&](PTNode *, unsigned holder) {
+    patricia::walk(tree->head, 0, [&](PTNode *, unsigned holder) {
         depths.add(static_cast<uint8_t>(holder + 1));
         return 0;
     });
@@ -69,7 +69,7 @@ void PTDump(const PTTree *tree) {
     std::puts("===========PT Dump=========");
     if (PTIsEmpty(tree))
         std::puts(">>>>> EMPTY <<<<<");
-    patricia::walk(tree->head, keys, 0, [&](PTNode *node, unsigned holder) {
+    patricia::walk(tree->head, 0, [&](PTNode *node, unsigned holder) {
         const auto depth = static_cast<uint8_t>(holder);
         std::printf("%*c%x[%d]\n", 6 * depth - 1, ' ', shown_key(keys.field(node), keys.bits),
                     node->bit);

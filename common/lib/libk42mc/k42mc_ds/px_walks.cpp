@@ -1,4 +1,5 @@
 // The prefix table: steps in table order, visits, statistics and the check.
+#include "k42mc_ds/checked.h"
 #include "k42mc_ds/depths.h"
 #include "k42mc_ds/px_elements.h"
 
@@ -20,7 +21,7 @@ void *step(const PXTable *table, const void *element) {
 }
 
 template <class Act> int32_t walk(const PXTable *table, Act act) {
-    return prefix_table::walk<&PXNode::left, &PXNode::right>(table->root, PXElements{table}, act);
+    return prefix_table::walk<&PXNode::left, &PXNode::right>(table->root, act);
 }
 
 void print_statistics(const PXTable *table) {
@@ -71,14 +72,14 @@ void *PXPrev(const PXTable *table, const void *element) {
 }
 
 void PXVisit(const PXTable *table, int order, DSVisitFn visit) {
-    prefix_table::visit(table->root, PXElements{table}, order, [=](void *element) {
+    prefix_table::visit(table->root, order, [=](void *element) {
         visit(element);
         return 0;
     });
 }
 
 int32_t PXVisitWithArg(const PXTable *table, int order, DSVisitArgFn visit, void *argument) {
-    return prefix_table::visit(table->root, PXElements{table}, order,
+    return prefix_table::visit(table->root, order,
                                [=](void *element) { return visit(element, argument); });
 }
 
@@ -92,16 +93,21 @@ void PXInfo(const PXTable *table) {
 }
 
 int32_t PXCheck(const PXTable *table) {
-    const int32_t result = walk(table, [](prefix_table::When now, const PXNode *node, unsigned) {
+    ds::CheckedSubtrees<PXNode> checked;
+    const auto check = [&](prefix_table::When now, const PXNode *node, unsigned) -> int32_t {
         switch (now) {
         case prefix_table::When::enter:
             return longer(node->left, node, 5386);
         case prefix_table::When::between:
             return longer(node->right, node, 5397);
         default:
+            checked.add(node);
             return DS_OK;
         }
-    });
+    };
+    // Links are followed after they were checked, so that no path comes back to where it has been.
+    const int32_t result = prefix_table::walk<&PXNode::left, &PXNode::right>(
+        table->root, check, [&](const PXNode *node) { return !checked.height_of(node); });
     return result == DS_OK ? ds::check_passed("PXCheck") : result;
 }
 

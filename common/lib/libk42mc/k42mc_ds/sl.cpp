@@ -1,11 +1,31 @@
 // The singly-linked list.
 #include "k42mc_ds/lists.h"
 
+#include <bit>
+
 using namespace k42mc;
 using namespace k42mc::internal;
 
 static_assert(sizeof(SLLink) == sizeof(void *));
 static_assert(ds::has_list_layout<SLList>);
+
+namespace {
+
+// The last link, or null where links go round in a circle, which comes back to a mark that stays for
+// twice as many steps each time.
+const SLLink *last_from(const SLLink *link) {
+    const SLLink *mark = link;
+    for (size_t steps = 1; link->next; ++steps) {
+        link = link->next;
+        if (link == mark)
+            return nullptr;
+        if (std::has_single_bit(steps))
+            mark = link;
+    }
+    return link;
+}
+
+} // namespace
 
 int32_t SLInit(SLList **list, DSAllocHook alloc, DSDeallocHook dealloc, uint32_t linkOffset,
                DSDestroyHook destroy) {
@@ -91,10 +111,8 @@ void SLInfo(const SLList *list) {
 int32_t SLCheck(const SLList *list) {
     if (!list->head)
         return list->tail ? ds::check_failed(645, "SL") : DS_OK;
-    const SLLink *last = list->head;
-    while (last->next)
-        last = last->next;
-    return last == list->tail ? ds::check_passed("SLCheck") : ds::check_failed(652, "SL");
+    const SLLink *const last = last_from(list->head);
+    return last && last == list->tail ? ds::check_passed("SLCheck") : ds::check_failed(652, "SL");
 }
 
 K42MC_EXPORT(SLInit);
