@@ -10,6 +10,7 @@
 #include "tools/preload/quiet_writing.h"
 #include "tools/preload/report_files.h"
 
+#include <errno.h>
 #include <unistd.h>
 
 namespace {
@@ -19,7 +20,7 @@ using namespace k42mc::internal;
 // The process is about to stop in the midst of an operation: nothing here allocates or takes a lock.
 void write_defect(std::span<const uintptr_t> block_trace) {
     const InsideChecker inside;
-    const QuietWriting quiet;
+    QuietWriting quiet;
     const int file = json_file.descriptor();
     if (file < 0)
         return;
@@ -38,7 +39,7 @@ void write_defect(std::span<const uintptr_t> block_trace) {
     out.print(",");
     out.chain("block", {others, count});
     out.print("}\n");
-    out.flush();
+    quiet.ended_with(out.flush());
 }
 
 // The stream is none over a descriptor: whether that is still the file's is asked ahead of each write.
@@ -49,9 +50,11 @@ int text_descriptor() {
 
 ssize_t write_text(void *, const char *bytes, size_t size) {
     const InsideChecker inside;
-    const QuietWriting quiet;
+    QuietWriting quiet;
+    errno = 0;
     if (const int descriptor = text_file.descriptor(); descriptor >= 0)
         platform::write_all(descriptor, bytes, size);
+    quiet.ended_with(errno);
     return static_cast<ssize_t>(size);
 }
 
@@ -75,11 +78,12 @@ void renew_outputs() {
 }
 
 void write_json(uint32_t limit) {
-    const QuietWriting quiet;
+    QuietWriting quiet;
     const int file = json_file.descriptor();
     if (file < 0)
         return;
-    k42mcx_report_json(file, limit);
-    if (descriptors_watched())
-        k42mcx_fd_report_json(file);
+    if (k42mcx_report_json(file, limit) != 0)
+        quiet.ended_with(errno);
+    if (descriptors_watched() && k42mcx_fd_report_json(file) != 0)
+        quiet.ended_with(errno);
 }

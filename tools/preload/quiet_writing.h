@@ -2,6 +2,7 @@
 // to cancel the thread may end what would have gone on without the checker.
 #pragma once
 
+#include <errno.h>
 #include <pthread.h>
 #include <signal.h>
 #include <time.h>
@@ -10,26 +11,27 @@ class QuietWriting {
 public:
     QuietWriting() {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
-        sigset_t pending;
-        sigpending(&pending);
-        was_pending_ = sigismember(&pending, SIGXFSZ) != 0;
         sigemptyset(&size_signal_);
         sigaddset(&size_signal_, SIGXFSZ);
         pthread_sigmask(SIG_BLOCK, &size_signal_, &mask_);
     }
     ~QuietWriting() {
-        constexpr timespec at_once{};
-        if (!was_pending_)
-            sigtimedwait(&size_signal_, nullptr, &at_once);
         pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
         pthread_setcancelstate(cancel_state_, nullptr);
     }
     QuietWriting(const QuietWriting &) = delete;
     QuietWriting &operator=(const QuietWriting &) = delete;
 
+    // To be told how a write ended: 0 or an errno. Takes the signal for a file that is too large, which is
+    // waiting then and not before: sandboxes know few programs that wait for signals.
+    void ended_with(int failure) {
+        constexpr timespec at_once{};
+        if (failure == EFBIG)
+            sigtimedwait(&size_signal_, nullptr, &at_once);
+    }
+
 private:
     int cancel_state_ = PTHREAD_CANCEL_ENABLE;
-    bool was_pending_;
     sigset_t size_signal_;
     sigset_t mask_;
 };

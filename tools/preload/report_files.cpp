@@ -87,12 +87,14 @@ void name_stem(unsigned number) {
 bool introduce(int descriptor) {
     if (*run_id == '\0')
         return true;
-    const QuietWriting quiet;
+    QuietWriting quiet;
     JsonOutput out(descriptor);
     out.print("{\"kind\":\"run\",\"id\":");
     out.string(run_id);
     out.print("}\n");
-    return out.flush() == 0;
+    const int failure = out.flush();
+    quiet.ended_with(failure);
+    return failure == 0;
 }
 
 // Both or neither, under one stem. False with errno set.
