@@ -7,6 +7,8 @@ int main() {
     constexpr rlimit limit = {4096, 4096};
     if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
         return 1;
+    void *volatile lost;
     for (int i = 0; i < 500; ++i)
-        (void)!malloc(10);
+        lost = malloc(10);
+    return lost != nullptr ? 0 : 1;
 }
