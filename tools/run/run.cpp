@@ -84,11 +84,10 @@ bool are_whole(const Report &report, const ReportFolder &folder) {
         std::cerr << "k42mc: no process got as far as its report\n";
     else if (!damaged.empty())
         std::cerr << "k42mc: incomplete: " << counted(damaged.size(), "report") << '\n';
-    else
-        return true;
-    if (const std::string obstacle = folder.obstacle(); !obstacle.empty())
+    const std::string obstacle = folder.obstacle();
+    if (!obstacle.empty())
         std::cerr << "k42mc: nothing can be written to " << folder.path() << ": " << obstacle << '\n';
-    return false;
+    return !report.processes.empty() && damaged.empty() && obstacle.empty();
 }
 
 // Returns whether anything is left to complain about. A program that failed says so by itself; one that ended

@@ -33,10 +33,15 @@ void end_from_handler(int milliseconds) {
     allocate_until_the_end();
 }
 
+void leave_much_to_report() {
+    [[maybe_unused]] void *volatile lost;
+    for (int i = 0; i < 1000; ++i)
+        lost = malloc(10);
+}
+
 // While a report is being written, or is about to be.
 void end_beside_report() {
-    for (int i = 0; i < 1000; ++i)
-        (void)!malloc(10);
+    leave_much_to_report();
     raise(SIGUSR2);
     end_now(0);
 }
@@ -69,8 +74,7 @@ void end_with_stderr_held_elsewhere() {
 
 // A child of a process that is writing a report.
 void end_in_child() {
-    for (int i = 0; i < 1000; ++i)
-        (void)!malloc(10);
+    leave_much_to_report();
     for (int i = 0; i < 20; ++i) {
         raise(SIGUSR2);
         const pid_t child = fork();
