@@ -100,6 +100,9 @@ public:
     WriteSignalsHeld(const WriteSignalsHeld &) = delete;
     WriteSignalsHeld &operator=(const WriteSignalsHeld &) = delete;
 
+    // To be told what a write failed with, so that the signal that came with it is taken away.
+    void take_signal_of(int failure);
+
 private:
     sigset_t former_;
     bool others_pending_ = false;

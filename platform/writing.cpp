@@ -24,15 +24,6 @@ sigset_t write_signals() {
     return set;
 }
 
-bool any_pending() {
-    sigset_t pending;
-    sigpending(&pending);
-    for (const int number : raised_by_writes)
-        if (sigismember(&pending, number) == 1)
-            return true;
-    return false;
-}
-
 long milliseconds_now() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -41,22 +32,30 @@ long milliseconds_now() {
 
 } // namespace
 
-// Only what was blocked before can be pending already.
+// Only what was blocked before can be pending already. Sandboxes know few programs that look for pending
+// signals or wait for them, so that is done where it has to be.
 WriteSignalsHeld::WriteSignalsHeld() {
     const sigset_t set = write_signals();
     pthread_sigmask(SIG_BLOCK, &set, &former_);
-    for (const int number : raised_by_writes)
-        others_pending_ = others_pending_ || (sigismember(&former_, number) == 1 && any_pending());
+    for (const int number : raised_by_writes) {
+        sigset_t pending;
+        if (sigismember(&former_, number) == 1 && sigpending(&pending) == 0)
+            others_pending_ = others_pending_ || sigismember(&pending, number) == 1;
+    }
 }
 
 WriteSignalsHeld::~WriteSignalsHeld() {
-    const int kept_errno = errno;
-    constexpr timespec at_once = {0, 0};
-    const sigset_t set = write_signals();
-    while (!others_pending_ && any_pending() && sigtimedwait(&set, nullptr, &at_once) > 0)
-        continue;
     pthread_sigmask(SIG_SETMASK, &former_, nullptr);
-    errno = kept_errno;
+}
+
+void WriteSignalsHeld::take_signal_of(int failure) {
+    constexpr timespec at_once = {0, 0};
+    if (others_pending_ || (failure != EFBIG && failure != EPIPE))
+        return;
+    sigset_t raised;
+    sigemptyset(&raised);
+    sigaddset(&raised, failure == EFBIG ? SIGXFSZ : SIGPIPE);
+    sigtimedwait(&raised, nullptr, &at_once);
 }
 
 bool wait_for_room(int descriptor) {
@@ -75,7 +74,7 @@ bool wait_for_room(int descriptor) {
 }
 
 int write_all(int descriptor, const char *bytes, size_t size) {
-    const WriteSignalsHeld signals_held;
+    WriteSignalsHeld signals_held;
     while (size > 0) {
         const ssize_t written = write(descriptor, bytes, size);
         if (written > 0) {
@@ -85,7 +84,9 @@ int write_all(int descriptor, const char *bytes, size_t size) {
         } else if (written == 0) {
             return EIO;
         } else if (errno != EINTR && (errno != EAGAIN || !wait_for_room(descriptor))) {
-            return errno;
+            const int failure = errno;
+            signals_held.take_signal_of(failure);
+            return failure;
         }
     }
     return 0;

@@ -2,6 +2,7 @@
 
 #include "platform/platform.h"
 
+#include <errno.h>
 #include <stdio_ext.h>
 #include <unistd.h>
 
@@ -25,9 +26,10 @@ bool hold_in_time(FILE *stream) {
 void flush(FILE *stream, int descriptor) {
     if (__fpending(stream) == 0)
         return;
-    const platform::WriteSignalsHeld signals_held;
+    platform::WriteSignalsHeld signals_held;
     platform::wait_for_room(descriptor);
-    fflush_unlocked(stream);
+    if (fflush_unlocked(stream) != 0)
+        signals_held.take_signal_of(errno);
 }
 
 } // namespace
@@ -48,9 +50,10 @@ void StandardError::write(const char *text, size_t size) const {
     if (descriptor_ >= 0) {
         platform::write_all(descriptor_, text, size);
     } else if (held_) {
-        const platform::WriteSignalsHeld signals_held;
+        platform::WriteSignalsHeld signals_held;
         fwrite_unlocked(text, 1, size, stream_);
-        fflush_unlocked(stream_);
+        if (fflush_unlocked(stream_) != 0)
+            signals_held.take_signal_of(errno);
     }
 }
 
