@@ -4,9 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <inttypes.h>
 #include <limits.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -39,7 +37,8 @@ bool is_expected_folder(int descriptor) {
         return true;
     if (fstat(descriptor, &status) != 0)
         return false;
-    snprintf(identity, sizeof identity, "%ju:%ju", uintmax_t{status.st_dev}, uintmax_t{status.st_ino});
+    snprintf(identity, sizeof identity, "%llu:%llu", static_cast<unsigned long long>(status.st_dev),
+             static_cast<unsigned long long>(status.st_ino));
     return strcmp(identity, folder_identity) == 0;
 }
 

@@ -6,6 +6,7 @@ k42mc=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
+umask 022
 
 mkdir reports
 echo precious >victim

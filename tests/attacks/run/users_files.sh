@@ -6,6 +6,7 @@ k42mc=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
+umask 022
 
 mkdir elsewhere project
 touch project/__init__.py project/.gitkeep project/own.1.json project/own.1.txt
