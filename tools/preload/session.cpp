@@ -19,7 +19,6 @@
 #include "tools/preload/exported.h"
 #include "tools/preload/next.h"
 #include "tools/preload/output.h"
-#include "tools/preload/quiet_writing.h"
 #include "tools/preload/reporter.h"
 #include "tools/preload/settings.h"
 
@@ -90,7 +89,6 @@ void finish() {
     if (checker_depth != 0)
         return;
     const InsideChecker inside;
-    const QuietWriting quiet; // also what goes past the stream, to its descriptor
     const ReportLock lock;
     if (!recording)
         return;
