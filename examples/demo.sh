@@ -216,7 +216,7 @@ if [[ -x $k42mc ]]; then
     page=$build_reports/report.html
     printf '$ %s\n' "$k42mc report --html $page $reports"
     "$k42mc" report --html "$page" "$reports" >"$work/out" 2>"$work/err"
-    show out "^the page is $page\$"
+    show out "^wrote $page\$"
     look "Open it in a browser: growth, a flame graph of what is held, and a table to sort."
 fi
 

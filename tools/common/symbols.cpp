@@ -2,7 +2,6 @@
 
 #include "tools/common/file.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <cxxabi.h>
@@ -17,7 +16,7 @@ namespace {
 // writer.
 bool would_wait(const std::string &path) {
     struct stat status;
-    return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+    return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
 }
 
 int find_debuginfo(Dwfl_Module *module, void **userdata, const char *name, Dwarf_Addr base,
@@ -26,10 +25,11 @@ int find_debuginfo(Dwfl_Module *module, void **userdata, const char *name, Dwarf
     const size_t slash = path.rfind('/') + 1; // or 0
     const std::string folder = path.substr(0, slash);
     const std::string own = path.substr(slash);
+    if (link != nullptr && *link == '/' && would_wait(link))
+        return -1;
     for (const std::string &candidate : {link != nullptr ? std::string(link) : own + ".debug", own})
-        for (const std::string &place : {folder, folder + ".debug/", std::string()})
-            if (would_wait(place + candidate))
-                return -1;
+        if (would_wait(folder + candidate) || would_wait(folder + ".debug/" + candidate))
+            return -1;
     return dwfl_standard_find_debuginfo(module, userdata, name, base, file, link, checksum, found);
 }
 
