@@ -3,6 +3,7 @@
 #include "tools/preload/depth.h"
 #include "tools/preload/guarded.h"
 #include "tools/preload/libc.h"
+#include "tools/preload/operators.h"
 #include "tools/preload/session.h"
 #include "tools/preload/site.h"
 
@@ -35,7 +36,7 @@ void release_plain(void *ptr) {
 // The checker is at work below a call of the shim, or below one of its own functions, in a program that
 // is linked to it.
 bool for_checker(const void *caller) {
-    return checker_depth != 0 || called_by_checker(caller);
+    return checker_depth != 0 || (called_by_checker(caller) && !leads_to_programs_operator(caller));
 }
 
 void *allocate(const void *caller, size_t size) {

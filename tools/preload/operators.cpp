@@ -1,5 +1,7 @@
 // operator new and delete, over guarded blocks of their own types, so that mixed-up releases show.
 // Linked without the C++ library: a program that has operators to call brings it.
+#include "tools/preload/operators.h"
+
 #include "tools/preload/depth.h"
 #include "tools/preload/guarded.h"
 #include "tools/preload/libc.h"
@@ -11,12 +13,17 @@
 #include <errno.h>
 #include <link.h>
 #include <new>
+#include <stdint.h>
 #include <stdlib.h>
+
+// The linker's names for the bounds of the section that has the operators, and nothing else, in it.
+[[gnu::visibility("hidden")]] extern const char operators_start[] __asm__("__start_operators");
+[[gnu::visibility("hidden")]] extern const char operators_stop[] __asm__("__stop_operators");
 
 namespace {
 
 #define CALLER   __builtin_return_address(0)
-#define EXPORTED [[gnu::visibility("default")]]
+#define EXPORTED [[gnu::visibility("default"), gnu::section("operators")]]
 
 template <class Function> Function *in_process(const char *name) {
     const InsideChecker inside; // dlsym may allocate
@@ -93,6 +100,12 @@ size_t least(std::align_val_t alignment) {
 }
 
 } // namespace
+
+bool leads_to_programs_operator(const void *caller) {
+    const auto address = reinterpret_cast<uintptr_t>(caller);
+    return address > reinterpret_cast<uintptr_t>(operators_start) &&
+           address <= reinterpret_cast<uintptr_t>(operators_stop);
+}
 
 EXPORTED void *operator new(size_t size) {
     return allocate(CALLER, MC_FIX, 1, size);
