@@ -58,7 +58,8 @@ show() {
 # The same for a block of lines, from a match to a match.
 show_block() {
     local lines
-    lines=$(awk -v from="$2" -v to="$3" '$0 ~ from {on = 1} on {print} on && $0 ~ to {exit}' \
+    # Not by -v, which takes backslashes away.
+    lines=$(from=$2 to=$3 awk '$0 ~ ENVIRON["from"] {on = 1} on {print} on && $0 ~ ENVIRON["to"] {exit}' \
         "$(stream "$1")")
     if [[ $lines ]]; then
         indent <<<"$lines"

@@ -54,8 +54,18 @@ endif()
 
 file(WRITE ${PROJECT_BINARY_DIR}/shlibs
      "libk42mc_r ${PROJECT_VERSION_MAJOR} ${library} (>= ${PROJECT_VERSION})\n")
+# Every user's processes write reports: the folder is made by the package, and at each start of the machine.
+foreach(script postinst postrm)
+    configure_file(packaging/${script}.in ${script} @ONLY FILE_PERMISSIONS
+                   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+endforeach()
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
-    ${CMAKE_CURRENT_LIST_DIR}/triggers ${PROJECT_BINARY_DIR}/shlibs)
+    ${CMAKE_CURRENT_LIST_DIR}/triggers ${PROJECT_BINARY_DIR}/shlibs
+    ${PROJECT_BINARY_DIR}/postinst ${PROJECT_BINARY_DIR}/postrm)
+if(K42MC_REPORT_DIR STREQUAL "/var/log/k42mc/") # the packages' own
+    file(WRITE ${PROJECT_BINARY_DIR}/${library}.conf "d ${K42MC_REPORT_DIR} 1777 root root\n")
+    install(FILES ${PROJECT_BINARY_DIR}/${library}.conf DESTINATION lib/tmpfiles.d COMPONENT library)
+endif()
 
 # What a package of Debian's has in its folder below share/doc.
 configure_file(packaging/changelog.in changelog @ONLY)

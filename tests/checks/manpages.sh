@@ -1,9 +1,9 @@
 #!/bin/bash
-# usage: manpages.sh <source directory> <folder of the made pages> <C compiler>
+# usage: manpages.sh <source directory> <folder of the made pages>
 # The manual pages are well formed, and each function of the headers has one that gives its prototype.
 set -euo pipefail
 cd "$1"
-made=$2 compiler=$3
+made=$2
 faults=0
 
 for page in docs/man/k42mc.1 docs/man/k42mc_r.7 "$made"/*.3; do
@@ -25,10 +25,15 @@ for page in "$made"/*.3; do
 done | sort >"$made.shown"
 
 # Headers cut into declarations: comments, preprocessor lines and attributes out.
+without_comments_and_directives() {
+    python3 -c 'import re, sys
+text = re.sub(r"/\*.*?\*/|//[^\n]*", " ", sys.stdin.read(), flags=re.S)
+print(re.sub(r"^[ \t]*#(?:.*\\\n)*.*", "", text, flags=re.M))'
+}
 for header in include/k42mc/*.h; do
     case $header in */redirect*.h | */k42mc.h) continue ;; esac
-    "$compiler" -fpreprocessed -dD -E -P "$header" 2>/dev/null
-done | grep -vE '^#|K42MC_(BEGIN|END)_DECLS' | tr '\n' ' ' |
+    without_comments_and_directives <"$header"
+done | grep -vE 'K42MC_(BEGIN|END)_DECLS' | tr '\n' ' ' |
     sed -E 's/__attribute__\(\([a-z_]+\)\)//g; s/K42MC_[A-Z_]+\([^()]*\)//g; s/K42MC_MUST_CHECK//g; s/;/;\n/g' |
     grep -E '^[^{}=]*[A-Za-z0-9_]+\([^;]*\) *;' | grep -v typedef | plain | sort >"$made.declared"
 

@@ -236,14 +236,29 @@ bool is_split(Dwarf_Die *unit) {
            type == DW_UT_skeleton;
 }
 
+// The compilation unit around an address. Not every compiler writes the index that libdw goes by.
+Dwarf_Die *unit_around(Dwfl_Module *module, GElf_Addr address, Dwarf_Addr &bias) {
+    Dwarf_Die *unit = dwfl_module_addrdie(module, address, &bias);
+    if (unit == nullptr)
+        while ((unit = dwfl_module_nextcu(module, unit, &bias)) != nullptr)
+            if (dwarf_haspc(unit, address - bias) > 0)
+                break;
+    return unit;
+}
+
 // Replaces the one frame that the symbol table gives by those that debug information tells apart.
-void unfold_inlined(Module &module, GElf_Addr address, std::vector<SourceFrame> &frames) {
+void use_debug_information(Module &module, GElf_Addr address, std::vector<SourceFrame> &frames) {
     Dwarf_Addr bias = 0;
-    Dwarf_Die *unit = dwfl_module_addrdie(module.module, address, &bias);
+    Dwarf_Die *unit = unit_around(module.module, address, bias);
     if (unit == nullptr || is_split(unit))
         return;
     SourceFrame frame = frames.back();
     frames.clear();
+    if (Dwarf_Line *line = dwarf_getsrc_die(unit, address - bias)) {
+        if (const char *path = dwarf_linesrc(line, nullptr, nullptr))
+            frame.file = path;
+        dwarf_lineno(line, &frame.line);
+    }
     const Scopes scopes = scopes_around(unit, address - bias);
     for (int i = 0; i < scopes.count; ++i) {
         Dwarf_Die *scope = &scopes.dies[static_cast<size_t>(i)];
@@ -303,10 +318,7 @@ std::vector<SourceFrame> Symbolizer::Modules::find(std::string_view text) {
         return frames;
     const GElf_Addr address = *own + module.bias - 1; // in the call, not behind it
     frames[0].function = demangled(dwfl_module_addrname(module.module, address));
-    if (Dwfl_Line *line = dwfl_module_getsrc(module.module, address))
-        if (const char *path = dwfl_lineinfo(line, nullptr, &frames[0].line, nullptr, nullptr, nullptr))
-            frames[0].file = path;
-    unfold_inlined(module, address, frames);
+    use_debug_information(module, address, frames);
     return frames;
 }
 

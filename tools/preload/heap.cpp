@@ -7,6 +7,7 @@
 #include "tools/preload/exported.h"
 #include "tools/preload/libc.h"
 #include "tools/preload/next.h"
+#include "tools/preload/operators.h"
 #include "tools/preload/site.h"
 
 #include <k42mc/k42mc.h>
@@ -42,7 +43,7 @@ bool called_by_checker(const void *caller) {
 // The checker is at work below a call of the shim, or below one of its own functions, in a program that
 // is linked to it.
 bool for_checker(const void *caller) {
-    return checker_depth != 0 || called_by_checker(caller);
+    return checker_depth != 0 || (called_by_checker(caller) && !leads_to_programs_operator(caller));
 }
 
 void *allocate(const void *caller, size_t size) {

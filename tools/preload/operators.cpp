@@ -1,8 +1,9 @@
 // operator new and delete, over guarded blocks of their own types, so that mixed-up releases show.
 // Linked without the C++ library: a program that has operators to call brings it.
+#include "tools/preload/operators.h"
+
 #include "k42mc_debug.h"
 #include "tools/preload/depth.h"
-#include "tools/preload/exported.h"
 #include "tools/preload/libc.h"
 #include "tools/preload/site.h"
 
@@ -12,13 +13,19 @@
 #include <errno.h>
 #include <link.h>
 #include <new>
+#include <stdint.h>
 #include <stdlib.h>
+
+// The linker's names for the bounds of the section that has the operators, and nothing else, in it.
+[[gnu::visibility("hidden")]] extern const char operators_start[] __asm__("__start_operators");
+[[gnu::visibility("hidden")]] extern const char operators_stop[] __asm__("__stop_operators");
 
 namespace {
 
 using namespace k42mc::internal;
 
-#define CALLER __builtin_return_address(0)
+#define CALLER   __builtin_return_address(0)
+#define OPERATOR [[gnu::visibility("default"), gnu::section("operators")]]
 
 template <class Function> Function *in_process(const char *name) {
     const InsideChecker inside; // dlsym may allocate
@@ -96,98 +103,104 @@ size_t least(std::align_val_t alignment) {
 
 } // namespace
 
-EXPORTED void *operator new(size_t size) {
+bool leads_to_programs_operator(const void *caller) {
+    const auto address = reinterpret_cast<uintptr_t>(caller);
+    return address > reinterpret_cast<uintptr_t>(operators_start) &&
+           address <= reinterpret_cast<uintptr_t>(operators_stop);
+}
+
+OPERATOR void *operator new(size_t size) {
     return allocate(CALLER, MC_FIX, 1, size);
 }
 
-EXPORTED void *operator new[](size_t size) {
+OPERATOR void *operator new[](size_t size) {
     if (replaced())
         return ::operator new(size);
     return allocate(CALLER, MC_VAR, 1, size);
 }
 
-EXPORTED void *operator new(size_t size, const std::nothrow_t &) noexcept {
+OPERATOR void *operator new(size_t size, const std::nothrow_t &) noexcept {
     if (replaced())
         return ::operator new(size);
     return try_allocate(CALLER, MC_FIX, 1, size);
 }
 
-EXPORTED void *operator new[](size_t size, const std::nothrow_t &) noexcept {
+OPERATOR void *operator new[](size_t size, const std::nothrow_t &) noexcept {
     if (replaced())
         return ::operator new[](size);
     return try_allocate(CALLER, MC_VAR, 1, size);
 }
 
-EXPORTED void *operator new(size_t size, std::align_val_t alignment) {
+OPERATOR void *operator new(size_t size, std::align_val_t alignment) {
     return allocate(CALLER, MC_FIX, least(alignment), size);
 }
 
-EXPORTED void *operator new[](size_t size, std::align_val_t alignment) {
+OPERATOR void *operator new[](size_t size, std::align_val_t alignment) {
     return allocate(CALLER, MC_VAR, least(alignment), size);
 }
 
-EXPORTED void *operator new(size_t size, std::align_val_t alignment, const std::nothrow_t &) noexcept {
+OPERATOR void *operator new(size_t size, std::align_val_t alignment, const std::nothrow_t &) noexcept {
     return try_allocate(CALLER, MC_FIX, least(alignment), size);
 }
 
-EXPORTED void *operator new[](size_t size, std::align_val_t alignment, const std::nothrow_t &) noexcept {
+OPERATOR void *operator new[](size_t size, std::align_val_t alignment, const std::nothrow_t &) noexcept {
     return try_allocate(CALLER, MC_VAR, least(alignment), size);
 }
 
-EXPORTED void operator delete(void *block) noexcept {
+OPERATOR void operator delete(void *block) noexcept {
     release(CALLER, MC_FIX, block);
 }
 
-EXPORTED void operator delete[](void *block) noexcept {
+OPERATOR void operator delete[](void *block) noexcept {
     if (replaced())
         return ::operator delete(block);
     release(CALLER, MC_VAR, block);
 }
 
-EXPORTED void operator delete(void *block, const std::nothrow_t &) noexcept {
+OPERATOR void operator delete(void *block, const std::nothrow_t &) noexcept {
     if (replaced())
         return ::operator delete(block);
     release(CALLER, MC_FIX, block);
 }
 
-EXPORTED void operator delete[](void *block, const std::nothrow_t &) noexcept {
+OPERATOR void operator delete[](void *block, const std::nothrow_t &) noexcept {
     if (replaced())
         return ::operator delete[](block);
     release(CALLER, MC_VAR, block);
 }
 
-EXPORTED void operator delete(void *block, size_t) noexcept {
+OPERATOR void operator delete(void *block, size_t) noexcept {
     if (replaced())
         return ::operator delete(block);
     release(CALLER, MC_FIX, block);
 }
 
-EXPORTED void operator delete[](void *block, size_t) noexcept {
+OPERATOR void operator delete[](void *block, size_t) noexcept {
     if (replaced())
         return ::operator delete[](block);
     release(CALLER, MC_VAR, block);
 }
 
-EXPORTED void operator delete(void *block, std::align_val_t) noexcept {
+OPERATOR void operator delete(void *block, std::align_val_t) noexcept {
     release(CALLER, MC_FIX, block);
 }
 
-EXPORTED void operator delete[](void *block, std::align_val_t) noexcept {
+OPERATOR void operator delete[](void *block, std::align_val_t) noexcept {
     release(CALLER, MC_VAR, block);
 }
 
-EXPORTED void operator delete(void *block, std::align_val_t, const std::nothrow_t &) noexcept {
+OPERATOR void operator delete(void *block, std::align_val_t, const std::nothrow_t &) noexcept {
     release(CALLER, MC_FIX, block);
 }
 
-EXPORTED void operator delete[](void *block, std::align_val_t, const std::nothrow_t &) noexcept {
+OPERATOR void operator delete[](void *block, std::align_val_t, const std::nothrow_t &) noexcept {
     release(CALLER, MC_VAR, block);
 }
 
-EXPORTED void operator delete(void *block, size_t, std::align_val_t) noexcept {
+OPERATOR void operator delete(void *block, size_t, std::align_val_t) noexcept {
     release(CALLER, MC_FIX, block);
 }
 
-EXPORTED void operator delete[](void *block, size_t, std::align_val_t) noexcept {
+OPERATOR void operator delete[](void *block, size_t, std::align_val_t) noexcept {
     release(CALLER, MC_VAR, block);
 }

@@ -22,6 +22,15 @@ extern "C" ssize_t write(int descriptor, const void *bytes, size_t size) {
     return syscall(SYS_write, descriptor, bytes, writes_little ? std::min<size_t>(size, 7) : size);
 }
 
+// The memory manager, without which there are no blocks of its type.
+extern "C" void *MM_malloc(size_t size) {
+    return malloc(size);
+}
+
+extern "C" void MM_free(void *block) {
+    free(block);
+}
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -134,9 +143,10 @@ TEST_F(JsonReport, SumsUpBySiteWithoutAging) {
                   "{\"kind\":\"end\",\"sites\":0,\"damaged\":0}\n");
     char *volatile blocks[3];
     const std::string text = captured_stderr([&] {
-        for (int i = 0; i < 3; ++i) {
+        volatile int count = 3, middle = 1; // unrolled, the loop would be three places
+        for (int i = 0; i < count; ++i) {
             blocks[i] = static_cast<char *>(from_one_place(10 + size_t(i)));
-            if (i == 1)
+            if (i == middle)
                 MCReport(K42MC_BE32(99));
         }
     });
@@ -172,6 +182,32 @@ TEST_F(JsonReport, SumsUpBySiteWithoutAging) {
     for (char *block : blocks)
         k42MC_free("s.c", 4, block);
     k42MC_free("s.c", 4, odd);
+}
+
+TEST_F(JsonReport, CountsBlocksOfAllTypes) {
+    std::string sites;
+    const auto allocate = [](int type, int line, size_t size) {
+        return type == MC_SHM ? k42MC_MM_malloc("t.c", line, size)
+                              : k42mcx_alloc("t.c", line, type, 1, size);
+    };
+    const auto release = [](int type, void *block) {
+        type == MC_SHM ? k42MC_MM_free("t.c", 9, block) : k42mcx_free("t.c", 9, type, block);
+    };
+    void *blocks[MC_ALLOCATOR_TYPES];
+    for (int type = MC_STD; type < MC_ALLOCATOR_TYPES; ++type) {
+        const std::string size = std::to_string(1000 - 100 * type);
+        blocks[type] = allocate(type, type, std::stoul(size));
+        release(type, allocate(type, 8, 1u << type));
+        sites += "{\"kind\":\"site\",\"cycle\":0,\"file\":\"t.c\",\"line\":" + std::to_string(type) +
+                 ",\"type\":\"" + gAllocatorType[type] + "\",CHAIN,\"blocks\":1,\"bytes\":" + size +
+                 ",\"oldest\":0,\"largest\":" + size + "}\n";
+    }
+    EXPECT_EQ(json(0),
+              cycle("\"cycle\":0,\"limit\":0,\"blocks\":5,\"bytes\":4000,\"allocated\":{\"blocks\":10,"
+                    "\"bytes\":4031},\"freed\":{\"blocks\":5,\"bytes\":31}}") +
+                  sites + "{\"kind\":\"end\",\"sites\":5,\"damaged\":0}\n");
+    for (int type = MC_STD; type < MC_ALLOCATOR_TYPES; ++type)
+        release(type, blocks[type]);
 }
 
 TEST_F(JsonReport, EscapesWhatIsNoText) {

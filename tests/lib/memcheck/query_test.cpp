@@ -57,8 +57,8 @@ TEST(DebugMessages, GoToOneFileOfTheProcess) {
     fs::create_directories(folder);
     const Ended end = ended([] {
         MCDebugMsg(0, nullptr);
-        const char *volatile empty = ""; // volatile: the compiler would object
-        MCDebugMsg(0, empty);
+        const char *volatile empty = ""; // a literal or the lack of an argument: compilers would object
+        MCDebugMsg(0, empty, 0);
         MCDebugMsg(0, "%s\n", "100% plain %n %s");
         MCDebugMsg(0, "%s", std::string(300, 'x').c_str());
         MCDebugMsg(0, "\n");

@@ -1,10 +1,19 @@
 #!/bin/bash
-# The gdb commands on a process that stands still: gdb.sh <subject> <folder of the library>.
+# The gdb commands on a process that stands still: gdb.sh <subject> <folder of the library> <probe>.
+# The probe is a program without the library, to see whether gdb can call functions at all: on some processors
+# Debian's cannot.
 set -euo pipefail
-subject=$1 library=$2
+subject=$1 library=$2 probe=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 ulimit -c 0
+
+gdb -nx -batch -ex 'break main' -ex run -ex 'print twice(21)' "$probe" >"$work/probed" 2>&1 || true
+if ! grep -q '= 42$' "$work/probed"; then
+    echo 'SKIPPED: gdb can call no function in any process here; it says:'
+    cat "$work/probed"
+    exit 77
+fi
 
 commands=(
     'break look' 'run' 'up'

@@ -1,0 +1,97 @@
+#!/bin/bash
+# usage: packages_inside.sh <folder where reports have to go>
+# What an ordinary user does with the installed packages, in the home folder.
+set -euo pipefail
+folder=$1
+rm -rf work
+mkdir work
+cd work
+ulimit -c 0
+
+fail() {
+    echo "FAILED: $1"
+    sed 's/^/    /' said 2>/dev/null || true
+    exit 1
+}
+
+# said <extended regular expression> [<file>]
+said() { grep -qE -- "$1" "${2-said}" || fail "not said: $1"; }
+
+echo "== pages"
+for page in k42mc k42mc_r MCInit; do
+    man "$page" >said 2>&1 || fail "man $page"
+    said '^NAME'
+done
+
+echo "== pkg-config"
+examples=/usr/share/doc/k42mc_r/examples
+flags() { pkg-config --cflags --libs "$@"; }
+for width in 64 32; do
+    ((width == 64)) || export PKG_CONFIG_PATH=/usr/lib32/pkgconfig
+    # shellcheck disable=SC2046
+    gcc -m$width -g "$examples/first.c" -o first $(flags k42mc_r)
+    ./first 2>said || fail "first, $width bits"
+    said '/first\.c:[0-9]+:LK:STD:0x[0-9A-F]+:12:1$'
+
+    # shellcheck disable=SC2046
+    gcc -m$width -g -c "$examples/pages.c" $(pkg-config --cflags k42mc_r)
+    # shellcheck disable=SC2046
+    gcc -m$width -g "$examples/concordance.c" pages.o -o concordance $(flags k42mc_r-redirect k42mc_r-redirect-fd)
+    ./concordance --to-file --leak "$examples/first.c" <<<main >/dev/null 2>said || fail "concordance, $width bits"
+    said "^MC: Reporting to \"$folder"
+    report=$(sed -n 's/^MC: Reporting to "\(.*\)"$/\1/p' said)
+    said 'concordance\.c:[0-9]+:LK:STD:' "$report"
+done
+unset PKG_CONFIG_PATH
+
+echo "== more blocks than a terminal is to show"
+cat >many.c <<'END'
+#include <k42mc/k42mc.h>
+#include <stdlib.h>
+
+int main(void) {
+    MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(MC_TYPE_LKBF));
+    for (int i = 0; i < 250; ++i) {
+        void *volatile lost = malloc(10);
+        (void)lost;
+    }
+    return 0;
+}
+END
+# shellcheck disable=SC2046
+gcc many.c -o many $(flags k42mc_r-redirect)
+./many 2>said || fail many
+report=$(sed -n 's/^MC: Reporting to "\(.*\)"$/\1/p' said)
+[[ $report == "$folder"* && $(grep -c ':LK:' "$report") == 250 ]] || fail "no 250 blocks in a file in $folder"
+
+echo "== CMake"
+cat >CMakeLists.txt <<'END'
+cmake_minimum_required(VERSION 3.18)
+project(many C)
+find_package(k42mc_r 1 REQUIRED)
+add_executable(by_cmake many.c)
+target_link_libraries(by_cmake k42mc::redirect)
+END
+{ cmake -S . -B built && cmake --build built; } >said 2>&1 || fail cmake
+built/by_cmake 2>said || fail by_cmake
+said '^MC: Reporting to'
+
+echo "== the command"
+k42mc run -- ls / >listed 2>said || fail 'k42mc run -- ls'
+said '^k42mc: [0-9]+ blocks?, [0-9]+ bytes? at [0-9]+ sites? in 1 process$'
+grep -qx usr listed || fail 'ls said nothing'
+k42mc run --output reports -- ./first >listed 2>&1 || fail 'k42mc run -- ./first'
+k42mc report reports >said 2>&1 || fail 'k42mc report'
+said 'first\.c'
+
+echo "== gdb"
+gcc -g -O0 /packages/probe.c -o probe
+gdb -nx -batch -ex 'break main' -ex run -ex 'print twice(21)' probe >said 2>&1 || true
+if grep -q '= 42$' said; then
+    gdb -nx -batch -ex 'break _exit' -ex run -ex 'k42mc report' ./first >said 2>&1 || fail gdb
+    said 'first\.c:[0-9]+:LK:STD:'
+else
+    echo 'SKIPPED: gdb can call no function in any process here'
+    gdb -nx -batch -ex 'break main' -ex run -ex 'help k42mc' ./first >said 2>&1 || true
+    said '^k42mc report'
+fi
