@@ -1,5 +1,7 @@
-// What both list families must do, run against a vector. The including test defines LIST(name) as the
-// family's name for a function or record, and what is the family's own: verify_backward() and special().
+// What both list families must do, run against a vector: for the C functions and for the typed front end
+// alike. The including test defines LIST(name), a function's or record's name in its family, LIST_NAME,
+// the family's own, and VIEW, its front end's template. It adds to CFunctions and FrontEnd what the other
+// family lacks.
 #pragma once
 
 #include "capture.h"
@@ -15,29 +17,6 @@ struct Item {
 };
 using Items = std::vector<Item *>;
 
-// A list, what it should hold, and the items that are in no list.
-struct Run {
-    LIST(List) * list;
-    Items items;
-    Items *unused;
-
-    Item *insert(size_t at) {
-        items.insert(items.begin() + long(at), unused->back());
-        unused->pop_back();
-        return items[at];
-    }
-    Item *remove(size_t at) {
-        if (at >= items.size())
-            return nullptr;
-        unused->push_back(items[at]);
-        items.erase(items.begin() + long(at));
-        return unused->back();
-    }
-};
-
-void verify_backward(const Run &run);
-void special(Run &run, Item *item, size_t at, bool destroy);
-
 inline LIST(List) * new_list(DSDestroyHook destroy, Items items = {}) {
     LIST(List) * list;
     EXPECT_EQ(LIST(Init)(&list, hooks::alloc, hooks::dealloc, offsetof(Item, link), destroy), DS_OK);
@@ -51,77 +30,194 @@ inline void expect_fault(const LIST(List) * list, const std::string &fault) {
               "common/lib/libk42mc/k42mc_ds:" + fault + "\n");
 }
 
-inline void verify(const Run &run, const std::string &name) {
-    const auto *const list = run.list;
-    const Items &items = run.items;
-    const bool empty = items.empty();
-    hooks::Blocks walked, expected(items.begin(), items.end());
-    for (void *item = LIST(First)(list); item; item = LIST(Next)(list, item))
-        walked.push_back(item);
-    ASSERT_EQ(walked, expected);
-    ASSERT_EQ(list->head, empty ? nullptr : &items.front()->link);
-    ASSERT_EQ(list->tail, empty ? nullptr : &items.back()->link);
-    ASSERT_EQ(LIST(Last)(list), empty ? nullptr : items.back());
-    ASSERT_EQ(LIST(IsEmpty)(list), empty);
-    ASSERT_NO_FATAL_FAILURE(verify_backward(run));
-    const auto count = "> number of entries: " + std::to_string(items.size()) + "\n";
-    const std::string said =
-        captured_stdout([&] { EXPECT_EQ((LIST(Info)(list), LIST(Check)(list)), DS_OK); });
-    ASSERT_EQ(said, "=========" + name + " Info=======\n" +
-                        (empty ? ">>>>> EMPTY <<<<<\n" : count + ">>>>>> " + name + "Check: OK\n"));
-}
+// The C functions under the names of the front end.
+struct CFunctions {
+    ~CFunctions() {
+        LIST(Deinit)(&list);
+        EXPECT_EQ(list, nullptr);
+    }
 
-inline void run_against_model(const std::string &name) {
+    static Item *as(void *item) { return static_cast<Item *>(item); }
+    LIST(List) * record() { return list; }
+    bool empty() { return LIST(IsEmpty)(list); }
+    Item *first() { return as(LIST(First)(list)); }
+    Item *last() { return as(LIST(Last)(list)); }
+    Item *next(Item &item) { return as(LIST(Next)(list, &item)); }
+    void insert_first(Item &item) { LIST(InsertFirst)(list, &item); }
+    void insert_last(Item &item) { LIST(InsertLast)(list, &item); }
+    void insert_next(Item &existing, Item &item) { LIST(InsertNext)(list, &existing, &item); }
+    Item *remove_first() { return as(LIST(RemoveFirst)(list)); }
+    void reverse() { LIST(Reverse)(list); }
+    void join_first(CFunctions &source) { LIST(JoinFirst)(list, source.list); }
+    void join_last(CFunctions &source) { LIST(JoinLast)(list, source.list); }
+    void clear() { LIST(Destroy)(list); }
+
+    LIST(List) *list = new_list(hooks::destroy);
+};
+
+struct FrontEnd : k42mc::owner<k42mc::VIEW<Item, &Item::link>> {
+    FrontEnd() : owner({hooks::alloc, hooks::dealloc, hooks::destroy}) {}
+};
+
+template <class List> class ListRun {
+public:
+    ListRun() {
+        for (Item &item : pool)
+            unused.push_back(&item);
+    }
+
+    void steps(int count) {
+        for (int i = 0; i < count && !testing::Test::HasFatalFailure(); ++i) {
+            const size_t which = random() % 2;
+            lists[which].step(*this, lists[1 - which]);
+            for (Modelled &each : lists)
+                each.verify();
+        }
+    }
+
+private:
+    // A list and what it should hold.
+    struct Modelled {
+        List list;
+        Items items;
+
+        Item &add(Items &unused, size_t at) {
+            items.insert(items.begin() + long(at), unused.back());
+            unused.pop_back();
+            return *items[at];
+        }
+        Item *drop(Items &unused, size_t at) {
+            if (at >= items.size())
+                return nullptr;
+            unused.push_back(items[at]);
+            items.erase(items.begin() + long(at));
+            return unused.back();
+        }
+
+        void step(ListRun &run, Modelled &other) {
+            Items &unused = run.unused;
+            const size_t size = items.size(), at = size ? run.random() % size : 0;
+            Item *const existing = size ? items[at] : nullptr;
+            hooks::start();
+            switch (run.random() % 12) {
+            case 0:
+                return unused.empty() ? void() : list.insert_first(add(unused, 0));
+            case 1:
+                return unused.empty() ? void() : list.insert_last(add(unused, size));
+            case 2:
+                return unused.empty() || !size ? void()
+                                               : list.insert_next(*existing, add(unused, at + 1));
+            case 3: {
+                const auto *kept = size ? items[0]->link.next : nullptr;
+                Item *const expected = drop(unused, 0);
+                ASSERT_EQ(list.remove_first(), expected);
+                ASSERT_TRUE(!expected || expected->link.next == kept);
+                return;
+            }
+            case 4:
+                return destroys(LIST(RemoveAndDestroyFirst)(list.record()), drop(unused, 0));
+            case 5:
+                list.reverse();
+                return std::reverse(items.begin(), items.end());
+            case 6:
+                list.join_first(other.list);
+                return take_from(other, items.begin());
+            case 7:
+                list.join_last(other.list);
+                return take_from(other, items.end());
+            case 8:
+                return run.random() % 8 ? void() : clear(unused);
+            default:
+                return special(run, existing, at);
+            }
+        }
+
+        void take_from(Modelled &other, Items::iterator at) {
+            items.insert(at, other.items.begin(), other.items.end());
+            other.items.clear();
+        }
+
+        void clear(Items &unused) {
+            list.clear();
+            ASSERT_EQ(hooks::destroyed, hooks::Blocks(items.begin(), items.end()));
+            while (drop(unused, 0))
+                ;
+        }
+
+        static void destroys(int32_t result, Item *expected) {
+            ASSERT_EQ(result, expected ? DS_OK : DS_FAILURE);
+            ASSERT_EQ(hooks::destroyed, expected ? hooks::Blocks{expected} : hooks::Blocks{});
+        }
+
+        // What only one family has.
+        void special(ListRun &run, Item *existing, size_t at) {
+            Items &unused = run.unused;
+            const bool destroy = run.random() % 2;
+            if constexpr (requires { list.remove_next(*existing); }) {
+                if (existing && destroy) {
+                    destroys(list.remove_and_destroy_next(*existing), drop(unused, at + 1));
+                } else if (existing) {
+                    ASSERT_EQ(list.remove_next(*existing), drop(unused, at + 1));
+                }
+            } else if (const unsigned operation = run.random() % 3; operation == 0) {
+                Item *const expected = drop(unused, items.size() - 1);
+                if (destroy) {
+                    destroys(list.remove_and_destroy_last(), expected);
+                } else {
+                    ASSERT_EQ(list.remove_last(), expected);
+                }
+            } else if (existing && operation == 1) {
+                drop(unused, at);
+                destroy ? list.remove_and_destroy(*existing) : list.remove(*existing);
+                ASSERT_EQ(hooks::destroyed, destroy ? hooks::Blocks{existing} : hooks::Blocks{});
+            } else if (existing && !unused.empty()) {
+                list.insert_prev(*existing, add(unused, at));
+            }
+        }
+
+        void verify() {
+            const bool is_empty = items.empty();
+            Items forward, backward, reversed(items.rbegin(), items.rend());
+            for (Item *item = list.first(); item; item = list.next(*item))
+                forward.push_back(item);
+            ASSERT_EQ(forward, items);
+            if constexpr (requires(Item & item) { list.prev(item); }) {
+                for (Item *item = list.last(); item; item = list.prev(*item))
+                    backward.push_back(item);
+                ASSERT_EQ(backward, reversed);
+            }
+            if constexpr (requires { list.begin(); }) {
+                const auto same = [](Item &item, Item *expected) { return &item == expected; };
+                ASSERT_TRUE(std::equal(list.begin(), list.end(), items.begin(), items.end(), same));
+            }
+            ASSERT_EQ(list.record()->head, is_empty ? nullptr : &items.front()->link);
+            ASSERT_EQ(list.record()->tail, is_empty ? nullptr : &items.back()->link);
+            ASSERT_EQ(list.last(), is_empty ? nullptr : items.back());
+            ASSERT_EQ(list.empty(), is_empty);
+            const std::string name = LIST_NAME;
+            const auto count = "> number of entries: " + std::to_string(items.size()) + "\n";
+            const std::string said = captured_stdout(
+                [&] { EXPECT_EQ((LIST(Info)(list.record()), LIST(Check)(list.record())), DS_OK); });
+            ASSERT_EQ(said,
+                      "=========" + name + " Info=======\n" +
+                          (is_empty ? ">>>>> EMPTY <<<<<\n" : count + ">>>>>> " + name + "Check: OK\n"));
+        }
+    };
+
     Random random;
     Item pool[7];
     Items unused;
-    for (auto &item : pool)
-        unused.push_back(&item);
-    Run runs[2] = {{new_list(hooks::destroy), {}, &unused}, {new_list(hooks::destroy), {}, &unused}};
+    Modelled lists[2];
+};
 
-    for (int step = 0; step < 3000; ++step) {
-        const size_t which = random() % 2, operation = random() % 13;
-        auto &run = runs[which], &other = runs[1 - which];
-        auto *const list = run.list;
-        Items &items = run.items;
-        const size_t size = items.size(), at = size ? random() % size : 0;
-        hooks::start();
-        if (operation <= 1 && !unused.empty())
-            (operation ? LIST(InsertLast) : LIST(InsertFirst))(list, run.insert(operation ? size : 0));
-        else if (operation == 2 && !unused.empty() && size) {
-            Item *existing = items[at];
-            LIST(InsertNext)(list, existing, run.insert(at + 1));
-        } else if (operation == 3) {
-            const auto *kept = size ? items[0]->link.next : nullptr;
-            Item *const expected = run.remove(0);
-            ASSERT_EQ(LIST(RemoveFirst)(list), expected);
-            ASSERT_TRUE(!expected || expected->link.next == kept);
-        } else if (operation == 4) {
-            ASSERT_EQ(LIST(RemoveAndDestroyFirst)(list), size ? DS_OK : DS_FAILURE);
-            ASSERT_EQ(hooks::destroyed, size ? hooks::Blocks{run.remove(0)} : hooks::Blocks{});
-        } else if (operation == 5) {
-            LIST(Reverse)(list);
-            std::reverse(items.begin(), items.end());
-        } else if (operation == 6 || operation == 7) {
-            (operation == 6 ? LIST(JoinFirst) : LIST(JoinLast))(list, other.list);
-            items.insert(operation == 6 ? items.begin() : items.end(), other.items.begin(),
-                         other.items.end());
-            other.items.clear();
-        } else if (operation == 8 && random() % 8 == 0) {
-            LIST(Destroy)(list);
-            ASSERT_EQ(hooks::destroyed, hooks::Blocks(items.begin(), items.end()));
-            while (run.remove(0))
-                ;
-        } else if (operation > 8) {
-            ASSERT_NO_FATAL_FAILURE(special(run, size ? items[at] : nullptr, at, random() % 2));
-        }
-        for (const Run &each : runs)
-            ASSERT_NO_FATAL_FAILURE(verify(each, name)) << operation;
-    }
-    for (Run &run : runs)
-        LIST(Deinit)(&run.list);
-    EXPECT_EQ(runs[0].list, nullptr);
+template <class List> class Lists : public testing::Test {};
+TYPED_TEST_SUITE_P(Lists);
+
+TYPED_TEST_P(Lists, AgreeWithModel) {
+    ListRun<TypeParam>().steps(3000);
 }
+
+REGISTER_TYPED_TEST_SUITE_P(Lists, AgreeWithModel);
 
 // A visit callback that records as the destroy hook does, and stops at the third element.
 inline int32_t stop_at_third(void *element, void *result) {

@@ -1,43 +1,26 @@
-#include <k42mc/dl.h>
+#include <k42mc/dl.hpp>
 
 #define LIST(name) DL##name
+#define LIST_NAME  "DL"
+#define VIEW       dl_view
 #include "list_suite.h"
 
-void verify_backward(const Run &run) {
-    hooks::Blocks walked, expected(run.items.rbegin(), run.items.rend());
-    for (void *item = DLLast(run.list); item; item = DLPrev(run.list, item))
-        walked.push_back(item);
-    ASSERT_EQ(walked, expected);
-}
+struct ByFunctions : CFunctions {
+    Item *prev(Item &item) { return as(DLPrev(list, &item)); }
+    void insert_prev(Item &existing, Item &item) { DLInsertPrev(list, &existing, &item); }
+    void remove(Item &item) { DLRemove(list, &item); }
+    void remove_and_destroy(Item &item) { DLRemoveAndDestroy(list, &item); }
+    Item *remove_last() { return as(DLRemoveLast(list)); }
+    int32_t remove_and_destroy_last() { return DLRemoveAndDestroyLast(list); }
+};
 
-void special(Run &run, Item *item, size_t at, bool destroy) {
-    static int operation;
-    switch (++operation % 3) {
-    case 0:
-        if (item && !run.unused->empty())
-            DLInsertPrev(run.list, item, run.insert(at));
-        break;
-    case 1:
-        if (item) {
-            run.remove(at);
-            (destroy ? DLRemoveAndDestroy : DLRemove)(run.list, item);
-            ASSERT_EQ(hooks::calls, destroy ? "X" : "");
-        }
-        break;
-    case 2:
-        Item *const expected = run.remove(run.items.size() - 1);
-        if (destroy) {
-            ASSERT_EQ(DLRemoveAndDestroyLast(run.list), expected ? DS_OK : DS_FAILURE);
-            ASSERT_EQ(hooks::destroyed, expected ? hooks::Blocks{expected} : hooks::Blocks{});
-        } else {
-            ASSERT_EQ(DLRemoveLast(run.list), expected);
-        }
-    }
-}
+struct ByFrontEnd : FrontEnd {
+    void remove_and_destroy(Item &item) { DLRemoveAndDestroy(record(), &item); }
+    int32_t remove_and_destroy_last() { return DLRemoveAndDestroyLast(record()); }
+};
 
-TEST(DL, AgreesWithModel) {
-    run_against_model("DL");
-}
+using Doors = testing::Types<ByFunctions, ByFrontEnd>;
+INSTANTIATE_TYPED_TEST_SUITE_P(DL, Lists, Doors);
 
 TEST(DL, VisitsInBothDirections) {
     Item a, b, c, d;

@@ -1,25 +1,21 @@
-#include <k42mc/sl.h>
+#include <k42mc/sl.hpp>
 
 #define LIST(name) SL##name
+#define LIST_NAME  "SL"
+#define VIEW       sl_view
 #include "list_suite.h"
 
-void verify_backward(const Run &) {}
+struct ByFunctions : CFunctions {
+    Item *remove_next(Item &item) { return as(SLRemoveNext(list, &item)); }
+    int32_t remove_and_destroy_next(Item &item) { return SLRemoveAndDestroyNext(list, &item); }
+};
 
-void special(Run &run, Item *item, size_t at, bool destroy) {
-    if (!item)
-        return;
-    Item *const expected = run.remove(at + 1);
-    if (destroy) {
-        ASSERT_EQ(SLRemoveAndDestroyNext(run.list, item), expected ? DS_OK : DS_FAILURE);
-        ASSERT_EQ(hooks::calls, expected ? "X" : "");
-    } else {
-        ASSERT_EQ(SLRemoveNext(run.list, item), expected);
-    }
-}
+struct ByFrontEnd : FrontEnd {
+    int32_t remove_and_destroy_next(Item &item) { return SLRemoveAndDestroyNext(record(), &item); }
+};
 
-TEST(SL, AgreesWithModel) {
-    run_against_model("SL");
-}
+using Doors = testing::Types<ByFunctions, ByFrontEnd>;
+INSTANTIATE_TYPED_TEST_SUITE_P(SL, Lists, Doors);
 
 TEST(SL, Visits) {
     Item a, b, c, d;
