@@ -1,5 +1,5 @@
-// Code that the process makes at run time, without call-frame information, allocates and releases: traces
-// end there, whatever the frame pointer is, and again when the memory is a module's or another code's.
+// Code that the process makes at run time, without call-frame information, allocates: traces end there,
+// whatever the frame pointer is.
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>

@@ -21,101 +21,68 @@ std::atomic<bool> done = false;
 
 void handle(int) {}
 
-void filter(std::mt19937 &random) {
+void allocate() {
+    void *block = k42MC_malloc("control_calls.cpp", 1, 10);
+    MCCheck(K42MC_BE_ADDR(block));
+    k42MC_free("control_calls.cpp", 2, block);
+}
+
+void filter(unsigned number) {
     char text[64];
-    snprintf(text, sizeof text, "traffic.cpp:1:LK:STD:0x1:%u:1", static_cast<unsigned>(random() % 400));
-    MCBTFilterSet(text, static_cast<int>(random() % 2));
+    snprintf(text, sizeof text, "traffic.cpp:1:LK:STD:0x1:%u:1", number / 2 % 400);
+    MCBTFilterSet(text, static_cast<int>(number % 2));
 }
 
-void control(std::mt19937 &random) {
+void init(unsigned number) {
     constexpr uint32_t bitmaps[] = {MC_TYPE_LKBF, MC_TYPE_BT_OFF, MC_TYPE_LK_RESET, MC_TYPE_SHM, 0x100};
-    const uint32_t number = random() % 16;
-    switch (random() % 12) {
-    case 0:
-        MCDeinit();
-        break;
-    case 1:
-        MCReport(K42MC_BE32(number));
-        break;
-    case 2: {
-        void *block = k42MC_malloc("control_calls.cpp", 1, number);
-        MCCheck(K42MC_BE_ADDR(block));
-        k42MC_free("control_calls.cpp", 2, block);
-        MCCheck(K42MC_BE_ADDR(block));
-        break;
-    }
-    case 3:
-        filter(random);
-        break;
-    case 4:
-        MCBTFilterReset();
-        break;
-    case 5:
-        MCDebugMsg(number % 2, "message %u\n", number);
-        break;
-    case 6:
-        k42mcx_verify();
-        break;
-    case 7:
-        k42mcx_report_json(nowhere, number);
-        break;
-    case 8:
-        k42mcx_report_folder(folder);
-        break;
-    default:
-        MCInit(K42MC_BE32(random() % 2), K42MC_BE32(bitmaps[random() % 5]));
-        break;
-    }
+    MCInit(K42MC_BE32(number % 2), K42MC_BE32(bitmaps[number / 2 % 5]));
 }
 
-void describe(std::mt19937 &random) {
-    const auto descriptor = static_cast<int32_t>(random() % 16);
-    switch (random() % 6) {
-    case 0:
-        FDReport(K42MC_BE32(random() % 6));
-        break;
-    case 1:
-        FDCheck(static_cast<int32_t>(K42MC_BE32(descriptor)));
-        break;
-    case 2:
-        k42mcx_fd_report_json(nowhere);
-        break;
-    case 3:
-        FDClose("control_calls", descriptor);
-        break;
-    default:
-        FDOpen("control_calls", descriptor);
-        break;
-    }
+using Call = void (*)(unsigned number);
+
+constexpr Call memory_calls[] = {init,
+                                 init,
+                                 init,
+                                 filter,
+                                 [](unsigned) { MCDeinit(); },
+                                 [](unsigned number) { MCReport(K42MC_BE32(number % 16)); },
+                                 [](unsigned) { MCBTFilterReset(); },
+                                 [](unsigned number) { MCDebugMsg(number % 2, "message %u\n", number); },
+                                 [](unsigned) { k42mcx_verify(); },
+                                 [](unsigned number) { k42mcx_report_json(nowhere, number % 16); },
+                                 [](unsigned) { k42mcx_report_folder(folder); }};
+
+int32_t descriptor(unsigned number) {
+    return static_cast<int32_t>(number % 16);
 }
 
-int allocate(dl_phdr_info *, size_t, void *) {
-    k42MC_free("control_calls.cpp", 4, k42MC_malloc("control_calls.cpp", 3, 10));
+constexpr Call descriptor_calls[] = {
+    [](unsigned number) { FDOpen("control_calls", descriptor(number)); },
+    [](unsigned number) { FDOpen("control_calls", descriptor(number)); },
+    [](unsigned number) { FDClose("control_calls", descriptor(number)); },
+    [](unsigned number) { FDCheck(static_cast<int32_t>(K42MC_BE32(descriptor(number)))); },
+    [](unsigned number) { FDReport(K42MC_BE32(number % 6)); },
+    [](unsigned) { k42mcx_fd_report_json(nowhere); }};
+
+int in_module(dl_phdr_info *, size_t, void *) {
+    allocate();
     return 0;
 }
 
-// What holds locks of libc's, and allocates meanwhile.
-void hold(std::mt19937 &random) {
-    switch (random() % 4) {
-    case 0:
-        flockfile(stderr);
-        allocate(nullptr, 0, nullptr);
-        fputs("a line\n", stderr);
-        funlockfile(stderr);
-        break;
-    case 1:
-        fflush(nullptr);
-        break;
-    case 2:
-        dl_iterate_phdr(allocate, nullptr);
-        break;
-    default: {
-        const time_t now = time(nullptr);
-        tm local;
-        localtime_r(&now, &local);
-        break;
-    }
-    }
+void hold_stderr(unsigned) {
+    flockfile(stderr);
+    allocate();
+    fputs("a line\n", stderr);
+    funlockfile(stderr);
+}
+
+// What holds locks of libc's, and allocates meanwhile where it can.
+constexpr Call libc_calls[] = {hold_stderr, [](unsigned) { fflush(nullptr); },
+                               [](unsigned) { dl_iterate_phdr(in_module, nullptr); },
+                               [](unsigned) { tzset(); }};
+
+template <size_t count> void call_one(const Call (&calls)[count], std::mt19937 &random) {
+    calls[random() % count](static_cast<unsigned>(random()));
 }
 
 void fork_one(std::mt19937 &random) {
@@ -130,8 +97,8 @@ void fork_one(std::mt19937 &random) {
     }
     alarm(30);
     for (unsigned calls = random() % 4; calls > 0; --calls)
-        control(random);
-    describe(random);
+        call_one(memory_calls, random);
+    call_one(descriptor_calls, random);
     if (random() % 2)
         exit(0);
     _exit(0);
@@ -145,11 +112,11 @@ void call(unsigned seed) {
         if (choice < 80)
             traffic.step();
         else if (choice < 90)
-            control(random);
+            call_one(memory_calls, random);
         else if (choice < 94)
-            describe(random);
+            call_one(descriptor_calls, random);
         else
-            hold(random);
+            call_one(libc_calls, random);
     }
 }
 
