@@ -86,5 +86,5 @@ int main() {
         run(at);
     std::thread(run, 0).join();
     MCDeinit();
-    return faults;
+    return faults != 0;
 }
