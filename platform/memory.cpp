@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 
+#include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -11,15 +12,32 @@ namespace {
 
 constexpr uintptr_t kernel_signal_set_bytes = 8;
 
-// The kernel copies the new signal set in before it refuses the unknown way of applying it. Rounded
-// down, the set does not reach into the next page. Whatever else may be wrong, in a sandbox say, is no
-// reason to distrust the memory. At address 0 no set is given at all.
-bool can_read_page(uintptr_t address) {
+enum class Answer { readable, fault, none };
+
+// The kernel copies the new signal set in before it refuses the unknown way of applying it. A sandbox may
+// refuse the call by itself, which says nothing. Rounded down, the set does not reach into the next page.
+Answer ask_for_signal_set(uintptr_t address) {
     constexpr int no_such_way = -1;
     const uintptr_t set = address & -kernel_signal_set_bytes;
-    return set != 0 &&
-           (syscall(SYS_rt_sigprocmask, no_such_way, set, nullptr, kernel_signal_set_bytes) == 0 ||
-            errno != EFAULT);
+    if (syscall(SYS_rt_sigprocmask, no_such_way, set, nullptr, kernel_signal_set_bytes) == 0)
+        return Answer::none;
+    return errno == EINVAL ? Answer::readable : errno == EFAULT ? Answer::fault : Answer::none;
+}
+
+// The kernel reads the word to compare it, and moves none of the threads that may wait for it. Sandboxes let
+// this call through, as locks need it.
+bool faults_as_lock(uintptr_t address) {
+    const uintptr_t word = address & -sizeof(uint32_t);
+    return syscall(SYS_futex, word, FUTEX_CMP_REQUEUE_PRIVATE, 0, nullptr, word, 0) < 0 &&
+           errno == EFAULT;
+}
+
+// At address 0 no set is given at all. Where neither call answers, that is no reason to distrust the memory.
+bool can_read_page(uintptr_t address) {
+    if (address < kernel_signal_set_bytes)
+        return false;
+    const Answer answer = ask_for_signal_set(address);
+    return answer == Answer::readable || (answer == Answer::none && !faults_as_lock(address));
 }
 
 bool can_read_pages(uintptr_t first, uintptr_t last) {

@@ -105,6 +105,7 @@ public:
 
 private:
     sigset_t former_;
+    bool held_; // not where a sandbox denies it
     bool others_pending_ = false;
 };
 

@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 
@@ -11,7 +12,7 @@ namespace {
 
 constexpr int raised_by_writes[] = {SIGXFSZ, SIGPIPE, SIGTTOU};
 
-constexpr long patience = 5000; // milliseconds
+constexpr int64_t patience = 5000; // milliseconds
 
 // Somebody waited in vain for a reader, and no byte has been taken since.
 constinit std::atomic<bool> nobody_reads = false;
@@ -24,10 +25,10 @@ sigset_t write_signals() {
     return set;
 }
 
-long milliseconds_now() {
+int64_t milliseconds_now() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long>(now.tv_sec % 1000000) * 1000 + now.tv_nsec / 1000000;
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 } // namespace
@@ -36,21 +37,22 @@ long milliseconds_now() {
 // signals or wait for them, so that is done where it has to be.
 WriteSignalsHeld::WriteSignalsHeld() {
     const sigset_t set = write_signals();
-    pthread_sigmask(SIG_BLOCK, &set, &former_);
+    held_ = pthread_sigmask(SIG_BLOCK, &set, &former_) == 0;
     for (const int number : raised_by_writes) {
         sigset_t pending;
-        if (sigismember(&former_, number) == 1 && sigpending(&pending) == 0)
+        if (held_ && sigismember(&former_, number) == 1 && sigpending(&pending) == 0)
             others_pending_ = others_pending_ || sigismember(&pending, number) == 1;
     }
 }
 
 WriteSignalsHeld::~WriteSignalsHeld() {
-    pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+    if (held_)
+        pthread_sigmask(SIG_SETMASK, &former_, nullptr);
 }
 
 void WriteSignalsHeld::take_signal_of(int failure) {
     constexpr timespec at_once = {0, 0};
-    if (others_pending_ || (failure != EFBIG && failure != EPIPE))
+    if (!held_ || others_pending_ || (failure != EFBIG && failure != EPIPE))
         return;
     sigset_t raised;
     sigemptyset(&raised);
@@ -58,16 +60,19 @@ void WriteSignalsHeld::take_signal_of(int failure) {
     sigtimedwait(&raised, nullptr, &at_once);
 }
 
+// Each interruption counts as a millisecond at least: the process may have a clock of its own, that stands
+// or goes backwards.
 bool wait_for_room(int descriptor) {
-    const long end = milliseconds_now() + (nobody_reads ? 0 : patience);
+    int64_t left = nobody_reads ? 0 : patience;
+    const int64_t end = milliseconds_now() + left;
     pollfd room{.fd = descriptor, .events = POLLOUT, .revents = 0};
     for (;;) {
-        const long left = end - milliseconds_now();
-        const int ready = poll(&room, 1, static_cast<int>(left > 0 ? left : 0));
+        const int ready = poll(&room, 1, static_cast<int>(left));
         if (ready > 0)
             return true;
         if (ready == 0 || errno != EINTR)
             break;
+        left = std::max<int64_t>(std::min(left - 1, end - milliseconds_now()), 0);
     }
     nobody_reads = true;
     return false;
