@@ -45,9 +45,9 @@ void put_event(JsonOutput &out, const FDEvent &event) {
 void put_history(JsonOutput &out, int32_t descriptor, const History &history) {
     // Each line may be the first: nothing says where a report begins.
     out->print("{\"format\":%u,\"kind\":\"descriptor\",\"descriptor\":%d,\"open\":%s,\"alarms\":%u,"
-              "\"opens\":%u,\"closes\":%u,\"events\":[",
-              JsonOutput::version, descriptor, fcntl(descriptor, F_GETFD) != -1 ? "true" : "false",
-              history.counted.alarms, history.counted.opens, history.counted.closes);
+               "\"opens\":%u,\"closes\":%u,\"events\":[",
+               JsonOutput::version, descriptor, fcntl(descriptor, F_GETFD) != -1 ? "true" : "false",
+               history.counted.alarms, history.counted.opens, history.counted.closes);
     for (size_t i = 0; i < history.events.size; ++i) {
         if (i > 0)
             out->print(",");

@@ -77,7 +77,8 @@ TEST(Symbols, OnlyNamesOfCppAreDemangled) {
     Symbolizer symbolizer;
     EXPECT_EQ(symbolizer.lookup(pc_in({}, f())).front().function, "f");
     const auto lookup = reinterpret_cast<const char *>(&describe);
-    EXPECT_TRUE(symbolizer.lookup(pc_in({}, lookup + 1)).back().function.starts_with("describe[abi:cxx11]("));
+    EXPECT_TRUE(
+        symbolizer.lookup(pc_in({}, lookup + 1)).back().function.starts_with("describe[abi:cxx11]("));
 }
 
 TEST(Symbols, LinesOfAnyLengthAreCopied) {
