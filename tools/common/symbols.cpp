@@ -27,8 +27,10 @@ int find_debuginfo(Dwfl_Module *module, void **userdata, const char *name, Dwarf
     const std::string own = path.substr(slash);
     if (link != nullptr && *link == '/' && would_wait(link))
         return -1;
+    const std::string hidden = folder + ".debug/";
     for (const std::string &candidate : {link != nullptr ? std::string(link) : own + ".debug", own})
-        if (would_wait(folder + candidate) || would_wait(folder + ".debug/" + candidate))
+        if (would_wait(std::string(folder).append(candidate)) ||
+            would_wait(std::string(hidden).append(candidate)))
             return -1;
     return dwfl_standard_find_debuginfo(module, userdata, name, base, file, link, checksum, found);
 }
@@ -109,7 +111,7 @@ std::string bare_name(const char *name) {
 std::string demangled(const char *name) {
     if (name == nullptr)
         return {};
-    const std::string bare = bare_name(name);
+    std::string bare = bare_name(name);
     if (!bare.starts_with("_Z"))
         return bare;
     int status = 0;
