@@ -88,8 +88,11 @@ echo "== gdb"
 gcc -g -O0 /packages/probe.c -o probe
 gdb -nx -batch -ex 'break main' -ex run -ex 'print twice(21)' probe >said 2>&1 || true
 if grep -q '= 42$' said; then
-    gdb -nx -batch -ex 'break _exit' -ex run -ex 'k42mc report' ./first >said 2>&1 || fail gdb
-    said 'first\.c:[0-9]+:LK:STD:'
+    # shellcheck disable=SC2046
+    gcc -g -O0 many.c -o many $(flags k42mc_r-redirect)
+    gdb -nx -batch -ex 'break main' -ex run -ex 'tbreak MCInit' -ex continue -ex finish \
+        -ex 'next 4' -ex 'k42mc report' ./many >said 2>&1 || fail gdb
+    said '^many\.c:7:LK:STD:'
 else
     echo 'SKIPPED: gdb can call no function in any process here'
     gdb -nx -batch -ex 'break main' -ex run -ex 'help k42mc' ./first >said 2>&1 || true

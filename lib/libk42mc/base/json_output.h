@@ -10,6 +10,7 @@ public:
     // Of the format of the lines, told at the start of a report: a reader that knows less refuses them.
     static constexpr unsigned version = 1;
 
+    // cppcheck-suppress uninitMemberVar ; what is not written yet is never read
     explicit JsonOutput(int descriptor) : text_(buffer_, descriptor) {}
 
     TextOutput *operator->() { return &text_; }

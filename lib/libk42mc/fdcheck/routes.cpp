@@ -53,6 +53,7 @@ void remember(const void *address, int32_t descriptor, bool closed) {
     }
     handle->descriptor = descriptor;
     handle->closed = closed;
+    // cppcheck-suppress memleak ; the tree has it
 }
 
 bool is_open_descriptor(int32_t descriptor) {
