@@ -3,6 +3,8 @@ import os
 import re
 import subprocess
 
+import raw
+
 STATES = {
     "malloc": ("plain", "off"),
     "guarded, checker off": ("checked", "off"),
@@ -38,6 +40,7 @@ def table(build, row, pairs=32_000):
     for live in LOADS:
         for name, (program, state) in STATES.items():
             filled, more = (counts(build, program, state, live, n) for n in (0, pairs))
+            raw.keep("instructions and misses, of the blocks and with pairs", f"{name}, {live} blocks", [filled, more])
             instructions, first, second = ((b - a) / pairs for a, b in zip(filled, more))
             yield row([name, f"{live:,}", f"{instructions:,.0f}", f"{first:.1f}", f"{second:.1f}"])
     yield ""

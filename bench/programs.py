@@ -7,6 +7,8 @@ import statistics
 import subprocess
 import time
 
+import raw
+
 TOP = pathlib.Path(__file__).resolve().parent.parent
 FOLDER = TOP / "build/bench64/programs"
 COMMAND = TOP / "build/bench64/tools/k42mc"
@@ -165,6 +167,7 @@ def measure(name, program, rounds):
             figures[tool][1].append(megabytes)
             if read:
                 left[tool] = read(folder)
+    raw.keep("programs, seconds and MiB; blocks left", name, {"figures": figures, "left": left})
     return figures, left
 
 

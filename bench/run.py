@@ -2,7 +2,8 @@
 """usage: run.py [--quick] [--no-containers] [--output FILE]
 
 Runs what ./dev bench has built in build/bench and build/bench32, ours and theirs by turns, and writes
-a table of medians and ratios to the terminal and to FILE (bench/RESULTS.md).
+a table of medians and ratios to the terminal and to FILE (bench/RESULTS.md), and what they are made of, round by
+round, beside it (bench/RESULTS.json). Neither is ever edited.
 """
 import argparse
 import os
@@ -16,6 +17,7 @@ import tempfile
 import containers
 import misses
 import programs
+import raw
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 BUILDS = {64: TOP / "build/bench64/bench", 32: TOP / "build/bench32/bench"}
@@ -68,6 +70,9 @@ def measure_traffic(rounds, loads, pairs):
                         nanoseconds, size = traffic(name, width, threads, live, pairs)
                         times.append(nanoseconds)
                         sizes.append(size)
+    for (width, threads, live), measured in results.items():
+        for name, (times, sizes) in measured.items():
+            raw.keep("a free and an allocation", f"{name}, {width} bits, {threads} threads, {live} blocks", {"ns": times, "bytes": sizes})
     return results
 
 
@@ -174,7 +179,7 @@ def trace_tables(rounds):
     yield row(["---"] * 7)
     for width in (64, 32):
         for name, (frames, bits, goal, backtrace_goal) in TRACES.items():
-            times = measure_traces(width, frames, bits, rounds)
+            times = raw.keep("traces, ns", f"{name}, {width} bits", measure_traces(width, frames, bits, rounds))
             ours, pointers, libc = (times[walker] for walker in ("ours", "pointers", "backtrace"))
             # Of the medians: a round's walk can be lost in the noise of the calls that lead to it.
             ratio = statistics.median(ours) / statistics.median(pointers)
@@ -187,7 +192,7 @@ def trace_tables(rounds):
     yield row(["program", "ours, ns", "the unwinder takes", "goal"])
     yield row(["---"] * 4)
     for name, (command, environment, goal) in PROGRAMS.items():
-        runs = [traces_in(command, environment) for _ in range(rounds)]
+        runs = raw.keep("traces in programs, ns of ours and of the unwinder", name, [traces_in(command, environment) for _ in range(rounds)])
         ours, theirs = zip(*runs)
         yield row([name, f"{statistics.median(ours):.1f}", f"{median_ratio(theirs, ours):.0f} times", goal])
     yield ""
@@ -205,7 +210,8 @@ def report_table(rounds):
             )
             for _ in range(rounds)
         ]
-        yield f"- {width} bits: {statistics.median(map(float, runs)):,.0f}"
+        lines = raw.keep("lines of a report a second", f"{width} bits", [float(run) for run in runs])
+        yield f"- {width} bits: {statistics.median(lines):,.0f}"
     yield ""
 
 
@@ -239,7 +245,9 @@ def main():
         lines += containers.tables(BUILDS[64] / "containers/bench_containers", options.quick)
     text = "\n".join(lines) + "\n"
     print(text)
-    pathlib.Path(options.output).write_text(text, encoding="utf-8")
+    output = pathlib.Path(options.output)
+    output.write_text(text, encoding="utf-8")
+    raw.write(output.with_suffix(".json"))
 
 
 main()

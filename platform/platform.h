@@ -15,7 +15,7 @@ namespace k42mc::internal::platform {
 
 // ---- Traces ----
 
-// Captures the call chain of the calling thread: return addresses, innermost first, beginning with the
+// Captures the stack trace of the calling thread: return addresses, innermost first, beginning with the
 // one in the code that called into the library. The leading run of the library's own frames is skipped,
 // however the compiler inlined them; library frames below a callback of the user stay.
 // Returns the number stored, at most `most`. Allocates nothing, keeps errno.

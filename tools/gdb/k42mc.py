@@ -374,7 +374,7 @@ def filter_site(way, text):
 
 @command("k42mc descriptor", "<DESCRIPTOR>")
 def descriptor_history(descriptor):
-    """Shows a descriptor's history with the call chain of each event."""
+    """Shows a descriptor's history with the stack trace of each event."""
     call(f"((void (*)(int)) FDCheck)({reversed_bytes(number_of(descriptor))})")
 
 

@@ -5,7 +5,7 @@
 //   K42MC_RUN_LIMIT      blocks count that have survived so many reports; 1 unless it is given
 //   K42MC_RUN_EVERY      seconds from one report to the next
 //   K42MC_RUN_SIGNAL     the number of a signal that asks for a report
-//   K42MC_RUN_BACKTRACE  0 for no call chains
+//   K42MC_RUN_BACKTRACE  0 for no stack traces
 //   K42MC_RUN_FILTERS    filter lines for traces, one a line
 //   K42MC_RUN_VERIFY     1 to examine the guards of the blocks that are left at exit
 //   K42MC_RUN_FDS        1 to watch descriptors, too

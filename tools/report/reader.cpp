@@ -18,7 +18,7 @@ bool is_report(const fs::path &path) {
     return path.extension() == ".txt" || path.extension() == ".json" || path.extension() == ".jsonl";
 }
 
-// A process under `k42mc run` leaves a text and lines of JSON, which have the call chains, too.
+// A process under `k42mc run` leaves a text and lines of JSON, which have the stack traces, too.
 bool is_said_better(const fs::path &path) {
     return path.extension() == ".txt" && fs::exists(fs::path(path).replace_extension(".json"));
 }

@@ -159,8 +159,8 @@ void add_run(CLI::App &app) {
     command->add_option("--signal", options->signal, "Report on this signal")->type_name("SIG");
     command->add_option("--limit", options->limit, "Blocks that survived so many reports")
         ->type_name("N");
-    command->add_flag("--no-backtrace", options->no_backtrace, "Record no call chains");
-    command->add_option("--filter", options->filters, "Sites with or without call chains")
+    command->add_flag("--no-backtrace", options->no_backtrace, "Record no stack traces");
+    command->add_option("--filter", options->filters, "Sites with or without stack traces")
         ->type_name("LINE")
         ->allow_extra_args(false);
     command->add_flag("--verify", options->verify, "Examine the blocks left at exit");

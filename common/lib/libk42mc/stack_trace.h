@@ -1,4 +1,4 @@
-// The call chain behind one operation, captured once and shared by whoever keeps a part of it.
+// The stack trace behind one operation, captured once and shared by whoever keeps a part of it.
 #pragma once
 
 #include "platform/platform.h"

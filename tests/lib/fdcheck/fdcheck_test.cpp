@@ -211,7 +211,7 @@ TEST_F(FD, HistoryIsPrintedWhole) {
                 ((FDEvent *)SLLast(gFDITable[9].events))->time +
                 "]\n-----\nBacktrace:\nNot available\n------\n";
     static char buffer[BUFSIZ];
-    setvbuf(stderr, buffer, _IOFBF, sizeof buffer); // its text and the call chains take two ways
+    setvbuf(stderr, buffer, _IOFBF, sizeof buffer); // its text and the stack traces take two ways
     EXPECT_EQ(checked(9), said);
     setvbuf(stderr, nullptr, _IONBF, 0);
     EXPECT_ENDS(said, "------\n" + rest +

@@ -77,7 +77,7 @@ said '^k42mc: 1 block, 12 bytes'
 run 0 wait --every 1
 (($(grep -c '<cycle' reports/*.txt) >= 3)) || fail 'no reports by the clock'
 
-# A call chain for the one site that is asked for.
+# A stack trace for the one site that is asked for.
 run 0 leak
 site=$(grep ':LK:STD:.*:12:1$' reports/*.txt)
 run 0 leak --no-backtrace --filter "$site"
@@ -102,7 +102,7 @@ said '^  written past the end \(WO\): 1 block, 10 bytes$'
 run 134 double-free
 grep -q '^k42mc detected DF: alloc(STD) free(STD)' out || fail 'no DF'
 said '^k42mc: process [0-9]+ was stopped: k42mc detected DF: alloc\(STD\) free\(STD\)'
-[[ $(grep -A1 ' released ' err | grep -c '^    main') == 2 ]] || fail 'no call chains'
+[[ $(grep -A1 ' released ' err | grep -c '^    main') == 2 ]] || fail 'no stack traces'
 run 99 double-free --error-exitcode 99
 run 134 mixed
 grep -q '^k42mc detected BF: alloc(FIX) free(STD)' out || fail 'no BF'
