@@ -1,6 +1,7 @@
 #include "tools/preload/report_files.h"
 
 #include "base/json_output.h"
+#include "platform/platform.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -21,6 +22,7 @@ constinit char folder_identity[64] = ""; // "<device>:<inode>"; empty: any folde
 constinit char run_id[64] = "";          // what k42mc run knows its own files by
 constinit char program[NAME_MAX - sizeof ".4294967295-4294967295.json"] = "";
 constinit char stem[NAME_MAX - sizeof ".json"] = "";
+constinit pid_t owner = 0; // the process that created the files
 
 template <size_t room> bool copy_setting(char (&to)[room], const char *variable) {
     const char *value = getenv(variable);
@@ -92,6 +94,11 @@ bool introduce(int descriptor) {
     return out->flush() == 0;
 }
 
+// Not every child is told of. One that has its parent's memory leaves the files alone.
+bool files_are_own() {
+    return owner == getpid() || (!k42mc::internal::platform::borrows_memory() && create_report_files());
+}
+
 // Both or neither, under one stem. False with errno set.
 bool create_both(int folder) {
     if (!json_file.create(folder))
@@ -155,8 +162,10 @@ void ReportFile::remove(int folder) {
 }
 
 int ReportFile::descriptor() {
+    if (!created_ || !files_are_own())
+        return -1;
     const int kept = file_.descriptor();
-    if (kept >= 0 || !created_)
+    if (kept >= 0)
         return kept;
     char name[NAME_MAX];
     name_into(name);
@@ -172,6 +181,7 @@ int ReportFile::descriptor() {
 
 bool create_report_files() {
     constexpr unsigned most_numbers = 1000;
+    owner = getpid();
     json_file.close();
     text_file.close();
     const OpenFolder folder;

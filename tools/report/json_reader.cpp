@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -70,7 +71,7 @@ class JsonReader {
 public:
     JsonReader(Report &report, const std::string &name)
         : report_(report), name_(name), complaints_(report, name) {
-        report_.processes.push_back({report_.text(name_), {}, {}, {}, {}});
+        add_process();
     }
 
     void read(Lines &lines) {
@@ -92,7 +93,22 @@ public:
     }
 
 private:
-    Process &process() { return report_.processes.back(); }
+    Process &process() { return report_.processes[current_]; }
+
+    void add_process() {
+        current_ = report_.processes.size();
+        report_.processes.push_back({report_.text(name_), {}, {}, {}, {}});
+    }
+
+    // Children that nobody told of their fork may have written to the same file.
+    void go_on_with(int pid) {
+        const auto known = by_pid_.find(pid);
+        if (known != by_pid_.end())
+            current_ = known->second;
+        else if (!by_pid_.empty())
+            add_process();
+        by_pid_[pid] = current_;
+    }
 
     bool is_empty() {
         return process().cycles.empty() && process().descriptors.empty() && process().stops.empty();
@@ -143,10 +159,12 @@ private:
             complain("a report before this one is cut off");
         const auto number = number_in<uint32_t>(line, "cycle");
         const Counter live = counter_of(line);
-        if (process().cycles.empty())
-            process().name = report_.text(std::string(text_in(line, "program")) + "." +
-                                          std::to_string(number_in<int>(line, "pid")));
         end_cycle();
+        const int pid = number_in<int>(line, "pid");
+        go_on_with(pid);
+        if (process().cycles.empty())
+            process().name =
+                report_.text(std::string(text_in(line, "program")) + "." + std::to_string(pid));
         process().cycles.push_back({number, live, {}});
         process().damages.clear();
         process().descriptors.clear();
@@ -199,6 +217,8 @@ private:
     Report &report_;
     const std::string &name_;
     Complaints complaints_;
+    size_t current_ = 0; // of the processes
+    std::map<int, size_t> by_pid_;
     uint64_t line_ = 0;
     bool refused_ = false;    // for a format that is not known
     bool unfinished_ = false; // the "end" is still to come

@@ -60,6 +60,25 @@ TEST(Reader, DamagedJsonIsToldAndTheRestShown) {
     EXPECT_EQ(Histories(report, Order::bytes).sites().size(), 2u);
 }
 
+// A child that nobody told of its fork writes where its parent does.
+TEST(Reader, ProcessesInOneFileAreKeptApart) {
+    const auto cycle = [](int pid, int number) {
+        return R"({"kind":"cycle","program":"p","pid":)" + std::to_string(pid) + R"(,"cycle":)" +
+               std::to_string(number) + R"(,"blocks":)" + std::to_string(pid) +
+               R"(,"bytes":0})"
+               "\n"
+               R"({"kind":"end"})"
+               "\n";
+    };
+    const Report report = json(cycle(1, 1) + cycle(2, 1) + cycle(1, 2) + cycle(2, 2));
+    EXPECT_TRUE(report.problems.empty());
+    ASSERT_EQ(report.processes.size(), 2u);
+    for (const Process &process : report.processes) {
+        EXPECT_EQ(process.cycles.size(), 2u);
+        EXPECT_EQ(process.cycles[0].live.blocks, process.cycles[1].live.blocks);
+    }
+}
+
 // The newest line that says a format decides: nothing after it is understood.
 TEST(Reader, NewerFormatsAreRefused) {
     const std::string known = R"({"format":1,)" + json_lines.substr(1);
