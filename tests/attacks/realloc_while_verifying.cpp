@@ -27,7 +27,7 @@ void reallocate_in_vain(size_t size) {
     if (k42MC_posix_memalign("a.c", 4, &block, 256, size) != 0)
         return;
     memset(block, 'x', size);
-    for (volatile size_t too_much = SIZE_MAX / 2; !done;) {
+    for (volatile size_t too_much = SIZE_MAX / 4 * 3; !done;) {
         if (k42MC_realloc("a.c", 5, block, too_much) != nullptr)
             abort();
         for (size_t i = 0; i < size; ++i)

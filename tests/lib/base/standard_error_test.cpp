@@ -26,7 +26,7 @@ TEST(StandardError, HasWhatWasPrintedFirstFirst) {
         fputs("2\n", stderr);
         FDOpen("a", 5);
         gFDITable[5].opens = 20; // so that the oldest event is to be used again, and there is none
-        SLRemoveFirst(gFDITable[5].events);
+        free(SLRemoveFirst(gFDITable[5].events));
         FDOpen("a", 5);
         fputs("3\n", stderr);
         MCCheck(K42MC_BE_ADDR(uintptr_t{0xabc}));
