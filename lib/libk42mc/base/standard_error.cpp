@@ -35,8 +35,9 @@ void flush(FILE *stream, int descriptor) {
 } // namespace
 
 StandardError::StandardError(bool wanted)
-    : descriptor_(wanted ? fileno_unlocked(stream_) : -1),
-      held_(wanted && (descriptor_ >= 0 ? ftrylockfile(stream_) == 0 : hold_in_time(stream_))) {
+    : descriptor_(wanted && stream_ != nullptr ? fileno_unlocked(stream_) : -1),
+      held_(wanted && stream_ != nullptr &&
+            (descriptor_ >= 0 ? ftrylockfile(stream_) == 0 : hold_in_time(stream_))) {
     if (held_ && descriptor_ >= 0)
         flush(stream_, descriptor_);
 }
