@@ -155,7 +155,7 @@ TEST_F(Sink, HasAPathThatIsCut) {
         std::string folders;
         while (folders.size() < 1100)
             folders += "a-folder-that-is-there/";
-        return folders;
+        return (fallback.string() + folders)[1022] == '/' ? 'x' + folders : folders;
     }();
     const std::string wanted = fallback.string() + long_name;
     fs::create_directories(fs::path(wanted.substr(0, 1023)).parent_path());

@@ -180,8 +180,6 @@ const std::string escape = "\x1b]0;owned\a\x1b[2J";
 const std::string hostile = "=cmd|'/c calc'!A0\r\n\"" + escape +
                             ";</script>\xc2\x9b"
                             "\xe2\x80\xae\xff";
-constexpr const char *shown = "=cmd|'/c calc'!A0\\x0d\\x0a\"\\x1b]0;owned\\x07\\x1b[2J;</script>"
-                              "\\xc2\\x9b\\xe2\\x80\\xae\\xff";
 
 // JSON has no bytes that are no text, but all control characters.
 Report hostile_report() {
