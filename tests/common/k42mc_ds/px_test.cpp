@@ -11,11 +11,9 @@
 #include <map>
 #include <set>
 #include <sys/mman.h>
-#include <unordered_map>
 
 namespace {
 
-using namespace std::string_literals;
 using List = hooks::Blocks; // of elements or nodes
 
 template <size_t Bytes> using Key = std::array<uint8_t, Bytes>;
@@ -339,54 +337,26 @@ TEST(PX, AgreesWithModel) {
     });
 }
 
-struct PXSmall : testing::Test {
-    PXSmall() {
-        hooks::start();
-        PXInit(&table, hooks::alloc, hooks::dealloc, offsetof(Route<4>, chain), offsetof(Route<4>, key),
-               offsetof(Route<4>, length), DS_DUMMY);
-        for (Route<4> &route : routes)
-            PXInsert(table, &route);
-    }
-    ~PXSmall() {
-        std::memset(routes, 0xa5, sizeof routes); // they are not the table's, and may be gone
-        PXDeinit(&table);
-    }
-
-    PXTable *table;
-    Route<4> routes[5]{{8, {10}, nullptr},
-                       {16, {10, 1}, nullptr},
-                       {16, {10, 128}, nullptr},
-                       {16, {10, 0}, nullptr},
-                       {24, {10, 128}, nullptr}};
-};
-
-// Lengths, and in brackets what is below; branches have a star.
-std::string shape(const PXNode *node) {
-    return node ? std::to_string(node->length) + (node->element ? "[" : "*[") + shape(node->left) + "," +
-                      shape(node->right) + "]"
-                : "";
+// A table whose check looks at nothing but links and lengths.
+std::string checked(PXNode *root, int32_t result) {
+    PXTable table{};
+    table.root = root;
+    return captured_stdout([&] { EXPECT_EQ(PXCheck(&table), result); });
 }
 
-TEST_F(PXSmall, StructureIsExact) {
-    EXPECT_EQ(shape(table->root), "8[15*[16[,],16[,]],16[24[,],]]");
-    const List useless{table->root->left, table->root->left->right};
-    hooks::start();
-    PXRemove(table, &routes[1]);
-    EXPECT_EQ(shape(table->root), "8[16[,],16[24[,],]]");
-    EXPECT_EQ(hooks::freed, useless);
-}
+const std::string path = "common/lib/libk42mc/k42mc_ds:";
 
-TEST_F(PXSmall, CheckFindsWhatDoesNotGrow) {
-    PXNode *branch = table->root->left, *leaf = branch->right, *other = table->root->right;
-    other->length = other->left->length = 8; // what is on the left comes first, and what is above
-    const auto expect = [&](PXNode *damaged, int16_t length, const char *fault) {
-        const int16_t sound = std::exchange(damaged->length, length);
-        EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(PXCheck(table), DS_FAILURE); }),
-                  std::string("common/lib/libk42mc/k42mc_ds:") + fault);
-        damaged->length = sound;
+TEST(PXCheck, FindsWhatDoesNotGrow) {
+    PXNode left{nullptr, nullptr, nullptr, 16}, right = left, below{nullptr, nullptr, nullptr, 8};
+    PXNode branch{&left, &right, nullptr, 15}, other{&below, nullptr, nullptr, 8};
+    PXNode root{&branch, &other, nullptr, 8}; // what is on the left comes first, and what is above
+    const auto expect = [&](PXNode &damaged, int16_t length, const char *fault) {
+        const int16_t sound = std::exchange(damaged.length, length);
+        EXPECT_EQ(checked(&root, DS_FAILURE), path + fault);
+        damaged.length = sound;
     };
     expect(other, 8, "5397: >>>>>> FAULT in PX: 8 : 8\n");
-    expect(leaf, 15, "5397: >>>>>> FAULT in PX: 15 : 15\n");
+    expect(right, 15, "5397: >>>>>> FAULT in PX: 15 : 15\n");
     expect(branch, 16, "5386: >>>>>> FAULT in PX: 16 : 16\n");
     expect(branch, -3, "5386: >>>>>> FAULT in PX: 8 : -3\n");
 }
@@ -397,8 +367,7 @@ std::string fault_below(const PXNode *node, std::set<const PXNode *> &seen) {
         return "";
     for (const auto &[below, line] : {std::pair(node->left, "5386"), std::pair(node->right, "5397")}) {
         if (below && below->length <= node->length)
-            return "common/lib/libk42mc/k42mc_ds:"s + line +
-                   ": >>>>>> FAULT in PX: " + std::to_string(node->length) + " : " +
+            return path + line + ": >>>>>> FAULT in PX: " + std::to_string(node->length) + " : " +
                    std::to_string(below->length) + "\n";
         if (const std::string fault = fault_below(below, seen); !fault.empty())
             return fault;
@@ -406,68 +375,39 @@ std::string fault_below(const PXNode *node, std::set<const PXNode *> &seen) {
     return "";
 }
 
-// Links lead to any other nodes, none, or nodes that are there already, at all depths.
+// A node of each length, with a leaf beside the next: links lead to any other nodes, none, or nodes that
+// are there already, at all depths.
 TEST(PXCheck, ComesBackFromAnyDamage) {
-    constexpr int width = 128;
     Random random;
     std::map<std::string, int> outcomes;
     for (int round = 0; round < 300; ++round) {
-        Route<16> routes[2 * width + 1]{};
-        PXTable *table;
-        hooks::start();
-        PXInit(&table, std::malloc, std::free, offsetof(Route<16>, chain), offsetof(Route<16>, key),
-               offsetof(Route<16>, length), DS_DUMMY);
-        for (int i = 0; i <= 2 * width; ++i) {
-            routes[i].length = uint16_t(i / 2);
-            if (i % 2)
-                routes[i].key[size_t(i) / 2 / 8] = uint8_t(0x80 >> i / 2 % 8), ++routes[i].length;
-            PXInsert(table, &routes[i]);
+        std::vector<PXNode> nodes(257);
+        for (size_t i = 0; i < nodes.size(); ++i) {
+            const bool has_more = i % 2 == 0 && i + 2 < nodes.size();
+            nodes[i] = {has_more ? &nodes[i + 2] : nullptr, has_more ? &nodes[i + 1] : nullptr,
+                        reinterpret_cast<void *>(uintptr_t(random())), int16_t((i + 1) / 2)};
         }
-        std::vector<PXNode *> nodes;
-        const auto note = [&](auto self, PXNode *node) -> void {
-            if (node)
-                nodes.push_back(node), self(self, node->left), self(self, node->right);
-        };
-        note(note, table->root);
-        const std::vector<PXNode> sound = [&] {
-            std::vector<PXNode> copies;
-            for (const PXNode *node : nodes)
-                copies.push_back(*node);
-            return copies;
-        }();
         const auto any = [&](int above) { // whose length grows, as a rule
-            PXNode *node = nodes[random() % nodes.size()];
+            PXNode *node = &nodes[random() % nodes.size()];
             for (int tries = random() % 16 ? 100 : 0; tries && node->length <= above; --tries)
-                node = nodes[random() % nodes.size()];
+                node = &nodes[random() % nodes.size()];
             return node;
         };
         for (unsigned damages = random() % 100; damages; --damages) {
-            PXNode *const node = nodes[random() % nodes.size()];
-            switch (random() % 4) {
-            case 0:
-                node->left = any(node->length);
-                break;
-            case 1:
-                node->right = random() % 2 ? node->left : any(node->length);
-                break;
-            case 2:
-                node->left = node->right = random() % 2 ? any(node->length) : nullptr;
-                break;
-            case 3:
-                node->element = random() % 2 ? nullptr : &routes[random() % std::size(routes)];
-            }
+            PXNode &node = nodes[random() % nodes.size()];
+            const unsigned kind = random() % 3;
+            if (kind == 0)
+                node.left = any(node.length);
+            else if (kind == 1)
+                node.right = random() % 2 ? node.left : any(node.length);
+            else
+                node.left = node.right = random() % 2 ? any(node.length) : nullptr;
         }
-        for (Route<16> &route : routes)
-            for (uint8_t &byte : route.key)
-                byte = uint8_t(random());
         std::set<const PXNode *> seen;
-        const std::string fault = fault_below(table->root, seen);
-        EXPECT_EQ(captured_stdout([=] { PXCheck(table); }),
+        const std::string fault = fault_below(nodes.data(), seen);
+        EXPECT_EQ(checked(nodes.data(), fault.empty() ? DS_OK : DS_FAILURE),
                   fault.empty() ? ">>>>>> PXCheck: OK\n" : fault);
         ++outcomes[fault.substr(0, 40)];
-        for (size_t i = 0; i < nodes.size(); ++i)
-            *nodes[i] = sound[i];
-        PXDeinit(&table);
     }
     EXPECT_EQ(outcomes.size(), 3);
 }
@@ -475,16 +415,13 @@ TEST(PXCheck, ComesBackFromAnyDamage) {
 // More ways through it than anybody can walk.
 TEST(PXCheck, WalksSharedSubtreesOnce) {
     std::vector<PXNode> nodes(1000);
-    for (size_t i = 0; i < nodes.size(); ++i)
-        nodes[i] = {i + 1 < nodes.size() ? &nodes[i + 1] : nullptr, nullptr, nullptr, int16_t(i)};
-    for (PXNode &node : nodes)
-        node.right = node.left;
-    PXTable table{};
-    table.root = nodes.data();
-    EXPECT_EQ(captured_stdout([&] { PXCheck(&table); }), ">>>>>> PXCheck: OK\n");
+    for (size_t i = 0; i < nodes.size(); ++i) {
+        PXNode *const below = i + 1 < nodes.size() ? &nodes[i + 1] : nullptr;
+        nodes[i] = {below, below, nullptr, int16_t(i)};
+    }
+    EXPECT_EQ(checked(nodes.data(), DS_OK), ">>>>>> PXCheck: OK\n");
     nodes.back().right = nodes.data();
-    EXPECT_EQ(captured_stdout([&] { PXCheck(&table); }),
-              "common/lib/libk42mc/k42mc_ds:5397: >>>>>> FAULT in PX: 999 : 0\n");
+    EXPECT_EQ(checked(nodes.data(), DS_FAILURE), path + "5397: >>>>>> FAULT in PX: 999 : 0\n");
 }
 
 struct Deep {
@@ -533,68 +470,6 @@ TEST(PXWalks, NeedNoStackForDeepTables) {
               ">>>>>> PXCheck: OK\n");
     EXPECT_TRUE(hooks::destroyed == expected);
     PXDeinit(&table);
-}
-
-// Prefixes as routers have them: a share of each length in percent, the rest shorter, close together in
-// common networks. The plain reading is one set for each length, from the longest down.
-template <size_t Bytes> void route(size_t networkBytes, std::vector<std::pair<int, int>> shares) {
-    struct Element {
-        uint8_t key[Bytes];
-        uint16_t length;
-        void *chain;
-    };
-    Random random;
-    std::vector<Element> elements(200000);
-    std::map<int, std::unordered_map<std::string, Element *>> model;
-    k42mc::px_table<Element, &Element::chain, &Element::key, &Element::length> table{
-        {std::malloc, std::free}};
-
-    const auto fill = [&](uint8_t *key, size_t from) {
-        std::generate(key + from, key + Bytes, [&] { return uint8_t(random()); });
-    };
-    const auto prefix = [](const uint8_t *key, int length) {
-        std::string bits(key, key + (length + 7) / 8);
-        if (length % 8)
-            bits.back() = char(bits.back() & 0xff00 >> length % 8);
-        return bits;
-    };
-    for (size_t i = 0; i < elements.size(); ++i) {
-        auto &[key, length, chain] = elements[i];
-        std::memcpy(key, elements[random() % std::min<size_t>(i + 1, 3000)].key, Bytes);
-        fill(key, i < 3000 ? 0 : networkBytes);
-        length = uint16_t(8 + random() % 8);
-        int part = int(random() % 100);
-        for (const auto &[common, share] : shares)
-            if (part >= 0 && (part -= share) < 0)
-                length = uint16_t(common);
-        if (model[length].emplace(prefix(key, length), &elements[i]).second)
-            table.insert(elements[i]);
-    }
-    const auto expect_answers = [&](int count) {
-        for (uint8_t key[Bytes]; count; --count) {
-            std::memcpy(key, elements[random() % elements.size()].key, Bytes);
-            fill(key, random() % (Bytes + 1));
-            Element *expected = nullptr;
-            for (auto at = model.rbegin(); at != model.rend() && !expected; ++at)
-                if (const auto found = at->second.find(prefix(key, at->first));
-                    found != at->second.end())
-                    expected = found->second;
-            ASSERT_EQ(PXSearchLMP(table.record(), key), expected);
-            ASSERT_EQ(table.search_longest(key), expected);
-        }
-    };
-    expect_answers(100000);
-    for (size_t i = 0; i < elements.size(); i += 2) {
-        const auto &[key, length, chain] = elements[i];
-        const bool removed = table.remove_key(key, length);
-        EXPECT_EQ(model[length].erase(prefix(key, length)), removed);
-    }
-    expect_answers(20000);
-}
-
-TEST(PXRouting, FindsTheLongestOfManyRoutes) {
-    route<4>(2, {{24, 60}, {23, 10}, {22, 12}, {21, 5}, {20, 4}, {19, 3}, {18, 2}, {16, 2}});
-    route<16>(4, {{48, 47}, {32, 13}, {44, 10}, {40, 8}, {36, 6}, {46, 6}, {47, 3}, {128, 2}});
 }
 
 } // namespace
