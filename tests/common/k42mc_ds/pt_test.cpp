@@ -181,6 +181,8 @@ struct Tree {
         ASSERT_EQ(found, expected);
         ASSERT_EQ(PTFirst(tree), model.empty() ? nullptr : model.begin()->second);
         ASSERT_EQ(PTLast(tree), before);
+        for (const int order : {0, 1, -1})
+            ASSERT_NO_FATAL_FAILURE(expect_stop(order, expected));
         hooks::start();
         PTVisit(tree, 0, hooks::destroy);
         PTVisit(tree, -1, hooks::destroy);
@@ -190,6 +192,21 @@ struct Tree {
         }
         ASSERT_EQ(tree->cursor, cursor);
         ASSERT_EQ(head->right, cached);
+    }
+
+    // The visit ends at the second element, if there is one. The nodes begin with the head.
+    void expect_stop(int order, const std::vector<PTNode *> &nodes) {
+        const auto stop_at_second = [](void *element, void *result) -> int32_t {
+            hooks::destroy(element);
+            return hooks::calls.size() == 2 ? *static_cast<int32_t *>(result) : 0;
+        };
+        int32_t seven = 7;
+        const size_t count = nodes.size() - 1;
+        hooks::start();
+        ASSERT_EQ(PTVisitWithArg(tree, order, stop_at_second, &seven), count < 2 ? 0 : 7);
+        ASSERT_EQ(hooks::destroyed.size(), std::min<size_t>(count, 2));
+        for (size_t i = 0; i < hooks::destroyed.size(); ++i)
+            ASSERT_EQ(hooks::destroyed[i], element_of(nodes[order ? count - i : i + 1]));
     }
 
     // Appends what a link and those below it lead up to, left to right.
@@ -296,14 +313,11 @@ INSTANTIATE_TEST_SUITE_P(, PTModel,
                                          back<64>(), front<64>(), back<128>(), front<128>()),
                          [](const auto &suite) { return std::to_string(suite.index); });
 
-// Keys with a number in their last bytes, so that 0 and 1 are the two that are special.
-template <size_t size> struct Item {
+// Keys that are numbers, so that 0 and 1 are the two that are special.
+struct Item {
     struct Key {
-        explicit Key(uint32_t number) {
-            number = K42MC_BE32(number);
-            std::memcpy(bytes + size - sizeof number, &number, sizeof number);
-        }
-        uint8_t bytes[size]{};
+        explicit Key(uint32_t number) : bytes(K42MC_BE32(number)) {}
+        uint32_t bytes;
     };
 
     explicit Item(Key itsKey) : key(itsKey) {}
@@ -311,41 +325,16 @@ template <size_t size> struct Item {
     PTNode node;
 };
 
-template <size_t size> struct Front : pt_tree<Item<size>, &Item<size>::node, &Item<size>::key> {
-    using Element = Item<size>;
-    using Key = typename Element::Key;
+struct FrontEnd : pt_tree<Item, &Item::node, &Item::key> {
+    using Element = Item;
 
-    Front() : Front::owner({hooks::alloc, hooks::dealloc, note_and_wreck<Element>}) {}
-    void remove_and_destroy(Element &element) { PTRemoveAndDestroy(this->record(), &element); }
-    int32_t remove_and_destroy_key(Key key) { return PTRemoveAndDestroyByKey(this->record(), &key); }
-    void verify(const std::vector<Element *> &) {}
+    FrontEnd() : owner({hooks::alloc, hooks::dealloc, note_and_wreck<Item>}) {}
+    void remove_and_destroy(Item &element) { PTRemoveAndDestroy(record(), &element); }
+    int32_t remove_and_destroy_key(Item::Key key) { return PTRemoveAndDestroyByKey(record(), &key); }
+    void verify(const std::vector<Item *> &) {}
 };
 
-// The C functions, on a tree that the front end created and looks at as well.
-struct Functions : Front<4> {
-    static Element *as(void *element) { return static_cast<Element *>(element); }
-    template <class Visit> static int32_t call(void *element, void *visit) {
-        return (*static_cast<Visit *>(visit))(*as(element));
-    }
-    Element *insert(Element &element) {
-        void *existing;
-        PTInsert(record(), &element, &existing);
-        return as(existing);
-    }
-    void remove(Element &element) { PTRemove(record(), &element); }
-    Element *remove_key(Key key) { return as(PTRemoveByKey(record(), &key)); }
-    Element *search(Key key) { return as(PTSearch(record(), &key)); }
-    Element *first() { return as(PTFirst(record())); }
-    Element *last() { return as(PTLast(record())); }
-    Element *next(Element &element) { return as(PTNext(record(), &element)); }
-    Element *prev(Element &element) { return as(PTPrev(record(), &element)); }
-    Element *next_by_key(Key key) { return as(PTNextByKey(record(), &key)); }
-    template <class Visit> int32_t visit(int order, Visit f) {
-        return PTVisitWithArg(record(), order, call<Visit>, &f);
-    }
-};
-
-using Trees = testing::Types<Functions, Front<4>, Front<16>>;
+using Trees = testing::Types<FrontEnd>;
 INSTANTIATE_TYPED_TEST_SUITE_P(PT, Ordered, Trees);
 
 void expect_node(const PTNode &node, int bit, const PTNode *left, const PTNode *right) {
