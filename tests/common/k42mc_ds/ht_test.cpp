@@ -401,17 +401,6 @@ TEST(HTVisitWithArg, EndsAtFirstNonzeroResult) {
     EXPECT_EQ(hooks::destroyed, (hooks::Blocks{&elements[1], &elements[3], &elements[2]}));
 }
 
-TEST(HTDestroy, DoesNotReadElementsOfOthers) {
-    Plain one{{}, 1}, other{{}, 32};
-    PlainTable table;
-    table.insert(one);
-    one.link.next = reinterpret_cast<HTLink *>(1);
-    table.clear();
-    EXPECT_TRUE(table.empty());
-    table.insert(other);
-    EXPECT_EQ(other.link.next, nullptr);
-}
-
 HTTable *handle;
 
 TEST(HTDeinit, ClearsTheHandleFirst) {
