@@ -3,14 +3,12 @@
 #include "failing_malloc.h"
 #include "random.h"
 
-#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cwchar>
-#include <fstream>
 #include <malloc.h>
+#include <string_view>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -66,75 +64,35 @@ TEST(LibcRoutes, ReadDelimitedTextAsLibcDoes) {
 }
 
 #ifndef __SANITIZE_THREAD__ // which does not know the locks of streams
-// A stream that holds its first reader up in the middle of a line, until another one either waits for the
-// stream or gets in between.
-class SharedStream {
-public:
-    std::atomic<bool> was_shared = false;
-    std::string lines[2];
-
-    void read_by_two() {
-        const cookie_io_functions_t functions = {read, nullptr, nullptr, nullptr};
-        stream = fopencookie(this, "r", functions);
-        setvbuf(stream, nullptr, _IOFBF, 4);
-        read_line(lines[0]);
-        second.join();
-        fclose(stream);
-    }
-
-private:
-    static ssize_t read(void *cookie, char *to, size_t size) {
-        auto &self = *static_cast<SharedStream *>(cookie);
-        if (self.readers++ > 0)
-            self.was_shared = true;
-        if (!self.second.joinable()) {
-            self.second = std::thread([&self] { self.read_second(); });
-            while (!self.was_shared && !self.second_sleeps())
-                usleep(1000);
-        }
-        size = std::min(size, self.rest.size());
-        memcpy(to, self.rest.data(), size);
-        self.rest.remove_prefix(size);
-        --self.readers;
-        return ssize_t(size);
-    }
-
-    void read_line(std::string &line) {
-        char *buffer = nullptr;
-        size_t capacity = 0;
-        if (k42mcx_getline(file, 1, &buffer, &capacity, stream) >= 0)
-            line = buffer;
-        k42MC_free(file, 2, buffer);
-    }
-
-    void read_second() {
-        second_thread = gettid();
-        read_line(lines[1]);
-    }
-
-    bool second_sleeps() const {
-        char state = 0;
-        if (second_thread != 0) {
-            std::ifstream stat("/proc/self/task/" + std::to_string(second_thread) + "/stat");
-            std::string number, name;
-            stat >> number >> name >> state;
-        }
-        return state == 'S';
-    }
-
-    std::string_view rest = "the first line of text\nthe second\n";
-    FILE *stream;
-    std::atomic<int> readers = 0;
-    std::atomic<pid_t> second_thread = 0;
-    std::thread second;
-};
-
+// Nobody else gets at a stream in the middle of a line, whose pieces are read one after the other.
 TEST(LibcRoutes, ReadWholeLinesBesideOtherThreads) {
-    SharedStream stream;
-    stream.read_by_two();
-    EXPECT_FALSE(stream.was_shared);
-    EXPECT_EQ(stream.lines[0], "the first line of text\n");
-    EXPECT_EQ(stream.lines[1], "the second\n");
+    struct Shared {
+        FILE *stream;
+        std::string_view rest = "the first line of text\nthe second\n";
+        int reads = 0, locked = 0;
+    } shared;
+    const auto read = [](void *cookie, char *to, size_t size) -> ssize_t {
+        auto &[stream, rest, reads, locked] = *static_cast<Shared *>(cookie);
+        ++reads;
+        std::thread([&] {
+            if (ftrylockfile(stream) != 0)
+                ++locked;
+            else
+                funlockfile(stream);
+        }).join();
+        size = rest.copy(to, std::min<size_t>(size, 4));
+        rest.remove_prefix(size);
+        return ssize_t(size);
+    };
+    shared.stream = fopencookie(&shared, "r", {read, nullptr, nullptr, nullptr});
+    char *line = nullptr;
+    size_t capacity = 0;
+    EXPECT_EQ(k42mcx_getline(file, 1, &line, &capacity, shared.stream), 23);
+    EXPECT_STREQ(line, "the first line of text\n");
+    EXPECT_EQ(shared.reads, 6);
+    EXPECT_EQ(shared.locked, 6);
+    k42MC_free(file, 2, line);
+    fclose(shared.stream);
 }
 #endif
 
