@@ -1,5 +1,5 @@
-// All control calls from many threads that also allocate, among forks and signals: every round comes to its
-// end.
+// All control calls from many threads that also allocate, among forks, signals and a cancellation: every
+// round comes to its end, in one of all ways, with the threads still running or not.
 #include "rounds.h"
 #include "traffic.h"
 
@@ -152,6 +152,22 @@ void interrupt(std::mt19937 &random) {
     timer_settime(timer, 0, &times, nullptr);
 }
 
+// Allocates before it may be cancelled anywhere, so that it has something to leave behind.
+void *compute(void *) {
+    allocate();
+    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+    for (;;)
+        __asm__ volatile("");
+}
+
+void cancel_one() {
+    pthread_t thread;
+    pthread_create(&thread, nullptr, compute, nullptr);
+    usleep(1000);
+    pthread_cancel(thread);
+    pthread_join(thread, nullptr);
+}
+
 int play(unsigned seed) {
     std::mt19937 random(seed);
     if (random() % 2) // no debug file can be opened
@@ -164,9 +180,14 @@ int play(unsigned seed) {
         threads.emplace_back(call, seed ^ thread << 24);
     for (unsigned forks = random() % 60; forks > 0; --forks)
         fork_one(random);
-    done = true;
+    cancel_one();
+    constexpr void (*endings[])(int) = {exit, quick_exit, _exit};
+    const unsigned ending = random() % 4;
+    done = ending == std::size(endings);
     for (std::thread &thread : threads)
-        thread.join();
+        done ? thread.join() : thread.detach();
+    if (!done)
+        endings[ending](0);
     return 0;
 }
 
