@@ -3,12 +3,10 @@
 #include "tools/report/symbolize.h"
 
 #include <dlfcn.h>
-#include <elf.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <random>
 #include <regex>
 #include <sstream>
 #include <sys/stat.h>
@@ -175,33 +173,6 @@ TEST_F(Modules, PipesAreNoDebugInformation) {
     fs::create_directory(at(".debug"));
     ASSERT_EQ(mkfifo(at(".debug/link").c_str(), 0600), 0);
     EXPECT_EQ(status_of_lookups(stripped), 0);
-}
-
-// Random bytes of the headers, of the section table and of all sections but code.
-TEST_F(Modules, DamagedFilesAreSurvived) {
-    const unsigned seed = std::random_device()();
-    std::mt19937 random(seed);
-    Elf64_Ehdr header;
-    ASSERT_GT(whole.size(), sizeof header);
-    memcpy(&header, whole.data(), sizeof header);
-    for (int round = 0; round < 60; ++round) {
-        std::string damaged = whole;
-        const auto any = [&](size_t below) {
-            return std::uniform_int_distribution<size_t>(0, below - 1)(random);
-        };
-        const size_t table = header.e_shoff, table_size = header.e_shnum * size_t(header.e_shentsize);
-        for (size_t i = 0; i <= any(6); ++i) {
-            const size_t offset = round % 4 == 0   ? any(sizeof header)
-                                  : round % 4 == 1 ? table + any(table_size)
-                                  : round % 4 == 2 ? any(4096)
-                                                   : table - 1 - any(table / 2);
-            damaged[offset] = round % 8 < 4 ? char(any(256)) : char(damaged[offset] ^ 1 << any(8));
-        }
-        if (round % 10 == 9)
-            damaged.resize(any(damaged.size()));
-        write("damaged", damaged);
-        ASSERT_EQ(status_of_lookups(at("damaged")), 0) << "round " << round << " of seed " << seed;
-    }
 }
 
 } // namespace
