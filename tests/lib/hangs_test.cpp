@@ -49,23 +49,6 @@ template <class Action> void in_a_child(Action action) {
         _exit(1);
 }
 
-TEST(Hangs, NotWhileAThreadHoldsStandardError) {
-    const auto with_stream_locked = [] {
-        flockfile(stderr);
-        k42MC_free("a.c", 2, k42MC_malloc("a.c", 1, 10));
-        FDOpen("a", 5);
-        funlockfile(stderr);
-    };
-    const auto report_and_fork = [] {
-        start();
-        MCReport(K42MC_BE32(1));
-        FDReport(0);
-        k42MC_MM_free("a.c", 3, nullptr);
-        in_a_child([] {});
-    };
-    EXPECT_TRUE(side_by_side(report_and_fork, with_stream_locked).exited(0));
-}
-
 TEST(Hangs, NotInAChildOfAThreadedProcess) {
     // Reports of earlier runs take names that the children would have to try.
     std::filesystem::remove_all(std::filesystem::path(K42MC_REPORT_DIR).parent_path());

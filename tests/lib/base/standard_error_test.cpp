@@ -89,6 +89,9 @@ TEST(StandardError, IsNotWaitedFor) {
         MCCheck(K42MC_BE_ADDR(uintptr_t{1}));
         FDOpen("a", 5);
         FDReport(0);
+        k42MC_MM_free("a.c", 3, nullptr);
+        if (fork() == 0)
+            _exit(0);
         MCDebugMsg(1, "message\n");
         MCDeinit();
     }));
