@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <link.h>
 #include <random>
+#include <span>
 #include <sstream>
 
 extern "C" {
@@ -171,83 +172,56 @@ TEST(Symbols, OfAModuleOutliveItsFile) {
     }
 }
 
-// Where a module's file says where its tables are, how large, and what is in them: as sets of fields to
-// damage together.
-class Extents {
-public:
-    struct Field {
-        size_t at, size;
+template <class Record> std::span<Record> records(std::string &file, size_t at, size_t bytes) {
+    return {reinterpret_cast<Record *>(&file[at]), bytes / sizeof(Record)};
+}
+
+// Sets the field with this number among those that say where a module's tables are, how large, and what is in
+// them; of symbols, all of them. Returns whether there is one.
+bool set_field(std::string &file, unsigned number, uint64_t value) {
+    unsigned field = 0;
+    const auto set = [&](auto &place) {
+        if (field++ == number)
+            place = static_cast<std::remove_reference_t<decltype(place)>>(value);
     };
-    std::vector<std::vector<Field>> sets;
-
-    explicit Extents(const std::string &file) : bytes(file) {
-        const auto header = read<ElfW(Ehdr)>(0);
-        add(0, &ElfW(Ehdr)::e_shoff), add(0, &ElfW(Ehdr)::e_shnum);
-        for (const size_t at : records<ElfW(Phdr)>(header.e_phoff, header.e_phnum)) {
-            const auto segment = read<ElfW(Phdr)>(at);
-            if (segment.p_type == PT_GNU_EH_FRAME)
-                add(at, &ElfW(Phdr)::p_vaddr);
-            if (segment.p_type == PT_DYNAMIC)
-                for (const size_t in :
-                     records<ElfW(Dyn)>(segment.p_offset, segment.p_filesz / sizeof(ElfW(Dyn))))
-                    if (read<ElfW(Dyn)>(in).d_tag == DT_STRSZ)
-                        add(in, &ElfW(Dyn)::d_un);
+    auto &header = *reinterpret_cast<ElfW(Ehdr) *>(file.data());
+    for (auto &segment :
+         records<ElfW(Phdr)>(file, header.e_phoff, header.e_phnum * sizeof(ElfW(Phdr)))) {
+        if (segment.p_type == PT_GNU_EH_FRAME)
+            set(segment.p_vaddr);
+        if (segment.p_type == PT_DYNAMIC)
+            for (auto &entry : records<ElfW(Dyn)>(file, segment.p_offset, segment.p_filesz))
+                if (entry.d_tag == DT_STRSZ)
+                    set(entry.d_un.d_val);
+    }
+    for (auto &section :
+         records<ElfW(Shdr)>(file, header.e_shoff, header.e_shnum * sizeof(ElfW(Shdr)))) {
+        if (section.sh_type == SHT_SYMTAB) {
+            const unsigned first = field;
+            for (auto &symbol : records<ElfW(Sym)>(file, section.sh_offset, section.sh_size))
+                field = first, set(symbol.st_name), set(symbol.st_value), set(symbol.st_size);
+            set(section.sh_link);
         }
-        for (const size_t at : records<ElfW(Shdr)>(header.e_shoff, header.e_shnum)) {
-            const auto section = read<ElfW(Shdr)>(at);
-            if (section.sh_type != SHT_SYMTAB && section.sh_type != SHT_STRTAB)
-                continue;
-            add(at, &ElfW(Shdr)::sh_offset), add(at, &ElfW(Shdr)::sh_size);
-            if (section.sh_type != SHT_SYMTAB)
-                continue;
-            add(at, &ElfW(Shdr)::sh_link);
-            const auto symbols =
-                records<ElfW(Sym)>(section.sh_offset, section.sh_size / sizeof(ElfW(Sym)));
-            add_all(symbols, &ElfW(Sym)::st_name), add_all(symbols, &ElfW(Sym)::st_value);
-            add_all(symbols, &ElfW(Sym)::st_size);
-        }
+        if (section.sh_type == SHT_SYMTAB || section.sh_type == SHT_STRTAB)
+            set(section.sh_offset), set(section.sh_size);
     }
-
-private:
-    template <class Record> static std::vector<size_t> records(size_t at, size_t count) {
-        std::vector<size_t> places;
-        for (size_t i = 0; i < count; ++i)
-            places.push_back(at + i * sizeof(Record));
-        return places;
-    }
-    template <class Record> Record read(size_t at) const {
-        Record record;
-        bytes.copy(reinterpret_cast<char *>(&record), sizeof record, at);
-        return record;
-    }
-    template <class Record, class Value>
-    void add_all(const std::vector<size_t> &places, Value Record::*field) {
-        const Record record{};
-        const auto distance = size_t(reinterpret_cast<const char *>(&(record.*field)) -
-                                     reinterpret_cast<const char *>(&record));
-        sets.emplace_back();
-        for (const size_t at : places)
-            sets.back().push_back({at + distance, sizeof(Value)});
-    }
-    template <class Record, class Value> void add(size_t at, Value Record::*field) {
-        add_all({at}, field);
-    }
-
-    const std::string &bytes;
-};
+    set(header.e_shoff), set(header.e_shnum);
+    return number < field;
+}
 
 // Damaged ahead of its load, in what the loader does not look at.
 TEST(Symbols, OfAModuleMayLieAnywhere) {
     const std::string path = fs::temp_directory_path() / ("anywhere." + std::to_string(getpid()));
     const std::string whole = contents(PLATFORM_MODULE);
-    const Extents extents(whole);
-    EXPECT_GE(extents.sets.size(), 14u);
-    for (const auto &fields : extents.sets)
+    unsigned fields = 0;
+    for (std::string file = whole; set_field(file, fields, 0); file = whole)
+        ++fields;
+    EXPECT_GE(fields, 14u);
+    for (unsigned field = 0; field < fields; ++field)
         for (const uint64_t value : {uint64_t{0}, uint64_t{whole.size()} - 1, uint64_t{1} << 30,
                                      uint64_t{INT32_MAX} << 32 | INT32_MAX, UINT64_MAX - 7}) {
             std::string damaged = whole;
-            for (const auto &[at, size] : fields)
-                std::memcpy(&damaged[at], &value, size);
+            set_field(damaged, field, value);
             replace(path, damaged);
             const Ended end = ended([&] {
                 void *const handle = dlopen(path.c_str(), RTLD_NOW);
@@ -257,7 +231,7 @@ TEST(Symbols, OfAModuleMayLieAnywhere) {
                 reinterpret_cast<void (*)(void (*)())>(function)(Chain::leaf);
                 shim_symbols(trace, std::min(frames, 2), STDOUT_FILENO);
             });
-            ASSERT_TRUE(end.exited(0)) << fields[0].at << " " << value << " " << end.status << end.err;
+            ASSERT_TRUE(end.exited(0)) << field << " " << value << " " << end.status << end.err;
             EXPECT_CONTAINS(end.out, "\n" + path + "(");
             EXPECT_TRUE(end.out.ends_with("]\n")) << end.out;
         }
