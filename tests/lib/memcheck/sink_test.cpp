@@ -2,12 +2,15 @@
 #include "checker.h"
 #include "ended.h"
 #include "failing_malloc.h"
+#include "traffic.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <filesystem>
 #include <fnmatch.h>
 #include <fstream>
 #include <sys/stat.h>
+#include <thread>
 #include <vector>
 
 // In the place of libc's, so that names do not depend on the second in which a test runs.
@@ -209,15 +212,23 @@ TEST_F(Sink, IsNotInAFolderThatWasTakenBack) {
     }
 }
 
+// Whatever the parent's threads are doing.
 TEST_F(Sink, IsItsOwnInAForkedChild) {
     const Ended end = ended([] {
         init(MC_TO_FILE, 0);
         void *block = k42MC_malloc("fork.c", 1, 10);
-        for (int child = 0; child < 3; ++child) {
+        std::atomic<bool> done = false;
+        const auto allocate = [&](unsigned seed) {
+            Traffic traffic(seed);
+            while (!done)
+                traffic.step();
+        };
+        std::thread threads[] = {std::thread(allocate, 1), std::thread(allocate, 2)};
+        for (int child = 0; child < 12; ++child) {
             if (fork() == 0) {
-                if (child == 0)
+                if (child % 3 == 0)
                     _exit(0); // writes nothing, and so has no file
-                if (child == 1)
+                if (child % 3 == 1)
                     close(STDIN_FILENO); // the file gets its number
                 MCReport(0);
                 MCDeinit();
@@ -226,13 +237,16 @@ TEST_F(Sink, IsItsOwnInAForkedChild) {
         }
         while (wait(nullptr) > 0) {
         }
+        done = true;
+        for (std::thread &thread : threads)
+            thread.join();
         MCReport(0);
         k42MC_free("fork.c", 2, block);
         MCDeinit();
     });
     EXPECT_TRUE(end.exited(0));
     const auto files = files_in(reports);
-    ASSERT_EQ(files.size(), 3u);
+    ASSERT_EQ(files.size(), 9u);
     int parents = 0;
     for (const fs::path &path : files) {
         const std::string text = contents(path);
