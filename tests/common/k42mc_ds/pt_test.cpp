@@ -470,24 +470,20 @@ uint8_t *end_of_page() {
     return end;
 }
 
-// What the routines say of keys that fit into a word, whose length in bits is known when compiled.
-struct OfWords {
-    bool bit;
-    int first, bounded;
-    bool differs;
-};
-
-template <int length> OfWords of_words(const uint8_t *a, const uint8_t *b, int start) {
+// Of keys that fit into a word, whose length in bits is known when compiled.
+template <int length> void expect_words(const uint8_t *a, const uint8_t *b, int start, int first) {
     const bits::key<length> x(a), y(b);
-    return {bits::bit_at(x, start), bits::DSFirstDiffBit(x, y, 0, length),
-            bits::DSFirstDiffBit(x, y, 0, start + 1), bits::DSKeyDiffers(x, y, length)};
+    ASSERT_EQ(bits::bit_at(x, start), bits::bit_at(a, start));
+    ASSERT_EQ(bits::DSFirstDiffBit(x, y, 0, length), first);
+    ASSERT_EQ(bits::DSFirstDiffBit(x, y, 0, start + 1), std::min(start + 1, first));
+    ASSERT_EQ(bits::DSKeyDiffers(x, y, length), first < length);
 }
 
-template <int... lengths> constexpr auto of_words_by_length(std::integer_sequence<int, lengths...>) {
-    return std::array{of_words<lengths + 1>...};
+template <int... lengths> constexpr auto expect_words_by_length(std::integer_sequence<int, lengths...>) {
+    return std::array{expect_words<lengths + 1>...};
 }
 
-constexpr auto by_length = of_words_by_length(std::make_integer_sequence<int, 8 * sizeof(size_t)>());
+constexpr auto by_length = expect_words_by_length(std::make_integer_sequence<int, 8 * sizeof(size_t)>());
 
 TEST(PTKeys, AreNotReadBeyondTheirEnd) {
     Random random;
@@ -507,11 +503,7 @@ TEST(PTKeys, AreNotReadBeyondTheirEnd) {
         ASSERT_EQ(bits::DSFirstDiffBit(a, b, start, limit), expected);
         ASSERT_EQ(bits::DSKeyDiffers(a, b, limit), expected < limit);
         if (size_t(limit) <= by_length.size()) {
-            const OfWords words = by_length[size_t(limit) - 1](a, b, start);
-            ASSERT_EQ(words.bit, bits::bit_at(a, start));
-            ASSERT_EQ(words.first, expected);
-            ASSERT_EQ(words.bounded, std::min(start + 1, expected));
-            ASSERT_EQ(words.differs, expected < limit);
+            ASSERT_NO_FATAL_FAILURE(by_length[size_t(limit) - 1](a, b, start, expected));
         }
     }
 }
