@@ -8,7 +8,6 @@
 #include "memcheck/sink.h"
 
 #include <inttypes.h>
-#include <string.h>
 
 namespace k42mc::internal {
 namespace {
@@ -88,13 +87,22 @@ struct Removed {
     bool shared = false; // its entry in the index is shared, so nobody may be recording
 };
 
+const void *tail_of(const Record &record) {
+    return reinterpret_cast<const void *>(record.address +
+                                          record.size); // NOLINT(performance-no-int-to-ptr)
+}
+
 Removed take_from(IndexEntry &entry, uintptr_t address) {
     for (;;) {
         const uint32_t value = entry.load();
         if (IndexEntry::is_chain(value)) [[unlikely]]
             return {.shared = true};
-        if (value == 0 || __atomic_load_n(&record_at(value).address, __ATOMIC_RELAXED) != address)
+        if (value == 0)
             return {};
+        const Record &record = record_at(value);
+        if (__atomic_load_n(&record.address, __ATOMIC_RELAXED) != address)
+            return {};
+        __builtin_prefetch(tail_of(record));
         if (entry.replace(value, 0))
             return {.number = value};
     }
@@ -158,20 +166,14 @@ struct NewBlock {
     StackTrace &trace;
 };
 
-uint32_t number_of_site(const NewBlock &block) {
-    AllocationSite site; // NOLINT(cppcoreguidelines-pro-type-member-init): the frames are many
-    site.file = name_of(block.site);
-    site.line = block.site.line;
-    site.type = block.type;
-    site.frame_count = 0;
-    if (wants_backtrace({site.line, block.size, site.type, site.file})) {
+uint32_t site_number(const NewBlock &block) {
+    const char *const file = name_of(block.site);
+    std::span<void *const> frames;
+    if (wants_backtrace({block.site.line, block.size, block.type, file})) {
         block.trace.capture(StackTrace::deepest);
-        const auto frames = block.trace.innermost(AllocationSite::most_frames);
-        site.frame_count = static_cast<uint16_t>(frames.size());
-        memcpy(site.frames, frames.data(), frames.size_bytes());
+        frames = block.trace.innermost(AllocationSite::most_frames);
     }
-    set_hash(site);
-    return internal::number_of_site(site);
+    return number_of_site(file, block.site.line, block.type, frames);
 }
 
 // The record of a block that was released past the wrappers, and is still there, gives way.
@@ -204,7 +206,7 @@ Outcome add(const NewBlock &block, Lane &lane, bool alone) {
             return Outcome::shared;
     }
     const uint32_t number = lane.free_records.take();
-    const uint32_t site = number != 0 ? number_of_site(block) : 0;
+    const uint32_t site = number != 0 ? site_number(block) : 0;
     if (site == 0) {
         if (number != 0)
             lane.free_records.give_back(number);

@@ -47,16 +47,44 @@ constexpr auto factors = [] {
     return numbers;
 }();
 
-bool equal(const AllocationSite &a, const AllocationSite &b) {
-    return a.hash == b.hash && a.file == b.file && a.line == b.line && a.type == b.type &&
-           a.frame_count == b.frame_count &&
-           memcmp(a.frames, b.frames, a.frame_count * sizeof a.frames[0]) == 0;
-}
+// A site that is looked for.
+struct WantedSite {
+    const char *file;
+    int32_t line;
+    uint16_t type;
+    std::span<void *const> frames;
+    uint32_t hash = hash_of();
 
-uint32_t find(const Table &table, const AllocationSite &site) {
+    bool is(const AllocationSite &site) const {
+        return site.hash == hash && site.file == file && site.line == line && site.type == type &&
+               site.frame_count == frames.size() && has_frames(site);
+    }
+
+private:
+    uint32_t hash_of() const {
+        size_t sum = reinterpret_cast<uintptr_t>(file) * factors[AllocationSite::most_frames] +
+                     static_cast<uint32_t>(line) * factors[AllocationSite::most_frames + 1] +
+                     type * factors[AllocationSite::most_frames + 2];
+        for (size_t i = 0; i < frames.size(); ++i)
+            sum += reinterpret_cast<uintptr_t>(frames[i]) * factors[i];
+        sum ^= sum >> (4 * sizeof sum);
+        return static_cast<uint32_t>(sum * 0x9e3779b1u >> (8 * sizeof sum - 32));
+    }
+
+    // Few frames: a call of memcmp takes longer.
+    bool has_frames(const AllocationSite &site) const {
+        uintptr_t difference = 0;
+        for (size_t i = 0; i < frames.size(); ++i)
+            difference |=
+                reinterpret_cast<uintptr_t>(site.frames[i]) ^ reinterpret_cast<uintptr_t>(frames[i]);
+        return difference == 0;
+    }
+};
+
+uint32_t find(const Table &table, const WantedSite &site) {
     for (uint32_t at = site.hash & table.mask;; at = (at + 1) & table.mask) {
         const uint32_t number = table.slots[at].load(std::memory_order_acquire);
-        if (number == 0 || equal(site_at(number), site))
+        if (number == 0 || site.is(site_at(number)))
             return number;
     }
 }
@@ -117,7 +145,7 @@ uint32_t take_number() {
     return gMCSites[chunk] != nullptr ? next_site++ : 0;
 }
 
-[[gnu::noinline]] uint32_t add_site(const AllocationSite &site) {
+[[gnu::noinline]] uint32_t add_site(const WantedSite &site) {
     const RecordsLock lock;
     Table *table = current_table.load(std::memory_order_relaxed);
     if (const uint32_t number = find(*table, site))
@@ -126,9 +154,14 @@ uint32_t take_number() {
     if (number == 0)
         return 0;
     AllocationSite &added = site_at(number);
-    memcpy(&added, &site, offsetof(AllocationSite, frames) + site.trace().size_bytes());
+    added.file = site.file;
+    added.line = site.line;
+    added.type = site.type;
+    added.frame_count = static_cast<uint16_t>(site.frames.size());
+    added.hash = site.hash;
     added.in_use = true;
     added.summary = 0;
+    memcpy(added.frames, site.frames.data(), site.frames.size_bytes());
     enter(*table, number);
     ++sites_in_table;
     const uint32_t left = sites_until_sweep.load(std::memory_order_relaxed);
@@ -146,17 +179,8 @@ template <class Action> void for_each_number(Action action) {
 
 } // namespace
 
-void set_hash(AllocationSite &site) {
-    size_t sum = reinterpret_cast<uintptr_t>(site.file) * factors[AllocationSite::most_frames] +
-                 static_cast<uint32_t>(site.line) * factors[AllocationSite::most_frames + 1] +
-                 site.type * factors[AllocationSite::most_frames + 2];
-    for (size_t i = 0; i < site.frame_count; ++i)
-        sum += reinterpret_cast<uintptr_t>(site.frames[i]) * factors[i];
-    sum ^= sum >> (4 * sizeof sum);
-    site.hash = static_cast<uint32_t>(sum * 0x9e3779b1u >> (8 * sizeof sum - 32));
-}
-
-uint32_t number_of_site(const AllocationSite &site) {
+uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames) {
+    const WantedSite site{file, line, type, frames};
     const uint32_t number = find(*current_table.load(std::memory_order_acquire), site);
     return number != 0 ? number : add_site(site);
 }

@@ -32,12 +32,9 @@ inline AllocationSite &site_at(uint32_t number) {
     return gMCSites[number / sites_a_chunk][number % sites_a_chunk];
 }
 
-// A site to look for, of which only the frames that are used need be set.
-void set_hash(AllocationSite &site);
-
-// The number of the site that equals this one; it is entered if there is none. Takes no lock where there
-// is. Returns 0 when memory runs out.
-uint32_t number_of_site(const AllocationSite &site);
+// The number of a site, which is entered if there is none. Takes no lock where there is. Returns 0 when
+// memory runs out.
+uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames);
 
 // Whether so many sites were entered that looking for those that no block needs any more is worth it.
 bool sites_need_sweep();
