@@ -312,6 +312,22 @@ KnownBlock forget_block(Site site, uint16_t type, const void *user) {
     return settled.known;
 }
 
+bool is_recorded(const void *user) {
+    if (!checker_on())
+        return false;
+    {
+        const Recording recording;
+        const IndexEntry *entry = recording ? find_entry(address_of(user)) : nullptr;
+        if (entry == nullptr)
+            return false;
+        const uint32_t value = entry->load();
+        if (!IndexEntry::is_chain(value))
+            return value != 0 && record_at(value).address == address_of(user);
+    }
+    const CheckerLock lock(MCLock() != 0);
+    return lock && find_record(address_of(user)) != nullptr;
+}
+
 void report_null_release(Site site) {
     if (!checker_on())
         return;

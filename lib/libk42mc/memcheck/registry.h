@@ -28,6 +28,9 @@ void record_block(Site site, uint16_t type, const void *user, size_t size, Stack
 // Forgets a block that is about to be checked and released.
 KnownBlock forget_block(Site site, uint16_t type, const void *user);
 
+// Whether a block is recorded, whatever its guards say.
+bool is_recorded(const void *user);
+
 void report_null_release(Site site);
 
 // The three steps of a reallocation: take the record; then either put it back as it was, or settle it

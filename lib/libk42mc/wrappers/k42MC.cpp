@@ -130,6 +130,10 @@ bool valid_alignment(size_t alignment) {
            alignment <= K42MC_ALIGN_MAX;
 }
 
+bool is_guarded(const void *ptr) {
+    return state_of(ptr) != BlockState::none || is_recorded(ptr);
+}
+
 void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t raw_size,
                size_t user_size) {
     const ErrnoKeeper keep_errno;
