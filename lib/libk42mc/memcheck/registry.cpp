@@ -403,10 +403,15 @@ void unlist_all_records() {
     for_each_record([](Record &record) { record.unlist(gMCCycle); });
 }
 
+// The walk over all records has to pay, and the sites to be few beside them.
 void sweep_sites() {
+    uint32_t blocks = 0;
     begin_site_sweep();
-    for_each_record([](const Record &record) { site_at(record.site).in_use = true; });
-    end_site_sweep();
+    for_each_record([&](const Record &record) {
+        site_at(record.site).in_use = true;
+        ++blocks;
+    });
+    end_site_sweep(blocks / 64);
 }
 
 } // namespace k42mc::internal

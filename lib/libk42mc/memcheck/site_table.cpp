@@ -194,7 +194,7 @@ void begin_site_sweep() {
 }
 
 // Those that are needed go into the same table, which is emptied first.
-void end_site_sweep() {
+void end_site_sweep(uint32_t until_next) {
     Table &table = *current_table.load(std::memory_order_relaxed);
     for (uint32_t at = 0; at <= table.mask; ++at)
         table.slots[at].store(0, std::memory_order_relaxed);
@@ -209,7 +209,8 @@ void end_site_sweep() {
         }
     }
     unmap_former_tables(table);
-    sites_until_sweep.store(std::max(sites_in_table, fewest_to_sweep), std::memory_order_relaxed);
+    sites_until_sweep.store(std::max({until_next, sites_in_table, fewest_to_sweep}),
+                            std::memory_order_relaxed);
 }
 
 bool map_site_table() {

@@ -39,9 +39,10 @@ uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span
 // Whether so many sites were entered that looking for those that no block needs any more is worth it.
 bool sites_need_sweep();
 
-// The rest is done with nobody recording. A sweep forgets the sites whose flag nobody has set since it began.
+// The rest is done with nobody recording. A sweep forgets the sites whose flag nobody has set since it began;
+// the next is not due before so many have been entered.
 void begin_site_sweep();
-void end_site_sweep();
+void end_site_sweep(uint32_t until_next);
 bool map_site_table();
 void unmap_site_table();
 void forget_summaries();
