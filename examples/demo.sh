@@ -109,7 +109,8 @@ for ((cycle = 2; cycle <= ${#texts[@]} + 1; ++cycle)); do
 done
 look "$source shows up again and again, with one more block in each report, and its
       oldest block climbs: that line loses a block with every file. The other lines are tables of the
-      index, which live on too, but are replaced as they grow, and number no more from cycle to cycle."
+      index, which live on too, but stay few, are replaced as they grow, and are gone in the last report."
+sed -n '/MC exit/,$p' "$work/err" | grep -a ':LK:' | grep -avF "$source" && miss 'nothing else at exit'
 show_block err "^$source:STD:" '^------$'
 expect err '^Backtrace of the allocation:$'
 expect err 'concordance\(announce\+0x[0-9a-f]+\) '
@@ -203,8 +204,10 @@ if [[ -x $k42mc ]]; then
     expect out '^# libk42mc_r$'
     show err '^k42mc: [0-9]+ blocks?, [0-9]+ bytes? at [0-9]+ sites? in 1 process$'
     expect err 'k42mc report '
-    look "Every block of the program and of its libraries was guarded. What is left at exit is listed; no
-      guard is damaged. Where a program is linked with debug information, lines are named."
+    grep -aE '^  written' "$work/err" && miss 'whole guards'
+    look "Every block of the program and of its libraries was guarded. What is left at exit is counted here,
+      and listed below that line: by function and source line, as far as there are symbols and debug
+      information. No guard is damaged."
 
     title "A program with a bug, which nobody rebuilt"
     reports=$build_reports/overrun

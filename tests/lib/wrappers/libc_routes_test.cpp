@@ -72,16 +72,16 @@ TEST(LibcRoutes, ReadWholeLinesBesideOtherThreads) {
         int reads = 0, locked = 0;
     } shared;
     const auto read = [](void *cookie, char *to, size_t size) -> ssize_t {
-        auto &[stream, rest, reads, locked] = *static_cast<Shared *>(cookie);
-        ++reads;
-        std::thread([&] {
-            if (ftrylockfile(stream) != 0)
-                ++locked;
+        Shared &source = *static_cast<Shared *>(cookie);
+        ++source.reads;
+        std::thread([&source] {
+            if (ftrylockfile(source.stream) != 0)
+                ++source.locked;
             else
-                funlockfile(stream);
+                funlockfile(source.stream);
         }).join();
-        size = rest.copy(to, std::min<size_t>(size, 4));
-        rest.remove_prefix(size);
+        size = source.rest.copy(to, std::min<size_t>(size, 4));
+        source.rest.remove_prefix(size);
         return ssize_t(size);
     };
     shared.stream = fopencookie(&shared, "r", {read, nullptr, nullptr, nullptr});
