@@ -3,42 +3,11 @@
 #include "memcheck/records_lock.h"
 #include "platform/platform.h"
 
-#include <k42mc/guard.h>
-
-#include <bit>
-
 namespace k42mc::internal {
+
+constinit std::atomic<IndexNode *> gMCIndex[1u << IndexPlace::top_bits] = {};
+
 namespace {
-
-constexpr int granule_bits = std::countr_zero(unsigned{K42MC_GUARD_OVERHEAD});
-constexpr int leaf_bits = 16;
-constexpr int node_bits = sizeof(void *) == 8 ? 12 : 10;
-constexpr int address_bits = sizeof(void *) == 8 ? 47 : 32; // that user space has
-constexpr int top_bits = address_bits - granule_bits - leaf_bits - node_bits;
-
-struct Leaf {
-    IndexEntry entries[1u << leaf_bits];
-};
-
-struct Node {
-    std::atomic<Leaf *> leaves[1u << node_bits];
-};
-
-// Null where nothing was ever recorded. What a process records by itself may have an address that no block
-// can have.
-constinit std::atomic<Node *> nodes[1u << top_bits] = {};
-
-// Where the entry of an address is.
-struct Place {
-    explicit Place(uintptr_t address)
-        : entry(address >> granule_bits & ((1u << leaf_bits) - 1)),
-          leaf(address >> (granule_bits + leaf_bits) & ((1u << node_bits) - 1)),
-          node(address >> (granule_bits + leaf_bits) >> node_bits) {}
-
-    bool exists() const { return node < 1u << top_bits; }
-
-    uintptr_t entry, leaf, node;
-};
 
 // What a pointer leads to, mapped first where it is null. The memory is zeros, which is what all entries
 // are at first.
@@ -52,11 +21,6 @@ template <class Table> Table *make(std::atomic<Table *> &pointer) {
         pointer.store(table, std::memory_order_release);
     }
     return table;
-}
-
-template <class Table> void unmap(std::atomic<Table *> &pointer) {
-    if (Table *table = pointer.exchange(nullptr))
-        platform::unmap_memory(table, sizeof(Table));
 }
 
 // A link of a chain: a record that leads to another and to the next link.
@@ -76,33 +40,22 @@ void set_next(uint32_t link, uint32_t next) {
 
 constinit IndexEntry IndexEntry::elsewhere{chain};
 
-IndexEntry *find_entry(uintptr_t address) {
-    const Place place(address);
-    if (!place.exists())
-        return &IndexEntry::elsewhere;
-    Node *node = nodes[place.node].load(std::memory_order_acquire);
-    if (node == nullptr)
-        return nullptr;
-    Leaf *leaf = node->leaves[place.leaf].load(std::memory_order_acquire);
-    return leaf != nullptr ? &leaf->entries[place.entry] : nullptr;
-}
-
-IndexEntry *make_entry(uintptr_t address) {
-    const Place place(address);
-    if (!place.exists())
-        return &IndexEntry::elsewhere;
-    Node *node = make(nodes[place.node]);
-    Leaf *leaf = node != nullptr ? make(node->leaves[place.leaf]) : nullptr;
+IndexEntry *map_entry(uintptr_t address) {
+    const IndexPlace place(address);
+    IndexNode *node = make(gMCIndex[place.node]);
+    IndexLeaf *leaf = node != nullptr ? make(node->leaves[place.leaf]) : nullptr;
     return leaf != nullptr ? &leaf->entries[place.entry] : nullptr;
 }
 
 void unmap_index() {
-    for (auto &pointer : nodes) {
-        if (Node *node = pointer.load()) {
-            for (auto &leaf : node->leaves)
-                unmap(leaf);
+    for (auto &pointer : gMCIndex) {
+        IndexNode *node = pointer.load(std::memory_order_relaxed);
+        if (node == nullptr)
+            continue;
+        for (auto &leaf_pointer : node->leaves) {
+            if (IndexLeaf *leaf = leaf_pointer.exchange(nullptr))
+                platform::unmap_memory(leaf, sizeof(IndexLeaf));
         }
-        unmap(pointer);
     }
     IndexEntry::elsewhere.store(IndexEntry::elsewhere.emptied());
 }

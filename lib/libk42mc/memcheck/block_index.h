@@ -8,7 +8,10 @@
 
 #include "memcheck/record_store.h"
 
+#include <k42mc/guard.h>
+
 #include <atomic>
+#include <bit>
 
 namespace k42mc::internal {
 
@@ -44,11 +47,57 @@ private:
     std::atomic<uint32_t> value_ = 0;
 };
 
+struct IndexLeaf {
+    static constexpr int bits = 16;
+
+    IndexEntry entries[1u << bits];
+};
+
+struct IndexNode {
+    static constexpr int bits = sizeof(void *) == 8 ? 12 : 10;
+
+    std::atomic<IndexLeaf *> leaves[1u << bits];
+};
+
+// Where in the tables the entry of an address is.
+struct IndexPlace {
+    static constexpr int granule_bits = std::countr_zero(unsigned{K42MC_GUARD_OVERHEAD});
+    static constexpr int address_bits = sizeof(void *) == 8 ? 47 : 32; // that user space has
+    static constexpr int top_bits = address_bits - granule_bits - IndexLeaf::bits - IndexNode::bits;
+
+    explicit IndexPlace(uintptr_t address)
+        : entry(address >> granule_bits & ((1u << IndexLeaf::bits) - 1)),
+          leaf(address >> (granule_bits + IndexLeaf::bits) & ((1u << IndexNode::bits) - 1)),
+          node(address >> (granule_bits + IndexLeaf::bits) >> IndexNode::bits) {}
+
+    // What a process records by itself may have an address that no block can have.
+    bool exists() const { return node < 1u << top_bits; }
+
+    uintptr_t entry, leaf, node;
+};
+
+// Null where nothing was ever recorded.
+extern constinit std::atomic<IndexNode *> gMCIndex[1u << IndexPlace::top_bits];
+
 // Null where nothing was recorded.
-IndexEntry *find_entry(uintptr_t address);
+inline IndexEntry *find_entry(uintptr_t address) {
+    const IndexPlace place(address);
+    if (!place.exists()) [[unlikely]]
+        return &IndexEntry::elsewhere;
+    IndexNode *node = gMCIndex[place.node].load(std::memory_order_acquire);
+    if (node == nullptr) [[unlikely]]
+        return nullptr;
+    IndexLeaf *leaf = node->leaves[place.leaf].load(std::memory_order_acquire);
+    return leaf != nullptr ? &leaf->entries[place.entry] : nullptr;
+}
 
 // Null where memory runs out.
-IndexEntry *make_entry(uintptr_t address);
+IndexEntry *map_entry(uintptr_t address);
+
+inline IndexEntry *make_entry(uintptr_t address) {
+    IndexEntry *entry = find_entry(address);
+    return entry != nullptr ? entry : map_entry(address);
+}
 
 // With nobody recording.
 void unmap_index();

@@ -8,6 +8,7 @@
 #include "memcheck/sink.h"
 
 #include <inttypes.h>
+#include <string.h>
 
 namespace k42mc::internal {
 namespace {
@@ -87,9 +88,15 @@ struct Removed {
     bool shared = false; // its entry in the index is shared, so nobody may be recording
 };
 
-const void *tail_of(const Record &record) {
-    return reinterpret_cast<const void *>(record.address +
-                                          record.size); // NOLINT(performance-no-int-to-ptr)
+// The tail's line of cache comes while the record is looked at, if the header is sound; and if that can be read
+// without a look at the page before.
+void prefetch_tail(const void *user) {
+    constexpr uintptr_t guard = K42MC_GUARD_OVERHEAD / 2;
+    if (address_of(user) % smallest_page < guard)
+        return;
+    uintptr_t raw_size;
+    memcpy(&raw_size, static_cast<const char *>(user) - sizeof raw_size, sizeof raw_size);
+    __builtin_prefetch(static_cast<const char *>(user) + raw_size - K42MC_GUARD_OVERHEAD);
 }
 
 Removed take_from(IndexEntry &entry, uintptr_t address) {
@@ -99,10 +106,9 @@ Removed take_from(IndexEntry &entry, uintptr_t address) {
             return {.shared = true};
         if (value == 0)
             return {};
-        const Record &record = record_at(value);
-        if (__atomic_load_n(&record.address, __ATOMIC_RELAXED) != address)
+        prefetch_tail(reinterpret_cast<const char *>(address)); // NOLINT(performance-no-int-to-ptr)
+        if (__atomic_load_n(&record_at(value).address, __ATOMIC_RELAXED) != address)
             return {};
-        __builtin_prefetch(tail_of(record));
         if (entry.replace(value, 0))
             return {.number = value};
     }
@@ -196,6 +202,7 @@ void drop_stale_alone(IndexEntry &entry, uintptr_t address, Lane &lane) {
 
 // Alone: with nobody recording.
 Outcome add(const NewBlock &block, Lane &lane, bool alone) {
+    const uint64_t order = next_in_order(); // ahead of what waits for memory, which it would wait for
     IndexEntry *entry = make_entry(block.address);
     if (entry == nullptr)
         return Outcome::no_memory;
@@ -216,7 +223,7 @@ Outcome add(const NewBlock &block, Lane &lane, bool alone) {
     __atomic_store_n(&record.address, block.address, __ATOMIC_RELAXED);
     record.size = block.size;
     record.site = site;
-    record.start(next_in_order(), block.type, gMCCycle);
+    record.start(order, block.type, gMCCycle);
     if (!alone) {
         entry->store(number);
     } else if (!entry->add(number, lane.free_records)) {
