@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include <linux/futex.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -61,6 +62,19 @@ bool readable(const void *address, size_t size) {
     const bool result = last >= first && can_read_pages(first, last);
     errno = kept_errno;
     return result;
+}
+
+void *map_memory(size_t size) {
+    const int kept_errno = errno;
+    void *const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    errno = kept_errno;
+    return memory != MAP_FAILED ? memory : nullptr;
+}
+
+void unmap_memory(void *memory, size_t size) {
+    const int kept_errno = errno;
+    munmap(memory, size);
+    errno = kept_errno;
 }
 
 } // namespace k42mc::internal::platform

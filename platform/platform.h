@@ -3,6 +3,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -58,6 +59,25 @@ void freeze_utc_offset();
 // Whether size bytes can be read without a fault at this moment. A system call for each page touched.
 // Keeps errno.
 bool readable(const void *address, size_t size);
+
+// Memory of zeros that nothing else lies beside, in whole pages; null when there is none. Keeps errno.
+void *map_memory(size_t size);
+void unmap_memory(void *memory, size_t size);
+
+// ---- Threads ----
+
+// Whether any thread holds a mutex, at this moment.
+inline bool is_held(const pthread_mutex_t &mutex) {
+    return __atomic_load_n(&mutex.__data.__lock, __ATOMIC_RELAXED) != 0;
+}
+
+// To a processor that waits for another one.
+inline void wait_a_moment() {
+    __builtin_ia32_pause();
+}
+
+// Lets any other thread run, whatever its priority. Keeps errno.
+void sleep_briefly();
 
 // ---- Process ----
 

@@ -1,9 +1,10 @@
 #include "platform/trace_cache.h"
 
+#include "platform/threads.h"
+
 #include <algorithm>
 
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <errno.h>
 
 namespace k42mc::internal::platform {
 
@@ -23,16 +24,6 @@ constinit TraceCache gNoCache = {};
 constexpr uint32_t unknown_frame_costs = 2, frames_to_judge = 2048;
 constexpr uint32_t shortest_rest = 512, most_doublings = 4;
 
-uint64_t number_of(pid_t process, pid_t thread) {
-    return uint64_t{static_cast<uint32_t>(process)} << 32 | static_cast<uint32_t>(thread);
-}
-
-// What a forked child inherits may be the cache of the thread that forked: the child leaves it alone.
-bool is_abandoned(uint64_t owner, pid_t process) {
-    return owner >> 32 == static_cast<uint32_t>(process) &&
-           syscall(SYS_tgkill, process, static_cast<pid_t>(owner), 0) != 0;
-}
-
 } // namespace
 
 void TraceCache::start() {
@@ -42,13 +33,12 @@ void TraceCache::start() {
 
 void TraceCache::claim() {
     const int kept_errno = errno;
-    const pid_t process = getpid();
-    const uint64_t self = number_of(process, gettid());
+    const uint64_t self = own_thread();
     gNoCache.state = resting;
     own = &gNoCache;
     for (TraceCache &cache : gCaches) {
         uint64_t owner = cache.owner.load(std::memory_order_relaxed);
-        if ((owner == 0 || is_abandoned(owner, process)) &&
+        if ((owner == 0 || has_ended(owner)) &&
             cache.owner.compare_exchange_strong(owner, self, std::memory_order_acquire)) {
             cache.start();
             own = &cache;

@@ -2,11 +2,13 @@
  * Allocation traffic, the same whoever checks it: threads that each replace random ones of their blocks,
  * 16 to 255 bytes large, from a depth of 14 calls on changing paths.
  *
- *   traffic <threads> <live blocks> <pairs a thread> [off|on|untraced|report]
+ *   traffic <threads> <live blocks> <pairs a thread> [off|on|untraced|report [<paths>|shared]]
  *
- * Prints the nanoseconds that a free and an allocation take together, in one thread while all run, and
- * the bytes of memory that a live block takes. Where it is built with the checker, the last argument
- * says in which state; report prints the lines a second of a report of the live blocks instead.
+ * Prints the nanoseconds that a free and an allocation take together, in one thread while all run: on the
+ * clock, and of the processor; and the bytes of memory that a live block takes. Where it is built with the
+ * checker, the fourth argument says in which state; report prints the lines a second of a report of the live
+ * blocks instead, and the milliseconds of one that lists none. A number says along how many paths of 15
+ * more calls the blocks come; shared, that each thread frees what any of them has allocated.
  */
 #include <inttypes.h>
 #include <pthread.h>
@@ -25,13 +27,17 @@
 #define release(block) free(block)
 #endif
 
-enum { call_depth = 14, pairs_a_path = 32 };
+enum { call_depth = 14, most_path_bits = 15 };
 
 struct worker {
     pthread_t thread;
     uint32_t random; /* xorshift */
+    uint32_t paths;
+    int depth, pairs_a_path;
+    void (*replace)(struct worker *);
     size_t live, pairs;
     char **blocks;
+    double processor_seconds;
 };
 
 static pthread_barrier_t filled, measured;
@@ -55,16 +61,26 @@ static char *make_block(struct worker *worker) {
 }
 
 static void replace_blocks(struct worker *worker) {
-    for (int i = 0; i < pairs_a_path; ++i) {
+    for (int i = 0; i < worker->pairs_a_path; ++i) {
         char **const block = &worker->blocks[draw(worker) % worker->live];
         release(*block);
         *block = make_block(worker);
     }
 }
 
+static void replace_shared_blocks(struct worker *worker) {
+    for (int i = 0; i < worker->pairs_a_path; ++i) {
+        char **const block = &worker->blocks[draw(worker) % worker->live];
+        release(__atomic_exchange_n(block, NULL, __ATOMIC_ACQUIRE));
+        char *const left = __atomic_exchange_n(block, make_block(worker), __ATOMIC_RELEASE);
+        if (left != NULL) /* another thread was faster */
+            release(left);
+    }
+}
+
 static void fill(struct worker *worker) {
     for (size_t i = 0; i < worker->live; ++i)
-        worker->blocks[i] = make_block(worker);
+        release(__atomic_exchange_n(&worker->blocks[i], make_block(worker), __ATOMIC_ACQ_REL));
 }
 
 static void left(int depth, uint32_t path, void (*action)(struct worker *), struct worker *worker);
@@ -84,21 +100,23 @@ static void left(int depth, uint32_t path, void (*action)(struct worker *), stru
 CALLS_FROM_HERE(right, left)
 CALLS_FROM_HERE(left, right)
 
+static double seconds(clockid_t clock) {
+    struct timespec now;
+    clock_gettime(clock, &now);
+    return (double)now.tv_sec + 1e-9 * (double)now.tv_nsec;
+}
+
 /* Below are main or the thread's start, and work. */
 static void *work(void *argument) {
     struct worker *const worker = argument;
-    left(call_depth - 3, 0, fill, worker);
+    left(worker->depth, 0, fill, worker);
     pthread_barrier_wait(&filled);
     pthread_barrier_wait(&measured);
-    for (size_t i = 0; i < worker->pairs; i += pairs_a_path)
-        left(call_depth - 3, draw(worker) & 3, replace_blocks, worker);
+    const double start = seconds(CLOCK_THREAD_CPUTIME_ID);
+    for (size_t i = 0; i < worker->pairs; i += (size_t)worker->pairs_a_path)
+        left(worker->depth, draw(worker) % worker->paths, worker->replace, worker);
+    worker->processor_seconds = seconds(CLOCK_THREAD_CPUTIME_ID) - start;
     return NULL;
-}
-
-static double seconds(void) {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return (double)now.tv_sec + 1e-9 * (double)now.tv_nsec;
 }
 
 static double resident_bytes(void) {
@@ -125,9 +143,11 @@ static void start_checker(const char *state) {
 
 static void report(size_t live) {
 #ifdef CHECKED
-    const double start = seconds();
+    const double start = seconds(CLOCK_MONOTONIC);
     MCReport(K42MC_BE32(1));
-    printf("%.0f\n", (double)live / (seconds() - start));
+    const double listed = seconds(CLOCK_MONOTONIC);
+    MCReport(K42MC_BE32(99));
+    printf("%.0f %.2f\n", (double)live / (listed - start), 1e3 * (seconds(CLOCK_MONOTONIC) - listed));
 #else
     (void)live;
 #endif
@@ -139,9 +159,13 @@ int main(int count, char **arguments) {
     const int threads = atoi(arguments[1]);
     const size_t live = (size_t)atol(arguments[2]), pairs = (size_t)atol(arguments[3]);
     const char *const state = count > 4 ? arguments[4] : "off";
+    const int shared = count > 5 && strcmp(arguments[5], "shared") == 0;
+    const uint32_t paths = count > 5 && !shared ? (uint32_t)atoi(arguments[5]) : 0;
+    const size_t own = shared ? live : live / (size_t)threads;
     struct worker *const workers = calloc((size_t)threads, sizeof *workers);
     char **const blocks = calloc(live, sizeof *blocks);
     memset(blocks, 1, live * sizeof *blocks); /* resident before the blocks are counted */
+    memset(blocks, 0, live * sizeof *blocks);
     start_checker(state);
     pthread_barrier_init(&filled, NULL, (unsigned)threads + 1);
     pthread_barrier_init(&measured, NULL, (unsigned)threads + 1);
@@ -150,22 +174,29 @@ int main(int count, char **arguments) {
     for (int i = 0; i < threads; ++i) {
         struct worker *const worker = &workers[i];
         *worker = (struct worker){.random = 2463534242u + (uint32_t)i,
-                                  .live = live / (size_t)threads,
+                                  .paths = paths != 0 ? paths : 4,
+                                  .depth = call_depth - 3 + (paths != 0 ? most_path_bits : 0),
+                                  .pairs_a_path = paths != 0 ? 1 : 32,
+                                  .replace = shared ? replace_shared_blocks : replace_blocks,
+                                  .live = own,
                                   .pairs = pairs,
-                                  .blocks = blocks + live / (size_t)threads * (size_t)i};
+                                  .blocks = shared ? blocks : blocks + own * (size_t)i};
         pthread_create(&worker->thread, NULL, work, worker);
     }
     pthread_barrier_wait(&filled);
     const double bytes = (resident_bytes() - before) / (double)live;
-    const double start = seconds();
+    const double start = seconds(CLOCK_MONOTONIC);
     pthread_barrier_wait(&measured);
-    for (int i = 0; i < threads; ++i)
+    double processor_seconds = 0;
+    for (int i = 0; i < threads; ++i) {
         pthread_join(workers[i].thread, NULL);
-    const double nanoseconds = 1e9 * (seconds() - start) / (double)pairs;
+        processor_seconds += workers[i].processor_seconds;
+    }
+    const double wall = 1e9 * (seconds(CLOCK_MONOTONIC) - start) / (double)pairs;
     if (strcmp(state, "report") == 0)
         report(live);
     else
-        printf("%.2f %.1f\n", nanoseconds, bytes);
+        printf("%.2f %.2f %.1f\n", wall, 1e9 * processor_seconds / (double)pairs / threads, bytes);
     fflush(stdout);
     _exit(0); /* nobody is interested in what is left */
 }

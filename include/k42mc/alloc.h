@@ -11,7 +11,8 @@
  *   line    The caller's line.
  *   Errors  A size that does not fit once the guards are added fails as if memory had run out, with
  *           errno ENOMEM.
- *   Lock    gMCLock, around the recording only, and only while the checker is on.
+ *   Lock    None to record. gMCLock for a line about the call, while somebody else holds it, and seldom
+ *           otherwise; only while the checker is on.
  *   Threads Any thread, at any time: before MCInit, after MCDeinit and in exit handlers too. None of
  *           them is async-signal-safe.
  *   Owner   The caller owns what it is handed until it releases it through the same family.

@@ -35,11 +35,16 @@ K42MC_DATA const char *const gAllocatorType[MC_ALLOCATOR_TYPES];
 /* 1 while the checker records. Read it freely; MCInit, MCDeinit and the exit report write it. */
 K42MC_DATA uint8_t gK42MCOn;
 
-/* Guards all state of the memory checker. Not recursive. Taken after gFDLock. */
+/*
+ * Guards all state of the memory checker, the registry against the threads that record among it. Not
+ * recursive. Taken after gFDLock. Take it by MCLock: pthread_mutex_lock keeps others from recording, too,
+ * but does not wait for those that are about to.
+ */
 K42MC_DATA pthread_mutex_t gMCLock;
 
 /*
- * Takes gMCLock if the checker is on.
+ * Takes gMCLock if the checker is on. No thread records until it is released: those that are about to
+ * have ended when this returns, others wait.
  * Returns 1 with the lock held; 0 without it, when the checker is off or the lock cannot be taken.
  */
 uint8_t MCLock(void);

@@ -21,14 +21,14 @@ void before_fork() {
     check_no_lock_held();
     platform::hold_stream_list();
     lock(gFDLock, LockRank::descriptors);
-    lock(gMCLock, LockRank::checker);
+    take_checker_lock();
     lock(gMCDebugLock, LockRank::debug_messages);
     forked_among_threads = !platform::single_threaded();
 }
 
 void after_fork_in_parent() {
     unlock(gMCDebugLock, LockRank::debug_messages);
-    unlock(gMCLock, LockRank::checker);
+    release_checker_lock();
     unlock(gFDLock, LockRank::descriptors);
     platform::release_stream_list();
 }
@@ -39,6 +39,7 @@ void after_fork_in_child() {
     gMCLock = unlocked_checker;
     gFDLock = PTHREAD_MUTEX_INITIALIZER;
     forget_locks();
+    forget_other_visitors();
     platform::renew_stream_list();
     if (forked_among_threads)
         platform::freeze_utc_offset();

@@ -1,23 +1,30 @@
-// Puts functions of the test's own in the place of the system allocator's, so that calls can be counted
-// and made to fail. Included by one source of an executable. A sanitizer brings an allocator of its own:
+// Puts functions of the test's own in the place of the system allocator's and of mmap, so that calls can be
+// counted and made to fail. Included by one source of an executable. A sanitizer brings an allocator of its own:
 // tests that need this one skip there.
 #pragma once
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 struct MallocCalls {
     inline static int until_failure = 0; // the allocation that fails, counted down; 0: none
     inline static bool failing_stays = false;
     inline static int allocations = 0;
-    inline static int releases = 0;
+    inline static int releases = 0; // of mappings, too
     inline static void (*during_allocation)() = nullptr;
 
     static bool fails() {
         ++allocations;
         if (during_allocation != nullptr)
             during_allocation();
+        return is_the_one();
+    }
+
+    static bool is_the_one() {
         if (until_failure == 0 || --until_failure > 0)
             return false;
         until_failure = failing_stays;
@@ -26,7 +33,7 @@ struct MallocCalls {
     }
 };
 
-// Runs action while the nth allocation, and with `stays` all later ones, fail.
+// Runs action while the nth allocation or mapping, and with `stays` all later ones, fail.
 template <class Action> void failing_malloc(int nth, bool stays, Action action) {
     MallocCalls::until_failure = nth;
     MallocCalls::failing_stays = stays;
@@ -57,6 +64,22 @@ void *calloc(size_t nmemb, size_t size) noexcept {
 }
 void *realloc(void *ptr, size_t size) noexcept {
     return MallocCalls::fails() ? nullptr : __libc_realloc(ptr, size);
+}
+void *mmap(void *address, size_t size, int protection, int flags, int file, off_t offset) noexcept {
+#ifdef SYS_mmap2
+    const long mapped = syscall(SYS_mmap2, address, size, protection, flags, file, offset >> 12);
+#else
+    const long mapped = syscall(SYS_mmap, address, size, protection, flags, file, offset);
+#endif
+    if (MallocCalls::is_the_one()) {
+        syscall(SYS_munmap, mapped, size);
+        return MAP_FAILED;
+    }
+    return reinterpret_cast<void *>(mapped);
+}
+int munmap(void *address, size_t size) noexcept {
+    ++MallocCalls::releases;
+    return int(syscall(SYS_munmap, address, size));
 }
 }
 #endif

@@ -9,6 +9,7 @@
 #include "tools/preload/next.h"
 #include "tools/preload/operators.h"
 #include "tools/preload/site.h"
+#include "wrappers/k42MC.h"
 
 #include <k42mc/k42mc.h>
 
@@ -56,7 +57,7 @@ void *allocate(const void *caller, size_t size) {
 void *resize(const void *caller, void *ptr, size_t size) {
     if (ptr == nullptr)
         return allocate(caller, size);
-    if (for_checker(caller) || state_of(ptr) == BlockState::none)
+    if (for_checker(caller) || !is_guarded(ptr))
         return resize_plain(ptr, size);
     const InsideChecker inside;
     return k42mcx_realloc(site_of(caller), 0, ptr, size);
@@ -80,7 +81,7 @@ void release(const void *caller, void *ptr) {
             __libc_free(ptr);
         return;
     }
-    if (state_of(ptr) == BlockState::none) {
+    if (!is_guarded(ptr)) {
         release_plain(ptr);
         return;
     }

@@ -2,10 +2,10 @@
 // Linked without the C++ library: a program that has operators to call brings it.
 #include "tools/preload/operators.h"
 
-#include "k42mc_debug.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/libc.h"
 #include "tools/preload/site.h"
+#include "wrappers/k42MC.h"
 
 #include <k42mc/k42mc.h>
 
@@ -87,7 +87,7 @@ void *allocate(const void *caller, int type, size_t alignment, size_t size) {
 void release(const void *caller, int type, void *block) {
     if (block == nullptr)
         return;
-    if (state_of(block) == BlockState::none) {
+    if (!k42mc::internal::is_guarded(block)) {
         __libc_free(block);
         return;
     }

@@ -1,7 +1,7 @@
 #include "tools/preload/site.h"
 
+#include "platform/platform.h"
 #include "tools/preload/exported.h"
-#include "tools/preload/libc.h"
 #include "tools/preload/next.h"
 #include "tools/preload/report_files.h"
 
@@ -14,6 +14,8 @@
 #include <string.h>
 
 namespace {
+
+namespace platform = k42mc::internal::platform;
 
 struct SiteName {
     const void *caller;
@@ -35,44 +37,77 @@ size_t slot_of(const void *caller) {
     return static_cast<size_t>(reinterpret_cast<uintptr_t>(caller) * golden >> 48) % slots;
 }
 
+// Names lie in memory mapped for them alone, out of the reach of whoever overruns a block. None is given back:
+// records go by them. Null when memory runs out.
+void *room_for_name(size_t size) {
+    constexpr size_t chunk_size = 1u << 16;
+    static constinit pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    static constinit char *next = nullptr;
+    static constinit size_t left = 0;
+    size = (size + alignof(SiteName) - 1) & -alignof(SiteName);
+    pthread_mutex_lock(&lock);
+    if (left < size) {
+        const size_t wanted = size < chunk_size ? chunk_size : size;
+        next = static_cast<char *>(platform::map_memory(wanted));
+        left = next != nullptr ? wanted : 0;
+    }
+    char *room = left != 0 ? next : nullptr;
+    if (room != nullptr) {
+        next += size;
+        left -= size;
+    }
+    pthread_mutex_unlock(&lock);
+    return room;
+}
+
 const char *short_name(const char *path) {
     const char *slash = strrchr(path, '/');
     return slash != nullptr ? slash + 1 : path;
 }
 
-SiteName *make_name(const void *caller) {
-    const uint32_t unloads_before = unloads.load();
-    const char *module = "?";
-    uintptr_t base = 0;
-    dl_find_object object;
-    if (_dl_find_object(const_cast<void *>(caller), &object) == 0) {
-        const char *path = object.dlfo_link_map->l_name;
-        module = *path != '\0' ? short_name(path) : program_name();
-        base = reinterpret_cast<uintptr_t>(object.dlfo_map_start);
+// What a call site is called now. Longer paths of modules are cut.
+struct Description {
+    explicit Description(const void *caller) : unloads_before(unloads.load()) {
+        const char *module = "?";
+        uintptr_t base = 0;
+        dl_find_object object;
+        if (_dl_find_object(const_cast<void *>(caller), &object) == 0) {
+            const char *path = object.dlfo_link_map->l_name;
+            module = *path != '\0' ? short_name(path) : program_name();
+            base = reinterpret_cast<uintptr_t>(object.dlfo_map_start);
+        }
+        snprintf(text, sizeof text, "%.255s+0x%zx", module,
+                 static_cast<size_t>(reinterpret_cast<uintptr_t>(caller) - base));
     }
-    constexpr size_t room_for_offset = 24;
-    const size_t size = strlen(module) + room_for_offset;
-    auto *name = static_cast<SiteName *>(__libc_malloc(sizeof(SiteName) + size));
+
+    const uint32_t unloads_before;
+    char text[300];
+};
+
+SiteName *make_name(const void *caller, const Description &description) {
+    const size_t size = strlen(description.text) + 1;
+    auto *name = static_cast<SiteName *>(room_for_name(sizeof(SiteName) + size));
     if (name == nullptr)
         return nullptr;
     name->caller = caller;
-    name->unloads = unloads_before;
-    snprintf(name->text, size, "%s+0x%zx", module,
-             static_cast<size_t>(reinterpret_cast<uintptr_t>(caller) - base));
+    name->unloads = description.unloads_before;
+    memcpy(name->text, description.text, size);
     return name;
 }
 
 // The name for a slot that has none for the caller, or one from before a module was unloaded. Null when
 // another caller's has come to be there meanwhile.
 const char *renew(std::atomic<SiteName *> &slot, SiteName *known, const void *caller) {
-    SiteName *own = make_name(caller);
+    const Description description(caller);
+    if (known != nullptr && strcmp(known->text, description.text) == 0) {
+        known->unloads = description.unloads_before;
+        return known->text;
+    }
+    SiteName *own = make_name(caller, description);
     if (own == nullptr)
         return known != nullptr ? known->text : nameless;
-    if (known != nullptr && strcmp(known->text, own->text) == 0)
-        known->unloads = own->unloads.load();
-    else if (slot.compare_exchange_strong(known, own))
-        return own->text; // what records go by stays for good
-    __libc_free(own);
+    if (slot.compare_exchange_strong(known, own))
+        return own->text;
     // cppcheck-suppress nullPointerRedundantCheck ; a name that came between is one
     return known->caller == caller ? known->text : nullptr;
 }

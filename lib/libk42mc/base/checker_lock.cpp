@@ -13,17 +13,17 @@ constinit pthread_mutex_t gMCLock = unlocked_checker;
 constexpr const char *const gAllocatorType[MC_ALLOCATOR_TYPES] = {"STD", "SYS", "FIX", "VAR", "SHM"};
 
 uint8_t MCLock() {
-    if (thread_is_printing || lock(gMCLock, LockRank::checker) != 0)
+    if (thread_is_printing || !take_checker_lock())
         return 0;
     if (!checker_on()) {
-        unlock(gMCLock, LockRank::checker);
+        release_checker_lock();
         return 0;
     }
     return 1;
 }
 
 int MCUnlock() {
-    return unlock(gMCLock, LockRank::checker);
+    return release_checker_lock();
 }
 
 K42MC_EXPORT(MCLock);

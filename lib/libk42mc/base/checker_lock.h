@@ -1,7 +1,7 @@
 // The checker's flag and lock, which the wrappers and the checker meet at.
 #pragma once
 
-#include "base/locks.h"
+#include "base/gate.h"
 #include "linkage/linkage.h"
 
 #include <atomic>
@@ -20,9 +20,17 @@ inline bool checker_on() {
     return std::atomic_ref(gK42MCOn).load(std::memory_order_relaxed) != 0;
 }
 
-// Whether the checker is on or not.
+// Whether the checker is on or not. Nobody records from then on.
 inline bool take_checker_lock() {
-    return lock(gMCLock, LockRank::checker) == 0;
+    if (lock(gMCLock, LockRank::checker) != 0)
+        return false;
+    see_visitors_out();
+    return true;
+}
+
+inline int release_checker_lock() {
+    gate_passes.fetch_add(1, std::memory_order_release);
+    return unlock(gMCLock, LockRank::checker);
 }
 
 // Lets go of gMCLock at its end, if that was taken.

@@ -23,24 +23,24 @@ char *put_address(char *at, uintptr_t address) {
 
 } // namespace
 
-void put_block(TextOutput &out, const MCAllocRec &record, const char *tag) {
-    const MCFilterKey &key = record.key;
+void put_block(TextOutput &out, const RecordedBlock &block, const char *tag) {
+    const AllocationSite &site = block.site;
     char line[512], *at = line;
-    const size_t name = strlen(key.file);
+    const size_t name = strlen(site.file);
     if (name > sizeof line - room_for_numbers)
-        out.put(key.file, name);
+        out.put(site.file, name);
     else
-        at = static_cast<char *>(mempcpy(at, key.file, name));
+        at = static_cast<char *>(mempcpy(at, site.file, name));
     *at++ = ':';
-    at = put(at, key.line);
+    at = put(at, site.line);
     *at++ = ':';
     at = stpcpy(at, tag);
     *at++ = ':';
-    at = put_address(stpcpy(at, gAllocatorType[key.type]), record.address);
+    at = put_address(stpcpy(at, gAllocatorType[site.type]), block.address);
     *at++ = ':';
-    at = put(at, key.size);
+    at = put(at, block.size);
     *at++ = ':';
-    at = put(at, record.cycles);
+    at = put(at, block.age);
     *at++ = '\n';
     out.put(line, static_cast<size_t>(at - line));
 }

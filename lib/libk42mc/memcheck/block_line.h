@@ -2,11 +2,11 @@
 #pragma once
 
 #include "base/text_output.h"
-#include "memcheck/state.h"
+#include "memcheck/registry.h"
 
 namespace k42mc::internal {
 
 // "file:line:tag:type:0xADDRESS:size:cycles".
-void put_block(TextOutput &out, const MCAllocRec &record, const char *tag);
+void put_block(TextOutput &out, const RecordedBlock &block, const char *tag);
 
 } // namespace k42mc::internal

@@ -7,14 +7,13 @@
 
 namespace k42mc::internal {
 
-int GuardInspector::defect(const MCAllocRec &record) {
+int GuardInspector::defect(const Record &record) {
     constexpr size_t guard = K42MC_GUARD_OVERHEAD / 2;
-    if (record.in_hand || !readable(record.address - guard, guard) ||
-        !readable(record.address + record.key.size, guard))
+    if (!readable(record.address - guard, guard) || !readable(record.address + record.size, guard))
         return K42MC_DEFECT_NONE;
     const auto *user =
         reinterpret_cast<const void *>(record.address); // NOLINT(performance-no-int-to-ptr)
-    return live_defect(record.key.type + 1u, user, record.key.size);
+    return live_defect(record.type() + 1u, user, record.size);
 }
 
 bool GuardInspector::readable(uintptr_t address, size_t size) {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "k42mc_debug.h"
-#include "memcheck/state.h"
+#include "memcheck/record.h"
 
 #include <stdint.h>
 
@@ -13,8 +13,8 @@ namespace k42mc::internal {
 // gMCLock held.
 class GuardInspector {
 public:
-    // K42MC_DEFECT_NONE, _WO or _WU. Of a block that is being reallocated nothing is looked at.
-    int defect(const MCAllocRec &record);
+    // K42MC_DEFECT_NONE, _WO or _WU.
+    int defect(const Record &record);
 
 private:
     bool readable(uintptr_t address, size_t size);

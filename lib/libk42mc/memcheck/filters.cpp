@@ -1,6 +1,7 @@
 #include "memcheck/filters.h"
 
 #include "memcheck/control_lock.h"
+#include "memcheck/registry.h"
 
 #include <algorithm>
 #include <stdlib.h>
@@ -114,7 +115,7 @@ int MCBTFilterSet(char *text, int in) {
     const ControlLock lock(name);
     if (!lock)
         return -1;
-    if (gMCTree == nullptr) {
+    if (!registry_exists()) {
         say_not_initialized(name);
         return -1;
     }
@@ -145,7 +146,7 @@ void MCBTFilterReset() {
     const ControlLock lock(name);
     if (!lock)
         return;
-    if (gMCTree == nullptr) {
+    if (!registry_exists()) {
         say_not_initialized(name);
         return;
     }

@@ -16,10 +16,6 @@
 namespace k42mc::internal {
 namespace {
 
-void put_chain(JsonOutput &out, const RecordedTrace &chain) {
-    out.chain("chain", {chain.frames, chain.count});
-}
-
 void put_site_key(JsonOutput &out, const SiteKey &key) {
     out->print("\"file\":");
     out.string(key.file);
@@ -40,7 +36,7 @@ void put_cycle(JsonOutput &out, const Snapshot &state, uint32_t limit) {
 void put_site(JsonOutput &out, const SiteSummary &site, uint32_t cycle) {
     out->print("{\"kind\":\"site\",\"cycle\":%u,", cycle);
     put_site_key(out, site.key);
-    put_chain(out, site.key.chain);
+    out.chain("chain", site.key.trace());
     out->print(",\"blocks\":%llu,\"bytes\":%llu,\"oldest\":%u,\"largest\":%zu}\n", site.held.count,
                site.held.bytes, site.oldest, site.largest);
 }
@@ -50,8 +46,8 @@ void put_damage(JsonOutput &out, const DamagedBlock &block, uint32_t cycle) {
                k42mc_defect_desc[block.defect]);
     put_site_key(out, block.key);
     out->print("\"address\":\"0x%" PRIXPTR "\",\"size\":%zu,\"cycles\":%u,", block.address, block.size,
-               block.cycles);
-    put_chain(out, block.key.chain);
+               block.age);
+    out.chain("chain", block.key.trace());
     out->print("}\n");
 }
 
@@ -73,7 +69,7 @@ int take_snapshot(Snapshot &state, uint32_t limit) {
     const ControlLock lock(name);
     if (!lock)
         return EINVAL;
-    if (gMCTree == nullptr) {
+    if (!registry_exists()) {
         say_not_initialized(name);
         return EINVAL;
     }

@@ -1,6 +1,7 @@
 #include "base/checker_lock.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/exit_actions.h"
+#include "memcheck/registry.h"
 #include "memcheck/report.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
@@ -56,7 +57,7 @@ uint32_t reinitialisation(uint32_t bitmap) {
     if (bitmap & MC_TYPE_LK_RESET) {
         out->put("Resetting LK detection\n");
         MCResetStats();
-        DLDestroy(gMCList);
+        unlist_all_records();
         bitmap &= ~MC_TYPE_LK_RESET;
     }
     return bitmap != 0 ? bitmap : gMCTypeBitmap;
@@ -72,13 +73,14 @@ void put_in_force(uint32_t bitmap) {
                                      : "Enabling backtrace collection, subject to MCBTFilterOut\n");
 }
 
-// The flag goes first: the containers' headers are released through the checked free, which would want
+// The flag goes first: the filter lists' headers are released through the checked free, which would want
 // the lock again.
 void switch_off() {
     set_checker_on(false);
     ++gMCGeneration;
     set_type_bitmap(0);
     gMCCycle = 0;
+    release_registry();
     MCResetStats();
 }
 
@@ -101,12 +103,10 @@ void MCExit() {
     report(0);
     write_json_at_exit();
     const ControlLock lock("MCExit");
-    if (!lock || gMCTree == nullptr)
+    if (!lock || !registry_exists())
         return;
     switch_off();
     MCCloseSink();
-    PTDeinit(&gMCTree);
-    DLDeinit(&gMCList);
 }
 
 } // namespace
@@ -140,8 +140,6 @@ void MCDeinit() {
     }
     gMCDone = true;
     switch_off();
-    DLDeinit(&gMCList);
-    PTDeinit(&gMCTree);
     SLDeinit(&gMCFilterIn);
     SLDeinit(&gMCFilterOut);
     SinkText()->print("========== %s: Done ==========\n", "MCDeinit");

@@ -1,6 +1,6 @@
 #include "memcheck/control_lock.h"
+#include "memcheck/registry.h"
 #include "memcheck/sink.h"
-#include "memcheck/state.h"
 
 #include <inttypes.h>
 
@@ -14,11 +14,11 @@ uintptr_t reverse_bytes(uintptr_t address) {
         return __builtin_bswap32(address);
 }
 
-void put_record(TextOutput &out, const MCAllocRec &record) {
-    out.put(record.key.file);
-    out.print(":%d:%s:0x%0" PRIXPTR ":%zu:%u\n", record.key.line, gAllocatorType[record.key.type],
-              record.address, record.key.size, record.cycles);
-    put_allocation_trace(out, record.trace());
+void put_record(TextOutput &out, const RecordedBlock &block) {
+    out.put(block.site.file);
+    out.print(":%d:%s:0x%0" PRIXPTR ":%zu:%u\n", block.site.line, gAllocatorType[block.site.type],
+              block.address, block.size, block.age);
+    put_allocation_trace(out, block.site.trace());
 }
 
 } // namespace
@@ -32,19 +32,19 @@ uint32_t MCCheck(uintptr_t address) {
     const ControlLock lock(name);
     if (!lock)
         return 1;
-    if (gMCTree == nullptr) {
+    if (!registry_exists()) {
         say_not_initialized(name);
         return 1;
     }
     if (address == 0)
         return 0;
     StandardErrorText out;
-    const MCAllocRec *record = RecordTree(gMCTree).search(address);
+    const Record *record = find_record(address);
     if (record == nullptr) {
         out->print("Allocation 0x%0" PRIXPTR " not known\n", address);
         return 1;
     }
-    put_record(*out, *record);
+    put_record(*out, RecordedBlock(*record, gMCCycle));
     return 0;
 }
 

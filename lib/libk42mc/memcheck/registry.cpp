@@ -2,13 +2,12 @@
 
 #include "base/checker_lock.h"
 #include "base/printing.h"
+#include "memcheck/block_index.h"
 #include "memcheck/filters.h"
+#include "memcheck/lane.h"
 #include "memcheck/sink.h"
-#include "memcheck/state.h"
 
 #include <inttypes.h>
-#include <memory>
-#include <stdlib.h>
 #include <string.h>
 
 namespace k42mc::internal {
@@ -17,20 +16,32 @@ namespace {
 // What is known of a block while the checker is off: its header is taken on trust.
 constexpr KnownBlock unexamined{.header_readable = true, .tail = 0};
 
-struct Release {
-    void operator()(MCAllocRec *record) const { free(record); }
-};
+// The order in which blocks were recorded, whoever did. On a line of its own: all threads count here.
+alignas(64) constinit std::atomic<uint64_t> blocks_recorded = 0;
 
-// A record that nothing links to.
-using RecordMemory = std::unique_ptr<MCAllocRec, Release>;
+constinit bool exists = false;
 
-const char *type_name(uint16_t type) {
+uint64_t next_in_order() {
+    if (!platform::single_threaded())
+        return blocks_recorded.fetch_add(1, std::memory_order_relaxed);
+    const uint64_t number = blocks_recorded.load(std::memory_order_relaxed);
+    blocks_recorded.store(number + 1, std::memory_order_relaxed);
+    return number;
+}
+
+const char *type_name(unsigned type) {
     return type < MC_ALLOCATOR_TYPES ? gAllocatorType[type] : "UNKNOWN";
 }
 
 const char *name_of(Site site) {
     return site.file != nullptr ? site.file : "(null)";
 }
+
+uintptr_t address_of(const void *user) {
+    return reinterpret_cast<uintptr_t>(user);
+}
+
+// ---- Lines, with gMCLock held ----
 
 void print_failed_allocation(Site site, size_t size) {
     const Printing printing;
@@ -55,12 +66,12 @@ void print_null_release(Site site) {
     put_current_trace(*out, "Backtrace of the NULL free:\n");
 }
 
-void print_wrong_type(const MCAllocRec &record, Site site, uint16_t type) {
+void print_wrong_type(uintptr_t address, unsigned allocated, Site site, uint16_t released) {
     const Printing printing;
     SinkText out;
     out->put(name_of(site));
     out->print(":%d:BF: WRONG deallocator type for 0x%0" PRIXPTR "; allocType: %s, freeType: %s\n",
-               site.line, record.address, type_name(record.key.type), type_name(type));
+               site.line, address, type_name(allocated), type_name(released));
     put_current_trace(*out, "Backtrace of the bad free:\n");
 }
 
@@ -69,110 +80,187 @@ void print_lost_record() {
     SinkText()->print("============ %s: Memory allocation failure ===========\n", "MCAlloc");
 }
 
-void unlist(MCAllocRec *record) {
-    if (record->containers == 2)
-        RecordList(gMCList).remove(*record);
+// ---- Removal ----
+
+// What is left to do about a record that nobody finds any more.
+struct Removed {
+    uint32_t number = 0; // 0: there was none
+    bool shared = false; // its entry in the index is shared, so nobody may be recording
+};
+
+// The tail's line of cache comes while the record is looked at, if the header is sound; and if that can be read
+// without a look at the page before.
+void prefetch_tail(const void *user) {
+    constexpr uintptr_t guard = K42MC_GUARD_OVERHEAD / 2;
+    if (address_of(user) % smallest_page < guard)
+        return;
+    uintptr_t raw_size;
+    memcpy(&raw_size, static_cast<const char *>(user) - sizeof raw_size, sizeof raw_size);
+    __builtin_prefetch(static_cast<const char *>(user) + raw_size - K42MC_GUARD_OVERHEAD);
 }
 
-void keep_frames(MCAllocRec &record, const StackTrace &trace) {
-    const auto frames = trace.innermost(MCAllocRec::most_frames);
-    record.frameCount = static_cast<uint32_t>(frames.size());
-    memcpy(record.frames, frames.data(), frames.size_bytes());
-}
-
-// All but the links. Where it can be without the lock: the record's memory is cold.
-void describe(MCAllocRec &record, Site site, uint16_t type, uintptr_t address, size_t size,
-              const StackTrace &trace) {
-    record.containers = 2;
-    record.in_hand = false;
-    record.key = {.line = site.line, .size = size, .type = type, .file = name_of(site)};
-    record.cycles = 0;
-    record.address = address;
-    record.frameCount = 0;
-    if (trace.depth == StackTrace::deepest)
-        keep_frames(record, trace);
-}
-
-void copy_description(MCAllocRec &to, const MCAllocRec &from) {
-    to.containers = from.containers;
-    to.in_hand = from.in_hand;
-    memcpy(&to.key, &from.key, sizeof from - offsetof(MCAllocRec, key));
-}
-
-// Links a record into the tree. Returns it; or the one of a block that was released past the wrappers
-// and is still recorded there, out of the live list and with the new one's description: the new one is
-// left to its owner then.
-MCAllocRec *enter(RecordMemory &record) {
-    MCAllocRec *const stale = RecordTree(gMCTree).insert(*record);
-    if (stale == nullptr)
-        return record.release();
-    MCCountFree(stale->key.type, stale->key.size);
-    unlist(stale);
-    copy_description(*stale, *record);
-    return stale;
-}
-
-void settle_backtrace(MCAllocRec &record, StackTrace &trace) {
-    if (!wants_backtrace(record.key)) {
-        record.frameCount = 0;
-    } else if (trace.depth < StackTrace::deepest) {
-        trace.capture(StackTrace::deepest);
-        keep_frames(record, trace);
+Removed take_from(IndexEntry &entry, uintptr_t address) {
+    for (;;) {
+        const uint32_t value = entry.load();
+        if (IndexEntry::is_chain(value)) [[unlikely]]
+            return {.shared = true};
+        if (value == 0)
+            return {};
+        prefetch_tail(reinterpret_cast<const char *>(address)); // NOLINT(performance-no-int-to-ptr)
+        if (__atomic_load_n(&record_at(value).address, __ATOMIC_RELAXED) != address)
+            return {};
+        if (entry.replace(value, 0))
+            return {.number = value};
     }
 }
 
-// The record is null for a block that there is none of, or where there was no memory for it. One that is
-// not needed is left to its owner, to be released behind the lock.
-void add_record(Site site, uint16_t type, uintptr_t address, size_t size, StackTrace &trace,
-                RecordMemory &described) {
-    if (address == 0) {
-        print_failed_allocation(site, size);
-        return;
+Removed take(uintptr_t address) {
+    IndexEntry *entry = find_entry(address);
+    return entry != nullptr ? take_from(*entry, address) : Removed{};
+}
+
+uint32_t take_alone(uintptr_t address, Lane &lane) {
+    IndexEntry *entry = find_entry(address);
+    const uint32_t number = entry != nullptr ? entry->find(address) : 0;
+    if (number != 0)
+        entry->remove(number, lane.free_records);
+    return number;
+}
+
+void count_release(const Record &record, Lane &lane) {
+    lane.traffic.freed[record.type()].add(record.size);
+}
+
+// Takes the record of a block. `then` gets it, while it is still the caller's.
+template <class Then> bool take_record_of(uintptr_t address, Then then) {
+    {
+        const Recording recording;
+        if (!recording)
+            return false;
+        const Removed removed = take(address);
+        if (!removed.shared) {
+            if (removed.number != 0)
+                then(removed.number, recording.lane());
+            return true;
+        }
     }
-    if (gMCTree == nullptr || type >= MC_ALLOCATOR_TYPES)
+    const CheckerLock lock(MCLock() != 0);
+    if (!lock)
+        return false;
+    Lane &lane = lane_of_lock_holder();
+    if (const uint32_t number = take_alone(address, lane))
+        then(number, lane);
+    return true;
+}
+
+KnownBlock known_block(const Record &record) {
+    return {.header_readable = true, .tail = record.address + record.size};
+}
+
+constexpr KnownBlock unknown_block{.header_readable = false, .tail = 0};
+
+// ---- Addition ----
+
+enum class Outcome { done, no_memory, shared };
+
+// A block that is to be recorded.
+struct NewBlock {
+    Site site;
+    uint16_t type;
+    uintptr_t address;
+    size_t size;
+    StackTrace &trace;
+};
+
+uint32_t site_number(const NewBlock &block) {
+    const char *const file = name_of(block.site);
+    std::span<void *const> frames;
+    if (wants_backtrace({block.site.line, block.size, block.type, file})) {
+        block.trace.capture(StackTrace::deepest);
+        frames = block.trace.innermost(AllocationSite::most_frames);
+    }
+    return number_of_site(file, block.site.line, block.type, frames);
+}
+
+// The record of a block that was released past the wrappers, and is still there, gives way.
+bool drop_stale(IndexEntry &entry, uint32_t value, uintptr_t address, Lane &lane) {
+    if (IndexEntry::is_chain(value) || record_at(value).address != address || !entry.replace(value, 0))
+        return false;
+    count_release(record_at(value), lane);
+    lane.free_records.give_back(value);
+    return true;
+}
+
+void drop_stale_alone(IndexEntry &entry, uintptr_t address, Lane &lane) {
+    const uint32_t number = entry.find(address);
+    if (number == 0)
         return;
-    if (described == nullptr) {
+    entry.remove(number, lane.free_records);
+    count_release(record_at(number), lane);
+    lane.free_records.give_back(number);
+}
+
+// Alone: with nobody recording.
+Outcome add(const NewBlock &block, Lane &lane, bool alone) {
+    const uint64_t order = next_in_order(); // ahead of what waits for memory, which it would wait for
+    IndexEntry *entry = make_entry(block.address);
+    if (entry == nullptr)
+        return Outcome::no_memory;
+    if (const uint32_t value = entry->load()) [[unlikely]] {
+        if (alone)
+            drop_stale_alone(*entry, block.address, lane);
+        else if (!drop_stale(*entry, value, block.address, lane))
+            return Outcome::shared;
+    }
+    const uint32_t number = lane.free_records.take();
+    const uint32_t site = number != 0 ? site_number(block) : 0;
+    if (site == 0) {
+        if (number != 0)
+            lane.free_records.give_back(number);
+        return Outcome::no_memory;
+    }
+    Record &record = record_at(number);
+    __atomic_store_n(&record.address, block.address, __ATOMIC_RELAXED);
+    record.size = block.size;
+    record.site = site;
+    record.start(order, block.type, gMCCycle);
+    if (!alone) {
+        entry->store(number);
+    } else if (!entry->add(number, lane.free_records)) {
+        lane.free_records.give_back(number);
+        return Outcome::no_memory;
+    }
+    lane.traffic.allocated[block.type].add(block.size);
+    return Outcome::done;
+}
+
+// With gMCLock held.
+void add_alone(const NewBlock &block) {
+    if (!exists || block.type >= MC_ALLOCATOR_TYPES)
+        return;
+    if (add(block, lane_of_lock_holder(), true) == Outcome::no_memory)
         print_lost_record();
-        return;
+}
+
+void add_block(const NewBlock &block) {
+    Outcome outcome;
+    {
+        const Recording recording;
+        if (!recording)
+            return;
+        outcome = add(block, recording.lane(), false);
     }
-    MCAllocRec *const record = enter(described);
-    RecordList(gMCList).insert_last(*record);
-    settle_backtrace(*record, trace);
-    gMCAllocCycle[type].add(size);
-    gMCAllocSinceReset[type].add(size);
-}
-
-// The first half of forgetting a block: out of the tree.
-MCAllocRec *take(uintptr_t address) {
-    return gMCTree != nullptr ? RecordTree(gMCTree).remove_key(address) : nullptr;
-}
-
-// The second half: everything else. The record is memory afterwards.
-RecordMemory settle(MCAllocRec *record, Site site, uint16_t type) {
-    if (record->key.type != type)
-        print_wrong_type(*record, site, type);
-    MCCountFree(record->key.type, record->key.size);
-    unlist(record);
-    return RecordMemory(record);
-}
-
-KnownBlock known_block(const MCAllocRec *record) {
-    if (record == nullptr)
-        return {.header_readable = false, .tail = 0};
-    return {.header_readable = true, .tail = record->address + record->key.size};
-}
-
-uintptr_t address_of(const void *user) {
-    return reinterpret_cast<uintptr_t>(user);
-}
-
-// Null for no block, and where there is no memory. Obtained without the lock, where it can be.
-RecordMemory new_record(Site site, uint16_t type, uintptr_t address, size_t size,
-                        const StackTrace &trace) {
-    RecordMemory record(address != 0 ? static_cast<MCAllocRec *>(malloc(sizeof(MCAllocRec))) : nullptr);
-    if (record != nullptr)
-        describe(*record, site, type, address, size, trace);
-    return record;
+    if (outcome == Outcome::done && !sites_need_sweep()) [[likely]]
+        return;
+    const CheckerLock lock(MCLock() != 0);
+    if (!lock)
+        return;
+    if (outcome == Outcome::shared)
+        add_alone(block);
+    else if (outcome == Outcome::no_memory)
+        print_lost_record();
+    if (sites_need_sweep())
+        sweep_sites();
 }
 
 } // namespace
@@ -184,23 +272,67 @@ int trace_depth() {
 void record_block(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace) {
     if (!checker_on())
         return;
-    RecordMemory record = new_record(site, type, address_of(user), size, trace);
-    if (const CheckerLock lock(MCLock() != 0); lock)
-        add_record(site, type, address_of(user), size, trace, record);
+    if (user != nullptr) [[likely]]
+        add_block({site, type, address_of(user), size, trace});
+    else if (const CheckerLock lock(MCLock() != 0); lock)
+        print_failed_allocation(site, size);
 }
+
+namespace {
+
+// The end of a record: counted, free, and what is to be said of it.
+class Settled {
+public:
+    void settle(uint32_t number, Lane &lane) {
+        const Record &record = record_at(number);
+        known = known_block(record);
+        address_ = record.address;
+        type_ = record.type();
+        count_release(record, lane);
+        lane.free_records.give_back(number);
+    }
+
+    void complain_unless(uint16_t released, Site site) const {
+        if (address_ == 0 || type_ == released) [[likely]]
+            return;
+        if (const CheckerLock lock(MCLock() != 0); lock)
+            print_wrong_type(address_, type_, site, released);
+    }
+
+    KnownBlock known = unknown_block;
+
+private:
+    uintptr_t address_ = 0;
+    unsigned type_ = 0;
+};
+
+} // namespace
 
 KnownBlock forget_block(Site site, uint16_t type, const void *user) {
     if (!checker_on())
         return unexamined;
-    RecordMemory memory; // released behind the lock
-    const CheckerLock lock(MCLock() != 0);
-    if (!lock)
+    Settled settled;
+    const auto settle = [&](uint32_t number, Lane &lane) { settled.settle(number, lane); };
+    if (!take_record_of(address_of(user), settle))
         return unexamined;
-    MCAllocRec *const record = take(address_of(user));
-    const KnownBlock known = known_block(record);
-    if (record != nullptr)
-        memory = settle(record, site, type);
-    return known;
+    settled.complain_unless(type, site);
+    return settled.known;
+}
+
+bool is_recorded(const void *user) {
+    if (!checker_on())
+        return false;
+    {
+        const Recording recording;
+        const IndexEntry *entry = recording ? find_entry(address_of(user)) : nullptr;
+        if (entry == nullptr)
+            return false;
+        const uint32_t value = entry->load();
+        if (!IndexEntry::is_chain(value))
+            return value != 0 && record_at(value).address == address_of(user);
+    }
+    const CheckerLock lock(MCLock() != 0);
+    return lock && find_record(address_of(user)) != nullptr;
 }
 
 void report_null_release(Site site) {
@@ -211,49 +343,82 @@ void report_null_release(Site site) {
 }
 
 RecordInHand take_record(const void *user) {
+    RecordInHand hand{.known = unexamined};
     if (!checker_on())
-        return {.record = nullptr, .generation = 0, .known = unexamined};
-    const CheckerLock lock(MCLock() != 0);
-    if (!lock)
-        return {.record = nullptr, .generation = 0, .known = unexamined};
-    MCAllocRec *const record = take(address_of(user));
-    if (record != nullptr)
-        record->in_hand = true;
-    return {record, gMCGeneration, known_block(record)};
+        return hand;
+    const auto take_in_hand = [&](uint32_t number, Lane &) {
+        record_at(number).take_in_hand();
+        hand = {number, gMCGeneration, gMCCycle, known_block(record_at(number))};
+    };
+    if (take_record_of(address_of(user), take_in_hand) && hand.number == 0)
+        hand.known = unknown_block;
+    return hand;
 }
 
 void put_record_back(const RecordInHand &hand) {
-    if (hand.record == nullptr)
+    if (hand.number == 0)
         return;
-    RecordMemory dropped;
     const CheckerLock lock(take_checker_lock());
-    if (!lock)
+    if (!lock || hand.generation != gMCGeneration)
         return;
-    hand.record->in_hand = false;
-    if (hand.generation == gMCGeneration && RecordTree(gMCTree).insert(*hand.record) == nullptr)
-        return;
-    unlist(hand.record);
-    dropped.reset(hand.record);
+    Record &record = record_at(hand.number);
+    Lane &lane = lane_of_lock_holder();
+    record.put_back(gMCCycle - hand.cycle);
+    IndexEntry *entry = find_entry(record.address);
+    // Somebody may have recorded another block there.
+    if (entry == nullptr || entry->find(record.address) != 0 ||
+        !entry->add(hand.number, lane.free_records))
+        lane.free_records.give_back(hand.number);
 }
 
 void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
                     StackTrace &trace) {
-    if (hand.record == nullptr) {
-        record_block(site, type, user, size, trace);
-        return;
+    Settled settled;
+    if (hand.number != 0) {
+        const Recording recording;
+        if (recording && hand.generation == gMCGeneration)
+            settled.settle(hand.number, recording.lane());
     }
-    RecordMemory record;
-    const CheckerLock lock(take_checker_lock());
-    if (!lock)
-        return;
-    if (hand.generation == gMCGeneration)
-        record = settle(hand.record, site, type);
-    else
-        record.reset(hand.record);
-    if (checker_on()) {
-        describe(*record, site, type, address_of(user), size, trace);
-        add_record(site, type, address_of(user), size, trace, record);
-    }
+    settled.complain_unless(type, site);
+    record_block(site, type, user, size, trace);
+}
+
+bool create_registry() {
+    exists = map_first_chunk() && map_site_table();
+    return exists;
+}
+
+void release_registry() {
+    exists = false;
+    clear_lanes();
+    unmap_index();
+    unmap_chunks();
+    unmap_site_table();
+}
+
+bool registry_exists() {
+    return exists;
+}
+
+const Record *find_record(uintptr_t address) {
+    const IndexEntry *entry = find_entry(address);
+    const uint32_t number = entry != nullptr ? entry->find(address) : 0;
+    return number != 0 ? &record_at(number) : nullptr;
+}
+
+void unlist_all_records() {
+    for_each_record([](Record &record) { record.unlist(gMCCycle); });
+}
+
+// The walk over all records has to pay, and the sites to be few beside them.
+void sweep_sites() {
+    uint32_t blocks = 0;
+    begin_site_sweep();
+    for_each_record([&](const Record &record) {
+        site_at(record.site).in_use = true;
+        ++blocks;
+    });
+    end_site_sweep(blocks / 64);
 }
 
 } // namespace k42mc::internal
@@ -262,8 +427,10 @@ using namespace k42mc::internal;
 
 void MCAlloc(const char *file, int line, uint16_t type, uintptr_t address, size_t size) {
     StackTrace trace;
-    RecordMemory record = new_record({file, line}, type, address, size, trace);
-    add_record({file, line}, type, address, size, trace, record);
+    if (address != 0)
+        add_alone({{file, line}, type, address, size, trace});
+    else
+        print_failed_allocation({file, line}, size);
 }
 
 void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
@@ -272,8 +439,17 @@ void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
             print_null_release({file, line});
         return;
     }
-    if (MCAllocRec *const record = take(address))
-        settle(record, {file, line}, type);
+    if (!registry_exists())
+        return;
+    Lane &lane = lane_of_lock_holder();
+    const uint32_t number = take_alone(address, lane);
+    if (number == 0)
+        return;
+    const unsigned allocated = record_at(number).type();
+    if (allocated != type)
+        print_wrong_type(address, allocated, {file, line}, type);
+    count_release(record_at(number), lane);
+    lane.free_records.give_back(number);
 }
 
 K42MC_EXPORT(MCAlloc);

@@ -1,23 +1,25 @@
-// The registry of live blocks, as the wrappers use it. Each of these takes gMCLock for itself and does
-// nothing while the checker is off.
+// The registry of live blocks.
 #pragma once
 
 #include "base/site.h"
 #include "k42mc_debug.h"
+#include "memcheck/record.h"
+#include "memcheck/site_table.h"
+#include "memcheck/state.h"
 
 namespace k42mc::internal {
 
-struct MCAllocRec;
+// ---- As the wrappers use it: each of these does nothing while the checker is off ----
 
-// A block's record taken out of the tree while the underlying allocator works on the block. The hand
-// holds the count that the tree held.
+// A record that nobody finds while the underlying allocator works on the block.
 struct RecordInHand {
-    MCAllocRec *record; // null: the block was not recorded
-    uint32_t generation;
+    uint32_t number = 0; // 0: the block was not recorded
+    uint32_t generation = 0;
+    uint32_t cycle = 0; // when it was taken
     KnownBlock known;
 };
 
-// How many frames the records of new blocks will want, as far as can be told without the lock.
+// How many frames the records of new blocks will want, as far as can be told outside the gate.
 int trace_depth();
 
 // Records a block; null reports a failed allocation.
@@ -25,6 +27,9 @@ void record_block(Site site, uint16_t type, const void *user, size_t size, Stack
 
 // Forgets a block that is about to be checked and released.
 KnownBlock forget_block(Site site, uint16_t type, const void *user);
+
+// Whether a block is recorded, whatever its guards say.
+bool is_recorded(const void *user);
 
 void report_null_release(Site site);
 
@@ -34,5 +39,33 @@ RecordInHand take_record(const void *user);
 void put_record_back(const RecordInHand &hand);
 void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
                     StackTrace &trace);
+
+// ---- As control functions use it, with gMCLock held ----
+
+// What is told of a recorded block.
+struct RecordedBlock {
+    RecordedBlock(const Record &record, uint32_t cycle)
+        : site(site_at(record.site)), address(record.address), size(record.size),
+          age(record.age(cycle)) {}
+
+    const AllocationSite &site;
+    uintptr_t address;
+    size_t size;
+    uint32_t age; // in reports
+};
+
+// Returns false when memory runs out.
+bool create_registry();
+void release_registry();
+bool registry_exists();
+
+// Null where there is none.
+const Record *find_record(uintptr_t address);
+
+// Leaves all blocks in the registry, and out of reports.
+void unlist_all_records();
+
+// Sites that no block needs any more make room.
+void sweep_sites();
 
 } // namespace k42mc::internal

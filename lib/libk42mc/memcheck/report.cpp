@@ -1,7 +1,9 @@
 #include "memcheck/report.h"
 
 #include "memcheck/block_line.h"
+#include "memcheck/by_age.h"
 #include "memcheck/control_lock.h"
+#include "memcheck/lane.h"
 #include "memcheck/sink.h"
 #include "memcheck/state.h"
 
@@ -13,25 +15,24 @@ constexpr const char *function_name = "MCReport";
 // More blocks than this do not go to a terminal.
 constexpr uint32_t most_for_terminal = 199;
 
-// Ages a record, and lists it if it has survived enough reports.
-void MCReportLeak(TextOutput &out, MCAllocRec &record, uint32_t limit) {
-    const MCFilterKey &key = record.key;
-    ++record.cycles;
-    if (record.cycles >= limit)
-        put_block(out, record, "LK");
-    if (record.cycles == 1) {
-        gMCHeldCycleSum.add(key.size);
-        gMCHeldCycle[key.type].add(key.size);
+// What the report in progress has met.
+struct Held {
+    MCCounter by_type[MC_ALLOCATOR_TYPES];
+
+    MCCounter sum() const {
+        MCCounter total;
+        for (const MCCounter &counter : by_type)
+            total += counter;
+        return total;
     }
-    gMCHeldSinceResetSum.add(key.size);
-    gMCHeldSinceReset[key.type].add(key.size);
-}
+};
 
 uint32_t live_allocations() {
+    const Traffic traffic = total_traffic().since(gMCTrafficAtReset);
     uint32_t live = 0;
     for (int type = 0; type < MC_ALLOCATOR_TYPES; ++type)
-        live += static_cast<uint32_t>(gMCAllocSinceReset[type].count) -
-                static_cast<uint32_t>(gMCFreeSinceReset[type].count);
+        live += static_cast<uint32_t>(traffic.allocated[type].count) -
+                static_cast<uint32_t>(traffic.freed[type].count);
     return live;
 }
 
@@ -47,25 +48,36 @@ bool leave_terminal() {
     return false;
 }
 
-void put_counters(TextOutput &out, const MCCounter *held, const MCCounter *allocated,
-                  const MCCounter *freed) {
-    for (int type = 0; type < MC_ALLOCATOR_TYPES; ++type)
-        out.print("%s: %10llu(%llu); +%llu(%llu), -%llu(%llu)\n", gAllocatorType[type], held[type].bytes,
-                  held[type].count, allocated[type].bytes, allocated[type].count, freed[type].bytes,
-                  freed[type].count);
+void put_counters(TextOutput &out, const Held &held, const Traffic &traffic) {
+    for (int type = 0; type < MC_ALLOCATOR_TYPES; ++type) {
+        const MCCounter &now = held.by_type[type], &allocated = traffic.allocated[type],
+                        &freed = traffic.freed[type];
+        out.print("%s: %10llu(%llu); +%llu(%llu), -%llu(%llu)\n", gAllocatorType[type], now.bytes,
+                  now.count, allocated.bytes, allocated.count, freed.bytes, freed.count);
+    }
+}
+
+void put_totals(TextOutput &out, const char *since, const Held &held, const Traffic &traffic) {
+    const MCCounter sum = held.sum();
+    out.print("\n#### %s: %llu bytes held by %llu allocations ####\n", since, sum.bytes, sum.count);
+    put_counters(out, held, traffic);
 }
 
 void put_report(TextOutput &out, uint32_t limit) {
     out.print("-----------<cycle %u>-----------\n{\n", gMCCycle);
-    for (MCAllocRec &record : RecordList(gMCList))
-        if (!record.in_hand)
-            MCReportLeak(out, record, limit);
-    out.print("\n#### This cycle: %llu bytes held by %llu allocations ####\n", gMCHeldCycleSum.bytes,
-              gMCHeldCycleSum.count);
-    put_counters(out, gMCHeldCycle, gMCAllocCycle, gMCFreeCycle);
-    out.print("\n#### Since reset: %llu bytes held by %llu allocations ####\n",
-              gMCHeldSinceResetSum.bytes, gMCHeldSinceResetSum.count);
-    put_counters(out, gMCHeldSinceReset, gMCAllocSinceReset, gMCFreeSinceReset);
+    Held since_report, since_reset; // the former: what no report has met before
+    ChosenRecords records([&](const Record &record) {
+        const uint32_t age = record.age(gMCCycle);
+        since_reset.by_type[record.type()].add(record.size);
+        if (age == 1)
+            since_report.by_type[record.type()].add(record.size);
+        return age >= limit;
+    });
+    while (const Record *record = records.next())
+        put_block(out, RecordedBlock(*record, gMCCycle), "LK");
+    const Traffic traffic = total_traffic();
+    put_totals(out, "This cycle", since_report, traffic.since(gMCTrafficAtReport));
+    put_totals(out, "Since reset", since_reset, traffic.since(gMCTrafficAtReset));
     out.put("}\n");
 }
 
@@ -75,7 +87,7 @@ void report(uint32_t limit) {
     const ControlLock lock(function_name);
     if (!lock)
         return;
-    if (gMCTree == nullptr) {
+    if (!registry_exists()) {
         say_not_initialized(function_name);
         return;
     }
@@ -86,6 +98,8 @@ void report(uint32_t limit) {
     gMCCycle = next;
     put_report(*SinkText(), limit);
     MCResetCycleStats();
+    if (sites_need_sweep())
+        sweep_sites();
 }
 
 } // namespace k42mc::internal

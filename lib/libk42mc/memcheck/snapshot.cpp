@@ -1,7 +1,8 @@
 #include "memcheck/snapshot.h"
-#include "linkage/linkage.h"
 
+#include "memcheck/by_age.h"
 #include "memcheck/damage.h"
+#include "memcheck/lane.h"
 
 #include <algorithm>
 #include <string.h>
@@ -9,17 +10,17 @@
 namespace k42mc::internal {
 namespace {
 
-SiteKey site_key_of(const MCAllocRec &record) {
-    SiteKey key{record.key.file, record.key.line, record.key.type, {record.frameCount, {}}};
-    memcpy(key.chain.frames, record.frames, record.frameCount * sizeof record.frames[0]);
+SiteKey key_of(const AllocationSite &site) {
+    SiteKey key{site.file, site.line, site.type, site.frame_count, {}};
+    memcpy(key.frames, site.frames, site.trace().size_bytes());
     return key;
 }
 
 // The file's text stays out of it: texts at several addresses may be equal.
 size_t hash(const SiteKey &key) {
     uint64_t sum = static_cast<uint32_t>(key.line) ^ uint64_t { key.type } << 32;
-    for (uint32_t i = 0; i < key.chain.count; ++i)
-        sum = (sum ^ reinterpret_cast<uintptr_t>(key.chain.frames[i])) * 0x9e3779b97f4a7c15u;
+    for (const void *frame : key.trace())
+        sum = (sum ^ reinterpret_cast<uintptr_t>(frame)) * 0x9e3779b97f4a7c15u;
     sum *= 0x9e3779b97f4a7c15u;
     return static_cast<size_t>(sum >> 32);
 }
@@ -29,10 +30,10 @@ int compare(const SiteKey &a, const SiteKey &b) {
         return a.line < b.line ? -1 : 1;
     if (a.type != b.type)
         return a.type < b.type ? -1 : 1;
-    if (a.chain.count != b.chain.count)
-        return a.chain.count < b.chain.count ? -1 : 1;
-    const int chains = memcmp(a.chain.frames, b.chain.frames, a.chain.count * sizeof a.chain.frames[0]);
-    return chains != 0 || a.file == b.file ? chains : strcmp(a.file, b.file);
+    if (a.frame_count != b.frame_count)
+        return a.frame_count < b.frame_count ? -1 : 1;
+    const int traces = memcmp(a.frames, b.frames, a.trace().size_bytes());
+    return traces != 0 || a.file == b.file ? traces : strcmp(a.file, b.file);
 }
 
 bool comes_first(const SiteSummary &a, const SiteSummary &b) {
@@ -42,32 +43,31 @@ bool comes_first(const SiteSummary &a, const SiteSummary &b) {
     return files != 0 ? files < 0 : compare(a.key, b.key) < 0;
 }
 
-MCCounter sum(const MCCounter *counters) {
-    MCCounter total{};
-    for (int type = 0; type < MC_ALLOCATOR_TYPES; ++type) {
-        total.count += counters[type].count;
-        total.bytes += counters[type].bytes;
-    }
+MCCounter sum(const MCCounter (&counters)[MC_ALLOCATOR_TYPES]) {
+    MCCounter total;
+    for (const MCCounter &counter : counters)
+        total += counter;
     return total;
 }
 
 } // namespace
 
 bool Snapshot::take(uint32_t limit) {
-    GuardInspector inspector;
+    const Traffic traffic = total_traffic().since(gMCTrafficAtReset);
     cycle = gMCCycle;
-    allocated = sum(gMCAllocSinceReset);
-    freed = sum(gMCFreeSinceReset);
-    for (const MCAllocRec &record : RecordList(gMCList)) {
-        if (record.in_hand)
-            continue;
-        live.add(record.key.size);
-        if (record.cycles >= limit && !take_block(record))
-            return false;
-        const int defect = inspector.defect(record);
-        if (defect != K42MC_DEFECT_NONE && !add_damage(record, defect))
-            return false;
-    }
+    allocated = sum(traffic.allocated);
+    freed = sum(traffic.freed);
+    forget_summaries();
+    bool complete = true;
+    for_each_record([&](const Record &record) {
+        if (!record.is_listed())
+            return;
+        live.add(record.size);
+        if (complete && record.age(cycle) >= limit)
+            complete = take_block(record);
+    });
+    if (!complete || !take_damage())
+        return false;
     std::sort(sites_.records, sites_.records + sites_.size, comes_first);
     return true;
 }
@@ -82,32 +82,48 @@ void Snapshot::release() {
     slot_count_ = 0;
 }
 
-bool Snapshot::take_block(const MCAllocRec &record) {
-    if (2 * sites_.size >= slot_count_ && !grow_slots())
+bool Snapshot::take_block(const Record &record) {
+    SiteSummary *summary = summary_of(site_at(record.site));
+    if (summary == nullptr)
         return false;
-    const SiteKey key = site_key_of(record);
+    summary->held.add(record.size);
+    summary->oldest = std::max(summary->oldest, record.age(cycle));
+    summary->largest = std::max(summary->largest, record.size);
+    return true;
+}
+
+// Sites of the registry whose files have the same name are one here.
+SiteSummary *Snapshot::summary_of(AllocationSite &site) {
+    if (site.summary != 0)
+        return &sites_.records[site.summary - 1];
+    if (2 * sites_.size >= slot_count_ && !grow_slots())
+        return nullptr;
+    const SiteKey key = key_of(site);
     size_t at = hash(key) & (slot_count_ - 1);
     while (slots_[at] != 0 && compare(sites_.records[slots_[at] - 1].key, key) != 0)
         at = (at + 1) & (slot_count_ - 1);
     if (slots_[at] == 0) {
         SiteSummary *created = sites_.add();
         if (created == nullptr)
-            return false;
+            return nullptr;
         *created = {key, {}, 0, 0};
         slots_[at] = static_cast<uint32_t>(sites_.size);
     }
-    SiteSummary &site = sites_.records[slots_[at] - 1];
-    site.held.add(record.key.size);
-    site.oldest = std::max(site.oldest, record.cycles);
-    site.largest = std::max(site.largest, record.key.size);
-    return true;
+    site.summary = slots_[at];
+    return &sites_.records[site.summary - 1];
 }
 
-bool Snapshot::add_damage(const MCAllocRec &record, int defect) {
-    DamagedBlock *block = damaged_.add();
-    if (block == nullptr)
-        return false;
-    *block = {site_key_of(record), defect, record.address, record.key.size, record.cycles};
+bool Snapshot::take_damage() {
+    GuardInspector inspector;
+    ChosenRecords records(
+        [&](const Record &record) { return inspector.defect(record) != K42MC_DEFECT_NONE; });
+    while (const Record *record = records.next()) {
+        DamagedBlock *block = damaged_.add();
+        if (block == nullptr)
+            return false;
+        *block = {key_of(site_at(record->site)), inspector.defect(*record), record->address,
+                  record->size, record->age(cycle)};
+    }
     return true;
 }
 

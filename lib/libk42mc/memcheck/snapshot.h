@@ -2,22 +2,21 @@
 #pragma once
 
 #include "base/sequence.h"
-#include "memcheck/state.h"
+#include "memcheck/registry.h"
 
 #include <span>
 
 namespace k42mc::internal {
 
-struct RecordedTrace {
-    uint32_t count;
-    void *frames[MCAllocRec::most_frames];
-};
-
+// What is told of a site, once the registry may have forgotten it.
 struct SiteKey {
     const char *file;
     int32_t line;
     uint16_t type;
-    RecordedTrace chain;
+    uint16_t frame_count;
+    void *frames[AllocationSite::most_frames];
+
+    std::span<void *const> trace() const { return {frames, frame_count}; }
 };
 
 struct SiteSummary {
@@ -32,7 +31,7 @@ struct DamagedBlock {
     int defect;
     uintptr_t address;
     size_t size;
-    uint32_t cycles;
+    uint32_t age;
 };
 
 class Snapshot {
@@ -57,8 +56,9 @@ public:
     MCCounter freed{};
 
 private:
-    bool take_block(const MCAllocRec &record);
-    bool add_damage(const MCAllocRec &record, int defect);
+    bool take_block(const Record &record);
+    SiteSummary *summary_of(AllocationSite &site);
+    bool take_damage();
     bool grow_slots();
 
     Sequence<SiteSummary> sites_;

@@ -1,4 +1,5 @@
 #include "memcheck/block_line.h"
+#include "memcheck/by_age.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/damage.h"
 #include "memcheck/sink.h"
@@ -6,20 +7,21 @@
 namespace k42mc::internal {
 namespace {
 
-void put_damage(TextOutput &out, const MCAllocRec &record, int defect) {
-    put_block(out, record, k42mc_defect_desc[defect]);
-    put_allocation_trace(out, record.trace());
+void put_damage(TextOutput &out, const RecordedBlock &block, int defect) {
+    put_block(out, block, k42mc_defect_desc[defect]);
+    put_allocation_trace(out, block.site.trace());
 }
 
 unsigned put_damaged_blocks(TextOutput &out) {
     GuardInspector inspector;
     unsigned damaged = 0;
-    for (const MCAllocRec &record : RecordList(gMCList)) {
-        const int defect = inspector.defect(record);
-        if (defect != K42MC_DEFECT_NONE) [[unlikely]] {
-            put_damage(out, record, defect);
-            ++damaged;
-        }
+    const auto is_damaged = [&](const Record &record) {
+        return inspector.defect(record) != K42MC_DEFECT_NONE;
+    };
+    ChosenRecords records(is_damaged);
+    while (const Record *record = records.next()) {
+        put_damage(out, RecordedBlock(*record, gMCCycle), inspector.defect(*record));
+        ++damaged;
     }
     return damaged;
 }
@@ -34,7 +36,7 @@ unsigned k42mcx_verify() {
     const ControlLock lock(name);
     if (!lock)
         return 0;
-    if (gMCTree == nullptr) {
+    if (!registry_exists()) {
         say_not_initialized(name);
         return 0;
     }

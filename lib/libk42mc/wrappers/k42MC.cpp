@@ -130,6 +130,10 @@ bool valid_alignment(size_t alignment) {
            alignment <= K42MC_ALIGN_MAX;
 }
 
+bool is_guarded(const void *ptr) {
+    return state_of(ptr) != BlockState::none || is_recorded(ptr);
+}
+
 void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t raw_size,
                size_t user_size) {
     const ErrnoKeeper keep_errno;
@@ -143,7 +147,9 @@ void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t r
     return user;
 }
 
+// The header is on its way from memory while the record is looked for.
 void *take_back(Site site, uint16_t type, void *ptr) {
+    __builtin_prefetch(static_cast<char *>(ptr) - K42MC_GUARD_OVERHEAD / 2);
     const KnownBlock known = forget_block(site, type, ptr);
     return guard_release(arena_of(type), ptr, known).raw;
 }

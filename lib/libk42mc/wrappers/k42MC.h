@@ -15,6 +15,10 @@ void *out_of_memory();
 // Whether a guarded block can have this alignment.
 bool valid_alignment(size_t alignment);
 
+// Whether a block is one of the wrappers'. One whose header an underrun has destroyed is still known by its
+// address, while it is recorded.
+bool is_guarded(const void *ptr);
+
 // Turns raw memory, or null for none, into a recorded guarded block. Returns its user pointer or null;
 // keeps errno.
 void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t raw_size,

@@ -1,0 +1,96 @@
+#include "base/gate.h"
+
+#include "base/errno_keeper.h"
+#include "platform/threads.h"
+
+namespace k42mc::internal {
+
+constinit std::atomic<uint32_t> gate_passes = 0;
+constinit thread_local Visitor *own_visitor = nullptr;
+constinit std::atomic<Visitor *> all_visitors = nullptr;
+
+namespace {
+
+// Where adopting goes on, so that all are asked in turn.
+constinit std::atomic<Visitor *> next_to_ask = nullptr;
+
+bool adopt(Visitor &visitor, uint64_t self) {
+    uint64_t owner = visitor.owner.load(std::memory_order_relaxed);
+    return (owner == 0 || owner == self || platform::has_ended(owner)) &&
+           visitor.owner.compare_exchange_strong(owner, self, std::memory_order_acquire);
+}
+
+// Whether it will ever leave. Its thread may have been ended by force, or be one of a parent's whose child
+// no fork handler was told of.
+bool may_leave(const Visitor &visitor) {
+    const ErrnoKeeper errno_keeper;
+    const uint64_t owner = visitor.owner.load(std::memory_order_relaxed);
+    return platform::is_of_this_process(owner) ? !platform::has_ended(owner)
+                                               : platform::borrows_memory();
+}
+
+// An operation takes less than a microsecond, unless its thread has lost the processor.
+void see_out(Visitor &visitor) {
+    constexpr int most_moments = 100;
+    for (int moments = 0; visitor.inside.load(std::memory_order_acquire) != 0; ++moments) {
+        if (moments < most_moments)
+            platform::wait_a_moment();
+        else if (may_leave(visitor))
+            platform::sleep_briefly();
+        else
+            visitor.leave();
+    }
+}
+
+} // namespace
+
+void add_visitor(Visitor &visitor) {
+    visitor.owner.store(platform::own_thread(), std::memory_order_relaxed);
+    visitor.next = all_visitors.load(std::memory_order_relaxed);
+    while (!all_visitors.compare_exchange_weak(visitor.next, &visitor))
+        ;
+    own_visitor = &visitor;
+}
+
+// A thread that starts among thousands must not ask the system for all of them.
+bool adopt_visitor() {
+    constexpr int most_asked = 32;
+    const ErrnoKeeper errno_keeper;
+    const uint64_t self = platform::own_thread();
+    Visitor *visitor = next_to_ask.load(std::memory_order_acquire);
+    for (int asked = 0; asked < most_asked; ++asked) {
+        if (visitor == nullptr)
+            visitor = all_visitors.load(std::memory_order_acquire);
+        if (visitor == nullptr)
+            return false;
+        if (adopt(*visitor, self)) {
+            own_visitor = visitor;
+            break;
+        }
+        visitor = visitor->next;
+    }
+    next_to_ask.store(visitor, std::memory_order_release);
+    return own_visitor != nullptr;
+}
+
+void see_visitors_out() {
+    Visitor *visitor = all_visitors.load(std::memory_order_seq_cst);
+    for (; visitor != nullptr; visitor = visitor->next) {
+        if (visitor != own_visitor)
+            see_out(*visitor);
+    }
+}
+
+void forget_other_visitors() {
+    Visitor *visitor = all_visitors.load(std::memory_order_relaxed);
+    for (; visitor != nullptr; visitor = visitor->next) {
+        if (visitor == own_visitor) {
+            visitor->owner.store(platform::own_thread(), std::memory_order_relaxed);
+            continue;
+        }
+        visitor->inside.store(0, std::memory_order_relaxed);
+        visitor->owner.store(0, std::memory_order_relaxed);
+    }
+}
+
+} // namespace k42mc::internal

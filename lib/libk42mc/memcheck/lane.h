@@ -1,0 +1,62 @@
+// How threads record: each in a lane of its own, with free records and counters that no other touches while
+// it is inside the gate (base/gate.h).
+#pragma once
+
+#include "base/checker_lock.h"
+#include "memcheck/record_store.h"
+#include "memcheck/traffic.h"
+
+namespace k42mc::internal {
+
+struct alignas(64) Lane : Visitor {
+    FreeRecords free_records;
+    Traffic traffic; // since the registry was made
+};
+
+// One operation of the calling thread on the registry: while it lives, nobody who holds gMCLock looks.
+class Recording {
+public:
+    Recording() {
+        if (thread_is_printing)
+            return;
+        lane_ = static_cast<Lane *>(own_visitor);
+        if (lane_ == nullptr || !enter()) [[unlikely]]
+            enter_slowly();
+        else if (!checker_on()) [[unlikely]]
+            end();
+    }
+    ~Recording() {
+        if (lane_ != nullptr)
+            end();
+    }
+    Recording(const Recording &) = delete;
+    Recording &operator=(const Recording &) = delete;
+
+    // False while the checker is off, and for what the checker itself allocates.
+    explicit operator bool() const { return lane_ != nullptr; }
+    Lane &lane() const { return *lane_; }
+
+private:
+    bool is_inside() const { return lane_->inside.load(std::memory_order_relaxed) != 0; }
+    bool enter() { return !is_inside() && lane_->enter(); }
+    void enter_slowly();
+
+    void end() {
+        lane_->leave();
+        if (locked_) [[unlikely]]
+            release_checker_lock();
+        lane_ = nullptr;
+    }
+
+    Lane *lane_ = nullptr;
+    bool locked_ = false; // under gMCLock
+};
+
+// The lane of who holds gMCLock.
+Lane &lane_of_lock_holder();
+
+// With gMCLock held.
+Traffic total_traffic();
+void clear_lanes();
+
+} // namespace k42mc::internal

@@ -1,0 +1,60 @@
+// What is kept of a recorded block.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace k42mc::internal {
+
+// Half a cache line on 64 bits. Records are called by their numbers; 0 is none.
+class Record {
+public:
+    uintptr_t address; // the user pointer
+    size_t size;
+    uint32_t site; // what the block has in common with others; of a free record: the next free one
+
+    // As one that the next reports list.
+    void start(uint64_t order, unsigned type, uint32_t cycle) {
+        order_and_state_ = order << state_bits | type << type_shift | used | listed;
+        birth_ = cycle;
+    }
+    void end() { order_and_state_ = 0; }
+
+    bool is_used() const { return order_and_state_ & used; }
+    // A block that is being reallocated is in somebody's hand, and nobody else may look at it.
+    bool is_seen() const { return (order_and_state_ & (used | in_hand)) == used; }
+    bool is_listed() const { return (order_and_state_ & (used | listed | in_hand)) == (used | listed); }
+    bool is_in_hand() const { return order_and_state_ & in_hand; }
+
+    uint64_t order() const { return order_and_state_ >> state_bits; }
+    unsigned type() const { return order_and_state_ >> type_shift & type_mask; }
+
+    // The number of reports that have seen it.
+    uint32_t age(uint32_t cycle) const { return order_and_state_ & listed ? cycle - birth_ : birth_; }
+
+    // No later report lists it or makes it older.
+    void unlist(uint32_t cycle) {
+        if (order_and_state_ & listed) {
+            birth_ = age(cycle);
+            order_and_state_ &= ~uint64_t{listed};
+        }
+    }
+
+    void take_in_hand() { order_and_state_ |= in_hand; }
+    // After so many reports, none of which saw it.
+    void put_back(uint32_t reports) {
+        order_and_state_ &= ~uint64_t{in_hand};
+        if (order_and_state_ & listed)
+            birth_ += reports;
+    }
+
+private:
+    enum : unsigned { used = 1, listed = 2, in_hand = 4, type_shift = 3, type_mask = 7, state_bits = 8 };
+
+    uint32_t birth_; // the cycle before its first report; once unlisted, its age
+    uint64_t order_and_state_;
+};
+
+static_assert(sizeof(Record) == (sizeof(void *) == 8 ? 32 : 24));
+
+} // namespace k42mc::internal
