@@ -1,14 +1,10 @@
 #include "memcheck/registry.h"
 
 #include "base/checker_lock.h"
-#include "base/printing.h"
 #include "memcheck/block_index.h"
 #include "memcheck/filters.h"
 #include "memcheck/lane.h"
-#include "memcheck/sink.h"
-
-#include <inttypes.h>
-#include <string.h>
+#include "memcheck/registry_lines.h"
 
 namespace k42mc::internal {
 namespace {
@@ -29,55 +25,8 @@ uint64_t next_in_order() {
     return number;
 }
 
-const char *type_name(unsigned type) {
-    return type < MC_ALLOCATOR_TYPES ? gAllocatorType[type] : "UNKNOWN";
-}
-
-const char *name_of(Site site) {
-    return site.file != nullptr ? site.file : "(null)";
-}
-
 uintptr_t address_of(const void *user) {
     return reinterpret_cast<uintptr_t>(user);
-}
-
-// ---- Lines, with gMCLock held ----
-
-void print_failed_allocation(Site site, size_t size) {
-    const Printing printing;
-    SinkText out;
-    out->put(name_of(site));
-    out->print(":%d:NA:0x%0X:%zu\n", site.line, 0u, size);
-}
-
-// Below a line about the call in progress, the call itself.
-void put_current_trace(TextOutput &out, const char *title) {
-    StackTrace trace;
-    trace.capture(StackTrace::deepest);
-    if (trace.count > 0)
-        put_trace(out, title, trace.innermost(StackTrace::deepest));
-}
-
-void print_null_release(Site site) {
-    const Printing printing;
-    SinkText out;
-    out->put(name_of(site));
-    out->print(":%d:NF:0x%0X:%u\n", site.line, 0u, 0u);
-    put_current_trace(*out, "Backtrace of the NULL free:\n");
-}
-
-void print_wrong_type(uintptr_t address, unsigned allocated, Site site, uint16_t released) {
-    const Printing printing;
-    SinkText out;
-    out->put(name_of(site));
-    out->print(":%d:BF: WRONG deallocator type for 0x%0" PRIXPTR "; allocType: %s, freeType: %s\n",
-               site.line, address, type_name(allocated), type_name(released));
-    put_current_trace(*out, "Backtrace of the bad free:\n");
-}
-
-void print_lost_record() {
-    const Printing printing;
-    SinkText()->print("============ %s: Memory allocation failure ===========\n", "MCAlloc");
 }
 
 // ---- Removal ----
@@ -88,15 +37,10 @@ struct Removed {
     bool shared = false; // its entry in the index is shared, so nobody may be recording
 };
 
-// The tail's line of cache comes while the record is looked at, if the header is sound; and if that can be read
-// without a look at the page before.
-void prefetch_tail(const void *user) {
-    constexpr uintptr_t guard = K42MC_GUARD_OVERHEAD / 2;
-    if (address_of(user) % smallest_page < guard)
-        return;
-    uintptr_t raw_size;
-    memcpy(&raw_size, static_cast<const char *>(user) - sizeof raw_size, sizeof raw_size);
-    __builtin_prefetch(static_cast<const char *>(user) + raw_size - K42MC_GUARD_OVERHEAD);
+// The tail's line of cache comes while the rest is done.
+void prefetch_tail(const Record &record) {
+    __builtin_prefetch(reinterpret_cast<const void *>(record.address +
+                                                      record.size)); // NOLINT(performance-no-int-to-ptr)
 }
 
 Removed take_from(IndexEntry &entry, uintptr_t address) {
@@ -106,9 +50,10 @@ Removed take_from(IndexEntry &entry, uintptr_t address) {
             return {.shared = true};
         if (value == 0)
             return {};
-        prefetch_tail(reinterpret_cast<const char *>(address)); // NOLINT(performance-no-int-to-ptr)
-        if (__atomic_load_n(&record_at(value).address, __ATOMIC_RELAXED) != address)
+        const Record &record = record_at(value);
+        if (__atomic_load_n(&record.address, __ATOMIC_RELAXED) != address)
             return {};
+        prefetch_tail(record);
         if (entry.replace(value, 0))
             return {.number = value};
     }
@@ -296,7 +241,7 @@ public:
         if (address_ == 0 || type_ == released) [[likely]]
             return;
         if (const CheckerLock lock(MCLock() != 0); lock)
-            print_wrong_type(address_, type_, site, released);
+            print_wrong_type(site, address_, type_, released);
     }
 
     KnownBlock known = unknown_block;
@@ -447,7 +392,7 @@ void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
         return;
     const unsigned allocated = record_at(number).type();
     if (allocated != type)
-        print_wrong_type(address, allocated, {file, line}, type);
+        print_wrong_type({file, line}, address, allocated, type);
     count_release(record_at(number), lane);
     lane.free_records.give_back(number);
 }
