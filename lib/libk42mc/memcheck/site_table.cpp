@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <string.h>
 #include <utility>
 
 namespace k42mc::internal {
@@ -161,7 +160,7 @@ uint32_t take_number() {
     added.hash = site.hash;
     added.in_use = true;
     added.summary = 0;
-    memcpy(added.frames, site.frames.data(), site.frames.size_bytes());
+    std::copy(site.frames.begin(), site.frames.end(), added.frames);
     enter(*table, number);
     ++sites_in_table;
     const uint32_t left = sites_until_sweep.load(std::memory_order_relaxed);

@@ -125,6 +125,7 @@ TEST_F(Registry, KnowsBlocksAtAnyAddressesOverRandomOperations) {
 
 // Sites that no block needs any more make room for others.
 TEST_F(Registry, ForgetsSites) {
+    NEEDS_OWN_MALLOC(); // others keep what is freed
     const auto resident = [] {
         return std::stoul(contents("/proc/self/statm").substr(contents("/proc/self/statm").find(' ')));
     };
