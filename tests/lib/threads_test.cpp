@@ -143,7 +143,7 @@ TEST(Threads, KeepTheOrderOfWhatTheyHandOver) {
 // More threads than lanes that need no memory, of which none ends before the last has begun.
 TEST(Threads, RecordInAnyNumber) {
     checker_on();
-    constexpr int count = 200;
+    constexpr int count = 100;
     for (int round = 0; round < 3; ++round) {
         std::atomic<int> started = 0;
         run_threads(count, [&](int) {
