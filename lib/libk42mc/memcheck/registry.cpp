@@ -37,12 +37,6 @@ struct Removed {
     bool shared = false; // its entry in the index is shared, so nobody may be recording
 };
 
-// The tail's line of cache comes while the rest is done.
-void prefetch_tail(const Record &record) {
-    __builtin_prefetch(reinterpret_cast<const void *>(record.address +
-                                                      record.size)); // NOLINT(performance-no-int-to-ptr)
-}
-
 Removed take_from(IndexEntry &entry, uintptr_t address) {
     for (;;) {
         const uint32_t value = entry.load();
@@ -50,10 +44,8 @@ Removed take_from(IndexEntry &entry, uintptr_t address) {
             return {.shared = true};
         if (value == 0)
             return {};
-        const Record &record = record_at(value);
-        if (__atomic_load_n(&record.address, __ATOMIC_RELAXED) != address)
+        if (__atomic_load_n(&record_at(value).address, __ATOMIC_RELAXED) != address)
             return {};
-        prefetch_tail(record);
         if (entry.replace(value, 0))
             return {.number = value};
     }

@@ -147,9 +147,7 @@ void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t r
     return user;
 }
 
-// The header is on its way from memory while the record is looked for.
 void *take_back(Site site, uint16_t type, void *ptr) {
-    __builtin_prefetch(static_cast<char *>(ptr) - K42MC_GUARD_OVERHEAD / 2);
     const KnownBlock known = forget_block(site, type, ptr);
     return guard_release(arena_of(type), ptr, known).raw;
 }

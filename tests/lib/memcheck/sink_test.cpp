@@ -214,6 +214,7 @@ TEST_F(Sink, IsNotInAFolderThatWasTakenBack) {
 
 // Whatever the parent's threads are doing.
 TEST_F(Sink, IsItsOwnInAForkedChild) {
+    NEEDS_OWN_MALLOC(); // a sanitizer's has locks that a forked child finds taken
     const Ended end = ended([] {
         init(MC_TO_FILE, 0);
         void *block = k42MC_malloc("fork.c", 1, 10);
