@@ -169,6 +169,33 @@ TEST_F(Registry, KeepsBlocksQuietlyAfterAReset) {
         EXPECT_EQ(captured_stderr([=] { k42MC_free("a.c", 4, block); }), "");
 }
 
+// A block in hand is out of the reports' sight: it does not become older by them.
+TEST_F(Registry, LeavesTheAgeOfABlockThatIsReallocatedInVain) {
+    NEEDS_OWN_MALLOC();
+    void *const block = k42MC_malloc("a.c", 1, 10);
+    const auto reallocate_in_vain = [&](void (*meanwhile)()) {
+        MallocCalls::during_allocation = meanwhile;
+        return captured_stderr([&] {
+            failing_malloc(1, false, [&] { EXPECT_EQ(k42MC_realloc("a.c", 2, block, 20), nullptr); });
+            MallocCalls::during_allocation = nullptr;
+        });
+    };
+    const auto with_age = [&](int age) {
+        return "a.c:1:STD:" + address(block) + ":10:" + std::to_string(age) + "\n";
+    };
+    report(9);
+    const auto two_reports = [] { MCReport(0), MCReport(0); };
+    EXPECT_FALSE(contains(reallocate_in_vain(two_reports), "a.c:1"));
+    EXPECT_STARTS(check(block), with_age(1));
+    report(9);
+    EXPECT_STARTS(check(block), with_age(2));
+    reallocate_in_vain([] { MCReport(0), MCInit(0, K42MC_BE32(MC_TYPE_LK_RESET)), MCReport(0); });
+    EXPECT_STARTS(check(block), with_age(2));
+    EXPECT_FALSE(contains(report(0), "a.c:1"));
+    EXPECT_STARTS(check(block), with_age(2));
+    k42MC_free("a.c", 3, block);
+}
+
 struct Use {
     bool on, failed; // the checker was switched on; a call said that it failed
 };
