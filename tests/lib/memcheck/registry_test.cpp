@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <map>
+#include <thread>
 
 namespace {
 
@@ -123,22 +124,52 @@ TEST_F(Registry, KnowsBlocksAtAnyAddressesOverRandomOperations) {
     EXPECT_CONTAINS(report(1), "{\n" + expected + "\n####");
 }
 
+unsigned long resident_pages() {
+    const std::string statm = contents("/proc/self/statm");
+    return std::stoul(statm.substr(statm.find(' ')));
+}
+
 // Sites that no block needs any more make room for others.
 TEST_F(Registry, ForgetsSites) {
-    const auto resident = [] {
-        return std::stoul(contents("/proc/self/statm").substr(contents("/proc/self/statm").find(' ')));
-    };
-    void *const kept = k42MC_malloc("kept.c", 1, 10);
+    constexpr int kept_count = 100;
+    void *kept[kept_count];
     const auto churn = [&](int count) {
         for (int i = 0; i < count; ++i)
             k42MC_free("a.c", 1, k42MC_malloc("a.c", i, 10));
     };
-    churn(20000);
-    const auto before = resident();
+    for (int i = 0; i < kept_count; ++i) {
+        kept[i] = k42MC_malloc("kept.c", i, 10);
+        churn(200);
+    }
+    const auto before = resident_pages();
     churn(200000);
-    EXPECT_LT(resident(), before + 1000);
-    EXPECT_CONTAINS(check(kept), "kept.c:1:STD:");
-    k42MC_free("a.c", 2, kept);
+    EXPECT_LT(resident_pages(), before + 1000);
+    for (int i = 0; i < kept_count; ++i) {
+        const std::string text = check(kept[i]);
+        EXPECT_STARTS(text, "kept.c:" + std::to_string(i) + ":STD:");
+        EXPECT_CONTAINS(text, "registry_test(");
+        k42MC_free("a.c", 2, kept[i]);
+    }
+}
+
+// What one thread frees, another records with again.
+TEST_F(Registry, UsesRecordsAgainThatOtherThreadsGaveBack) {
+    checker_off(), checker_on(MC_TYPE_BT_OFF);
+    void *blocks[5000];
+    const auto pass_on = [&](int rounds) {
+        for (int round = 0; round < rounds; ++round) {
+            for (void *&block : blocks)
+                block = k42MC_malloc("a.c", 1, 10);
+            std::thread([&] {
+                for (void *block : blocks)
+                    k42MC_free("a.c", 2, block);
+            }).join();
+        }
+    };
+    pass_on(10);
+    const auto before = resident_pages();
+    pass_on(100);
+    EXPECT_LT(resident_pages(), before + 500);
 }
 
 TEST_F(Registry, KnowsOnlyWhatWasAllocatedWhileItWasOn) {
