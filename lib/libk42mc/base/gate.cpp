@@ -38,7 +38,7 @@ bool may_leave(const Visitor &visitor, int naps) {
 // An operation takes less than a microsecond, unless its thread has lost the processor.
 void see_out(Visitor &visitor) {
     constexpr int most_moments = 100;
-    for (int moments = 0; visitor.inside.load(std::memory_order_acquire) != 0; ++moments) {
+    for (int moments = 0; visitor.place.load(std::memory_order_acquire) == Visitor::inside; ++moments) {
         if (moments < most_moments)
             platform::wait_a_moment();
         else if (may_leave(visitor, moments - most_moments))
@@ -94,7 +94,7 @@ void forget_other_visitors() {
             visitor->owner.store(platform::own_thread(), std::memory_order_relaxed);
             continue;
         }
-        visitor->inside.store(0, std::memory_order_relaxed);
+        visitor->place.store(Visitor::outside, std::memory_order_relaxed);
         visitor->owner.store(0, std::memory_order_relaxed);
     }
 }

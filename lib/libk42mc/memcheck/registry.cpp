@@ -252,6 +252,7 @@ void add_block(const NewBlock &block) {
     }
     if (outcome == Outcome::done && !sites_need_sweep()) [[likely]]
         return;
+    const RecordingAtLock at_lock;
     const CheckerLock lock(MCLock() != 0);
     if (!lock)
         return;
