@@ -18,9 +18,10 @@ bool is_of_this_process(uint64_t thread) {
     return thread >> 32 == static_cast<uint32_t>(getpid());
 }
 
+// A sandbox may refuse the call, which says nothing.
 bool has_ended(uint64_t thread) {
     return is_of_this_process(thread) &&
-           syscall(SYS_tgkill, getpid(), static_cast<pid_t>(thread), 0) != 0;
+           syscall(SYS_tgkill, getpid(), static_cast<pid_t>(thread), 0) != 0 && errno == ESRCH;
 }
 
 // Past the C library, whose own function is a cancellation point.

@@ -5,7 +5,7 @@
 
 namespace k42mc::internal::platform {
 
-// The calling thread, with its process; never 0.
+// The calling thread, with its process; never 0. The same for all threads where a sandbox keeps it back.
 uint64_t own_thread();
 
 // Whether a thread of this process has ended. What a forked child inherits may belong to the thread that

@@ -57,17 +57,19 @@ TEST(Threads, MaySwitchTheCheckerWhileOthersAllocate) {
 // Each report is of one moment: what is held is what was allocated and not yet freed.
 TEST(Threads, MeetReportsThatSeeOneMoment) {
     checker_on();
-    std::atomic<int> allocating = 6;
+    std::atomic<int> allocating = 6, reported = 0;
     std::string text = captured_stderr([&] {
         run_threads(7, [&](int thread) {
-            while (thread == 6 && allocating > 0)
+            for (; thread == 6 && allocating > 0; ++reported)
                 MCReport(K42MC_BE32(0x7fffffff));
             void *blocks[16] = {};
-            for (int i = 0; i < 20000 && thread != 6; ++i) {
+            for (int i = 0; thread != 6 && (i < 20000 || reported < 5); ++i) {
                 void *&block = blocks[i % 16];
                 k42MC_free("a.c", 1, block);
-                block = i < 20000 - 16 ? k42MC_malloc("a.c", 2, size_t(i % 100)) : nullptr;
+                block = k42MC_malloc("a.c", 2, size_t(i % 100));
             }
+            for (void *block : blocks)
+                k42MC_free("a.c", 3, block);
             allocating -= thread != 6;
         });
     });

@@ -37,27 +37,33 @@ size_t slot_of(const void *caller) {
     return static_cast<size_t>(reinterpret_cast<uintptr_t>(caller) * golden >> 48) % slots;
 }
 
+struct NameChunk {
+    std::atomic<size_t> used;
+    alignas(SiteName) char room[(1u << 16) - alignof(SiteName)];
+};
+
+std::atomic<NameChunk *> current_chunk = nullptr;
+
 // Names lie in memory mapped for them alone, out of the reach of whoever overruns a block. None is given back:
-// records go by them. Null when memory runs out.
+// records go by them. No lock, which a child of fork would find held for good. Null when memory runs out.
 void *room_for_name(size_t size) {
-    constexpr size_t chunk_size = 1u << 16;
-    static constinit pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-    static constinit char *next = nullptr;
-    static constinit size_t left = 0;
     size = (size + alignof(SiteName) - 1) & -alignof(SiteName);
-    pthread_mutex_lock(&lock);
-    if (left < size) {
-        const size_t wanted = size < chunk_size ? chunk_size : size;
-        next = static_cast<char *>(platform::map_memory(wanted));
-        left = next != nullptr ? wanted : 0;
+    for (NameChunk *chunk = current_chunk.load(std::memory_order_acquire);;) {
+        if (chunk != nullptr) {
+            size_t used = chunk->used.load(std::memory_order_relaxed);
+            while (used + size <= sizeof chunk->room) {
+                if (chunk->used.compare_exchange_weak(used, used + size, std::memory_order_relaxed))
+                    return &chunk->room[used];
+            }
+        }
+        auto *added = static_cast<NameChunk *>(platform::map_memory(sizeof(NameChunk)));
+        if (added == nullptr)
+            return nullptr;
+        if (current_chunk.compare_exchange_strong(chunk, added))
+            chunk = added;
+        else // somebody else's, which is tried first
+            platform::unmap_memory(added, sizeof(NameChunk));
     }
-    char *room = left != 0 ? next : nullptr;
-    if (room != nullptr) {
-        next += size;
-        left -= size;
-    }
-    pthread_mutex_unlock(&lock);
-    return room;
 }
 
 const char *short_name(const char *path) {

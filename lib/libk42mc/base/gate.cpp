@@ -14,28 +14,34 @@ namespace {
 // Where adopting goes on, so that all are asked in turn.
 constinit std::atomic<Visitor *> next_to_ask = nullptr;
 
+// The former thread may have been ended by force, inside.
 bool adopt(Visitor &visitor, uint64_t self) {
     uint64_t owner = visitor.owner.load(std::memory_order_relaxed);
-    return (owner == 0 || owner == self || platform::has_ended(owner)) &&
-           visitor.owner.compare_exchange_strong(owner, self, std::memory_order_acquire);
+    if ((owner != 0 && !platform::has_ended(owner)) ||
+        !visitor.owner.compare_exchange_strong(owner, self, std::memory_order_acquire))
+        return false;
+    visitor.leave();
+    return true;
 }
 
-// Whether it will ever leave. Its thread may have been ended by force, or be one of a parent's whose child
-// no fork handler was told of.
-bool may_leave(const Visitor &visitor) {
+// Whether it may still leave after so many naps. Its thread may have been ended by force. In a child that no
+// fork handler was told of, all are a parent's by their numbers, and the one that goes on there is not told
+// from those that are not there: they are given seconds.
+bool may_leave(const Visitor &visitor, int naps) {
+    constexpr int most_naps = 20'000;
     const ErrnoKeeper errno_keeper;
     const uint64_t owner = visitor.owner.load(std::memory_order_relaxed);
     return platform::is_of_this_process(owner) ? !platform::has_ended(owner)
-                                               : platform::borrows_memory();
+                                               : naps < most_naps || platform::borrows_memory();
 }
 
 // An operation takes less than a microsecond, unless its thread has lost the processor.
 void see_out(Visitor &visitor) {
     constexpr int most_moments = 100;
-    for (int moments = 0; visitor.inside.load(std::memory_order_acquire) != 0; ++moments) {
+    for (int moments = 0; visitor.place.load(std::memory_order_acquire) == Visitor::inside; ++moments) {
         if (moments < most_moments)
             platform::wait_a_moment();
-        else if (may_leave(visitor))
+        else if (may_leave(visitor, moments - most_moments))
             platform::sleep_briefly();
         else
             visitor.leave();
@@ -88,7 +94,7 @@ void forget_other_visitors() {
             visitor->owner.store(platform::own_thread(), std::memory_order_relaxed);
             continue;
         }
-        visitor->inside.store(0, std::memory_order_relaxed);
+        visitor->place.store(Visitor::outside, std::memory_order_relaxed);
         visitor->owner.store(0, std::memory_order_relaxed);
     }
 }

@@ -23,13 +23,15 @@ namespace k42mc::internal {
 
 // A thread at the gate. It is there for good, for one thread after another.
 struct Visitor {
-    std::atomic<uint32_t> inside = 0;
+    // What it is outside, inside, or at the lock: then it keeps nobody out but its own signal handlers.
+    enum : uint32_t { outside, inside, at_lock };
+    std::atomic<uint32_t> place = outside;
     std::atomic<uint64_t> owner = 0; // as the system numbers threads; 0: nobody's yet
     Visitor *next = nullptr;         // in the list of all
 
     // Returns whether nobody holds gMCLock. It is inside then, until it leaves.
     bool enter();
-    void leave() { inside.store(0, std::memory_order_release); }
+    void leave() { place.store(outside, std::memory_order_release); }
 };
 
 // Counts the times that the lock was let go, so that who comes in next sees what was done under it.
@@ -37,9 +39,9 @@ extern constinit std::atomic<uint32_t> gate_passes;
 
 inline bool Visitor::enter() {
     if (platform::single_threaded())
-        inside.store(1, std::memory_order_relaxed);
+        place.store(inside, std::memory_order_relaxed);
     else
-        inside.exchange(1, std::memory_order_seq_cst);
+        place.exchange(inside, std::memory_order_seq_cst);
     gate_passes.load(std::memory_order_acquire);
     if (!platform::is_held(gMCLock)) [[likely]]
         return true;

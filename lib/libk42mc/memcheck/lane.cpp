@@ -58,7 +58,7 @@ bool free_soon() {
 void Recording::enter_slowly() {
     if (lane_ == nullptr)
         lane_ = claim_lane();
-    else if (is_inside())
+    else if (is_busy())
         lane_ = nullptr;
     if (lane_ == nullptr && own_visitor != nullptr)
         return;
@@ -66,12 +66,12 @@ void Recording::enter_slowly() {
     if (!entered) {
         if (lane_ == nullptr)
             lane_ = &common_lane;
+        lane_->place.store(Visitor::at_lock, std::memory_order_relaxed);
         locked_ = lock(gMCLock, LockRank::checker) == 0;
         if (!locked_) {
-            lane_ = nullptr;
+            end();
             return;
         }
-        lane_->inside.store(1, std::memory_order_relaxed);
     }
     if (!checker_on())
         end();

@@ -37,19 +37,35 @@ public:
     Lane &lane() const { return *lane_; }
 
 private:
-    bool is_inside() const { return lane_->inside.load(std::memory_order_relaxed) != 0; }
-    bool enter() { return !is_inside() && lane_->enter(); }
+    bool is_busy() const { return lane_->place.load(std::memory_order_relaxed) != Visitor::outside; }
+    bool enter() { return !is_busy() && lane_->enter(); }
     void enter_slowly();
 
     void end() {
-        lane_->leave();
         if (locked_) [[unlikely]]
             release_checker_lock();
+        lane_->leave();
         lane_ = nullptr;
     }
 
     Lane *lane_ = nullptr;
     bool locked_ = false; // under gMCLock
+};
+
+// What is left to do under gMCLock about a recording that is over. Signal handlers must not wait for that
+// lock meanwhile, as they interrupt who holds it: they record nothing.
+class RecordingAtLock {
+public:
+    RecordingAtLock() {
+        if (own_visitor != nullptr)
+            own_visitor->place.store(Visitor::at_lock, std::memory_order_relaxed);
+    }
+    ~RecordingAtLock() {
+        if (own_visitor != nullptr)
+            own_visitor->leave();
+    }
+    RecordingAtLock(const RecordingAtLock &) = delete;
+    RecordingAtLock &operator=(const RecordingAtLock &) = delete;
 };
 
 // The lane of who holds gMCLock.

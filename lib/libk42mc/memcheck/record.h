@@ -30,28 +30,29 @@ public:
     unsigned type() const { return order_and_state_ >> type_shift & type_mask; }
 
     // The number of reports that have seen it.
-    uint32_t age(uint32_t cycle) const { return order_and_state_ & listed ? cycle - birth_ : birth_; }
+    uint32_t age(uint32_t cycle) const { return is_listed() ? cycle - birth_ : birth_; }
 
     // No later report lists it or makes it older.
     void unlist(uint32_t cycle) {
-        if (order_and_state_ & listed) {
-            birth_ = age(cycle);
-            order_and_state_ &= ~uint64_t{listed};
-        }
+        birth_ = age(cycle);
+        order_and_state_ &= ~uint64_t{listed};
     }
 
-    void take_in_hand() { order_and_state_ |= in_hand; }
-    // After so many reports, none of which saw it.
-    void put_back(uint32_t reports) {
+    // Reports meanwhile do not see it, and do not make it older.
+    void take_in_hand(uint32_t cycle) {
+        birth_ = age(cycle);
+        order_and_state_ |= in_hand;
+    }
+    void put_back(uint32_t cycle) {
         order_and_state_ &= ~uint64_t{in_hand};
-        if (order_and_state_ & listed)
-            birth_ += reports;
+        if (is_listed())
+            birth_ = cycle - birth_;
     }
 
 private:
     enum : unsigned { used = 1, listed = 2, in_hand = 4, type_shift = 3, type_mask = 7, state_bits = 8 };
 
-    uint32_t birth_; // the cycle before its first report; once unlisted, its age
+    uint32_t birth_; // the cycle before its first report; while unlisted or in hand, its age
     uint64_t order_and_state_;
 };
 

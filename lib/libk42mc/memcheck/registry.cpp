@@ -189,6 +189,7 @@ void add_block(const NewBlock &block) {
     }
     if (outcome == Outcome::done && !sites_need_sweep()) [[likely]]
         return;
+    const RecordingAtLock at_lock;
     const CheckerLock lock(MCLock() != 0);
     if (!lock)
         return;
@@ -284,8 +285,8 @@ RecordInHand take_record(const void *user) {
     if (!checker_on())
         return hand;
     const auto take_in_hand = [&](uint32_t number, Lane &) {
-        record_at(number).take_in_hand();
-        hand = {number, gMCGeneration, gMCCycle, known_block(record_at(number))};
+        record_at(number).take_in_hand(gMCCycle);
+        hand = {number, gMCGeneration, known_block(record_at(number))};
     };
     if (take_record_of(address_of(user), take_in_hand) && hand.number == 0)
         hand.known = unknown_block;
@@ -300,7 +301,7 @@ void put_record_back(const RecordInHand &hand) {
         return;
     Record &record = record_at(hand.number);
     Lane &lane = lane_of_lock_holder();
-    record.put_back(gMCCycle - hand.cycle);
+    record.put_back(gMCCycle);
     IndexEntry *entry = find_entry(record.address);
     // Somebody may have recorded another block there.
     if (entry == nullptr || entry->find(record.address) != 0 ||

@@ -15,7 +15,6 @@ namespace k42mc::internal {
 struct RecordInHand {
     uint32_t number = 0; // 0: the block was not recorded
     uint32_t generation = 0;
-    uint32_t cycle = 0; // when it was taken
     KnownBlock known;
 };
 

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <map>
+#include <thread>
 
 namespace {
 
@@ -123,23 +124,53 @@ TEST_F(Registry, KnowsBlocksAtAnyAddressesOverRandomOperations) {
     EXPECT_CONTAINS(report(1), "{\n" + expected + "\n####");
 }
 
+unsigned long resident_pages() {
+    const std::string statm = contents("/proc/self/statm");
+    return std::stoul(statm.substr(statm.find(' ')));
+}
+
 // Sites that no block needs any more make room for others.
 TEST_F(Registry, ForgetsSites) {
     NEEDS_OWN_MALLOC(); // others keep what is freed
-    const auto resident = [] {
-        return std::stoul(contents("/proc/self/statm").substr(contents("/proc/self/statm").find(' ')));
-    };
-    void *const kept = k42MC_malloc("kept.c", 1, 10);
+    constexpr int kept_count = 100;
+    void *kept[kept_count];
     const auto churn = [&](int count) {
         for (int i = 0; i < count; ++i)
             k42MC_free("a.c", 1, k42MC_malloc("a.c", i, 10));
     };
-    churn(20000);
-    const auto before = resident();
+    for (int i = 0; i < kept_count; ++i) {
+        kept[i] = k42MC_malloc("kept.c", i, 10);
+        churn(200);
+    }
+    const auto before = resident_pages();
     churn(200000);
-    EXPECT_LT(resident(), before + 1000);
-    EXPECT_CONTAINS(check(kept), "kept.c:1:STD:");
-    k42MC_free("a.c", 2, kept);
+    EXPECT_LT(resident_pages(), before + 1000);
+    for (int i = 0; i < kept_count; ++i) {
+        const std::string text = check(kept[i]);
+        EXPECT_STARTS(text, "kept.c:" + std::to_string(i) + ":STD:");
+        EXPECT_CONTAINS(text, "registry_test(");
+        k42MC_free("a.c", 2, kept[i]);
+    }
+}
+
+// What one thread frees, another records with again.
+TEST_F(Registry, UsesRecordsAgainThatOtherThreadsGaveBack) {
+    checker_off(), checker_on(MC_TYPE_BT_OFF);
+    void *blocks[5000];
+    const auto pass_on = [&](int rounds) {
+        for (int round = 0; round < rounds; ++round) {
+            for (void *&block : blocks)
+                block = k42MC_malloc("a.c", 1, 10);
+            std::thread([&] {
+                for (void *block : blocks)
+                    k42MC_free("a.c", 2, block);
+            }).join();
+        }
+    };
+    pass_on(10);
+    const auto before = resident_pages();
+    pass_on(100);
+    EXPECT_LT(resident_pages(), before + 500);
 }
 
 TEST_F(Registry, KnowsOnlyWhatWasAllocatedWhileItWasOn) {
@@ -168,6 +199,33 @@ TEST_F(Registry, KeepsBlocksQuietlyAfterAReset) {
     EXPECT_EQ(report(0), report_text(1, "a.c:3:LK:STD:" + address(resized) + ":12:1\n", counts, counts));
     for (void *block : {kept, resized})
         EXPECT_EQ(captured_stderr([=] { k42MC_free("a.c", 4, block); }), "");
+}
+
+// A block in hand is out of the reports' sight: it does not become older by them.
+TEST_F(Registry, LeavesTheAgeOfABlockThatIsReallocatedInVain) {
+    NEEDS_OWN_MALLOC();
+    void *const block = k42MC_malloc("a.c", 1, 10);
+    const auto reallocate_in_vain = [&](void (*meanwhile)()) {
+        MallocCalls::during_allocation = meanwhile;
+        return captured_stderr([&] {
+            failing_malloc(1, false, [&] { EXPECT_EQ(k42MC_realloc("a.c", 2, block, 20), nullptr); });
+            MallocCalls::during_allocation = nullptr;
+        });
+    };
+    const auto with_age = [&](int age) {
+        return "a.c:1:STD:" + address(block) + ":10:" + std::to_string(age) + "\n";
+    };
+    report(9);
+    const auto two_reports = [] { MCReport(0), MCReport(0); };
+    EXPECT_FALSE(contains(reallocate_in_vain(two_reports), "a.c:1"));
+    EXPECT_STARTS(check(block), with_age(1));
+    report(9);
+    EXPECT_STARTS(check(block), with_age(2));
+    reallocate_in_vain([] { MCReport(0), MCInit(0, K42MC_BE32(MC_TYPE_LK_RESET)), MCReport(0); });
+    EXPECT_STARTS(check(block), with_age(2));
+    EXPECT_FALSE(contains(report(0), "a.c:1"));
+    EXPECT_STARTS(check(block), with_age(2));
+    k42MC_free("a.c", 3, block);
 }
 
 struct Use {
