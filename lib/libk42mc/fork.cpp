@@ -24,9 +24,11 @@ void before_fork() {
     take_checker_lock();
     lock(gMCDebugLock, LockRank::debug_messages);
     forked_among_threads = !platform::single_threaded();
+    thread_is_forking = true;
 }
 
 void after_fork_in_parent() {
+    thread_is_forking = false;
     unlock(gMCDebugLock, LockRank::debug_messages);
     release_checker_lock();
     unlock(gFDLock, LockRank::descriptors);
@@ -35,6 +37,7 @@ void after_fork_in_parent() {
 
 // The child's only thread is not the one that took the locks, as the system counts threads.
 void after_fork_in_child() {
+    thread_is_forking = false;
     gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
     gMCLock = unlocked_checker;
     gFDLock = PTHREAD_MUTEX_INITIALIZER;

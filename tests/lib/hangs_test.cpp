@@ -208,4 +208,34 @@ TEST(Hangs, NotAfterAThreadWasCancelled) {
     EXPECT_TRUE(defect.aborted());
 }
 
+// Handlers of the process's own that were there before ours run while ours hold all locks.
+TEST(Hangs, NotInForkHandlersOfTheProcess) {
+    const Ended end = ended([] {
+        alarm(60);
+        const auto use_everything = [] {
+            k42MC_free("h.c", 1, k42MC_malloc("h.c", 2, 10));
+            k42MC_free("h.c", 3, k42MC_realloc("h.c", 4, k42MC_malloc("h.c", 5, 10), 20));
+            FDOpen("handler", 5);
+            FDClose("handler", 5);
+            MCDebugMsg(0, "in a handler\n");
+            MCReport(K42MC_BE32(99));
+        };
+        pthread_atfork(use_everything, use_everything, use_everything);
+        MCInit(0, 0);
+        int status = 1;
+        if (const pid_t child = fork(); child != 0) {
+            waitpid(child, &status, 0);
+            use_everything();
+        } else {
+            use_everything();
+            status = 0;
+        }
+        MCReport(0);
+        _exit(status);
+    });
+    EXPECT_TRUE(end.exited(0)) << end.status << end.err;
+    EXPECT_CONTAINS(end.err, "LK:");
+    EXPECT_FALSE(contains(end.err, "h.c:")) << end.err;
+}
+
 } // namespace

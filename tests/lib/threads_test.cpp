@@ -60,7 +60,7 @@ TEST(Threads, MeetReportsThatSeeOneMoment) {
     std::atomic<int> allocating = 6, reported = 0;
     std::string text = captured_stderr([&] {
         run_threads(7, [&](int thread) {
-            for (; thread == 6 && allocating > 0; ++reported)
+            for (; thread == 6 && allocating > 0; ++reported, usleep(200))
                 MCReport(K42MC_BE32(0x7fffffff));
             void *blocks[16] = {};
             for (int i = 0; thread != 6 && (i < 20000 || reported < 5); ++i) {
@@ -77,8 +77,8 @@ TEST(Threads, MeetReportsThatSeeOneMoment) {
     for (size_t at = 0; (at = text.find("#### Since reset", at)) != std::string::npos; ++reports) {
         unsigned long long held[2], allocated[2], freed[2];
         at = text.find("STD:", at);
-        ASSERT_EQ(sscanf(&text[at], "STD: %llu(%llu); +%llu(%llu), -%llu(%llu)", &held[0], &held[1],
-                         &allocated[0], &allocated[1], &freed[0], &freed[1]),
+        ASSERT_EQ(sscanf(line_at(text, at).c_str(), "STD: %llu(%llu); +%llu(%llu), -%llu(%llu)",
+                         &held[0], &held[1], &allocated[0], &allocated[1], &freed[0], &freed[1]),
                   6);
         ASSERT_EQ(held[0], allocated[0] - freed[0]);
         ASSERT_EQ(held[1], allocated[1] - freed[1]);

@@ -1,8 +1,14 @@
 #include "base/locks.h"
 
-#ifndef NDEBUG
-
 #include "platform/platform.h"
+
+namespace k42mc::internal {
+
+constinit thread_local bool thread_is_forking = false;
+
+} // namespace k42mc::internal
+
+#ifndef NDEBUG
 
 namespace k42mc::internal {
 namespace {

@@ -24,8 +24,14 @@ void note_unlocked(LockRank rank);
 void forget_locks(); // in the child of a fork, which makes them anew
 #endif
 
+// Between our handlers of a fork, of which the first takes all locks: what handlers of the process's own call
+// meanwhile, in the same thread, goes on under those.
+extern constinit thread_local bool thread_is_forking;
+
 // Returns 0 or what went wrong.
 inline int lock(pthread_mutex_t &mutex, LockRank rank) {
+    if (thread_is_forking)
+        return 0;
     check_lock_order(rank);
     const int failure = pthread_mutex_lock(&mutex);
     if (failure == 0)
@@ -34,6 +40,8 @@ inline int lock(pthread_mutex_t &mutex, LockRank rank) {
 }
 
 inline int unlock(pthread_mutex_t &mutex, LockRank rank) {
+    if (thread_is_forking)
+        return 0;
     note_unlocked(rank);
     return pthread_mutex_unlock(&mutex);
 }
