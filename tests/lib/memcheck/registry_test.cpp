@@ -155,6 +155,7 @@ TEST_F(Registry, ForgetsSites) {
 
 // What one thread frees, another records with again.
 TEST_F(Registry, UsesRecordsAgainThatOtherThreadsGaveBack) {
+    NEEDS_OWN_MALLOC();
     checker_off(), checker_on(MC_TYPE_BT_OFF);
     void *blocks[5000];
     const auto pass_on = [&](int rounds) {
