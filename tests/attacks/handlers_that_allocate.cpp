@@ -53,7 +53,7 @@ int main() {
             MCReport(K42MC_BE32(0x7fffffff));
     });
     pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
-    itimerval often{{0, 50}, {0, 50}};
+    itimerval often{{0, 300}, {0, 300}};
     setitimer(ITIMER_REAL, &often, nullptr);
     for (int i = 0; i < 1'000'000; ++i)
         allocate_and_free(i % 20'000);
