@@ -14,13 +14,13 @@ namespace {
 // Where adopting goes on, so that all are asked in turn.
 constinit std::atomic<Visitor *> next_to_ask = nullptr;
 
-// The former thread may have been ended by force, inside.
+// What the former thread did last is seen from here on. It may have been ended by force, inside.
 bool adopt(Visitor &visitor, uint64_t self) {
     uint64_t owner = visitor.owner.load(std::memory_order_relaxed);
     if ((owner != 0 && !platform::has_ended(owner)) ||
         !visitor.owner.compare_exchange_strong(owner, self, std::memory_order_acquire))
         return false;
-    visitor.leave();
+    visitor.place.exchange(Visitor::outside, std::memory_order_acquire);
     return true;
 }
 
