@@ -21,10 +21,8 @@ public:
     void end() { order_and_state_ = 0; }
 
     bool is_used() const { return order_and_state_ & used; }
-    // A block that is being reallocated is in somebody's hand, and nobody else may look at it.
-    bool is_seen() const { return (order_and_state_ & (used | in_hand)) == used; }
+    // Not of a block that is being reallocated: it is in somebody's hand, and nobody else may look at it.
     bool is_listed() const { return (order_and_state_ & (used | listed | in_hand)) == (used | listed); }
-    bool is_in_hand() const { return order_and_state_ & in_hand; }
 
     uint64_t order() const { return order_and_state_ >> state_bits; }
     unsigned type() const { return order_and_state_ >> type_shift & type_mask; }

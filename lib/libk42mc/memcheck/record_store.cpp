@@ -3,8 +3,7 @@
 #include "memcheck/records_lock.h"
 #include "platform/platform.h"
 
-#include <algorithm>
-#include <iterator>
+#include <utility>
 
 namespace k42mc::internal {
 
