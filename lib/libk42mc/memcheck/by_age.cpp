@@ -5,11 +5,32 @@
 namespace k42mc::internal {
 namespace {
 
-// Chunks with records to come, as a heap with the oldest first.
-constinit uint32_t heap[most_chunks] = {};
+// The order of the oldest record that a chunk has yet to give, beside the chunk's number, so that finding
+// the oldest of all does not jump through the records.
+struct Head {
+    uint64_t order;
+    uint32_t chunk;
+};
 
-bool comes_later(uint32_t a, uint32_t b) {
-    return gMCChunks[a]->first_chosen().order() > gMCChunks[b]->first_chosen().order();
+// A heap with the oldest first.
+constinit Head heads[most_chunks] = {};
+
+bool comes_later(const Head &a, const Head &b) {
+    return a.order > b.order;
+}
+
+// Puts the first of so many heads where it belongs. It mostly stays: a chunk's neighbours in age lie in it too.
+void sift_first(uint32_t count) {
+    const Head moved = heads[0];
+    uint32_t at = 0;
+    for (uint32_t child; (child = 2 * at + 1) < count; at = child) {
+        if (child + 1 < count && comes_later(heads[child], heads[child + 1]))
+            ++child;
+        if (!comes_later(moved, heads[child]))
+            break;
+        heads[at] = heads[child];
+    }
+    heads[at] = moved;
 }
 
 struct Place {
@@ -38,20 +59,20 @@ void sort(Chunk &chunk) {
 
 void ChosenRecords::add(Chunk &chunk, uint32_t number) {
     sort(chunk);
-    heap[chunks_++] = number;
-    std::push_heap(heap, heap + chunks_, comes_later);
+    heads[chunks_++] = {chunk.first_chosen().order(), number};
+    std::push_heap(heads, heads + chunks_, comes_later);
 }
 
 const Record *ChosenRecords::next() {
     if (chunks_ == 0)
         return nullptr;
-    std::pop_heap(heap, heap + chunks_, comes_later);
-    Chunk &chunk = *gMCChunks[heap[chunks_ - 1]];
+    Chunk &chunk = *gMCChunks[heads[0].chunk];
     const Record &record = chunk.first_chosen();
     if (++chunk.chosen_next < chunk.chosen_count)
-        std::push_heap(heap, heap + chunks_, comes_later);
+        heads[0].order = chunk.first_chosen().order();
     else
-        --chunks_;
+        heads[0] = heads[--chunks_];
+    sift_first(chunks_);
     return &record;
 }
 
