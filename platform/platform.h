@@ -22,6 +22,9 @@ namespace k42mc::internal::platform {
 // Returns the number stored, at most `most`. Allocates nothing, keeps errno.
 int backtrace_skip(void **frames, int most);
 
+// Where the thread was that a signal handler has interrupted, by the handler's third argument.
+void *interrupted_at(const void *context);
+
 // Writes one line a frame to a descriptor: "module(function+0xoffset) [0xaddress]", static functions
 // included; without the function where no symbol covers the address, without the module where none is
 // loaded there. Allocates nothing and never waits for the loader's lock; keeps errno.

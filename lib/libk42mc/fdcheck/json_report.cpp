@@ -14,8 +14,6 @@ namespace {
 struct History {
     FDInfo counted{};
     Sequence<FDEvent> events;
-
-    ~History() { free(events.records); }
 };
 
 // Returns false when memory runs out.

@@ -3,6 +3,7 @@
 #include "memcheck/by_age.h"
 #include "memcheck/damage.h"
 #include "memcheck/lane.h"
+#include "platform/platform.h"
 
 #include <algorithm>
 #include <string.h>
@@ -73,13 +74,9 @@ bool Snapshot::take(uint32_t limit) {
 }
 
 void Snapshot::release() {
-    free(sites_.records);
-    free(damaged_.records);
-    free(slots_);
-    sites_ = {};
-    damaged_ = {};
-    slots_ = nullptr;
-    slot_count_ = 0;
+    sites_.release();
+    damaged_.release();
+    release_slots();
 }
 
 bool Snapshot::take_block(const Record &record) {
@@ -128,8 +125,8 @@ bool Snapshot::take_damage() {
 }
 
 bool Snapshot::grow_slots() {
-    const size_t wanted = slot_count_ != 0 ? 2 * slot_count_ : 64;
-    auto *slots = static_cast<uint32_t *>(calloc(wanted, sizeof(uint32_t)));
+    const size_t wanted = slot_count_ != 0 ? 2 * slot_count_ : 1024;
+    auto *slots = static_cast<uint32_t *>(platform::map_memory(wanted * sizeof(uint32_t)));
     if (slots == nullptr)
         return false;
     for (size_t i = 0; i < sites_.size; ++i) {
@@ -138,10 +135,17 @@ bool Snapshot::grow_slots() {
             at = (at + 1) & (wanted - 1);
         slots[at] = static_cast<uint32_t>(i + 1);
     }
-    free(slots_);
+    release_slots();
     slots_ = slots;
     slot_count_ = wanted;
     return true;
+}
+
+void Snapshot::release_slots() {
+    if (slots_ != nullptr)
+        platform::unmap_memory(slots_, slot_count_ * sizeof(uint32_t));
+    slots_ = nullptr;
+    slot_count_ = 0;
 }
 
 } // namespace k42mc::internal

@@ -60,6 +60,7 @@ private:
     SiteSummary *summary_of(AllocationSite &site);
     bool take_damage();
     bool grow_slots();
+    void release_slots();
 
     Sequence<SiteSummary> sites_;
     Sequence<DamagedBlock> damaged_;
