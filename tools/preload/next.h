@@ -6,9 +6,15 @@
 #include <atomic>
 #include <dlfcn.h>
 
+// Whether this thread is at a lookup, which may allocate.
+extern __thread bool looking_up;
+
 inline void *find_next(const char *name) {
-    const InsideChecker inside; // dlsym may allocate
-    return dlsym(RTLD_NEXT, name);
+    const InsideChecker inside;
+    looking_up = true;
+    void *const next = dlsym(RTLD_NEXT, name);
+    looking_up = false;
+    return next;
 }
 
 // Looked up once, or by each of the threads that are the first to ask.

@@ -9,17 +9,22 @@
 #include "tools/preload/descriptors.h"
 #include "tools/preload/report_files.h"
 
+#include <algorithm>
+#include <string.h>
 #include <unistd.h>
 
 namespace {
 
 using namespace k42mc::internal;
 
+constinit bool stopped_by_defect = false;
+
 // The process is about to stop in the midst of an operation: nothing here allocates or takes a lock.
 void write_defect(std::span<const uintptr_t> block_trace) {
     const InsideChecker inside;
     const Printing printing;
     const int file = json_file.descriptor();
+    stopped_by_defect = true;
     if (file < 0)
         return;
     void *others[K42MC_GUARD_TRACE];
@@ -36,6 +41,42 @@ void write_defect(std::span<const uintptr_t> block_trace) {
     out.chain("chain", here.innermost(StackTrace::deepest));
     out->print(",");
     out.chain("block", {others, count});
+    out->print("}\n");
+    out->flush();
+}
+
+bool is_fault_at_address(const Ending &ending) {
+    return ending.info != nullptr && ending.info->si_code > 0 &&
+           (ending.signal_number == SIGSEGV || ending.signal_number == SIGBUS);
+}
+
+// Without the frames of a signal's handler and of what called it. Readers look for the call ahead of an
+// address; here it is the instruction itself.
+void put_trace_from(JsonOutput &out, void *place) {
+    StackTrace here;
+    here.capture(StackTrace::deepest);
+    std::span<void *> trace(here.frames, static_cast<size_t>(here.count));
+    const auto at = std::ranges::find(trace, place);
+    if (at != trace.end()) {
+        *at = static_cast<char *>(place) + 1;
+        trace = trace.subspan(static_cast<size_t>(at - trace.begin()));
+    }
+    out.chain("chain", trace);
+}
+
+void put_kind(JsonOutput &out, const char *kind) {
+    out->print("{\"kind\":\"%s\",\"pid\":%d,\"program\":", kind, getpid());
+    out.string(program_name());
+}
+
+void write_remark(const char *kind, const char *member, const char *text) {
+    const int file = json_file.descriptor();
+    if (file < 0)
+        return;
+    JsonOutput out(file);
+    put_kind(out, kind);
+    out->print(",\"%s\":", member);
+    out.string(text);
     out->print("}\n");
     out->flush();
 }
@@ -67,4 +108,26 @@ void write_json(uint32_t limit) {
     k42mcx_report_json(file, limit);
     if (descriptors_watched())
         k42mcx_fd_report_json(file);
+}
+
+void write_unchecked(const char *reason) {
+    write_remark("unchecked", "reason", reason);
+}
+
+void write_note(const char *text) {
+    write_remark("note", "text", text);
+}
+
+void write_ending(const Ending &ending) {
+    const int file = json_file.descriptor();
+    if (stopped_by_defect || file < 0)
+        return;
+    JsonOutput out(file);
+    put_kind(out, "signal");
+    out->print(",\"name\":\"SIG%s\",", sigabbrev_np(ending.signal_number));
+    if (is_fault_at_address(ending))
+        out->print("\"address\":\"%p\",", ending.info->si_addr);
+    put_trace_from(out, ending.place);
+    out->print("}\n");
+    out->flush();
 }

@@ -1,6 +1,8 @@
 // What this process has to say, and the defect that stops it.
 #pragma once
 
+#include "tools/preload/endings.h"
+
 #include <stdint.h>
 
 // Opens the files and lends the checker the text as its sink. False when there is no folder, or
@@ -12,3 +14,12 @@ void renew_outputs();
 
 // One more report as lines of JSON.
 void write_json(uint32_t limit);
+
+// That nobody looks after this process, and why.
+void write_unchecked(const char *reason);
+
+// That a signal ends this process, and where it struck. Nothing for a process that a defect has stopped.
+void write_ending(const Ending &ending);
+
+// Something that a user of the report should know.
+void write_note(const char *text);

@@ -1,6 +1,8 @@
 #include "tools/preload/reporter.h"
 
 #include "tools/preload/depth.h"
+#include "tools/preload/next.h"
+#include "tools/preload/output.h"
 #include "tools/preload/settings.h"
 
 #include <errno.h>
@@ -13,6 +15,7 @@ namespace {
 
 constinit Report report_now = nullptr;
 constinit time_t pause_seconds = 0;
+constinit int report_signal = 0;
 
 // All zeroes is what sem_init makes of a private one at 0. No descriptor, which the program might close.
 constinit sem_t requests = {};
@@ -60,15 +63,27 @@ bool start_thread() {
 } // namespace
 
 void start_reporter(Report report) {
-    const int signal_number = static_cast<int>(number_in("K42MC_RUN_SIGNAL", 0));
+    report_signal = static_cast<int>(number_in("K42MC_RUN_SIGNAL", 0));
     pause_seconds = number_in("K42MC_RUN_EVERY", 0);
-    if (signal_number == 0 && pause_seconds <= 0)
+    if (report_signal == 0 && pause_seconds <= 0)
         return;
     report_now = report;
-    if (!start_thread() || signal_number == 0)
+    if (!start_thread() || report_signal == 0)
         return;
     struct sigaction action {};
     action.sa_handler = ask_for_report;
     action.sa_flags = SA_RESTART;
-    sigaction(signal_number, &action, nullptr);
+    NEXT(sigaction)(report_signal, &action, nullptr);
+}
+
+void restart_reporter() {
+    if (report_now == nullptr)
+        return;
+    sem_init(&requests, 0, 0);
+    start_thread();
+}
+
+void signal_is_taken(int number) {
+    if (report_now != nullptr && number == report_signal)
+        write_note("the program handles the signal for reports itself: none will come by it");
 }

@@ -5,3 +5,9 @@
 using Report = bool (*)();
 
 void start_reporter(Report report);
+
+// In a child of fork, where the thread that reports is not.
+void restart_reporter();
+
+// The program has set an action of its own for a signal.
+void signal_is_taken(int number);

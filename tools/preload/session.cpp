@@ -16,9 +16,11 @@
 #include "memcheck/state.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
+#include "tools/preload/endings.h"
 #include "tools/preload/exported.h"
 #include "tools/preload/next.h"
 #include "tools/preload/output.h"
+#include "tools/preload/own_allocator.h"
 #include "tools/preload/reporter.h"
 #include "tools/preload/settings.h"
 
@@ -100,6 +102,22 @@ void finish() {
         MCDeinit();
 }
 
+// No more than the report: what switching off releases would enter the allocator.
+void finish_by_signal(const Ending &ending) {
+    if (ending.inside_checker) {
+        write_ending(ending);
+        return;
+    }
+    const ReportLock lock;
+    if (!recording)
+        return;
+    recording = false;
+    write_ending(ending);
+    if (verifies && checker_on())
+        k42mcx_verify();
+    write_report();
+}
+
 void finish_at_exit(void *) {
     finish();
 }
@@ -114,8 +132,10 @@ void finish_in_haste() {
 void after_fork_in_child() {
     const InsideChecker inside;
     report_lock = PTHREAD_MUTEX_INITIALIZER;
-    if (recording)
-        renew_outputs();
+    if (!recording)
+        return;
+    renew_outputs();
+    restart_reporter();
 }
 
 // ---- The start ----
@@ -134,9 +154,13 @@ void switch_on() {
     const int saved_errno = errno;
     if (number_in("K42MC_RUN_FOLLOW", 1) == 0)
         unsetenv("LD_PRELOAD");
-    recording = open_outputs();
-    if (!recording)
+    if (!open_outputs())
         return;
+    if (program_is_left_alone()) {
+        write_unchecked(why_left_alone());
+        return;
+    }
+    recording = true;
     limit = static_cast<uint32_t>(number_in("K42MC_RUN_LIMIT", 1));
     verifies = number_in("K42MC_RUN_VERIFY", 0) != 0;
     first_process = getpid();
@@ -145,6 +169,7 @@ void switch_on() {
         watch_descriptors();
     pthread_atfork(nullptr, nullptr, after_fork_in_child);
     __cxa_atexit(finish_at_exit, nullptr, nullptr);
+    report_ahead_of_endings(finish_by_signal);
     (void)at_quick_exit(finish);
     start_reporter(report);
     errno = saved_errno;

@@ -2,6 +2,8 @@
 
 #include "tools/common/counted.h"
 
+#include <algorithm>
+#include <array>
 #include <unordered_map>
 
 namespace {
@@ -11,7 +13,25 @@ Trail trail_of(const DescriptorEvent &event) {
             event.trace};
 }
 
+// Somebody else's wish is no fault of the program.
+bool is_request(std::string_view signal) {
+    constexpr std::array<std::string_view, 6> requests = {"SIGHUP",  "SIGINT",  "SIGQUIT",
+                                                          "SIGPIPE", "SIGALRM", "SIGTERM"};
+    return std::ranges::count(requests, signal) != 0;
+}
+
+Finding ending_of(const Stop &stop) {
+    const std::string text(stop.text);
+    return {.kind = is_request(stop.signal) ? Finding::Kind::ended : Finding::Kind::crashed,
+            .what = "ended by " + std::string(stop.signal),
+            .title = text,
+            .trails = {{"in", stop.trace}},
+            .process = stop.process};
+}
+
 Finding finding_of(const Stop &stop) {
+    if (!stop.signal.empty())
+        return ending_of(stop);
     const std::string text(stop.text.substr(0, stop.text.find(" trace buffer")));
     return {.kind = Finding::Kind::stopped,
             .what = "stopped",
@@ -86,6 +106,13 @@ Finding finding_of(const std::vector<const Descriptor *> &group) {
 } // namespace
 
 void each_finding(const Report &report, const Process &process, const TakeFinding &take) {
+    if (!process.unchecked.empty())
+        take({.kind = Finding::Kind::unchecked,
+              .what = "not checked",
+              .title = "not checked: " + std::string(process.unchecked),
+              .trails = {}});
+    for (const std::string_view note : process.notes)
+        take({.kind = Finding::Kind::note, .what = "note", .title = std::string(note), .trails = {}});
     for (const Stop &stop : process.stops)
         take(finding_of(stop));
     for (const Damage &damage : process.damages)

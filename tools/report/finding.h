@@ -1,4 +1,4 @@
-// What is wrong with a process, in the words in which every output says it.
+// What is to be said of a process, in the words in which every output says it.
 #pragma once
 
 #include "tools/report/model.h"
@@ -14,7 +14,10 @@ struct Trail {
 };
 
 struct Finding {
-    enum class Kind { stopped, damaged, misused_descriptor, left_open };
+    enum class Kind { unchecked, note, stopped, crashed, ended, damaged, misused_descriptor, left_open };
+
+    // The first two and an ending that somebody asked for are for the reader to know: nothing is wrong.
+    bool is_fault() const { return kind != Kind::unchecked && kind != Kind::note && kind != Kind::ended; }
 
     Kind kind;
     std::string what;          // the same for all of its kind: "written past the end (WO)"

@@ -97,7 +97,7 @@ private:
 
     void add_process() {
         current_ = report_.processes.size();
-        report_.processes.push_back({report_.text(name_), {}, {}, {}, {}});
+        report_.processes.emplace_back().name = report_.text(name_);
     }
 
     // Children that nobody told of their fork may have written to the same file.
@@ -111,7 +111,8 @@ private:
     }
 
     bool is_empty() {
-        return process().cycles.empty() && process().descriptors.empty() && process().stops.empty();
+        return process().cycles.empty() && process().descriptors.empty() && process().stops.empty() &&
+               process().unchecked.empty();
     }
 
     void complain(std::string_view text) { complaints_.add(line_, text); }
@@ -143,15 +144,37 @@ private:
             add_descriptor(line);
         } else if (kind == "defect") {
             add_stop(line);
-        } else if (!unfinished_) {
-            complain("what comes before this line is missing");
-        } else if (kind == "site") {
-            add_site(line);
-        } else if (kind == "damage") {
-            add_damage(line);
-        } else if (kind == "end") {
-            unfinished_ = false;
+        } else if (kind == "signal") {
+            add_ending(line);
+        } else if (kind == "unchecked") {
+            name_process(line);
+            process().unchecked = report_.text(text_in(line, "reason"));
+        } else if (kind == "note") {
+            name_process(line);
+            process().notes.push_back(report_.text(text_in(line, "text")));
+        } else if (kind == "site" || kind == "damage" || kind == "end") {
+            add_part(kind, line);
         }
+    }
+
+    // What stands between a cycle and its end.
+    void add_part(std::string_view kind, const Json &line) {
+        if (!unfinished_)
+            complain("what comes before this line is missing");
+        else if (kind == "site")
+            add_site(line);
+        else if (kind == "damage")
+            add_damage(line);
+        else
+            unfinished_ = false;
+    }
+
+    void name_process(const Json &line) {
+        const int pid = number_in<int>(line, "pid");
+        go_on_with(pid);
+        if (process().name == name_)
+            process().name =
+                report_.text(std::string(text_in(line, "program")) + "." + std::to_string(pid));
     }
 
     void begin_cycle(const Json &line) {
@@ -160,11 +183,7 @@ private:
         const auto number = number_in<uint32_t>(line, "cycle");
         const Counter live = counter_of(line);
         end_cycle();
-        const int pid = number_in<int>(line, "pid");
-        go_on_with(pid);
-        if (process().cycles.empty())
-            process().name =
-                report_.text(std::string(text_in(line, "program")) + "." + std::to_string(pid));
+        name_process(line);
         process().cycles.push_back({number, live, {}});
         process().damages.clear();
         process().descriptors.clear();
@@ -201,6 +220,19 @@ private:
         process().stops.push_back({number_in<int>(line, "pid"), report_.text(text_in(line, "text")),
                                    report_.trace(trace_in(line)),
                                    report_.trace(trace_in(line, "block"))});
+    }
+
+    void add_ending(const Json &line) {
+        name_process(line);
+        const std::string_view signal = text_in(line, "name");
+        std::string text = "ended by " + std::string(signal);
+        if (line.contains("address"))
+            text += " at address " + std::string(text_in(line, "address"));
+        process().stops.push_back({number_in<int>(line, "pid"),
+                                   report_.text(text),
+                                   report_.trace(trace_in(line)),
+                                   {},
+                                   report_.text(signal)});
     }
 
     void add_descriptor(const Json &line) {

@@ -54,8 +54,16 @@ Json json_of(const SiteHistory &history, const Site &site, Symbolizer &symbolize
 
 const char *name_of(Finding::Kind kind) {
     switch (kind) {
+    case Finding::Kind::unchecked:
+        return "unchecked";
+    case Finding::Kind::note:
+        return "note";
     case Finding::Kind::stopped:
         return "stopped";
+    case Finding::Kind::crashed:
+        return "crashed";
+    case Finding::Kind::ended:
+        return "ended";
     case Finding::Kind::damaged:
         return "damaged";
     case Finding::Kind::misused_descriptor:

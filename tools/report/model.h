@@ -79,12 +79,13 @@ struct Descriptor {
     }
 };
 
-// What stopped a process.
+// What stopped a process: a defect, or a signal.
 struct Stop {
     int process = 0;
     std::string_view text;
-    Trace trace; // of the release that found it
-    Trace block; // of the allocation, or of the release before
+    Trace trace;                  // of the release that found it, or of where the signal struck
+    Trace block;                  // of the allocation, or of the release before
+    std::string_view signal = {}; // its name
 
     bool is_double_free() const { return text.starts_with("k42mc detected DF"); }
 };
@@ -97,6 +98,8 @@ struct Process {
     std::vector<Damage> damages;
     std::vector<Descriptor> descriptors;
     std::vector<Stop> stops;
+    std::string_view unchecked = {}; // why nobody looked after it, if so
+    std::vector<std::string_view> notes;
 };
 
 // Something in a file that could not be read, and was left out.

@@ -92,7 +92,7 @@ private:
 
     void begin_process() {
         ++processes_;
-        report_.processes.push_back({report_.text(name_), {}, {}, {}, {}});
+        report_.processes.emplace_back().name = report_.text(name_);
         damaged_.clear();
     }
 

@@ -94,23 +94,24 @@ void print_groups(std::ostream &out, const std::vector<Group> &groups, const cha
 
 } // namespace
 
-void Findings::add(const Finding &finding) {
+void Findings::add(const Process &process, const Finding &finding) {
     switch (finding.kind) {
-    case Finding::Kind::stopped:
-        stops_.push_back(finding);
-        break;
     case Finding::Kind::damaged:
         blocks_.push_back(group_of(finding));
         break;
-    default:
+    case Finding::Kind::misused_descriptor:
+    case Finding::Kind::left_open:
         descriptors_.push_back(group_of(finding));
+        break;
+    default:
+        remarks_.push_back({std::string(process.name), finding});
     }
 }
 
 Findings::Findings(const Report &report) : processes_(report.processes.size()) {
     for (const Process &process : report.processes) {
         add_left(report, process, blocks_);
-        each_finding(report, process, [this](const Finding &finding) { add(finding); });
+        each_finding(report, process, [&](const Finding &finding) { add(process, finding); });
     }
     merge(blocks_);
     merge(descriptors_);
@@ -149,9 +150,13 @@ void Findings::print(std::ostream &out, Symbolizer &symbolizer) const {
         out << "k42mc: descriptors\n";
         print_groups(out, descriptors_, "descriptor", symbolizer);
     }
-    for (const Finding &stop : stops_) {
-        out << "k42mc: process " << stop.process << " was stopped: " << printable(stop.title) << '\n';
-        for (const Trail &trail : stop.trails) {
+    for (const auto &[process, finding] : remarks_) {
+        if (finding.kind == Finding::Kind::stopped)
+            out << "k42mc: process " << finding.process << " was stopped: ";
+        else
+            out << "k42mc: " << printable(process) << ": ";
+        out << printable(finding.title) << '\n';
+        for (const Trail &trail : finding.trails) {
             out << "  " << trail.heading << '\n';
             print_trace(out, trail.trace, symbolizer);
         }

@@ -6,6 +6,7 @@
 #include "tools/report/model.h"
 #include "tools/run/suppressions.h"
 
+#include <algorithm>
 #include <ostream>
 
 // Blocks of one stack trace that were left, one trace's damaged blocks, or descriptors that one trace
@@ -27,14 +28,25 @@ public:
     // Drops what a suppression matches, and counts it there.
     void suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer);
 
-    bool empty() const { return blocks_.empty() && descriptors_.empty() && stops_.empty(); }
+    // Nothing is wrong, whatever is to be said.
+    bool empty() const {
+        return blocks_.empty() && descriptors_.empty() &&
+               std::ranges::none_of(remarks_,
+                                    [](const Remark &remark) { return remark.finding.is_fault(); });
+    }
     void print(std::ostream &out, Symbolizer &symbolizer) const;
 
 private:
-    void add(const Finding &finding);
+    // On a process, not on what it holds.
+    struct Remark {
+        std::string process; // "server.812"
+        Finding finding;
+    };
+
+    void add(const Process &process, const Finding &finding);
 
     std::vector<Group> blocks_;
     std::vector<Group> descriptors_;
-    std::vector<Finding> stops_;
+    std::vector<Remark> remarks_;
     size_t processes_ = 0;
 };
