@@ -19,11 +19,12 @@ PORT = 18080
 class Program:
     """A command with something to do, for a server also what to do with it."""
 
-    def __init__(self, command, environment=None, drive=None, bits=64):
+    def __init__(self, command, environment=None, drive=None, bits=64, beside=("valgrind", "heaptrack")):
         self.command = [str(word) for word in command]
         self.environment = environment or {}
         self.drive = drive
         self.bits = bits
+        self.tools = ("k42mc run", *beside)
 
     def run(self, wrapper):
         """Seconds, megabytes of the largest process, and the output"""
@@ -100,6 +101,73 @@ server {{ listen 127.0.0.1:{PORT}; root {root}; location /list/ {{ alias {root}/
     return Program([unpack("nginx", "amd64") / "usr/sbin/nginx", "-c", FOLDER / "server.conf"], drive=requests)
 
 
+def commands():
+    """What 60,000 commands of four kinds bring, and how long they take; then the server ends."""
+    client = ["redis-cli", "-p", str(PORT + 1)]
+    while subprocess.run(client + ["ping"], capture_output=True, check=False).stdout != b"PONG\n":
+        time.sleep(0.05)
+    start = time.perf_counter()
+    load = ["redis-benchmark", "-p", str(PORT + 1), "-n", "15000", "-r", "5000", "-d", "100", "-q", "-t", "set,get,lpush,sadd"]
+    subprocess.run(load, capture_output=True, check=True)
+    seconds = time.perf_counter() - start
+    said = subprocess.run(client + ["llen", "mylist"], capture_output=True, check=True).stdout
+    subprocess.run(client + ["shutdown", "nosave"], capture_output=True, check=True)
+    return said, seconds
+
+
+def store():
+    """The server goes by its name; its package would start one."""
+    name = FOLDER / "redis-server"
+    if not name.is_symlink():
+        name.symlink_to("/usr/bin/redis-check-rdb")
+    return Program([name, "--port", PORT + 1, "--save", "", "--logfile", FOLDER / "errors"], drive=commands)
+
+
+def script(name, text):
+    (FOLDER / name).write_text(text, encoding="utf-8")
+    return FOLDER / name
+
+
+BASH = """
+for ((i = 0; i < 60000; i++)); do
+    words[i % 500]="$i ${words[i * 7 % 500]:0:20}"
+    [[ ${words[i % 300]} == *99* ]] && ((++met))
+done
+for word in "${words[@]}"; do line=$(echo "$word"); done
+echo "$met ${#words[@]} $line"
+"""
+
+NODE = """
+const { Worker, isMainThread, parentPort } = require("worker_threads");
+if (isMainThread) {
+    let sum = 0, left = 4;
+    for (let i = 0; i < 4; ++i)
+        new Worker(__filename).on("message", (n) => { sum += n; if (--left === 0) console.log(sum); });
+} else {
+    const kept = [];
+    for (let i = 0; i < 300000; ++i) {
+        kept[i % 5000] = Buffer.from("x".repeat(i % 300));
+        if (i % 1000 === 0) JSON.parse(JSON.stringify({ kept: kept.slice(0, 50).map(String) }));
+    }
+    parentPort.postMessage(kept.reduce((sum, buffer) => sum + buffer.length, 0));
+}
+"""
+
+PHP = """<?php
+for ($i = 0; $i < 300000; ++$i) {
+    $words[$i % 5000] = str_repeat(chr(65 + $i % 26), $i % 200);
+    if ($i % 1000 == 0) $met = preg_match_all('/A+B?/', implode(' ', array_slice($words, 0, 200)));
+}
+echo count($words), ' ', $met, "\\n";
+"""
+
+RUBY = """
+words = {}
+300_000.times { |i| words["key#{i % 5000}"] = "#{i} #{words["key#{i * 7 % 5000}"]}"[0, 60] }
+puts words.size, words.values.count { |word| word =~ /99/ }
+"""
+
+
 def programs(statements):
     FOLDER.mkdir(parents=True, exist_ok=True)
     text = "".join(f"{i * 7919 % 100_003} {i * i % 9_973}\n" for i in range(200_000))
@@ -114,6 +182,16 @@ def programs(statements):
             ["g++", "-O2", "-S", "-o", "/dev/stdout", TOP / "bench/trace/parser.cpp"]
         ),
         "nginx, 10,000 requests": server(text),
+        "redis, 60,000 commands": store(),
+        "node, 4 workers": Program(["/usr/bin/node", script("work.js", NODE)], beside=("heaptrack",)),
+        # Its children hang under heaptrack.
+        "bash, 60,000 rounds": Program(["bash", script("work.bash", BASH)], beside=("valgrind",)),
+        "vim, 200,000 lines": Program(
+            ["vim", "-Es", "-u", "NONE", "-N", "-i", "NONE", r"-c%s/\v(\d+) (\d+)/\2 \1/", "-csort", "-cg/7/normal Ax", "-cwq! /dev/stdout", "text"]
+        ),
+        "php, a script": Program(["php", script("work.php", PHP)]),
+        "ruby, a script": Program(["ruby", script("work.rb", RUBY)]),
+        "git log with changes": Program(["git", "-C", TOP, "log", "--stat", "-n", "200"]),
         "xz, 4 threads": Program(["xz", "-T4", "--block-size=300000", "-c", "text"]),
         "mawk, 32 bits": Program([unpack("mawk", "i386") / "usr/bin/mawk", count, "text"], bits=32),
     }
@@ -155,7 +233,7 @@ def measure(name, program, rounds):
         figures.setdefault("", ([], []))[0].append(seconds)
         figures[""][1].append(megabytes)
         for tool, (wrapper, widths, read) in TOOLS.items():
-            if program.bits not in widths:
+            if program.bits not in widths or tool not in program.tools:
                 continue
             folder = FOLDER / "reports" / tool.replace(" ", "-")
             subprocess.run(["rm", "-rf", folder], check=True)

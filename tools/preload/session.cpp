@@ -12,6 +12,7 @@
 //   K42MC_RUN_FOLLOW     0 to leave programs that this one starts alone
 // Without a folder that files can be made in, blocks are guarded and nothing is recorded.
 #include "base/checker_lock.h"
+#include "memcheck/registry.h"
 #include "memcheck/report.h"
 #include "memcheck/state.h"
 #include "tools/preload/depth.h"
@@ -134,6 +135,7 @@ void after_fork_in_child() {
     report_lock = PTHREAD_MUTEX_INITIALIZER;
     if (!recording)
         return;
+    k42mc::internal::leave_blocks_to_parent();
     renew_outputs();
     restart_reporter();
 }

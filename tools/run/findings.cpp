@@ -45,14 +45,21 @@ Group group_of(const Finding &finding) {
     return group;
 }
 
-// A child of fork reports what its parent holds, too: traces count once, at their most.
-void merge(std::vector<Group> &groups) {
+// A child of fork leaves blocks to its parent that are the parent's, but has the same descriptors open: of those
+// a trace counts once, at its most.
+enum class Merge { sum, most };
+
+void merge(std::vector<Group> &groups, Merge how) {
     using Key = std::pair<std::string, std::vector<std::string_view>>;
     std::map<Key, Group> by_trace;
     for (const Group &group : groups) {
-        Group &known = by_trace[{group.what, {group.trace.begin(), group.trace.end()}}];
-        if (std::pair(group.bytes, group.count) >= std::pair(known.bytes, known.count))
-            known = group;
+        const auto [known, is_new] =
+            by_trace.try_emplace({group.what, {group.trace.begin(), group.trace.end()}}, group);
+        if (is_new)
+            continue;
+        uint64_t &count = known->second.count;
+        count = how == Merge::sum ? count + group.count : std::max(count, group.count);
+        known->second.bytes += group.bytes;
     }
     groups.clear();
     for (const auto &[key, group] : by_trace)
@@ -113,8 +120,8 @@ Findings::Findings(const Report &report) : processes_(report.processes.size()) {
         add_left(report, process, blocks_);
         each_finding(report, process, [&](const Finding &finding) { add(process, finding); });
     }
-    merge(blocks_);
-    merge(descriptors_);
+    merge(blocks_, Merge::sum);
+    merge(descriptors_, Merge::most);
 }
 
 void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer) {

@@ -5,6 +5,7 @@
 #include "memcheck/filters.h"
 #include "memcheck/lane.h"
 #include "memcheck/registry_lines.h"
+#include "memcheck/state.h"
 
 namespace k42mc::internal {
 namespace {
@@ -14,6 +15,8 @@ constexpr KnownBlock unexamined{.header_readable = true, .tail = 0};
 
 // The order in which blocks were recorded, whoever did. On a line of its own: all threads count here.
 alignas(64) constinit std::atomic<uint64_t> blocks_recorded = 0;
+
+constinit uint64_t first_own_block = 0; // in that order
 
 constinit bool exists = false;
 
@@ -346,6 +349,16 @@ const Record *find_record(uintptr_t address) {
 
 void unlist_all_records() {
     for_each_record([](Record &record) { record.unlist(gMCCycle); });
+}
+
+// Touches no record: that memory is shared until somebody writes to it.
+void leave_blocks_to_parent() {
+    first_own_block = blocks_recorded.load(std::memory_order_relaxed);
+    MCResetStats();
+}
+
+bool is_reported(const Record &record) {
+    return record.is_listed() && record.order() >= first_own_block;
 }
 
 // The walk over all records has to pay, and the sites to be few beside them.

@@ -64,6 +64,13 @@ const Record *find_record(uintptr_t address);
 // Leaves all blocks in the registry, and out of reports.
 void unlist_all_records();
 
+// Reports leave out what was recorded so far: it is the parent's. In a child of fork, which has no other thread
+// yet.
+void leave_blocks_to_parent();
+
+// Whether reports look at a record.
+bool is_reported(const Record &record);
+
 // Sites that no block needs any more make room.
 void sweep_sites();
 

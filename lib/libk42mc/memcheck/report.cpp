@@ -67,6 +67,8 @@ void put_report(TextOutput &out, uint32_t limit) {
     out.print("-----------<cycle %u>-----------\n{\n", gMCCycle);
     Held since_report, since_reset; // the former: what no report has met before
     ChosenRecords records([&](const Record &record) {
+        if (!is_reported(record))
+            return false;
         const uint32_t age = record.age(gMCCycle);
         since_reset.by_type[record.type()].add(record.size);
         if (age == 1)

@@ -61,7 +61,7 @@ bool Snapshot::take(uint32_t limit) {
     forget_summaries();
     bool complete = true;
     for_each_record([&](const Record &record) {
-        if (!record.is_listed())
+        if (!is_reported(record))
             return;
         live.add(record.size);
         if (complete && record.age(cycle) >= limit)

@@ -1,5 +1,5 @@
 // k42mc run --signal USR1
-// A report that is asked of a forked child is the child's; and where the program takes the signal for itself, its
+// A report that is asked of a forked child is the child's, of what it has allocated itself; and where the program takes the signal for itself, its
 // report says so.
 #include "report_of_process.h"
 
@@ -22,11 +22,23 @@ bool answers(pid_t child) {
 } // namespace
 
 int main() {
+    void *volatile parents = malloc(4321);
+    int ready[2];
+    if (parents == nullptr || pipe(ready) != 0)
+        return 1;
     const pid_t child = fork();
-    if (child == 0)
+    if (child == 0) {
+        void *volatile childs = malloc(1234);
+        close(ready[childs == nullptr ? 0 : 1]);
         for (;;)
             pause();
-    const bool answered = answers(child);
+    }
+    close(ready[1]);
+    char nothing;
+    const bool is_ready = read(ready[0], &nothing, 1) == 0;
+    const bool answered = is_ready && answers(child) &&
+                          report_of(child).find(R"("largest":1234)") != std::string::npos &&
+                          report_of(child).find(R"("largest":4321)") == std::string::npos;
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     if (!answered || report_of(getpid()).find(R"("kind":"end")") != std::string::npos)
