@@ -10,6 +10,8 @@
 
 namespace {
 
+constexpr const char *still_held = "left";
+
 bool matches_frame(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
     if (matches_pattern(pattern, module_of(pc)))
         return true;
@@ -26,7 +28,7 @@ Trace trace_of(const Site &site) {
 void add_left(const Report &report, const Process &process, std::vector<Group> &groups) {
     if (!process.cycles.empty())
         for (const Holding &holding : process.cycles.back().holdings)
-            groups.push_back({"left",
+            groups.push_back({still_held,
                               false,
                               holding.held.blocks,
                               holding.held.bytes,
@@ -45,11 +47,9 @@ Group group_of(const Finding &finding) {
     return group;
 }
 
-// A child of fork leaves blocks to its parent that are the parent's, but has the same descriptors open: of those
-// a trace counts once, at its most.
-enum class Merge { sum, most };
-
-void merge(std::vector<Group> &groups, Merge how) {
+// A child of fork finds its parent's damaged blocks and open descriptors, too: there a trace counts once, at its
+// most. What is left is each process's own.
+void merge(std::vector<Group> &groups) {
     using Key = std::pair<std::string, std::vector<std::string_view>>;
     std::map<Key, Group> by_trace;
     for (const Group &group : groups) {
@@ -57,9 +57,10 @@ void merge(std::vector<Group> &groups, Merge how) {
             by_trace.try_emplace({group.what, {group.trace.begin(), group.trace.end()}}, group);
         if (is_new)
             continue;
-        uint64_t &count = known->second.count;
-        count = how == Merge::sum ? count + group.count : std::max(count, group.count);
-        known->second.bytes += group.bytes;
+        Group &sum = known->second;
+        const bool adds = group.what == still_held;
+        sum.count = adds ? sum.count + group.count : std::max(sum.count, group.count);
+        sum.bytes = adds ? sum.bytes + group.bytes : std::max(sum.bytes, group.bytes);
     }
     groups.clear();
     for (const auto &[key, group] : by_trace)
@@ -120,13 +121,13 @@ Findings::Findings(const Report &report) : processes_(report.processes.size()) {
         add_left(report, process, blocks_);
         each_finding(report, process, [&](const Finding &finding) { add(process, finding); });
     }
-    merge(blocks_, Merge::sum);
-    merge(descriptors_, Merge::most);
+    merge(blocks_);
+    merge(descriptors_);
 }
 
 void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer) {
     std::erase_if(blocks_, [&](const Group &group) {
-        if (group.what != "left")
+        if (group.what != still_held)
             return false;
         for (Suppression &suppression : suppressions) {
             const Trace pcs = group.trace.first(suppression.innermost ? 1 : group.trace.size());

@@ -105,15 +105,15 @@ total: 90 bytes in 9 blocks; 2 sites, 1 cycle, 1 process
 
 TEST(Outputs, TheSummaryOfARunGroupsByTrace) {
     Report report = json(json_lines);
-    Lines again(json_lines); // of a child of fork, which has the same blocks
+    Lines again(json_lines); // of a child of fork: blocks that are left are its own
     read_json(report, "child", again);
-    EXPECT_EQ(summary(report), R"(k42mc: 7 blocks, 157 bytes at 3 sites in 2 processes
+    EXPECT_EQ(summary(report), R"(k42mc: 13 blocks, 214 bytes at 3 sites in 2 processes
   written before the start (WU): 1 block, 100 bytes
     /no/p+0x3
-  left: 5 blocks, 50 bytes
+  left: 10 blocks, 100 bytes
     /no/p+0x1a
     /no/p+0x2b
-  left: 1 block, 7 bytes
+  left: 2 blocks, 14 bytes
     /no/p+0x9
     /no/p+0x2b
 k42mc: descriptors
