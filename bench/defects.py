@@ -18,6 +18,8 @@ KINDS = {
     "double-free": "a second release",
     "double-free-reused": "a second release, when the memory is in use again",
     "mixed": "`malloc`, then `operator delete`",
+    "free-inside": "a release of an address inside a block",
+    "free-on-stack": "a release of an address on the stack",
     "write-after-free": "a write into a released block",
     "read-after-free": "a read from a released block",
     "overread": "a read past the end",

@@ -199,6 +199,7 @@ private:
 
     void add_stop(const Json &line) {
         process().stops.push_back({number_in<int>(line, "pid"), report_.text(text_in(line, "text")),
+                                   line.contains("words") ? report_.text(text_in(line, "words")) : "",
                                    report_.trace(trace_in(line)),
                                    report_.trace(trace_in(line, "block"))});
     }

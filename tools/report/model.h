@@ -83,8 +83,9 @@ struct Descriptor {
 struct Stop {
     int process = 0;
     std::string_view text;
-    Trace trace; // of the release that found it
-    Trace block; // of the allocation, or of the release before
+    std::string_view words; // the same for people; empty in older reports
+    Trace trace;            // of the release that found it
+    Trace block;            // of the allocation, or of the release before
 
     bool is_double_free() const { return text.starts_with("k42mc detected DF"); }
 };
