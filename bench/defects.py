@@ -13,7 +13,7 @@ SOURCE = pathlib.Path(__file__).resolve().parent.parent / "examples/defects/defe
 KINDS = {
     "overrun": "a write 1 byte past the end, then the release",
     "overrun-kept": "the same, without a release",
-    "underrun": "a write 1 byte ahead of the start, then the release",
+    "underrun": "a write 1 byte before the start, then the release",
     "far-overrun": "a write 287 bytes past the end",
     "double-free": "a second release",
     "double-free-reused": "a second release, when the memory is in use again",

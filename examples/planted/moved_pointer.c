@@ -4,7 +4,8 @@
 #include <string.h>
 
 static char *trim(const char *text) {
-    char *word = strdup(text);
+    char *word = malloc(strlen(text) + 1);
+    strcpy(word, text);
     while (*word == ' ')
         ++word;
     return word;

@@ -109,10 +109,11 @@ void expect_near(char *block, size_t size, ptrdiff_t offset, const std::string &
 }
 
 void lies_in_no_block() {
-    const auto page = size_t(sysconf(_SC_PAGESIZE));
-    auto *const gone = static_cast<char *>(
-        mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    munmap(gone, page);
+    constexpr size_t hole = 64 << 20; // what is mapped next comes to one of its ends
+    auto *const gone =
+        static_cast<char *>(mmap(nullptr, hole, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) +
+        hole / 2;
+    munmap(gone - hole / 2, hole);
     for (const char *address :
          {gone, gone + 16, reinterpret_cast<char *>(16), reinterpret_cast<char *>(-16)})
         expect_stray(address, "in no memory");
