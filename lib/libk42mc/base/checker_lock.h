@@ -28,8 +28,8 @@ inline bool take_checker_lock() {
     return true;
 }
 
-// The same for who must not wait without end: not for a tenth of a second, and not at all where this thread
-// has it, or is in the midst of recording.
+// The same for who must not wait without end: it gives up after a tenth of a second or so, and at once where
+// this thread is printing, or in the midst of recording.
 bool take_checker_lock_in_time();
 
 inline int release_checker_lock() {

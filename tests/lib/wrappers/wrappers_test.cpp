@@ -254,6 +254,30 @@ TEST_P(Wrappers, SayInWordsWhatStopsThem) {
     checker_on();
 }
 
+// Records of what went away unseen do not hide a block that lies around them, and are none themselves.
+TEST_P(Wrappers, KnowTheLiveBlockAroundAnAddress) {
+    constexpr size_t size = 5000;
+    std::vector<char> around(size + overhead, 'x'), elsewhere(size, 'x');
+    const uint32_t arena = family.malloc == families[0].malloc ? K42MC_ARENA_STD : K42MC_ARENA_SHM;
+    auto *const block =
+        static_cast<char *>(k42mc_guard_alloc(arena, 1, around.data(), uint32_t(around.size())));
+    ASSERT_EQ(MCLock(), 1);
+    MCAlloc("a.c", 7, uint16_t(arena - 1), number(block), size);
+    for (char *stale : {block + 1000, block + 1008, block + 1016, block + 3000, elsewhere.data() + 100})
+        MCAlloc("b.c", 8, uint16_t(arena - 1), number(stale), 1000);
+    MCUnlock();
+    for (char *address : {block + 300, block + 1500, block + 2500, block + size - 1}) {
+        const Ended end = expect_defect("WU", [&] { family.free("c.c", 9, address); });
+        expect_notice(end.err,
+                      "a release of an address " + std::to_string(address - block) +
+                          " bytes inside a block of 5000 bytes, allocated at a.c:7",
+                      "allocation");
+    }
+    const Ended end = expect_defect("WU", [&] { family.free("c.c", 9, &elsewhere[500]); });
+    expect_notice(end.err, "a release of what is no block, or of a block whose header was overwritten",
+                  "");
+}
+
 // The registry is asked for what lies there, but not waited for.
 TEST_P(Wrappers, SayWhatTheyCanWhileTheRegistryIsHeld) {
     const Ended end = expect_defect("WU", [&] {
