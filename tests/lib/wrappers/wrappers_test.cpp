@@ -257,13 +257,15 @@ TEST_P(Wrappers, SayInWordsWhatStopsThem) {
 // Records of what went away unseen do not hide a block that lies around them, and are none themselves.
 TEST_P(Wrappers, KnowTheLiveBlockAroundAnAddress) {
     constexpr size_t size = 5000;
-    std::vector<char> around(size + overhead, 'x'), elsewhere(size, 'x');
+    std::vector<char> room(size + overhead + 1000, 'x'), elsewhere(size, 'x');
+    // So that what lies right ahead is in the same granule of the index.
+    char *const raw = room.data() + 256 - number(room.data()) % 128;
     const uint32_t arena = family.malloc == families[0].malloc ? K42MC_ARENA_STD : K42MC_ARENA_SHM;
-    auto *const block =
-        static_cast<char *>(k42mc_guard_alloc(arena, 1, around.data(), uint32_t(around.size())));
+    auto *const block = static_cast<char *>(k42mc_guard_alloc(arena, 1, raw, uint32_t(size + overhead)));
     ASSERT_EQ(MCLock(), 1);
     MCAlloc("a.c", 7, uint16_t(arena - 1), number(block), size);
-    for (char *stale : {block + 1000, block + 1008, block + 1016, block + 3000, elsewhere.data() + 100})
+    for (char *stale :
+         {block - 8, block + 1000, block + 1008, block + 1016, block + 3000, elsewhere.data() + 100})
         MCAlloc("b.c", 8, uint16_t(arena - 1), number(stale), 1000);
     MCUnlock();
     for (char *address : {block + 300, block + 1500, block + 2500, block + size - 1}) {
