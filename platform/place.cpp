@@ -11,8 +11,11 @@
 namespace k42mc::internal::platform {
 namespace {
 
-// A sandbox may refuse the call, which says nothing. What is mapped may still be protected.
+// What cannot be read may be protected. A sandbox may refuse the call, which says nothing; a healthy process
+// never comes to it.
 bool is_unmapped(uintptr_t address) {
+    if (readable(reinterpret_cast<const void *>(address), 1))
+        return false;
     unsigned char resident;
     const uintptr_t page = address & -page_size();
     return mincore(reinterpret_cast<void *>(page), 1, &resident) != 0 && errno == ENOMEM;
