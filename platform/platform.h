@@ -74,6 +74,10 @@ Place place_of(const void *address);
 
 // ---- Threads ----
 
+// Whether the calling thread's stack has room for so many bytes more; true where that is not known. Keeps
+// errno.
+bool has_stack_room(size_t bytes);
+
 // Whether an address lies in the memory that a thread other than the first was given for its stack, by what the
 // C library calls the thread and by its number. False once it has ended. May change errno.
 bool is_on_stack_of(pthread_t thread, uint32_t number, uintptr_t address);

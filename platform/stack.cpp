@@ -127,6 +127,15 @@ Stack find_stack(uintptr_t stack_pointer) {
     return {low, high};
 }
 
+// The first thread's stack grows as long as it is used, and one of the process's own making nobody knows.
+bool has_stack_room(size_t bytes) {
+    const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    const auto control_block = static_cast<uintptr_t>(pthread_self());
+    const Block block = own_block(control_block);
+    return !block.holds(here, control_block) ||
+           (here - block.begin > bytes && readable(reinterpret_cast<const void *>(here - bytes), bytes));
+}
+
 bool is_on_own_stack(uintptr_t address) {
     const auto control_block = static_cast<uintptr_t>(pthread_self());
     const Block block = own_block(control_block);

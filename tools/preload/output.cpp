@@ -24,7 +24,7 @@ void write_defect(const StopNotice &notice) {
         return;
     StackTrace here;
     here.capture(StackTrace::deepest);
-    JsonOutput out(file);
+    static JsonOutput out(file); // once in a process, and the stack may be small
     out->print("{\"kind\":\"defect\",\"pid\":%d,\"text\":", getpid());
     out.string(k42mc_panic_string);
     out->print(",\"words\":");

@@ -59,12 +59,16 @@ void add_distance(Words &words, uintptr_t address, const Allocation &block) {
     words.add_block(block.size);
 }
 
-// The file's name alone: the path is in the stack traces.
+// The file's name alone: the path is in the stack traces. It may be too long for a small stack.
 void add_module(Words &words, const void *pointer) {
-    char path[4096];
+    char path[1024];
     uintptr_t offset;
     const char *behind = static_cast<const char *>(pointer) + 1; // as of a return address
     const size_t length = platform::module_place(behind, path, offset);
+    if (length == sizeof path) {
+        words.add("in the data of a module");
+        return;
+    }
     const auto *slash = static_cast<const char *>(memrchr(path, '/', length));
     const char *name = slash != nullptr ? slash + 1 : path;
     words.add("in the data of %.*s", static_cast<int>(std::min(path + length - name, ptrdiff_t{255})),
@@ -189,7 +193,8 @@ void explain_stop(const Stop &stop) {
     char buffer[512];
     TextOutput out(buffer, STDERR_FILENO);
     out.print("k42mc: %s\n", notice.words);
-    if (record_stop == nullptr)
+    constexpr size_t most_for_traces = 16 << 10; // of stack
+    if (record_stop == nullptr && platform::has_stack_room(most_for_traces))
         put_traces(out, stop, notice);
     out.flush();
     if (record_stop != nullptr)

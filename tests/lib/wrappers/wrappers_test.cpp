@@ -280,6 +280,32 @@ TEST_P(Wrappers, KnowTheLiveBlockAroundAnAddress) {
                   "");
 }
 
+// On a stack as small as the system allows there may be no room for traces, but for the words.
+TEST_P(Wrappers, StopOnSmallStacks) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "frames are larger";
+#endif
+    static auto release = family.free;
+    static char *block;
+    block = static_cast<char *>(family.malloc("a.c", 7, 100));
+    memset(block, 'x', 100);
+    const auto run = [](void *) -> void * { return release("b.c", 8, block + 48), nullptr; };
+    for (const size_t size : {16 << 10, 20 << 10, 24 << 10, 32 << 10}) {
+        const Ended end = expect_defect("WU", [&] {
+            pthread_attr_t attributes;
+            pthread_attr_init(&attributes);
+            pthread_attr_setstacksize(&attributes, size);
+            pthread_t thread;
+            pthread_create(&thread, &attributes, run, nullptr);
+            pthread_join(thread, nullptr);
+        });
+        EXPECT_STARTS(end.err, "k42mc: a release of an address 48 bytes inside a block of 100 bytes, "
+                               "allocated at a.c:7\n");
+        EXPECT_ENDS(end.err, "function \"k42mc_guard_free\"\n");
+    }
+    family.free("a.c", 9, block);
+}
+
 // The registry is asked for what lies there, but not waited for.
 TEST_P(Wrappers, SayWhatTheyCanWhileTheRegistryIsHeld) {
     const Ended end = expect_defect("WU", [&] {
