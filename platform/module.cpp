@@ -157,6 +157,49 @@ SymbolTable memory_symbols(const Module &module) {
 
 } // namespace
 
+bool find_module(uintptr_t address, Module &module, uintptr_t &path) {
+    dl_find_object found;
+    link_map map;
+    if (_dl_find_object(reinterpret_cast<void *>(address), &found) != 0 ||
+        !fetch(own_memory, reinterpret_cast<uintptr_t>(found.dlfo_link_map), map))
+        return false;
+    module = {reinterpret_cast<uintptr_t>(found.dlfo_map_start),
+              reinterpret_cast<uintptr_t>(found.dlfo_map_end), map.l_addr,
+              reinterpret_cast<uintptr_t>(map.l_ld)};
+    path = reinterpret_cast<uintptr_t>(map.l_name);
+    return true;
+}
+
+bool has_segment_at(const Module &module, uintptr_t address) {
+    FileHeader header;
+    if (!fetch(own_memory, module.begin, header) || memcmp(header.e_ident, ELFMAG, SELFMAG) != 0)
+        return false;
+    for (size_t i = 0; i < header.e_phnum; ++i) {
+        ProgramHeader segment;
+        if (!fetch(own_memory, module.begin + header.e_phoff + i * sizeof segment, segment))
+            return false;
+        if (segment.p_type == PT_LOAD && address - (module.base + segment.p_vaddr) < segment.p_memsz)
+            return true;
+    }
+    return false;
+}
+
+bool defines(const Module &module, const char *name) {
+    const size_t size = strlen(name) + 1;
+    const SymbolTable table = memory_symbols(module);
+    for (size_t i = 0; i < table.count; ++i) {
+        Symbol symbol;
+        char text[64];
+        if (!fetch(table.source, table.symbols + i * sizeof symbol, symbol))
+            return false;
+        if (symbol.st_shndx != SHN_UNDEF && !is_local(symbol) &&
+            fetch(table.source, table.strings + symbol.st_name, text, size) == size &&
+            memcmp(text, name, size) == 0)
+            return true;
+    }
+    return false;
+}
+
 size_t find_function(const Module &module, int file, uintptr_t address, std::span<char> name,
                      uintptr_t &function) {
     const uintptr_t value = address - module.base;

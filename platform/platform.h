@@ -67,7 +67,23 @@ bool readable(const void *address, size_t size);
 void *map_memory(size_t size);
 void unmap_memory(void *memory, size_t size);
 
+// What an address belongs to, as far as the system and the loader know: nothing is mapped there; the stack of
+// the calling thread, or of the first one; a segment of a module, or of one that may have an allocator of its
+// own over its data. Unknown is all other memory, and what nobody says anything about.
+enum class Place { unknown, nothing, this_stack, first_stack, module, allocators_module };
+
+// Allocates nothing, waits for nobody, keeps errno.
+Place place_of(const void *address);
+
 // ---- Threads ----
+
+// Whether the calling thread's stack has room for so many bytes more; true where that is not known. Keeps
+// errno.
+bool has_stack_room(size_t bytes);
+
+// Whether an address lies in the memory that a thread other than the first was given for its stack, by what the
+// C library calls the thread and by its number. False once it has ended. May change errno.
+bool is_on_stack_of(pthread_t thread, uint32_t number, uintptr_t address);
 
 // Whether any thread holds a mutex, at this moment.
 inline bool is_held(const pthread_mutex_t &mutex) {

@@ -8,11 +8,13 @@
 // process protects within it is not in use.
 #include "platform/stack.h"
 
+#include "platform/bytes.h"
 #include "platform/platform.h"
 
 #include <atomic>
 
 #include <pthread.h>
+#include <unistd.h>
 
 extern "C" {
 extern void *__libc_stack_end;
@@ -38,6 +40,10 @@ constexpr uintptr_t foreign_pages = 16;
 // nobody without an allocation, which a signal handler must not make.
 struct Block {
     uintptr_t begin, size;
+
+    bool holds(uintptr_t address, uintptr_t control_block) const {
+        return size != 0 && address >= begin && address < control_block;
+    }
 
     // The control block lies at the end, and nothing behind it but what aligns it. No other two words of
     // the control block add up to that: small numbers and addresses of its own do, but for the limits.
@@ -70,6 +76,16 @@ Block own_block(uintptr_t control_block) {
         gBlockOffset.store(offset = find_block_offset(control_block), std::memory_order_relaxed);
     const Block block = *reinterpret_cast<const Block *>(control_block + offset);
     return offset != 0 && block.ends_behind(control_block) ? block : Block{0, 0};
+}
+
+// Where a control block has the thread's number, ahead of the stack's memory; 0 where that is not found.
+uintptr_t find_number_offset(uintptr_t end) {
+    const auto control_block = static_cast<uintptr_t>(pthread_self());
+    const auto number = static_cast<uint32_t>(gettid());
+    for (uintptr_t offset = sizeof number; offset < end; offset += sizeof number)
+        if (*reinterpret_cast<const uint32_t *>(control_block + offset) == number)
+            return offset;
+    return 0;
 }
 
 // ---- What is known of the thread ----
@@ -109,6 +125,44 @@ Stack find_stack(uintptr_t stack_pointer) {
         if (!readable(reinterpret_cast<const void *>(high), page))
             break;
     return {low, high};
+}
+
+// The first thread's stack grows as long as it is used, and one of the process's own making nobody knows.
+bool has_stack_room(size_t bytes) {
+    const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    const auto control_block = static_cast<uintptr_t>(pthread_self());
+    const Block block = own_block(control_block);
+    return !block.holds(here, control_block) ||
+           (here - block.begin > bytes && readable(reinterpret_cast<const void *>(here - bytes), bytes));
+}
+
+bool is_on_own_stack(uintptr_t address) {
+    const auto control_block = static_cast<uintptr_t>(pthread_self());
+    const Block block = own_block(control_block);
+    return block.size != 0 ? block.holds(address, control_block) : is_on_first_stack(address);
+}
+
+// It ends behind what the program was started with, its arguments and environment.
+bool is_on_first_stack(uintptr_t address) {
+    constexpr uintptr_t most_arguments = 6u << 20;
+    const auto start = reinterpret_cast<uintptr_t>(__libc_stack_end);
+    if (address < start)
+        return start - address <= deepest_start &&
+               readable(reinterpret_cast<const void *>(address), start - address);
+    return address - start <= most_arguments && readable(__libc_stack_end, address - start + 1);
+}
+
+// A thread's number is in its control block, and the system takes it away when the thread ends, ahead of all
+// who wait for that. So a stack is not taken for one in use where it has already become something else.
+bool is_on_stack_of(pthread_t thread, uint32_t number, uintptr_t address) {
+    const auto control_block = static_cast<uintptr_t>(thread);
+    const uintptr_t block_offset = gBlockOffset.load(std::memory_order_relaxed);
+    const uintptr_t number_offset = find_number_offset(block_offset);
+    Block block;
+    uint32_t current;
+    return number_offset != 0 && fetch(own_memory, control_block + block_offset, block) &&
+           block.ends_behind(control_block) && block.holds(address, control_block) &&
+           fetch(own_memory, control_block + number_offset, current) && current == number;
 }
 
 } // namespace k42mc::internal::platform

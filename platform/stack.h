@@ -25,6 +25,11 @@ inline Stack stack_of(uintptr_t stack_pointer) {
     return stack_pointer >= own.low && stack_pointer < own.high ? own : find_stack(stack_pointer);
 }
 
+// Whether an address lies in the memory that the stack of the calling thread was given, or that of the first
+// thread, wherever on it the threads are.
+bool is_on_own_stack(uintptr_t address);
+bool is_on_first_stack(uintptr_t address);
+
 // For an address that the stack holds.
 inline uintptr_t load(uintptr_t address) {
     return *reinterpret_cast<const uintptr_t *>(address);

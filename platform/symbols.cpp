@@ -42,20 +42,6 @@ struct Line {
 constexpr size_t most_path_bytes = 4096;
 constexpr const char *own_executable = "/proc/self/exe";
 
-// Without the loader's lock, which may be held by a thread that waits for one of this library's.
-bool find_module(uintptr_t address, Module &module, uintptr_t &path) {
-    dl_find_object found;
-    link_map map;
-    if (_dl_find_object(reinterpret_cast<void *>(address), &found) != 0 ||
-        !fetch(own_memory, reinterpret_cast<uintptr_t>(found.dlfo_link_map), map))
-        return false;
-    module = {reinterpret_cast<uintptr_t>(found.dlfo_map_start),
-              reinterpret_cast<uintptr_t>(found.dlfo_map_end), map.l_addr,
-              reinterpret_cast<uintptr_t>(map.l_ld)};
-    path = reinterpret_cast<uintptr_t>(map.l_name);
-    return true;
-}
-
 bool is_executable(const Module &module) {
     const uintptr_t program_headers = getauxval(AT_PHDR);
     return program_headers >= module.begin && program_headers < module.end;

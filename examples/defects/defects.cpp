@@ -41,6 +41,19 @@ void double_free(int allocations_between) {
     _exit(0); // whoever has it now still believes in it
 }
 
+void release_inside() {
+    block = static_cast<char *>(malloc(13));
+    free(block + 5);
+    reached("defect");
+}
+
+void release_on_stack() {
+    char variable[13];
+    block = variable;
+    free(block);
+    reached("defect");
+}
+
 void use_after_free(bool writes) {
     block = static_cast<char *>(malloc(200));
     free(block);
@@ -112,6 +125,10 @@ int main(int, char **argv) {
         double_free(1);
     else if (kind == "mixed")
         mix_families();
+    else if (kind == "free-inside")
+        release_inside();
+    else if (kind == "free-on-stack")
+        release_on_stack();
     else if (kind == "write-after-free")
         use_after_free(true);
     else if (kind == "read-after-free")

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <filesystem>
+#include <iostream>
 #include <link.h>
 #include <random>
 #include <span>
@@ -19,6 +20,8 @@ int shim_trace(void **frames, int most);
 void shim_call(void (*hook)());
 void shim_symbols(void *const *frames, int count, int descriptor);
 int shim_readable(const void *address, size_t size);
+int shim_place_of(const void *address);
+bool shim_is_on_stack_of(pthread_t thread, uint32_t number, const void *address);
 const char *shim_progname();
 void shim_assertion_failed();
 }
@@ -259,6 +262,83 @@ TEST(Memory, SaysWhatCanBeRead) {
     EXPECT_TRUE(shim_readable(nullptr, 0));
     EXPECT_EQ(errno, ERANGE);
     munmap(pages, 3 * page);
+}
+
+// As platform.h has them.
+enum Place { unknown, nothing, own_stack, first_stack, module, allocators_module };
+
+int in_data;
+const int in_constants = 1;
+
+TEST(Memory, SaysWhatAnAddressBelongsTo) {
+    const auto page = size_t(sysconf(_SC_PAGESIZE));
+    const int kind = MAP_PRIVATE | MAP_ANONYMOUS;
+    auto *const pages = static_cast<char *>(mmap(nullptr, 3 * page, PROT_READ, kind, -1, 0));
+    mprotect(pages, page, PROT_NONE);
+    munmap(pages + page, page);
+    const std::string in_heap(100, ' ');
+    errno = ERANGE;
+    EXPECT_EQ(shim_place_of(&page), own_stack);
+    EXPECT_EQ(shim_place_of(reinterpret_cast<const char *>(&page) - 5000), own_stack)
+        << "of a call that is over";
+    EXPECT_EQ(shim_place_of(getenv("PATH")), own_stack);
+    EXPECT_EQ(shim_place_of(&in_data), module);
+    EXPECT_EQ(shim_place_of(&in_constants), module);
+    EXPECT_EQ(shim_place_of(stdin), module) << "the C library";
+    EXPECT_EQ(shim_place_of(std::cout.rdbuf()), allocators_module);
+    EXPECT_EQ(shim_place_of((void *)_r_debug.r_ldbase), allocators_module) << "the loader";
+    EXPECT_EQ(shim_place_of(in_heap.data()), unknown);
+    EXPECT_EQ(shim_place_of(pages), unknown);
+    EXPECT_EQ(shim_place_of(pages + 2 * page), unknown);
+    for (const char *address :
+         {pages + page, pages + 2 * page - 1, (char *)8, (char *)-8, (char *)nullptr})
+        EXPECT_EQ(shim_place_of(address), nothing) << (void *)address;
+    EXPECT_EQ(errno, ERANGE);
+    munmap(pages, page);
+    munmap(pages + 2 * page, page);
+}
+
+// A thread on a stack of the test's own, which is there when the thread is gone.
+TEST(Memory, SaysOnWhichThreadsStackAnAddressLies) {
+    struct Thread {
+        const int *on_first;
+        std::atomic<int *> variable = nullptr;
+        std::atomic<uint32_t> number = 0;
+        std::atomic<bool> may_end = false;
+    };
+    const int on_first = 0;
+    Thread thread{&on_first};
+    const auto run = [](void *argument) -> void * {
+        auto &thread = *static_cast<Thread *>(argument);
+        int variable = 0;
+        Chain::outer(); // a walk, which finds the stack
+        EXPECT_EQ(shim_place_of(&variable), own_stack);
+        EXPECT_EQ(shim_place_of(thread.on_first), first_stack);
+        thread.number = uint32_t(gettid());
+        thread.variable = &variable;
+        while (!thread.may_end)
+            usleep(100);
+        return nullptr;
+    };
+    constexpr size_t size = 1 << 20;
+    void *const stack = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, stack, size);
+    pthread_t started;
+    ASSERT_EQ(pthread_create(&started, &attributes, run, &thread), 0);
+    while (thread.variable == nullptr)
+        usleep(100);
+    EXPECT_EQ(shim_place_of(thread.variable), unknown);
+    EXPECT_TRUE(shim_is_on_stack_of(started, thread.number, thread.variable));
+    EXPECT_FALSE(shim_is_on_stack_of(started, thread.number, &on_first));
+    EXPECT_FALSE(shim_is_on_stack_of(started, thread.number + 1, thread.variable));
+    EXPECT_FALSE(shim_is_on_stack_of(pthread_t(0), thread.number, thread.variable));
+    thread.may_end = true;
+    pthread_join(started, nullptr);
+    EXPECT_FALSE(shim_is_on_stack_of(started, thread.number, thread.variable));
+    pthread_attr_destroy(&attributes);
+    munmap(stack, size);
 }
 
 TEST(ProcessDeathTest, KnowsItsNameAndStopsOnAFailedAssertion) {

@@ -62,6 +62,14 @@ int shim_follow(uintptr_t module_begin, uintptr_t module_end, uintptr_t address,
     return 3;
 }
 
+int shim_place_of(const void *address) {
+    return static_cast<int>(platform::place_of(address));
+}
+
+bool shim_is_on_stack_of(pthread_t thread, uint32_t number, const void *address) {
+    return platform::is_on_stack_of(thread, number, reinterpret_cast<uintptr_t>(address));
+}
+
 const char *shim_progname() {
     return platform::progname();
 }

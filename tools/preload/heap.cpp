@@ -5,6 +5,7 @@
 #include "platform/trace_buffer.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/exported.h"
+#include "tools/preload/foreign.h"
 #include "tools/preload/next_heap.h"
 #include "tools/preload/operators.h"
 #include "tools/preload/own_allocator.h"
@@ -62,8 +63,12 @@ void *allocate(const void *caller, size_t size) {
 void *resize(const void *caller, void *ptr, size_t size) {
     if (ptr == nullptr)
         return allocate(caller, size);
-    if (for_checker(caller) || !is_guarded(ptr))
+    if (for_checker(caller))
         return resize_plain(ptr, size);
+    if (!is_guarded(ptr)) {
+        stop_unless_foreign(MC_STD, ptr);
+        return resize_plain(ptr, size);
+    }
     const InsideChecker inside;
     return k42mcx_realloc(site_of(caller), 0, ptr, size);
 }
@@ -87,6 +92,7 @@ void release(const void *caller, void *ptr) {
         return;
     }
     if (!is_guarded(ptr)) {
+        stop_unless_foreign(MC_STD, ptr);
         release_plain(ptr);
         return;
     }

@@ -3,6 +3,7 @@
 #include "tools/preload/operators.h"
 
 #include "tools/preload/depth.h"
+#include "tools/preload/foreign.h"
 #include "tools/preload/own_allocator.h"
 #include "tools/preload/site.h"
 #include "wrappers/k42MC.h"
@@ -100,6 +101,7 @@ void release(const void *caller, int type, void *block) {
     if (block == nullptr)
         return;
     if (!is_guarded(block)) {
+        stop_unless_foreign(static_cast<uint16_t>(shown_type(type)), block);
         free(block);
         return;
     }

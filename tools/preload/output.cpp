@@ -2,12 +2,12 @@
 
 #include "base/json_output.h"
 #include "base/printing.h"
-#include "k42mc_debug.h"
 #include "memcheck/sink.h"
 #include "stack_trace.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
 #include "tools/preload/report_files.h"
+#include "wrappers/notice.h"
 
 #include <algorithm>
 #include <string.h>
@@ -20,27 +20,24 @@ using namespace k42mc::internal;
 constinit bool stopped_by_defect = false;
 
 // The process is about to stop in the midst of an operation: nothing here allocates or takes a lock.
-void write_defect(std::span<const uintptr_t> block_trace) {
+void write_defect(const StopNotice &notice) {
     const InsideChecker inside;
     const Printing printing;
     const int file = json_file.descriptor();
     stopped_by_defect = true;
     if (file < 0)
         return;
-    void *others[K42MC_GUARD_TRACE];
-    size_t count = 0;
-    for (const uintptr_t address : block_trace)
-        if (address != 0 && count < K42MC_GUARD_TRACE)
-            others[count++] = reinterpret_cast<void *>(address);
     StackTrace here;
     here.capture(StackTrace::deepest);
-    JsonOutput out(file);
+    static JsonOutput out(file); // once in a process, and the stack may be small
     out->print("{\"kind\":\"defect\",\"pid\":%d,\"text\":", getpid());
     out.string(k42mc_panic_string);
+    out->print(",\"words\":");
+    out.string(notice.words);
     out->print(",");
     out.chain("chain", here.innermost(StackTrace::deepest));
     out->print(",");
-    out.chain("block", {others, count});
+    out.chain("block", notice.trace());
     out->print("}\n");
     out->flush();
 }
@@ -93,7 +90,7 @@ bool open_outputs() {
     if (!find_report_folder() || !create_report_files())
         return false;
     borrow_sink(text_descriptor);
-    at_defect = write_defect;
+    record_stop = write_defect;
     return true;
 }
 

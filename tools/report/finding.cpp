@@ -32,13 +32,18 @@ Finding ending_of(const Stop &stop) {
 Finding finding_of(const Stop &stop) {
     if (!stop.signal.empty())
         return ending_of(stop);
-    const std::string text(stop.text.substr(0, stop.text.find(" trace buffer")));
-    return {.kind = Finding::Kind::stopped,
-            .what = "stopped",
-            .title = text,
-            .trails = {{"released by", stop.trace},
-                       {stop.is_double_free() ? "released before by" : "allocated by", stop.block}},
-            .process = stop.process};
+    std::string title(stop.text.substr(0, stop.text.find(" trace buffer")));
+    if (!stop.words.empty())
+        title.append(": ").append(stop.words);
+    Finding finding = {.kind = Finding::Kind::stopped,
+                       .what = "stopped",
+                       .title = std::move(title),
+                       .trails = {{"released by", stop.trace}},
+                       .process = stop.process};
+    if (!stop.block.empty())
+        finding.trails.push_back(
+            {stop.is_double_free() ? "released before by" : "allocated by", stop.block});
+    return finding;
 }
 
 std::string allocation_of(const Site &site) {

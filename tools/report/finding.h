@@ -17,7 +17,9 @@ struct Finding {
     enum class Kind { unchecked, note, stopped, crashed, ended, damaged, misused_descriptor, left_open };
 
     // The first two and an ending that somebody asked for are for the reader to know: nothing is wrong.
-    bool is_fault() const { return kind != Kind::unchecked && kind != Kind::note && kind != Kind::ended; }
+    bool is_fault() const {
+        return kind != Kind::unchecked && kind != Kind::note && kind != Kind::ended;
+    }
 
     Kind kind;
     std::string what;          // the same for all of its kind: "written past the end (WO)"

@@ -218,6 +218,7 @@ private:
 
     void add_stop(const Json &line) {
         process().stops.push_back({number_in<int>(line, "pid"), report_.text(text_in(line, "text")),
+                                   line.contains("words") ? report_.text(text_in(line, "words")) : "",
                                    report_.trace(trace_in(line)),
                                    report_.trace(trace_in(line, "block"))});
     }
@@ -228,11 +229,12 @@ private:
         std::string text = "ended by " + std::string(signal);
         if (line.contains("address"))
             text += " at address " + std::string(text_in(line, "address"));
-        process().stops.push_back({number_in<int>(line, "pid"),
-                                   report_.text(text),
-                                   report_.trace(trace_in(line)),
-                                   {},
-                                   report_.text(signal)});
+        process().stops.push_back({.process = number_in<int>(line, "pid"),
+                                   .text = report_.text(text),
+                                   .words = {},
+                                   .trace = report_.trace(trace_in(line)),
+                                   .block = {},
+                                   .signal = report_.text(signal)});
     }
 
     void add_descriptor(const Json &line) {

@@ -83,9 +83,10 @@ struct Descriptor {
 struct Stop {
     int process = 0;
     std::string_view text;
+    std::string_view words;       // the same for people; empty in older reports
     Trace trace;                  // of the release that found it, or of where the signal struck
     Trace block;                  // of the allocation, or of the release before
-    std::string_view signal = {}; // its name
+    std::string_view signal = {}; // its name, where it was one
 
     bool is_double_free() const { return text.starts_with("k42mc detected DF"); }
 };

@@ -1,6 +1,5 @@
 #include "k42mc_debug.h"
 
-#include <array>
 #include <bit>
 #include <errno.h>
 #include <stdarg.h>
@@ -96,14 +95,6 @@ struct Layout {
     int log2_alignment;
 };
 
-// What is wrong with a block, in the terms of the defect line.
-struct Finding {
-    int defect = K42MC_DEFECT_NONE;
-    uintptr_t arena = K42MC_ARENA_UNKNOWN; // that the block was allocated in
-    uintptr_t size = 0;
-    std::array<uintptr_t, K42MC_GUARD_TRACE> trace{};
-};
-
 void store_trace(Word *words, std::span<void *const> frames) {
     if (frames.size() == K42MC_GUARD_TRACE) [[likely]] {
         __builtin_memcpy(words, frames.data(), K42MC_GUARD_TRACE * sizeof *words);
@@ -149,15 +140,15 @@ uintptr_t distance(uintptr_t user, uintptr_t tail) {
     return tail > user ? tail - user : 0;
 }
 
-Finding underflow(const Word *header, uintptr_t size) {
+Defect underflow(const Word *header, uintptr_t size) {
     return {K42MC_DEFECT_WU, K42MC_ARENA_UNKNOWN, size, load_trace(header + trace_word)};
 }
 
 // The header remembers the tail's address, but the memory may have had another owner since.
-Finding double_free(const Word *header, uintptr_t user) {
+Defect double_free(const Word *header, uintptr_t user) {
     const uintptr_t tail = header[freed_tail_word].value;
     if (tail < user || !platform::readable(pointer_to(tail), guard_bytes))
-        return {.defect = K42MC_DEFECT_DF};
+        return {.code = K42MC_DEFECT_DF};
     const Word *words = words_at(tail);
     return {K42MC_DEFECT_DF, known_arena(words[arena_word].value), distance(user, tail),
             load_trace(words + freed_trace_word)};
@@ -188,10 +179,10 @@ bool tail_readable(uintptr_t user, uintptr_t tail, KnownBlock known) {
     return platform::readable(pointer_to(tail), guard_bytes);
 }
 
-Finding examine(uint32_t arena, uintptr_t user, KnownBlock known, Layout &layout) {
+Defect examine(uint32_t arena, uintptr_t user, KnownBlock known, Layout &layout) {
     const Word *header = words_at(user - guard_bytes);
     if (!known.header_readable && !platform::readable(header, guard_bytes))
-        return {.defect = K42MC_DEFECT_WU};
+        return {.code = K42MC_DEFECT_WU};
     if (header[magic_word].value != magic)
         return was_freed(header) ? double_free(header, user) : underflow(header, 0);
     if (!decode_header(header, layout))
@@ -222,13 +213,14 @@ Finding examine(uint32_t arena, uintptr_t user, KnownBlock known, Layout &layout
     va_end(arguments);
 }
 
-void describe(const Finding &finding, uint32_t arena, uintptr_t user) {
+void describe(const Stop &stop) {
+    const Defect &defect = stop.defect;
     size_t length = 0;
     append(length, "k42mc detected %s: alloc(%s) free(%s) usrPtr(%p) usrSize(%zu)",
-           k42mc_defect_desc[finding.defect], k42mc_arena_desc[finding.arena],
-           k42mc_arena_desc[known_arena(arena)], pointer_to(user), static_cast<size_t>(finding.size));
+           k42mc_defect_desc[defect.code], k42mc_arena_desc[defect.arena],
+           k42mc_arena_desc[known_arena(stop.arena)], stop.user, static_cast<size_t>(defect.size));
     append(length, " trace buffer:");
-    for (const uintptr_t frame : finding.trace)
+    for (const uintptr_t frame : defect.trace)
         append(length, " %#lx", static_cast<unsigned long>(frame));
 }
 
@@ -246,15 +238,6 @@ void print_defect_line() {
     }
 }
 
-[[noreturn]] void stop(const Finding &finding, uint32_t arena, uintptr_t user) {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // nothing runs after the report
-    describe(finding, arena, user);
-    print_defect_line();
-    if (at_defect != nullptr)
-        at_defect(finding.trace);
-    platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");
-}
-
 void mark_as_freed(uintptr_t user, const Layout &layout) {
     StackTrace trace;
     trace.capture(K42MC_GUARD_TRACE);
@@ -268,7 +251,14 @@ void mark_as_freed(uintptr_t user, const Layout &layout) {
 
 } // namespace
 
-constinit DefectListener at_defect = nullptr;
+void stop_process(const Stop &stop, StopListener listener) {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // nothing runs after the report
+    describe(stop);
+    print_defect_line();
+    if (listener != nullptr)
+        listener(stop);
+    platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");
+}
 
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,
                   const StackTrace &trace) {
@@ -287,13 +277,13 @@ void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size
     return pointer_to(user);
 }
 
-ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known) {
+ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known, StopListener listener) {
     const int saved_errno = errno;
     Layout layout{};
     const uintptr_t address = address_of(user);
-    const Finding finding = examine(arena, address, known, layout);
-    if (finding.defect != K42MC_DEFECT_NONE) [[unlikely]]
-        stop(finding, arena, address);
+    const Defect defect = examine(arena, address, known, layout);
+    if (defect.code != K42MC_DEFECT_NONE) [[unlikely]]
+        stop_process({defect, arena, user, known}, listener);
     mark_as_freed(address, layout);
     errno = saved_errno;
     return {.raw = pointer_to(layout.raw),
@@ -306,9 +296,9 @@ int live_defect(uint32_t arena, const void *user, size_t size) {
     const uintptr_t address = address_of(user);
     const uintptr_t tail = address + size;
     Layout layout{};
-    const Finding finding = examine(arena, address, {.header_readable = true, .tail = tail}, layout);
+    const Defect defect = examine(arena, address, {.header_readable = true, .tail = tail}, layout);
     if (layout.tail == tail) [[likely]]
-        return finding.defect == K42MC_DEFECT_NONE ? K42MC_DEFECT_NONE : K42MC_DEFECT_WO;
+        return defect.code == K42MC_DEFECT_NONE ? K42MC_DEFECT_NONE : K42MC_DEFECT_WO;
     const Word *header = words_at(address - guard_bytes);
     if (header[magic_word].value == magic || carries_pattern(words_at(tail), tail_words))
         return K42MC_DEFECT_WU;
@@ -325,12 +315,25 @@ BlockState state_of(const void *user) {
         return BlockState::live;
     // The system's allocator keeps links of its own in the first four words of free memory. All of the
     // others, where one would do for a block known to be guarded: no block of anybody else's may be taken
-    // for a freed one.
+    // for a freed one. Where that allocator has handed out a block at just this address, the words ahead may
+    // be old marks, but the last of them is the size of its own block, and no address of a tail.
     for (size_t i = 4; i < free_words.size(); ++i) {
         if (header[i].value != free_words[i])
             return BlockState::none;
     }
-    return BlockState::freed;
+    return header[freed_tail_word].value >= address ? BlockState::freed : BlockState::none;
+}
+
+BlockState probed_state_of(const void *user) {
+    const Word *header = words_at(address_of(user) - guard_bytes);
+    return platform::readable(header, guard_bytes) ? state_of(user) : BlockState::none;
+}
+
+bool has_guards(const void *user, size_t size) {
+    if (probed_state_of(user) == BlockState::live)
+        return true;
+    const Word *tail = words_at(address_of(user) + size);
+    return platform::readable(tail, guard_bytes) && carries_pattern(tail, tail_words);
 }
 
 bool guarded_size(const void *user, size_t *size) {
@@ -354,7 +357,7 @@ void *k42mc_guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t ra
 }
 
 void *k42mc_guard_free(uint32_t arena, void *user) {
-    return guard_release(arena, user, {.header_readable = false, .tail = 0}).raw;
+    return guard_release(arena, user, {.header_readable = false, .tail = 0}, nullptr).raw;
 }
 
 K42MC_EXPORT(k42mc_guard_alloc);

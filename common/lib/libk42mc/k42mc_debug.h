@@ -4,6 +4,8 @@
 #include "linkage/linkage.h"
 #include "stack_trace.h"
 
+#include <array>
+
 namespace k42mc::internal {
 
 // Pages are at least as large: what can be read of one can be read to its end.
@@ -13,7 +15,8 @@ inline constexpr uintptr_t smallest_page = 4096;
 // first, at the price of a system call.
 struct KnownBlock {
     bool header_readable; // false: a pointer from anywhere
-    uintptr_t tail;       // where the registry expects the tail, which is readable then; 0: no idea
+    uint32_t site = 0; // what the registry calls its allocation, for who explains a defect; 0: nothing
+    uintptr_t tail;    // where the registry expects the tail, which is readable then; 0: no idea
 };
 
 // A block whose guards were found sound.
@@ -24,20 +27,44 @@ struct ReleasedBlock {
     uint32_t alignment; // 1 for none
 };
 
-// Called ahead of the abort on a defect, with the trace that the defect line shows. Null for nobody.
-using DefectListener = void (*)(std::span<const uintptr_t> trace);
-extern DefectListener at_defect;
+// What is wrong with a block, in the terms of the defect line.
+struct Defect {
+    int code = K42MC_DEFECT_NONE;
+    uintptr_t arena = K42MC_ARENA_UNKNOWN; // that the block was allocated in
+    uintptr_t size = 0;
+    std::array<uintptr_t, K42MC_GUARD_TRACE> trace{};
+};
+
+// A release that stops the process.
+struct Stop {
+    Defect defect;
+    uint32_t arena; // that the block was to go back to
+    const void *user;
+    KnownBlock known;
+};
+
+// Called between the defect line and the abort. Null for nobody.
+using StopListener = void (*)(const Stop &stop);
+
+[[noreturn]] void stop_process(const Stop &stop, StopListener listener);
 
 // As k42mc_guard_alloc, with a trace that was captured before.
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,
                   const StackTrace &trace);
 
 // As k42mc_guard_free, and tells what the block's header said before it was marked as freed.
-ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known);
+ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known, StopListener listener);
 
 // What the words ahead of a block of anybody's say: where guarded blocks and the system allocator's meet.
+// The block itself must be readable.
 enum class BlockState { none, live, freed };
 BlockState state_of(const void *user);
+
+// The same for a pointer from anywhere.
+BlockState probed_state_of(const void *user);
+
+// Whether header or tail are those of a live block of this size. Looks before it reads.
+bool has_guards(const void *user, size_t size);
 
 // The user size that a sound header implies; false when the header is none. Reads only the header, which
 // must be readable.

@@ -4,6 +4,23 @@ namespace k42mc::internal {
 
 constinit thread_local bool thread_is_printing = false;
 
+bool take_checker_lock_in_time() {
+    constexpr int most_tries = 1000;
+    if (thread_is_forking)
+        return true;
+    if (thread_is_printing || (own_visitor != nullptr &&
+                               own_visitor->place.load(std::memory_order_relaxed) != Visitor::outside))
+        return false;
+    for (int tries = 0; pthread_mutex_trylock(&gMCLock) != 0; ++tries) {
+        if (tries == most_tries)
+            return false;
+        platform::sleep_briefly();
+    }
+    note_locked(LockRank::checker);
+    see_visitors_out();
+    return true;
+}
+
 } // namespace k42mc::internal
 
 using namespace k42mc::internal;

@@ -28,6 +28,10 @@ inline bool take_checker_lock() {
     return true;
 }
 
+// The same for who must not wait without end: it gives up after a tenth of a second or so, and at once where
+// this thread is printing, or in the midst of recording.
+bool take_checker_lock_in_time();
+
 inline int release_checker_lock() {
     gate_passes.fetch_add(1, std::memory_order_release);
     return unlock(gMCLock, LockRank::checker);

@@ -21,6 +21,7 @@ bool adopt(Visitor &visitor, uint64_t self) {
         !visitor.owner.compare_exchange_strong(owner, self, std::memory_order_acquire))
         return false;
     visitor.place.exchange(Visitor::outside, std::memory_order_acquire);
+    visitor.thread.store(pthread_self(), std::memory_order_relaxed);
     return true;
 }
 
@@ -52,6 +53,7 @@ void see_out(Visitor &visitor) {
 
 void add_visitor(Visitor &visitor) {
     visitor.owner.store(platform::own_thread(), std::memory_order_relaxed);
+    visitor.thread.store(pthread_self(), std::memory_order_relaxed);
     visitor.next = all_visitors.load(std::memory_order_relaxed);
     while (!all_visitors.compare_exchange_weak(visitor.next, &visitor))
         ;
@@ -77,6 +79,18 @@ bool adopt_visitor() {
     }
     next_to_ask.store(visitor, std::memory_order_release);
     return own_visitor != nullptr;
+}
+
+bool is_on_visitors_stack(uintptr_t address) {
+    const Visitor *visitor = all_visitors.load(std::memory_order_acquire);
+    for (; visitor != nullptr; visitor = visitor->next) {
+        const uint64_t owner = visitor->owner.load(std::memory_order_relaxed);
+        const pthread_t thread = visitor->thread.load(std::memory_order_relaxed);
+        if (platform::is_of_this_process(owner) &&
+            platform::is_on_stack_of(thread, static_cast<uint32_t>(owner), address))
+            return true;
+    }
+    return false;
 }
 
 void see_visitors_out() {

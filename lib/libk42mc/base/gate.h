@@ -28,6 +28,7 @@ struct Visitor {
     std::atomic<uint32_t> place = outside;
     std::atomic<uint64_t> owner = 0; // as the system numbers threads; 0: nobody's yet
     Visitor *next = nullptr;         // in the list of all
+    std::atomic<pthread_t> thread{}; // as the C library calls it
 
     // Returns whether nobody holds gMCLock. It is inside then, until it leaves.
     bool enter();
@@ -57,6 +58,9 @@ void add_visitor(Visitor &visitor);
 
 // Makes one the calling thread's whose thread has ended. Returns false where none was found. Keeps errno.
 bool adopt_visitor();
+
+// Whether an address lies on the stack of a thread that has recorded and has not ended. May change errno.
+bool is_on_visitors_stack(uintptr_t address);
 
 // With gMCLock held: returns when no other thread is inside.
 void see_visitors_out();

@@ -3,6 +3,8 @@
 #include "memcheck/records_lock.h"
 #include "platform/platform.h"
 
+#include <algorithm>
+
 namespace k42mc::internal {
 
 constinit std::atomic<IndexNode *> gMCIndex[1u << IndexPlace::top_bits] = {};
@@ -47,6 +49,27 @@ IndexEntry *map_entry(uintptr_t address) {
     return leaf != nullptr ? &leaf->entries[place.entry] : nullptr;
 }
 
+uint32_t find_last_record(uintptr_t address) {
+    constexpr uintptr_t leaf_granules = uintptr_t{1} << IndexLeaf::bits;
+    constexpr uintptr_t node_granules = leaf_granules << IndexNode::bits;
+    constexpr uintptr_t granules = uintptr_t{1} << (IndexPlace::address_bits - IndexPlace::granule_bits);
+    uintptr_t granule = std::min(address >> IndexPlace::granule_bits, granules - 1);
+    for (;; --granule) {
+        const IndexPlace place(granule << IndexPlace::granule_bits);
+        const IndexNode *node = gMCIndex[place.node].load(std::memory_order_acquire);
+        const IndexLeaf *leaf =
+            node != nullptr ? node->leaves[place.leaf].load(std::memory_order_acquire) : nullptr;
+        if (node == nullptr)
+            granule &= -node_granules;
+        else if (leaf == nullptr)
+            granule &= -leaf_granules;
+        else if (const uint32_t number = leaf->entries[place.entry].find_last(address))
+            return number;
+        if (granule == 0)
+            return 0;
+    }
+}
+
 void unmap_index() {
     for (auto &pointer : gMCIndex) {
         IndexNode *node = pointer.load(std::memory_order_relaxed);
@@ -70,6 +93,24 @@ uint32_t IndexEntry::find(uintptr_t address) const {
             return number;
     }
     return 0;
+}
+
+uint32_t IndexEntry::find_last(uintptr_t address) const {
+    const uint32_t value = load();
+    uint32_t last = 0;
+    const auto consider = [&](uint32_t number) {
+        const uintptr_t found = record_at(number).address;
+        if (found <= address && (last == 0 || found > record_at(last).address))
+            last = number;
+    };
+    if (!is_chain(value)) {
+        if (value != 0)
+            consider(value);
+        return last;
+    }
+    for (uint32_t link = value & ~chain; link != 0; link = next_of(link))
+        consider(linked(link));
+    return last;
 }
 
 bool IndexEntry::add(uint32_t number, FreeRecords &free_records) {

@@ -32,9 +32,10 @@ public:
     // What it holds when it leads to nothing.
     uint32_t emptied() const { return this == &elsewhere ? chain : 0; }
 
-    // With nobody recording, whatever the entry holds. find returns 0 for none; add, false where memory
-    // runs out; remove, whether it was there.
+    // With nobody recording, whatever the entry holds. find returns 0 for none, and so does find_last, for the
+    // highest address up to the one given; add, false where memory runs out; remove, whether it was there.
     uint32_t find(uintptr_t address) const;
+    uint32_t find_last(uintptr_t address) const;
     bool add(uint32_t number, FreeRecords &free_records);
     bool remove(uint32_t number, FreeRecords &free_records);
 
@@ -90,6 +91,10 @@ inline IndexEntry *find_entry(uintptr_t address) {
     IndexLeaf *leaf = node->leaves[place.leaf].load(std::memory_order_acquire);
     return leaf != nullptr ? &leaf->entries[place.entry] : nullptr;
 }
+
+// The number of the record with the highest address up to the one given, among those of addresses that blocks
+// can have; 0 for none. With nobody recording. Takes long where none is near.
+uint32_t find_last_record(uintptr_t address);
 
 // Null where memory runs out.
 IndexEntry *map_entry(uintptr_t address);

@@ -94,7 +94,7 @@ template <class Then> bool take_record_of(uintptr_t address, Then then) {
 }
 
 KnownBlock known_block(const Record &record) {
-    return {.header_readable = true, .tail = record.address + record.size};
+    return {.header_readable = true, .site = record.site, .tail = record.address + record.size};
 }
 
 constexpr KnownBlock unknown_block{.header_readable = false, .tail = 0};

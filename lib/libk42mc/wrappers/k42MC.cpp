@@ -1,9 +1,11 @@
 #include "wrappers/k42MC.h"
 
+#include "base/checker_lock.h"
 #include "base/errno_keeper.h"
 #include "k42mc_debug.h"
 #include "memcheck/registry.h"
 #include "platform/memory_manager.h"
+#include "wrappers/notice.h"
 
 #include <algorithm>
 #include <limits>
@@ -81,7 +83,7 @@ void slide(void *to, const void *from, size_t size) {
 // so the user bytes of an aligned block have to slide to where a plain block has them.
 template <class Family> void *resize_block(Site site, void *ptr, size_t size) {
     const RecordInHand record = take_record(ptr);
-    const ReleasedBlock old = guard_release(arena_of(Family::type), ptr, record.known);
+    const ReleasedBlock old = guard_release(arena_of(Family::type), ptr, record.known, explain_stop);
     const size_t kept = std::min(old.user_size, size);
     slide(plain_user(old.raw), ptr, kept);
     const size_t raw_size = with_guards(size);
@@ -130,8 +132,11 @@ bool valid_alignment(size_t alignment) {
            alignment <= K42MC_ALIGN_MAX;
 }
 
+// What is recorded is asked first: only what is not may lie in no memory.
 bool is_guarded(const void *ptr) {
-    return state_of(ptr) != BlockState::none || is_recorded(ptr);
+    if (!checker_on())
+        return state_of(ptr) != BlockState::none;
+    return is_recorded(ptr) || probed_state_of(ptr) != BlockState::none;
 }
 
 void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t raw_size,
@@ -149,7 +154,7 @@ void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t r
 
 void *take_back(Site site, uint16_t type, void *ptr) {
     const KnownBlock known = forget_block(site, type, ptr);
-    return guard_release(arena_of(type), ptr, known).raw;
+    return guard_release(arena_of(type), ptr, known, explain_stop).raw;
 }
 
 } // namespace k42mc::internal

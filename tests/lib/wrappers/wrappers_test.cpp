@@ -180,6 +180,145 @@ TEST_P(Wrappers, StopAtPointersThatAreNoBlocks) {
     });
 }
 
+// What stands on standard error beside the defined line: the finding in words, the stack trace of the release
+// and, where there is one, of the allocation or the first release; then the assertion.
+void expect_notice(const std::string &err, const std::string &words, const std::string &behind) {
+    const std::string trace = "Backtrace of the release:\n";
+    const size_t start = err.find("k42mc: ");
+    ASSERT_NE(start, std::string::npos) << err;
+    EXPECT_EQ(line_at(err, start), "k42mc: " + words);
+    const size_t release = err.find('\n', start) + 1;
+    EXPECT_EQ(err.compare(release, trace.size(), trace), 0) << err;
+    EXPECT_CONTAINS(line_at(err, release + trace.size()), "wrappers_test(") << err;
+    const size_t end = err.find("------\n", release) + 7;
+    if (behind.empty()) {
+        EXPECT_STARTS(err.substr(end), "assertion \"0\" failed: ");
+        return;
+    }
+    const std::string second = "Backtrace of the " + behind + ":\n";
+    EXPECT_EQ(err.compare(end, second.size(), second), 0) << err;
+    EXPECT_CONTAINS(line_at(err, end + second.size()), "wrappers_test(") << err;
+    EXPECT_STARTS(err.substr(err.find("------\n", end) + 7), "assertion \"0\" failed: ");
+}
+
+TEST_P(Wrappers, SayInWordsWhatStopsThem) {
+    const Family &wrong = families[family.malloc == families[0].malloc];
+    const std::string own = family.name, other = wrong.name;
+    static char in_data[300];
+    for (const bool on : {true, false}) {
+        if (!on)
+            checker_off();
+        const std::string site = on ? ", allocated at a.c:7" : "";
+        auto *block = static_cast<char *>(family.malloc("a.c", 7, 100));
+        memset(block, 'x', 100);
+        const auto stopped = [&](const char *start, auto action) {
+            return expect_defect(start, action).err;
+        };
+        expect_notice(
+            stopped("WO: alloc(UNKNOWN)", [&] { block[100] = 0, family.free("b.c", 8, block); }),
+            "a write past the end of a block of 100 bytes" + site, "allocation");
+        // The trace in the header is only believed as long as that is intact.
+        expect_notice(
+            stopped("WU: alloc(UNKNOWN)", [&] { block[-1] = 1, family.free("b.c", 8, block); }),
+            std::string("a write before the start of a block") + (on ? " of 100 bytes" : "") + site,
+            on ? "allocation" : "");
+        const auto overwrite = [&] {
+            memset(block - overhead / 2, 'A', overhead / 2), family.free("b.c", 8, block);
+        };
+        expect_notice(stopped("WU: alloc(UNKNOWN)", overwrite),
+                      on ? "a write before the start of a block of 100 bytes" + site
+                         : "a release of what is no block, or of a block whose header was overwritten",
+                      on ? "allocation" : "");
+        expect_notice(
+            stopped("DF: alloc(", [&] { family.free("b.c", 8, block), family.free("b.c", 9, block); }),
+            "a second release of a block of 100 bytes", "first release");
+        expect_notice(stopped("BF: alloc(", [&] { wrong.free("b.c", 8, block); }),
+                      "a release to the wrong allocator, " + other + ", of a block of 100 bytes from " +
+                          own + site,
+                      "allocation");
+        expect_notice(
+            stopped("WU: alloc(UNKNOWN)", [&] { (void)family.realloc("b.c", 8, block + 48, 9); }),
+            on ? "a release of an address 48 bytes inside a block of 100 bytes" + site
+               : "a release of what is no block, or of a block whose header was overwritten",
+            on ? "allocation" : "");
+        char variable[300] = {};
+        for (const auto &[address, what] :
+             {std::pair<void *, std::string>{variable + 200, "on the stack of this thread"},
+              {in_data + 200, "in the data of wrappers_test"},
+              {reinterpret_cast<void *>(8), "in no memory"}})
+            if (on || address != reinterpret_cast<void *>(8)) // which nobody looks at before reading
+                expect_notice(stopped("WU: alloc(UNKNOWN)", [&] { family.free("b.c", 8, address); }),
+                              "a release of an address " + what, "");
+        family.free("a.c", 9, block);
+    }
+    checker_on();
+}
+
+// Records of what went away unseen do not hide a block that lies around them, and are none themselves.
+TEST_P(Wrappers, KnowTheLiveBlockAroundAnAddress) {
+    constexpr size_t size = 5000;
+    std::vector<char> room(size + overhead + 1000, 'x'), elsewhere(size, 'x');
+    // So that what lies right ahead is in the same granule of the index.
+    char *const raw = room.data() + 256 - number(room.data()) % 128;
+    const uint32_t arena = family.malloc == families[0].malloc ? K42MC_ARENA_STD : K42MC_ARENA_SHM;
+    auto *const block = static_cast<char *>(k42mc_guard_alloc(arena, 1, raw, uint32_t(size + overhead)));
+    ASSERT_EQ(MCLock(), 1);
+    MCAlloc("a.c", 7, uint16_t(arena - 1), number(block), size);
+    for (char *stale :
+         {block - 8, block + 1000, block + 1008, block + 1016, block + 3000, elsewhere.data() + 100})
+        MCAlloc("b.c", 8, uint16_t(arena - 1), number(stale), 1000);
+    MCUnlock();
+    for (char *address : {block + 300, block + 1500, block + 2500, block + size - 1}) {
+        const Ended end = expect_defect("WU", [&] { family.free("c.c", 9, address); });
+        expect_notice(end.err,
+                      "a release of an address " + std::to_string(address - block) +
+                          " bytes inside a block of 5000 bytes, allocated at a.c:7",
+                      "allocation");
+    }
+    const Ended end = expect_defect("WU", [&] { family.free("c.c", 9, &elsewhere[500]); });
+    expect_notice(end.err, "a release of what is no block, or of a block whose header was overwritten",
+                  "");
+}
+
+// On a stack as small as the system allows there may be no room for traces, but for the words.
+TEST_P(Wrappers, StopOnSmallStacks) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "frames are larger";
+#endif
+    static auto release = family.free;
+    static char *block;
+    block = static_cast<char *>(family.malloc("a.c", 7, 100));
+    memset(block, 'x', 100);
+    const auto run = [](void *) -> void * { return release("b.c", 8, block + 48), nullptr; };
+    for (const size_t size : {16 << 10, 20 << 10, 24 << 10, 32 << 10}) {
+        const Ended end = expect_defect("WU", [&] {
+            pthread_attr_t attributes;
+            pthread_attr_init(&attributes);
+            pthread_attr_setstacksize(&attributes, size);
+            pthread_t thread;
+            pthread_create(&thread, &attributes, run, nullptr);
+            pthread_join(thread, nullptr);
+        });
+        EXPECT_STARTS(end.err, "k42mc: a release of an address 48 bytes inside a block of 100 bytes, "
+                               "allocated at a.c:7\n");
+        EXPECT_ENDS(end.err, "function \"k42mc_guard_free\"\n");
+    }
+    family.free("a.c", 9, block);
+}
+
+// The registry is asked for what lies there, but not waited for.
+TEST_P(Wrappers, SayWhatTheyCanWhileTheRegistryIsHeld) {
+    const Ended end = expect_defect("WU", [&] {
+        auto *block = static_cast<char *>(family.malloc("a.c", 7, 100));
+        memset(block, 'x', 100);
+        checker_off();
+        pthread_mutex_lock(&gMCLock);
+        family.free("b.c", 8, block + 48);
+    });
+    expect_notice(end.err, "a release of what is no block, or of a block whose header was overwritten",
+                  "");
+}
+
 INSTANTIATE_TEST_SUITE_P(Families, Wrappers, testing::ValuesIn(families),
                          [](const auto &instance) { return std::string(instance.param.name); });
 

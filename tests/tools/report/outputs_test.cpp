@@ -68,7 +68,9 @@ TEST(Outputs, TextReportsBecomeATable) {
 TEST(Outputs, JsonReportsBecomeATable) {
     const Report report = json(json_lines);
     EXPECT_EQ(problems(report), "");
-    EXPECT_EQ(table(report), R"(k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10) in p.12
+    EXPECT_EQ(
+        table(report),
+        R"(k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10): a second release of a block of 10 bytes in p.12
   released by
     /no/p+0x7
   released before by
@@ -123,12 +125,12 @@ k42mc: descriptors
     /no/p+0x5
   open: 2 descriptors
     /no/p+0x4
-k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10)
+k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10): a second release of a block of 10 bytes
   released by
     /no/p+0x7
   released before by
     /no/p+0x8
-k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10)
+k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10): a second release of a block of 10 bytes
   released by
     /no/p+0x7
   released before by
@@ -165,7 +167,8 @@ TEST(Outputs, OtherProgramsGetAllThereIs) {
     std::string titles;
     for (const Json &finding : process["findings"])
         titles += std::string(finding["kind"]) + ": " + std::string(finding["title"]) + "\n";
-    EXPECT_EQ(titles, "stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10)\n"
+    EXPECT_EQ(titles, "stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10): a "
+                      "second release of a block of 10 bytes\n"
                       "damaged: WU: a block of 100 bytes at 0x55D0 was written before its start\n"
                       "misused descriptor: descriptor 6 closed twice\n"
                       "left open: descriptors left open: 5, 7\n");
@@ -209,7 +212,7 @@ Report hostile_report() {
                 R"(,"time":"","chain":[]}]})"
                 "\n"
                 R"({"kind":"defect","pid":1,"text":)" +
-                name + R"(,"chain":[)" + name +
+                name + R"(,"words":)" + name + R"(,"chain":[)" + name +
                 R"(],"block":[]})"
                 "\n");
 }

@@ -57,5 +57,5 @@ inline const std::string json_lines =
 {"kind":"descriptor","descriptor":5,"open":true,"alarms":0,"opens":1,"closes":0,"events":[{"type":"OPEN","operator":"socket","time":"1/2 3:4:5","chain":["/no/p+0x4"]}]}
 {"kind":"descriptor","descriptor":6,"open":false,"alarms":1,"opens":1,"closes":2,"events":[{"type":"CLOSE","operator":"fclose","time":"1/2 3:4:5","chain":["/no/p+0x5"]},{"type":"CLOSE","operator":"close","time":"1/2 3:4:6","chain":["/no/p+0x6"]}]}
 {"kind":"descriptor","descriptor":7,"open":true,"alarms":0,"opens":2,"closes":0,"events":[{"type":"OPEN","operator":"socket","time":"1/2 3:4:7","chain":["/no/p+0x4"]}]}
-{"kind":"defect","pid":12,"text":"k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10) trace buffer: 0x1","chain":["/no/p+0x7"],"block":["/no/p+0x8"]}
+{"kind":"defect","pid":12,"text":"k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10) trace buffer: 0x1","words":"a second release of a block of 10 bytes","chain":["/no/p+0x7"],"block":["/no/p+0x8"]}
 )";

@@ -1,0 +1,28 @@
+// What is said of a release that stops the process, beside the line that is the same everywhere.
+#pragma once
+
+#include "k42mc_debug.h"
+
+#include <span>
+
+namespace k42mc::internal {
+
+struct StopNotice {
+    char words[640]; // one line, without its end
+
+    // The stack trace behind the block, innermost first: of its allocation, or of the first of two releases.
+    void *frames[16];
+    size_t frame_count;
+
+    std::span<void *const> trace() const { return {frames, frame_count}; }
+};
+
+// Who keeps the stack traces elsewhere, so that standard error gets the words alone; null for nobody.
+using StopRecorder = void (*)(const StopNotice &notice);
+extern constinit StopRecorder record_stop;
+
+// Writes past all streams. Allocates nothing, takes on trust nothing that it reads, and waits for nobody
+// without end.
+void explain_stop(const Stop &stop);
+
+} // namespace k42mc::internal
