@@ -136,6 +136,22 @@ k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x
   released before by
     /no/p+0x8
 )");
+    // What is no fault is said, and does not count.
+    const auto ended_by = [](const std::string &signal) {
+        return json(R"({"kind":"signal","pid":7,"program":"p","name":")" + signal +
+                    R"(","address":"0x10","chain":["/no/p+0x1"]})" + "\n");
+    };
+    EXPECT_EQ(summary(ended_by("SIGSEGV")), "k42mc: 0 blocks, 0 bytes at 0 sites in 1 process\n"
+                                            "k42mc: p.7: ended by SIGSEGV at address 0x10\n"
+                                            "  in\n    /no/p+0x1\n");
+    EXPECT_FALSE(Findings(ended_by("SIGSEGV")).empty());
+    EXPECT_TRUE(Findings(ended_by("SIGTERM")).empty());
+    const Report unchecked =
+        json("{\"kind\":\"unchecked\",\"pid\":7,\"program\":\"p\",\"reason\":\"why\"}\n"
+             "{\"kind\":\"note\",\"pid\":7,\"program\":\"p\",\"text\":\"so\"}\n");
+    EXPECT_EQ(summary(unchecked), "k42mc: 0 blocks, 0 bytes at 0 sites in 1 process\n"
+                                  "k42mc: p.7: not checked: why\nk42mc: p.7: so\n");
+    EXPECT_TRUE(Findings(unchecked).empty());
     // Without traces, the file tells sites apart.
     EXPECT_EQ(summary(text("a:1:WO:STD:0xA0:4:2\n------\nb:1:WO:STD:0xB0:5:2\n------\n")),
               "k42mc: 2 blocks, 9 bytes at 2 sites in 1 process\n"

@@ -106,8 +106,9 @@ TEST(Reader, TheDescriptionShowsLinesThatAreRead) {
     ASSERT_EQ(report.processes.size(), 1u);
     const Process &process = report.processes[0];
     EXPECT_EQ(process.cycles.size() + process.damages.size() + process.descriptors.size() +
-                  process.stops.size() + process.cycles[0].holdings.size(),
-              5u);
+                  process.stops.size() + process.notes.size() + process.cycles[0].holdings.size(),
+              7u);
+    EXPECT_EQ(process.unchecked, "it has a malloc of its own");
 }
 
 TEST(Reader, LinesAreReadWithMemoryForOne) {
