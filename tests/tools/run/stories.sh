@@ -46,13 +46,13 @@ agree() { # shown, said
 
 # Runs a command. Where "^C" is shown, as behind a terminal on which somebody types that, once there is output.
 as_shown() { # file of the lines shown, command
-    local shown=$1
+    local lines=$1
     shift
-    if ! grep -qxF '^C' "$shown"; then
+    if ! grep -qxF '^C' "$lines"; then
         timeout 60 "$@"
         return
     fi
-    sed -i '/^^C$/d' "$shown"
+    sed -i '/^^C$/d' "$lines"
     setsid env --default-signal=INT "$@" &
     until [[ -s $work/output ]] || ! kill -0 $!; do
         sleep 0.05
