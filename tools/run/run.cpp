@@ -4,6 +4,7 @@
 #include "tools/run/findings.h"
 #include "tools/run/launch.h"
 #include "tools/run/report_folder.h"
+#include "tools/run/signals.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -12,9 +13,7 @@
 #include <iostream>
 #include <iterator>
 #include <set>
-#include <sys/resource.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -122,12 +121,8 @@ bool summarize(const Options &options, const ReportFolder &folder, bool ended_we
 
 // Ends as the program did.
 [[noreturn]] void pass_on(int status) {
-    if (WIFSIGNALED(status)) {
-        constexpr rlimit no_core = {0, 0};
-        setrlimit(RLIMIT_CORE, &no_core);
-        signal(WTERMSIG(status), SIG_DFL);
-        raise(WTERMSIG(status));
-    }
+    if (WIFSIGNALED(status))
+        end_by(WTERMSIG(status));
     throw CLI::RuntimeError(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }
 
