@@ -10,12 +10,28 @@
 
 namespace {
 
-bool matches_frame(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
-    if (matches_pattern(pattern, module_of(pc)))
-        return true;
+// By what is known without debug information, which takes long to read.
+bool matches_symbol(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
+    return matches_pattern(pattern, module_of(pc)) || matches_pattern(pattern, symbolizer.function(pc));
+}
+
+// Functions that the compiler inlined and source files.
+bool matches_source(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
     return std::ranges::any_of(symbolizer.lookup(pc), [&](const SourceFrame &source) {
         return matches_pattern(pattern, source.function) || matches_pattern(pattern, source.file);
     });
+}
+
+bool matches(const Suppression &suppression, Trace trace, Symbolizer &symbolizer) {
+    const std::string &pattern = suppression.pattern;
+    if (suppression.module != nullptr)
+        return !trace.empty() && matches_pattern(suppression.module, module_of(trace.front())) &&
+               matches_symbol(pattern, trace.front(), symbolizer);
+    const auto any = [&](const auto matches_pc) {
+        return std::ranges::any_of(
+            trace, [&](std::string_view pc) { return matches_pc(pattern, pc, symbolizer); });
+    };
+    return any(matches_symbol) || any(matches_source);
 }
 
 // Without stack traces, the source file stands for one.
@@ -121,11 +137,7 @@ void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symb
         if (group.what != "left")
             return false;
         for (Suppression &suppression : suppressions) {
-            const Trace pcs = group.trace.first(suppression.innermost ? 1 : group.trace.size());
-            const bool matches = std::ranges::any_of(pcs, [&](std::string_view pc) {
-                return matches_frame(suppression.pattern, pc, symbolizer);
-            });
-            if (!matches)
+            if (!matches(suppression, group.trace, symbolizer))
                 continue;
             suppression.blocks += group.count;
             suppression.bytes += group.bytes;

@@ -38,7 +38,10 @@ constexpr const char *examples = R"(Examples:
   k42mc run --output /tmp/r --every 60 --limit 3 -- python3 app.py)";
 
 // Who allocates what any process holds to its end: buffers of streams, the loader's records.
-constexpr std::initializer_list<const char *> always_left = {"^_IO_file_doallocate$", "ld-linux"};
+struct Holder {
+    const char *pattern, *module;
+};
+constexpr Holder always_left[] = {{"^_IO_file_doallocate$", "/libc.so."}, {"ld-linux", "ld-linux"}};
 
 int signal_number(const std::string &name) {
     const std::string bare = name.starts_with("SIG") ? name.substr(3) : name;
@@ -96,8 +99,8 @@ bool summarize(const Options &options, const ReportFolder &folder, bool ended_we
     if (!options.suppressions.empty())
         suppressions = read_suppressions(options.suppressions);
     const size_t own = suppressions.size();
-    for (const char *pattern : always_left)
-        suppressions.push_back({pattern, true});
+    for (const Holder &holder : always_left)
+        suppressions.push_back({holder.pattern, holder.module});
     Symbolizer symbolizer;
     const Report report = read_reports(folder.collect_reports());
     Findings findings(report);
