@@ -3,11 +3,13 @@
 #include "base/json_output.h"
 #include "base/printing.h"
 #include "k42mc_debug.h"
+#include "memcheck/report.h"
 #include "memcheck/sink.h"
 #include "stack_trace.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
 #include "tools/preload/report_files.h"
+#include "tools/preload/settings.h"
 
 #include <unistd.h>
 
@@ -40,8 +42,13 @@ void write_defect(std::span<const uintptr_t> block_trace) {
     out->flush();
 }
 
+constinit bool text_wanted = false;
+__thread bool matter_of_course = false;
+
 // Whether the number is still the file's is asked ahead of each piece of text.
 int text_descriptor() {
+    if (matter_of_course)
+        return -1;
     const InsideChecker inside;
     return text_file.descriptor();
 }
@@ -51,6 +58,7 @@ int text_descriptor() {
 bool open_outputs() {
     if (!find_report_folder() || !create_report_files())
         return false;
+    text_wanted = number_in("K42MC_RUN_TEXT", 0) != 0;
     borrow_sink(text_descriptor);
     at_defect = write_defect;
     return true;
@@ -60,11 +68,23 @@ void renew_outputs() {
     create_report_files();
 }
 
-void write_json(uint32_t limit) {
+void write_report(uint32_t limit) {
+    if (text_wanted)
+        report(limit);
+    else
+        count_cycle();
     const int file = json_file.descriptor();
     if (file < 0)
         return;
     k42mcx_report_json(file, limit);
     if (descriptors_watched())
         k42mcx_fd_report_json(file);
+}
+
+MatterOfCourse::MatterOfCourse() {
+    matter_of_course = !text_wanted;
+}
+
+MatterOfCourse::~MatterOfCourse() {
+    matter_of_course = false;
 }

@@ -2,6 +2,7 @@
 //   K42MC_RUN_OUTPUT     the folder for this process's files
 //   K42MC_RUN_FOLDER     that folder's device and inode, "2049:131074", so that no other one is taken for it
 //   K42MC_RUN_ID         a word for the first line of JSON, so that k42mc run knows its own files
+//   K42MC_RUN_TEXT       1 for reports as text, too
 //   K42MC_RUN_LIMIT      blocks count that have survived so many reports; 1 unless it is given
 //   K42MC_RUN_EVERY      seconds from one report to the next
 //   K42MC_RUN_SIGNAL     the number of a signal that asks for a report
@@ -12,7 +13,6 @@
 //   K42MC_RUN_FOLLOW     0 to leave programs that this one starts alone
 // Without a folder that files can be made in, blocks are guarded and nothing is recorded.
 #include "base/checker_lock.h"
-#include "memcheck/report.h"
 #include "memcheck/state.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
@@ -52,20 +52,12 @@ public:
     ReportLock &operator=(const ReportLock &) = delete;
 };
 
-// A program that is linked to the checker may have switched it off.
-void write_report() {
-    if (!checker_on())
-        return;
-    k42mc::internal::report(limit);
-    write_json(limit);
-}
-
 bool report() {
     const InsideChecker inside;
     const int saved_errno = errno;
     const ReportLock lock;
-    if (recording)
-        write_report();
+    if (recording && checker_on())
+        write_report(limit);
     errno = saved_errno;
     return recording;
 }
@@ -93,11 +85,13 @@ void finish() {
     if (!recording)
         return;
     recording = false;
-    if (verifies && checker_on())
+    if (!checker_on()) // the program may know the checker
+        return;
+    const MatterOfCourse said_by_reports;
+    if (verifies)
         k42mcx_verify();
-    write_report();
-    if (checker_on())
-        MCDeinit();
+    write_report(limit);
+    MCDeinit();
 }
 
 void finish_at_exit(void *) {
@@ -124,6 +118,7 @@ void after_fork_in_child() {
 // be the shim's, as a library, and come ahead of them.
 void switch_on() {
     const bool traces_off = number_in("K42MC_RUN_BACKTRACE", 1) == 0;
+    const MatterOfCourse beginning;
     k42mc::internal::gMCExitHooked = true;
     MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(traces_off ? MC_TYPE_LKBF | MC_TYPE_BT_OFF : 0));
     add_filters(traces_off);

@@ -23,10 +23,11 @@ struct Width {
     int bits;
     unsigned char elf_class;
     std::vector<const char *> folders; // what the system's loaders put for $LIB
+    const char *package;               // with the shim for it
 };
 
-const std::array widths = {Width{64, ELFCLASS64, {"lib/x86_64-linux-gnu"}},
-                           Width{32, ELFCLASS32, {"lib32", "lib/i386-linux-gnu"}}};
+const std::array widths = {Width{64, ELFCLASS64, {"lib/x86_64-linux-gnu"}, "k42mc-r-tools"},
+                           Width{32, ELFCLASS32, {"lib32", "lib/i386-linux-gnu"}, "lib32k42mc-r-tools"}};
 
 // Of a script, its interpreter's class; 0 for what cannot be read.
 unsigned char elf_class_of(const std::string &program, int most_interpreters = 4) {
@@ -72,7 +73,8 @@ std::string preload_path(const std::string &program) {
         });
         if (!installed && width.elf_class == wanted)
             throw std::runtime_error("no " + std::to_string(width.bits) + "-bit " + shim +
-                                     " is installed below " + prefix.string());
+                                     " is installed below " + prefix.string() +
+                                     "; it is in the package " + width.package);
     }
     return prefix / "$LIB" / shim;
 }
