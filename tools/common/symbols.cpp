@@ -2,11 +2,14 @@
 
 #include "tools/common/file.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/libdwfl.h>
+#include <filesystem>
+#include <iterator>
 #include <map>
 #include <optional>
 
@@ -19,20 +22,46 @@ bool would_wait(const std::string &path) {
     return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
 }
 
+// Where the debug information of a module may lie apart from it: beside it, or below the system's own folder.
+std::vector<std::string> places_of(const std::string &module, const char *link) {
+    const size_t slash = module.rfind('/') + 1; // or 0
+    const std::string folder = module.substr(0, slash);
+    const std::string own = module.substr(slash);
+    std::vector<std::string> places;
+    for (const std::string &name : {link != nullptr ? std::string(link) : own + ".debug", own}) {
+        places.push_back(folder + name);
+        places.push_back(folder + ".debug/" + name);
+        for (size_t at = folder.find('/'); at != std::string::npos; at = folder.find('/', at + 1))
+            places.push_back("/usr/lib/debug" + folder.substr(at) + name);
+    }
+    if (link != nullptr && *link == '/')
+        places.emplace_back(link);
+    std::erase(places, module);
+    return places;
+}
+
+bool exists(const std::string &path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+// Where libdw finds nothing it asks servers, and loads a dozen of libraries first, even if none is named.
+bool servers_are_named() {
+    const char *servers = getenv("DEBUGINFOD_URLS");
+    return servers != nullptr && *servers != '\0';
+}
+
 int find_debuginfo(Dwfl_Module *module, void **userdata, const char *name, Dwarf_Addr base,
                    const char *file, const char *link, GElf_Word checksum, char **found) {
-    const std::string path = file != nullptr ? file : "";
-    const size_t slash = path.rfind('/') + 1; // or 0
-    const std::string folder = path.substr(0, slash);
-    const std::string own = path.substr(slash);
-    if (link != nullptr && *link == '/' && would_wait(link))
+    std::error_code error;
+    const std::filesystem::path path = file != nullptr ? file : "";
+    std::vector<std::string> places = places_of(path, link);
+    std::ranges::move(places_of(std::filesystem::weakly_canonical(path, error), link),
+                      std::back_inserter(places));
+    if (std::ranges::any_of(places, would_wait))
         return -1;
-    const std::string hidden = folder + ".debug/";
-    for (const std::string &candidate : {link != nullptr ? std::string(link) : own + ".debug", own})
-        if (would_wait(std::string(folder).append(candidate)) ||
-            would_wait(std::string(hidden).append(candidate)))
-            return -1;
-    return dwfl_standard_find_debuginfo(module, userdata, name, base, file, link, checksum, found);
+    if (servers_are_named() || std::ranges::any_of(places, exists))
+        return dwfl_standard_find_debuginfo(module, userdata, name, base, file, link, checksum, found);
+    return dwfl_build_id_find_debuginfo(module, userdata, name, base, file, link, checksum, found);
 }
 
 constexpr Dwfl_Callbacks callbacks = {

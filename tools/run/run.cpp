@@ -15,6 +15,7 @@
 #include <iterator>
 #include <set>
 #include <span>
+#include <sstream>
 #include <sys/wait.h>
 
 namespace {
@@ -128,8 +129,11 @@ bool summarize(const Options &options, std::vector<Suppression> suppressions, co
     const Report report = read_reports(outputs.reports);
     Findings findings(report);
     findings.suppress(suppressions, symbolizer);
-    if (!report.processes.empty())
-        findings.print(std::cerr, symbolizer);
+    if (!report.processes.empty()) {
+        std::ostringstream text; // in one piece
+        findings.print(text, symbolizer);
+        std::cerr << text.str();
+    }
     const bool whole = are_whole(report, folder);
     tell_suppressed(std::span(suppressions).first(own));
     if (!options.text)
