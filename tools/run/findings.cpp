@@ -15,9 +15,19 @@ bool matches_symbol(const std::string &pattern, std::string_view pc, Symbolizer 
     return matches_pattern(pattern, module_of(pc)) || matches_pattern(pattern, symbolizer.function(pc));
 }
 
+// Of libc functions alone: its debug information, where somebody has it, takes longer to read than many a program
+// to run, and the line in question is none of its own.
+std::vector<SourceFrame> frames_at(std::string_view pc, Symbolizer &symbolizer) {
+    if (module_of(pc).find("/libc.so.") == std::string_view::npos)
+        return symbolizer.lookup(pc);
+    SourceFrame frame;
+    frame.function = symbolizer.function(pc);
+    return {frame};
+}
+
 // Functions that the compiler inlined and source files.
 bool matches_source(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
-    return std::ranges::any_of(symbolizer.lookup(pc), [&](const SourceFrame &source) {
+    return std::ranges::any_of(frames_at(pc, symbolizer), [&](const SourceFrame &source) {
         return matches_pattern(pattern, source.function) || matches_pattern(pattern, source.file);
     });
 }
@@ -82,7 +92,7 @@ void merge(std::vector<Group> &groups) {
 void print_trace(std::ostream &out, Trace trace, Symbolizer &symbolizer) {
     constexpr size_t most_frames = 4;
     for (const std::string_view pc : trace.first(std::min(trace.size(), most_frames))) {
-        const std::vector<SourceFrame> &frames = symbolizer.lookup(pc);
+        const std::vector<SourceFrame> frames = frames_at(pc, symbolizer);
         for (const SourceFrame &frame : frames)
             out << "    " << printable(describe(pc, frame)) << '\n';
         if (frames.back().function == "main")

@@ -18,12 +18,15 @@ for what in nothing interface threads dlopen; do
     [[ ! -s out ]] || fail "$what: output of its own"
 done
 
+run 0 printing
+said '^k42mc: 0 blocks'
 run 7 status
 run 143 signal
 
 run 0 leak
 said '^k42mc: 1 block, 12 bytes at 1 site in 1 process$'
 said '^    .*leaky_function'
+said '^    [_A-Z]*strdup \(/.*/libc\.so\.6\+0x' # without a line
 run 99 leak --error-exitcode 99
 run 0 leak --no-backtrace
 said '^k42mc: 1 block, 12 bytes at 1 site '

@@ -134,6 +134,8 @@ int main(int argc, char **argv) {
     const std::string_view what = argc > 1 ? argv[1] : "";
     if (what == "leak")
         leaky_function();
+    else if (what == "printing")
+        puts("into a buffer, which stays");
     else if (what == "interface")
         return sound_interface() ? 0 : 1;
     else if (what == "status")
