@@ -71,18 +71,22 @@ Group group_of(const Finding &finding) {
     return group;
 }
 
-// A child of fork reports what its parent holds, too: traces count once, at their most.
+// A child of fork reports what its parent holds, too: traces count once, at their most. The report has each trace in
+// one place.
 void merge(std::vector<Group> &groups) {
-    using Key = std::pair<std::string, std::vector<std::string_view>>;
-    std::map<Key, Group> by_trace;
+    std::map<std::pair<std::string_view, const void *>, size_t> numbers;
+    std::vector<Group> merged;
+    merged.reserve(groups.size());
     for (const Group &group : groups) {
-        Group &known = by_trace[{group.what, {group.trace.begin(), group.trace.end()}}];
-        if (std::pair(group.bytes, group.count) >= std::pair(known.bytes, known.count))
-            known = group;
+        const auto [known, is_new] =
+            numbers.try_emplace({group.what, group.trace.data()}, merged.size());
+        if (is_new)
+            merged.push_back(group);
+        else if (Group &same = merged[known->second];
+                 std::pair(group.bytes, group.count) >= std::pair(same.bytes, same.count))
+            same = group;
     }
-    groups.clear();
-    for (const auto &[key, group] : by_trace)
-        groups.push_back(group);
+    groups = std::move(merged);
     std::ranges::stable_sort(groups, [](const Group &left, const Group &right) {
         return std::tuple(!left.certain, right.bytes, right.count) <
                std::tuple(!right.certain, left.bytes, left.count);
