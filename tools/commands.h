@@ -2,11 +2,16 @@
 // of its own throws CLI::RuntimeError.
 #pragma once
 
+#include <string>
+#include <vector>
+
 namespace CLI {
 class App;
 }
 
-void add_run(CLI::App &app);
+// Takes the arguments of the program to run off the words of the command line.
+void add_run(CLI::App &app, std::vector<std::string> &words);
+
 void add_report(CLI::App &app);
 void add_diff(CLI::App &app);
 void add_symbolize(CLI::App &app);

@@ -79,3 +79,9 @@ if [[ -e $prefix/bin/k42mc ]]; then
     "$prefix/bin/k42mc" run --output reports -- built/by_cmake_c 2>said || { cat said; fail 'k42mc run'; }
     grep -q '^k42mc: 1 block, 12 bytes at 1 site in 1 process$' said || { cat said; fail 'k42mc run'; }
 fi
+
+# Wherever the prefix is, gdb learns the commands from there.
+if [[ -d $prefix/share/gdb ]] && command -v gdb >/dev/null; then
+    gdb -nx -batch -ex "source $prefix/share/k42mc_r/k42mc.py" -ex 'help k42mc' >said 2>&1
+    grep -q '^k42mc report' said || { cat said; fail 'gdb'; }
+fi

@@ -2,11 +2,14 @@
 
 #include "tools/common/file.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/libdwfl.h>
+#include <filesystem>
+#include <iterator>
 #include <map>
 #include <optional>
 
@@ -19,20 +22,46 @@ bool would_wait(const std::string &path) {
     return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
 }
 
+// Where the debug information of a module may lie apart from it: beside it, or below the system's own folder.
+std::vector<std::string> places_of(const std::string &module, const char *link) {
+    const size_t slash = module.rfind('/') + 1; // or 0
+    const std::string folder = module.substr(0, slash);
+    const std::string own = module.substr(slash);
+    std::vector<std::string> places;
+    for (const std::string &name : {link != nullptr ? std::string(link) : own + ".debug", own}) {
+        places.push_back(folder + name);
+        places.push_back(folder + ".debug/" + name);
+        for (size_t at = folder.find('/'); at != std::string::npos; at = folder.find('/', at + 1))
+            places.push_back("/usr/lib/debug" + folder.substr(at) + name);
+    }
+    if (link != nullptr && *link == '/')
+        places.emplace_back(link);
+    std::erase(places, module);
+    return places;
+}
+
+bool exists(const std::string &path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+// Where libdw finds nothing it asks servers, and loads a dozen of libraries first, even if none is named.
+bool servers_are_named() {
+    const char *servers = getenv("DEBUGINFOD_URLS");
+    return servers != nullptr && *servers != '\0';
+}
+
 int find_debuginfo(Dwfl_Module *module, void **userdata, const char *name, Dwarf_Addr base,
                    const char *file, const char *link, GElf_Word checksum, char **found) {
-    const std::string path = file != nullptr ? file : "";
-    const size_t slash = path.rfind('/') + 1; // or 0
-    const std::string folder = path.substr(0, slash);
-    const std::string own = path.substr(slash);
-    if (link != nullptr && *link == '/' && would_wait(link))
+    std::error_code error;
+    const std::filesystem::path path = file != nullptr ? file : "";
+    std::vector<std::string> places = places_of(path, link);
+    std::ranges::move(places_of(std::filesystem::weakly_canonical(path, error), link),
+                      std::back_inserter(places));
+    if (std::ranges::any_of(places, would_wait))
         return -1;
-    const std::string hidden = folder + ".debug/";
-    for (const std::string &candidate : {link != nullptr ? std::string(link) : own + ".debug", own})
-        if (would_wait(std::string(folder).append(candidate)) ||
-            would_wait(std::string(hidden).append(candidate)))
-            return -1;
-    return dwfl_standard_find_debuginfo(module, userdata, name, base, file, link, checksum, found);
+    if (servers_are_named() || std::ranges::any_of(places, exists))
+        return dwfl_standard_find_debuginfo(module, userdata, name, base, file, link, checksum, found);
+    return dwfl_build_id_find_debuginfo(module, userdata, name, base, file, link, checksum, found);
 }
 
 constexpr Dwfl_Callbacks callbacks = {
@@ -158,6 +187,16 @@ Module open_module(const std::string &path) {
     return module;
 }
 
+// In a module, as libdw has laid it out.
+struct Place {
+    Module &module;
+    GElf_Addr address;
+};
+
+std::string symbol_at(const Place &place) {
+    return demangled(dwfl_module_addrname(place.module.module, place.address));
+}
+
 void list_functions(Module &module) {
     const int count = dwfl_module_getsymtab(module.module);
     for (int i = 1; i < count; ++i) {
@@ -249,9 +288,10 @@ Dwarf_Die *unit_around(Dwfl_Module *module, GElf_Addr address, Dwarf_Addr &bias)
 }
 
 // Replaces the one frame that the symbol table gives by those that debug information tells apart.
-void use_debug_information(Module &module, GElf_Addr address, std::vector<SourceFrame> &frames) {
+void use_debug_information(const Place &place, std::vector<SourceFrame> &frames) {
+    const GElf_Addr address = place.address;
     Dwarf_Addr bias = 0;
-    Dwarf_Die *unit = unit_around(module.module, address, bias);
+    Dwarf_Die *unit = unit_around(place.module.module, address, bias);
     if (unit == nullptr || is_split(unit))
         return;
     SourceFrame frame = frames.back();
@@ -278,7 +318,9 @@ void use_debug_information(Module &module, GElf_Addr address, std::vector<Source
 
 struct Symbolizer::Modules {
     std::map<std::string, Module, std::less<>> by_path;
-    std::map<std::string, std::vector<SourceFrame>, std::less<>> known; // by what was asked
+    // By what was asked.
+    std::map<std::string, std::vector<SourceFrame>, std::less<>> frames;
+    std::map<std::string, std::string, std::less<>> functions;
 
     Module &at(std::string_view path) {
         constexpr size_t most_modules = 1024;
@@ -290,38 +332,67 @@ struct Symbolizer::Modules {
         return by_path.emplace(path, open_module(std::string(path))).first->second;
     }
 
-    std::vector<SourceFrame> find(std::string_view text);
+    std::optional<Place> find(std::string_view text);
+    std::vector<SourceFrame> find_frames(std::string_view text);
+    std::string find_function(std::string_view text);
 };
+
+namespace {
+
+// What is known of a text, remembered up to a bound.
+template <class Known, class Find>
+const typename Known::mapped_type &remembered(Known &known, std::string_view text, const Find &find) {
+    constexpr size_t most_known = 1 << 16;
+    const auto found = known.find(text);
+    if (found != known.end())
+        return found->second;
+    if (known.size() == most_known)
+        known.clear();
+    return known.emplace(text, find(text)).first->second;
+}
+
+} // namespace
 
 Symbolizer::Symbolizer() : modules_(std::make_unique<Modules>()) {}
 
 Symbolizer::~Symbolizer() = default;
 
 const std::vector<SourceFrame> &Symbolizer::lookup(std::string_view pc) {
-    constexpr size_t most_known = 1 << 16;
-    const auto found = modules_->known.find(pc);
-    if (found != modules_->known.end())
-        return found->second;
-    if (modules_->known.size() == most_known)
-        modules_->known.clear();
-    return modules_->known.emplace(pc, modules_->find(pc)).first->second;
+    return remembered(modules_->frames, pc,
+                      [this](std::string_view text) { return modules_->find_frames(text); });
 }
 
-std::vector<SourceFrame> Symbolizer::Modules::find(std::string_view text) {
-    std::vector<SourceFrame> frames(1);
+const std::string &Symbolizer::function(std::string_view pc) {
+    return remembered(modules_->functions, pc,
+                      [this](std::string_view text) { return modules_->find_function(text); });
+}
+
+std::optional<Place> Symbolizer::Modules::find(std::string_view text) {
     const Pc pc = parse_pc(text);
     if (pc.module.empty())
-        return frames;
+        return {};
     Module &module = at(pc.module);
     if (module.module == nullptr)
-        return frames;
+        return {};
     const std::optional<GElf_Addr> own = own_address(module, pc);
     if (!own)
-        return frames;
-    const GElf_Addr address = *own + module.bias - 1; // in the call, not behind it
-    frames[0].function = demangled(dwfl_module_addrname(module.module, address));
-    use_debug_information(module, address, frames);
-    return frames;
+        return {};
+    return Place{module, *own + module.bias - 1}; // in the call, not behind it
+}
+
+std::vector<SourceFrame> Symbolizer::Modules::find_frames(std::string_view text) {
+    std::vector<SourceFrame> found(1);
+    const std::optional<Place> place = find(text);
+    if (!place)
+        return found;
+    found[0].function = symbol_at(*place);
+    use_debug_information(*place, found);
+    return found;
+}
+
+std::string Symbolizer::Modules::find_function(std::string_view text) {
+    const std::optional<Place> place = find(text);
+    return place ? symbol_at(*place) : std::string();
 }
 
 bool is_trace_line(std::string_view line) {

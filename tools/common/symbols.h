@@ -29,6 +29,10 @@ public:
     // frame; an empty one when nothing is known. Valid until the next lookup.
     const std::vector<SourceFrame> &lookup(std::string_view pc);
 
+    // The function around that call by the symbol table alone, which takes much less time; empty when none is
+    // known.
+    const std::string &function(std::string_view pc);
+
 private:
     struct Modules;
     std::unique_ptr<Modules> modules_;

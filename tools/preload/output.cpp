@@ -2,12 +2,17 @@
 
 #include "base/json_output.h"
 #include "base/printing.h"
+#include "k42mc_debug.h"
+#include "memcheck/report.h"
 #include "memcheck/sink.h"
 #include "stack_trace.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
 #include "tools/preload/report_files.h"
 #include "wrappers/notice.h"
+}
+
+#include "tools/preload/settings.h"
 
 #include <algorithm>
 #include <string.h>
@@ -78,8 +83,13 @@ void write_remark(const char *kind, const char *member, const char *text) {
     out->flush();
 }
 
+constinit bool text_wanted = false;
+__thread bool matter_of_course = false;
+
 // Whether the number is still the file's is asked ahead of each piece of text.
 int text_descriptor() {
+    if (matter_of_course)
+        return -1;
     const InsideChecker inside;
     return text_file.descriptor();
 }
@@ -89,6 +99,7 @@ int text_descriptor() {
 bool open_outputs() {
     if (!find_report_folder() || !create_report_files())
         return false;
+    text_wanted = number_in("K42MC_RUN_TEXT", 0) != 0;
     borrow_sink(text_descriptor);
     record_stop = write_defect;
     return true;
@@ -98,7 +109,11 @@ void renew_outputs() {
     create_report_files();
 }
 
-void write_json(uint32_t limit) {
+void write_report(uint32_t limit) {
+    if (text_wanted)
+        report(limit);
+    else
+        count_cycle();
     const int file = json_file.descriptor();
     if (file < 0)
         return;
@@ -127,4 +142,12 @@ void write_ending(const Ending &ending) {
     put_trace_from(out, ending.place);
     out->print("}\n");
     out->flush();
+}
+
+MatterOfCourse::MatterOfCourse() {
+    matter_of_course = !text_wanted;
+}
+
+MatterOfCourse::~MatterOfCourse() {
+    matter_of_course = false;
 }

@@ -16,6 +16,7 @@
 namespace {
 
 using k42mc::internal::JsonOutput;
+using k42mc::internal::TextOutput;
 
 constinit char folder_path[PATH_MAX] = "";
 constinit char folder_identity[64] = ""; // "<device>:<inode>"; empty: any folder will do
@@ -83,15 +84,18 @@ void name_stem(unsigned number) {
         snprintf(stem + length, sizeof stem - static_cast<size_t>(length), "-%u", number);
 }
 
-// The first line, without which the files are none that the run would read or remove.
-bool introduce(int descriptor) {
+// The first lines, without which the files are none that the run would read or remove.
+bool introduce() {
     if (*run_id == '\0')
         return true;
-    JsonOutput out(descriptor);
-    out->print("{\"kind\":\"run\",\"id\":");
-    out.string(run_id);
-    out->print("}\n");
-    return out->flush() == 0;
+    JsonOutput json(json_file.descriptor());
+    json->print("{\"kind\":\"run\",\"id\":");
+    json.string(run_id);
+    json->print("}\n");
+    char line[sizeof run_id + 64];
+    TextOutput text(line, text_file.descriptor());
+    text.print("==========k42mc run %s==========\n", run_id);
+    return json->flush() == 0 && text.flush() == 0;
 }
 
 // Not every child is told of. One that has its parent's memory leaves the files alone.
@@ -104,7 +108,7 @@ bool create_both(int folder) {
     if (!json_file.create(folder))
         return false;
     if (text_file.create(folder)) {
-        if (introduce(json_file.descriptor()))
+        if (introduce())
             return true;
         text_file.remove(folder);
         errno = ENOSPC;

@@ -2,6 +2,7 @@
 //   K42MC_RUN_OUTPUT     the folder for this process's files
 //   K42MC_RUN_FOLDER     that folder's device and inode, "2049:131074", so that no other one is taken for it
 //   K42MC_RUN_ID         a word for the first line of JSON, so that k42mc run knows its own files
+//   K42MC_RUN_TEXT       1 for reports as text, too
 //   K42MC_RUN_LIMIT      blocks count that have survived so many reports; 1 unless it is given
 //   K42MC_RUN_EVERY      seconds from one report to the next
 //   K42MC_RUN_SIGNAL     the number of a signal that asks for a report
@@ -13,7 +14,6 @@
 // Without a folder that files can be made in, blocks are guarded and nothing is recorded.
 #include "base/checker_lock.h"
 #include "memcheck/registry.h"
-#include "memcheck/report.h"
 #include "memcheck/state.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
@@ -55,20 +55,12 @@ public:
     ReportLock &operator=(const ReportLock &) = delete;
 };
 
-// A program that is linked to the checker may have switched it off.
-void write_report() {
-    if (!checker_on())
-        return;
-    k42mc::internal::report(limit);
-    write_json(limit);
-}
-
 bool report() {
     const InsideChecker inside;
     const int saved_errno = errno;
     const ReportLock lock;
-    if (recording)
-        write_report();
+    if (recording && checker_on())
+        write_report(limit);
     errno = saved_errno;
     return recording;
 }
@@ -86,6 +78,13 @@ void add_filters(bool traces_off) {
 
 // ---- The end: behind the destructors of all libraries. What is allocated later still is guarded. ----
 
+void write_last_report() {
+    const MatterOfCourse said_by_reports;
+    if (verifies)
+        k42mcx_verify();
+    write_report(limit);
+}
+
 // Where a signal handler has interrupted the checker there is no way to a report, nor where the thread of the
 // reports is the one that ends the process: both may hold what a report needs.
 void finish() {
@@ -96,11 +95,11 @@ void finish() {
     if (!recording)
         return;
     recording = false;
-    if (verifies && checker_on())
-        k42mcx_verify();
-    write_report();
-    if (checker_on())
-        MCDeinit();
+    if (!checker_on()) // the program may know the checker
+        return;
+    write_last_report();
+    const MatterOfCourse said_by_reports;
+    MCDeinit();
 }
 
 // No more than the report: what switching off releases would enter the allocator.
@@ -114,9 +113,8 @@ void finish_by_signal(const Ending &ending) {
         return;
     recording = false;
     write_ending(ending);
-    if (verifies && checker_on())
-        k42mcx_verify();
-    write_report();
+    if (checker_on())
+        write_last_report();
 }
 
 void finish_at_exit(void *) {
@@ -146,6 +144,7 @@ void after_fork_in_child() {
 // be the shim's, as a library, and come ahead of them.
 void switch_on() {
     const bool traces_off = number_in("K42MC_RUN_BACKTRACE", 1) == 0;
+    const MatterOfCourse beginning;
     k42mc::internal::gMCExitHooked = true;
     MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(traces_off ? MC_TYPE_LKBF | MC_TYPE_BT_OFF : 0));
     add_filters(traces_off);

@@ -12,12 +12,38 @@ namespace {
 
 constexpr const char *still_held = "left";
 
-bool matches_frame(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
-    if (matches_pattern(pattern, module_of(pc)))
-        return true;
-    return std::ranges::any_of(symbolizer.lookup(pc), [&](const SourceFrame &source) {
+// By what is known without debug information, which takes long to read.
+bool matches_symbol(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
+    return matches_pattern(pattern, module_of(pc)) || matches_pattern(pattern, symbolizer.function(pc));
+}
+
+// Of libc functions alone: its debug information, where somebody has it, takes longer to read than many a program
+// to run, and the line in question is none of its own.
+std::vector<SourceFrame> frames_at(std::string_view pc, Symbolizer &symbolizer) {
+    if (module_of(pc).find("/libc.so.") == std::string_view::npos)
+        return symbolizer.lookup(pc);
+    SourceFrame frame;
+    frame.function = symbolizer.function(pc);
+    return {frame};
+}
+
+// Functions that the compiler inlined and source files.
+bool matches_source(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
+    return std::ranges::any_of(frames_at(pc, symbolizer), [&](const SourceFrame &source) {
         return matches_pattern(pattern, source.function) || matches_pattern(pattern, source.file);
     });
+}
+
+bool matches(const Suppression &suppression, Trace trace, Symbolizer &symbolizer) {
+    const std::string &pattern = suppression.pattern;
+    if (suppression.module != nullptr)
+        return !trace.empty() && matches_pattern(suppression.module, module_of(trace.front())) &&
+               matches_symbol(pattern, trace.front(), symbolizer);
+    const auto any = [&](const auto matches_pc) {
+        return std::ranges::any_of(
+            trace, [&](std::string_view pc) { return matches_pc(pattern, pc, symbolizer); });
+    };
+    return any(matches_symbol) || any(matches_source);
 }
 
 // Without stack traces, the source file stands for one.
@@ -48,23 +74,24 @@ Group group_of(const Finding &finding) {
 }
 
 // A child of fork finds its parent's damaged blocks and open descriptors, too: there a trace counts once, at its
-// most. What is left is each process's own.
+// most. What is left is each process's own. The report has each trace in one place.
 void merge(std::vector<Group> &groups) {
-    using Key = std::pair<std::string, std::vector<std::string_view>>;
-    std::map<Key, Group> by_trace;
+    std::map<std::pair<std::string_view, const void *>, size_t> numbers;
+    std::vector<Group> merged;
+    merged.reserve(groups.size());
     for (const Group &group : groups) {
         const auto [known, is_new] =
-            by_trace.try_emplace({group.what, {group.trace.begin(), group.trace.end()}}, group);
-        if (is_new)
+            numbers.try_emplace({group.what, group.trace.data()}, merged.size());
+        if (is_new) {
+            merged.push_back(group);
             continue;
-        Group &sum = known->second;
+        }
+        Group &sum = merged[known->second];
         const bool adds = group.what == still_held;
         sum.count = adds ? sum.count + group.count : std::max(sum.count, group.count);
         sum.bytes = adds ? sum.bytes + group.bytes : std::max(sum.bytes, group.bytes);
     }
-    groups.clear();
-    for (const auto &[key, group] : by_trace)
-        groups.push_back(group);
+    groups = std::move(merged);
     std::ranges::stable_sort(groups, [](const Group &left, const Group &right) {
         return std::tuple(!left.certain, right.bytes, right.count) <
                std::tuple(!right.certain, left.bytes, left.count);
@@ -74,7 +101,7 @@ void merge(std::vector<Group> &groups) {
 void print_trace(std::ostream &out, Trace trace, Symbolizer &symbolizer) {
     constexpr size_t most_frames = 4;
     for (const std::string_view pc : trace.first(std::min(trace.size(), most_frames))) {
-        const std::vector<SourceFrame> &frames = symbolizer.lookup(pc);
+        const std::vector<SourceFrame> frames = frames_at(pc, symbolizer);
         for (const SourceFrame &frame : frames)
             out << "    " << printable(describe(pc, frame)) << '\n';
         if (frames.back().function == "main")
@@ -130,11 +157,7 @@ void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symb
         if (group.what != still_held)
             return false;
         for (Suppression &suppression : suppressions) {
-            const Trace pcs = group.trace.first(suppression.innermost ? 1 : group.trace.size());
-            const bool matches = std::ranges::any_of(pcs, [&](std::string_view pc) {
-                return matches_frame(suppression.pattern, pc, symbolizer);
-            });
-            if (!matches)
+            if (!matches(suppression, group.trace, symbolizer))
                 continue;
             suppression.blocks += group.count;
             suppression.bytes += group.bytes;

@@ -1,8 +1,9 @@
 #include "tools/run/launch.h"
 
+#include "tools/run/signals.h"
+
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <elf.h>
@@ -10,7 +11,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -23,10 +23,11 @@ struct Width {
     int bits;
     unsigned char elf_class;
     std::vector<const char *> folders; // what the system's loaders put for $LIB
+    const char *package;               // with the shim for it
 };
 
-const std::array widths = {Width{64, ELFCLASS64, {"lib/x86_64-linux-gnu"}},
-                           Width{32, ELFCLASS32, {"lib32", "lib/i386-linux-gnu"}}};
+const std::array widths = {Width{64, ELFCLASS64, {"lib/x86_64-linux-gnu"}, "k42mc-r-tools"},
+                           Width{32, ELFCLASS32, {"lib32", "lib/i386-linux-gnu"}, "lib32k42mc-r-tools"}};
 
 // Of a script, its interpreter's class; 0 for what cannot be read.
 unsigned char elf_class_of(const std::string &program, int most_interpreters = 4) {
@@ -72,7 +73,8 @@ std::string preload_path(const std::string &program) {
         });
         if (!installed && width.elf_class == wanted)
             throw std::runtime_error("no " + std::to_string(width.bits) + "-bit " + shim +
-                                     " is installed below " + prefix.string());
+                                     " is installed below " + prefix.string() +
+                                     "; it is in the package " + width.package);
     }
     return prefix / "$LIB" / shim;
 }
@@ -83,22 +85,18 @@ int launch(const std::vector<std::string> &command, const std::vector<Setting> &
     for (const std::string &word : command)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
+    const SignalRelay relay;
     const pid_t child = fork();
     if (child < 0)
         throw std::runtime_error(std::string("fork: ") + strerror(errno));
     if (child == 0) {
         for (const Setting &setting : environment)
             setenv(setting.variable.c_str(), setting.value.c_str(), 1);
+        relay.release();
         execvp(arguments[0], arguments.data());
-        fprintf(stderr, "k42mc run: %s: %s\n", arguments[0], strerror(errno));
-        _exit(errno == ENOENT ? 127 : 126);
+        const int cause = errno;
+        fprintf(stderr, "k42mc run: %s: %s\n", arguments[0], strerror(cause));
+        _exit(cause == ENOENT ? 127 : 126);
     }
-    // The keyboard's signals are the program's to answer.
-    signal(SIGINT, SIG_IGN);
-    signal(SIGQUIT, SIG_IGN);
-    signal(SIGXFSZ, SIG_IGN); // what does not fit is told
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR)
-        continue;
-    return status;
+    return relay.wait_for(child);
 }

@@ -1,5 +1,8 @@
 #include "tools/run/report_folder.h"
 
+#include "tools/common/file.h"
+#include "tools/run/run_file.h"
+
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -16,21 +19,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-class Descriptor {
-public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor() {
-        if (number_ >= 0)
-            close(number_);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    operator int() const { return number_; }
-
-private:
-    int number_;
-};
 
 // What speaks against files of ours in a folder: whoever can rename and remove there can put files of his own
 // into their place. Null for nothing. A sticky folder leaves that to the files' owners.
@@ -64,37 +52,87 @@ int open_named(std::string name) {
     return folder;
 }
 
-int open_new() {
-    std::error_code no_working_directory;
-    const char *temporary = getenv("TMPDIR");
-    const std::array<std::string, 3> parents = {fs::current_path(no_working_directory),
-                                                temporary != nullptr ? temporary : "", "/tmp"};
-    for (const std::string &parent : parents) {
+// Whether nobody else can put a folder of his own into the place of this one, or of one that it is in. What is not
+// there yet can be made below what is.
+bool is_safe(const fs::path &folder) {
+    std::error_code error;
+    const fs::path whole = fs::weakly_canonical(folder, error);
+    bool safe = !error && whole.is_absolute();
+    for (fs::path part = whole; safe && part.has_relative_path(); part = part.parent_path()) {
         struct stat status;
-        if (parent.empty() || stat(parent.c_str(), &status) != 0 || danger_of(status) != nullptr)
-            continue;
-        std::string folder = parent + "/k42mc-run.XXXXXX";
-        if (mkdtemp(folder.data()) != nullptr)
-            return open_named(folder);
+        safe = stat(part.c_str(), &status) == 0 ? danger_of(status) == nullptr : errno == ENOENT;
     }
+    return safe;
+}
+
+// Null unless it is a whole path, as the variable is to have.
+const char *path_in(const char *variable) {
+    const char *path = getenv(variable);
+    return path != nullptr && *path == '/' ? path : nullptr;
+}
+
+// Where the user's programs keep what is to outlast them; empty for nowhere.
+fs::path state_folder() {
+    if (const char *state = path_in("XDG_STATE_HOME"))
+        return fs::path(state) / "k42mc";
+    const char *home = path_in("HOME");
+    return home != nullptr ? fs::path(home) / ".local/state/k42mc" : fs::path();
+}
+
+void make_private(const fs::path &folder) {
+    std::error_code error; // what is missing then is told by what is made in it
+    const mode_t before = umask(077);
+    fs::create_directories(folder, error);
+    umask(before);
+}
+
+// Returns -1 if none can be made there.
+int open_new_below(const fs::path &parent) {
+    std::string folder = parent / "k42mc-run.XXXXXX";
+    return mkdtemp(folder.data()) != nullptr ? open_named(folder) : -1;
+}
+
+int open_new() {
+    if (const fs::path state = state_folder(); is_safe(state)) {
+        make_private(state);
+        if (const int folder = open_new_below(state); folder >= 0)
+            return folder;
+    }
+    for (const char *temporary : {path_in("TMPDIR"), "/tmp"})
+        if (temporary != nullptr && is_safe(temporary))
+            if (const int folder = open_new_below(temporary); folder >= 0)
+                return folder;
     throw std::runtime_error("no folder for reports can be made");
 }
 
 std::string random_word() {
     std::random_device random;
-    char word[17];
+    char word[run_id_size + 1];
     snprintf(word, sizeof word, "%08x%08x", random(), random());
     return word;
 }
 
 } // namespace
 
-ReportFolder::ReportFolder(const std::string &name)
-    : descriptor_(name.empty() ? open_new() : open_named(name)),
-      path_(fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor_))), run_id_(random_word()) {}
+ReportFolder::ReportFolder(const std::string &name, bool keep_earlier)
+    : is_new_(name.empty()), descriptor_(is_new_ ? open_new() : open_named(name)),
+      path_(fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor_))), run_id_(random_word()) {
+    if (!is_new_ && !keep_earlier)
+        remove_earlier();
+    flock(descriptor_, LOCK_SH | LOCK_NB);
+}
 
 ReportFolder::~ReportFolder() {
     close(descriptor_);
+}
+
+// Of runs that are over: each holds a lock on the folder.
+void ReportFolder::remove_earlier() const {
+    if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0)
+        return;
+    for (const RunFile &file : run_files_in(descriptor_))
+        if (file.is_idle)
+            unlinkat(descriptor_, file.name.c_str(), 0);
 }
 
 std::vector<Setting> ReportFolder::settings() const {
@@ -106,54 +144,39 @@ std::vector<Setting> ReportFolder::settings() const {
             {"K42MC_RUN_ID", run_id_}};
 }
 
-// The shim begins its files with the run's own word.
-ReportFolder::Content ReportFolder::content_of(int file) const {
-    const std::string first_line = R"({"kind":"run","id":")" + run_id_ + "\"}\n";
-    std::string head(first_line.size(), '\0');
-    struct stat status;
-    if (file < 0 || fstat(file, &status) != 0 || !S_ISREG(status.st_mode) ||
-        pread(file, head.data(), head.size(), 0) != static_cast<ssize_t>(head.size()) ||
-        head != first_line)
-        return Content::foreign;
-    return static_cast<size_t>(status.st_size) > head.size() ? Content::report : Content::none;
-}
-
-// Of its text there may be something to read all the same.
-void ReportFolder::remove_pair(const std::string &json) const {
-    const std::string text = fs::path(json).replace_extension(".txt");
-    struct stat status;
-    if (fstatat(descriptor_, text.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        S_ISREG(status.st_mode) && status.st_size == 0)
-        unlinkat(descriptor_, text.c_str(), 0);
-    unlinkat(descriptor_, json.c_str(), 0);
-}
-
-std::vector<std::string> ReportFolder::collect_reports() const {
-    std::vector<std::string> reports;
-    std::vector<std::string> empty;
-    for (const fs::directory_entry &entry : fs::directory_iterator(path_)) {
-        const std::string name = entry.path().filename();
-        if (entry.path().extension() != ".json")
+RunOutputs ReportFolder::collect() const {
+    const std::string opened =
+        "/proc/self/fd/" + std::to_string(descriptor_) + "/"; // whatever it is called now
+    RunOutputs outputs;
+    for (const RunFile &file : run_files_in(descriptor_)) {
+        if (file.run_id != run_id_)
             continue;
-        const Descriptor file(
-            openat(descriptor_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        const Content content = content_of(file);
-        if (content == Content::report)
-            reports.push_back(entry.path());
-        // A process that is still running holds a lock on its own.
-        else if (content == Content::none && flock(file, LOCK_EX | LOCK_NB) == 0)
-            empty.push_back(name);
+        if (file.is_empty && file.is_idle)
+            unlinkat(descriptor_, file.name.c_str(), 0);
+        else if (!file.is_empty && file.is_json)
+            outputs.reports.push_back(opened + file.name);
+        else if (!file.is_empty)
+            outputs.texts.push_back(path_ + "/" + file.name);
     }
-    for (const std::string &name : empty)
-        remove_pair(name);
-    return reports;
+    return outputs;
+}
+
+bool ReportFolder::discard(bool found_nothing) const {
+    if (!is_new_)
+        return false;
+    if (found_nothing)
+        for (const RunFile &file : run_files_in(descriptor_))
+            if (file.run_id == run_id_ && file.is_idle)
+                unlinkat(descriptor_, file.name.c_str(), 0);
+    return rmdir(path_.c_str()) == 0;
 }
 
 std::string ReportFolder::obstacle() const {
-    const Descriptor file(openat(descriptor_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
-    if (file < 0)
+    const File file(openat(descriptor_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    if (!file.is_open())
         return errno == EOPNOTSUPP ? "" : strerror(errno);
     const std::array<char, 4096> page{};
-    return write(file, page.data(), page.size()) == static_cast<ssize_t>(page.size()) ? ""
-                                                                                      : strerror(errno);
+    const bool written =
+        write(file.descriptor(), page.data(), page.size()) == static_cast<ssize_t>(page.size());
+    return written ? "" : strerror(errno);
 }

@@ -6,12 +6,19 @@
 #include <string>
 #include <vector>
 
+// What the processes of a run have left.
+struct RunOutputs {
+    std::vector<std::string> reports; // lines of JSON, to be read while the folder is open
+    std::vector<std::string> texts;   // to be told
+};
+
 class ReportFolder {
 public:
-    // Made where it is not there yet; without a name a new one, in the working directory or else where
-    // temporary files go. Throws std::runtime_error when there is none, or somebody else could put files of
-    // his own into the place of reports.
-    explicit ReportFolder(const std::string &name);
+    // Made where it is not there yet. Reports of earlier runs go unless they are to stay, or another run is still
+    // at work there. Without a name a new folder, among the user's state or else where temporary files go.
+    // Throws std::runtime_error when there is none, or somebody else could put files of his own into the place
+    // of reports.
+    ReportFolder(const std::string &name, bool keep_earlier);
     ~ReportFolder();
     ReportFolder(const ReportFolder &) = delete;
     ReportFolder &operator=(const ReportFolder &) = delete;
@@ -21,18 +28,21 @@ public:
     // What the shim has to know of it.
     std::vector<Setting> settings() const;
 
-    // The reports of this run in lines of JSON. Removes the files of its processes that ended without one, as
-    // children of fork do that turn into another program, and nothing else.
-    std::vector<std::string> collect_reports() const;
+    // Of this run. Removes those of its files that nothing was written to, as children of fork leave them that
+    // turn into another program, and nothing else.
+    RunOutputs collect() const;
+
+    // Where the folder is a new one, removes it, and ahead of it what the run has left there if it found nothing.
+    // Returns whether the folder is gone.
+    bool discard(bool found_nothing) const;
 
     // Why nothing can be written there; empty when it can be.
     std::string obstacle() const;
 
 private:
-    enum class Content { foreign, none, report };
-    Content content_of(int file) const;
-    void remove_pair(const std::string &json) const;
+    void remove_earlier() const;
 
+    bool is_new_;
     int descriptor_;
     std::string path_;
     std::string run_id_;

@@ -1,9 +1,11 @@
 #include "tools/commands.h"
 #include "tools/common/counted.h"
 #include "tools/report/reader.h"
+#include "tools/run/filter_line.h"
 #include "tools/run/findings.h"
 #include "tools/run/launch.h"
 #include "tools/run/report_folder.h"
+#include "tools/run/signals.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -12,16 +14,18 @@
 #include <iostream>
 #include <iterator>
 #include <set>
-#include <sys/resource.h>
+#include <span>
+#include <sstream>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
 struct Options {
     std::string output;
+    bool append = false;
+    bool text = false;
     unsigned every = 0;
-    std::string signal;
+    int signal = 0;
     unsigned limit = 1;
     bool no_backtrace = false;
     std::vector<std::string> filters;
@@ -30,43 +34,54 @@ struct Options {
     bool follow = true;
     std::string suppressions;
     int error_exitcode = 0;
-    std::vector<std::string> command;
+    std::string program;
+    std::vector<std::string> arguments; // the program's
 };
 
+constexpr int own_trouble = 125; // as the shell has 126 and 127
+
 constexpr const char *examples = R"(Examples:
-  k42mc run -- ls -l
-  k42mc run --verify --error-exitcode 99 --suppress known.txt -- ./server -p 80
+  k42mc run ls -l
+  k42mc run --error-exitcode 99 --suppress known.txt ./server -p 80
   k42mc run --output /tmp/r --every 60 --limit 3 -- python3 app.py)";
 
 // Who allocates what any process holds to its end: buffers of streams, the loader's records.
-constexpr std::initializer_list<const char *> always_left = {"^_IO_file_doallocate$", "ld-linux"};
+struct Holder {
+    const char *pattern, *module;
+};
+constexpr Holder always_left[] = {{"^_IO_file_doallocate$", "/libc.so."}, {"ld-linux", "ld-linux"}};
 
-int signal_number(const std::string &name) {
+// Puts the number in the place of a name or a number. Returns what is wrong with it.
+std::string take_signal(std::string &name) {
     const std::string bare = name.starts_with("SIG") ? name.substr(3) : name;
-    for (int number = 1; number < NSIG; ++number)
-        if (const char *known = sigabbrev_np(number); known != nullptr && bare == known)
-            return number;
-    try {
-        return std::stoi(bare);
-    } catch (const std::exception &) {
-        throw CLI::ValidationError("--signal", "no signal: " + name);
+    for (int number = 1; number <= SIGRTMAX; ++number) {
+        const char *known = sigabbrev_np(number);
+        if ((known == nullptr || bare != known) && bare != std::to_string(number))
+            continue;
+        name = std::to_string(number);
+        return {};
     }
+    return "no signal: " + name;
 }
 
-std::vector<Setting> environment(const Options &options, const ReportFolder &folder) {
-    std::string preload = preload_path(options.command.front());
+std::string fault_of_filter(const std::string &line) {
+    return is_filter_line(line) ? "" : "not file:line:LK:type:address:size, as reports have it: " + line;
+}
+
+// But for the folder.
+std::vector<Setting> environment(const Options &options) {
+    std::string preload = preload_path(options.program);
     if (const char *others = getenv("LD_PRELOAD"); others != nullptr && *others != '\0')
         preload += std::string(":") + others;
     std::vector<Setting> settings = {{"LD_PRELOAD", preload},
                                      {"K42MC_RUN_LIMIT", std::to_string(options.limit)},
                                      {"K42MC_RUN_EVERY", std::to_string(options.every)},
                                      {"K42MC_RUN_BACKTRACE", options.no_backtrace ? "0" : "1"},
+                                     {"K42MC_RUN_TEXT", options.text ? "1" : "0"},
+                                     {"K42MC_RUN_SIGNAL", std::to_string(options.signal)},
                                      {"K42MC_RUN_VERIFY", options.verify ? "1" : "0"},
                                      {"K42MC_RUN_FDS", options.fds ? "1" : "0"},
                                      {"K42MC_RUN_FOLLOW", options.follow ? "1" : "0"}};
-    std::ranges::move(folder.settings(), std::back_inserter(settings));
-    if (!options.signal.empty())
-        settings.push_back({"K42MC_RUN_SIGNAL", std::to_string(signal_number(options.signal))});
     std::string filters;
     for (const std::string &line : options.filters)
         filters += line + '\n';
@@ -90,24 +105,8 @@ bool are_whole(const Report &report, const ReportFolder &folder) {
     return !report.processes.empty() && damaged.empty() && obstacle.empty();
 }
 
-// Returns whether anything is left to complain about. A program that failed says so by itself; one that ended
-// well is none the less not clean where nobody could look.
-bool summarize(const Options &options, const ReportFolder &folder, bool ended_well) {
-    std::vector<Suppression> suppressions;
-    if (!options.suppressions.empty())
-        suppressions = read_suppressions(options.suppressions);
-    const size_t own = suppressions.size();
-    for (const char *pattern : always_left)
-        suppressions.push_back({pattern, true});
-    Symbolizer symbolizer;
-    const Report report = read_reports(folder.collect_reports());
-    Findings findings(report);
-    findings.suppress(suppressions, symbolizer);
-    if (!report.processes.empty())
-        findings.print(std::cerr, symbolizer);
-    const bool whole = are_whole(report, folder);
-    for (size_t i = 0; i < own; ++i) {
-        const Suppression &suppression = suppressions[i];
+void tell_suppressed(std::span<const Suppression> suppressions) {
+    for (const Suppression &suppression : suppressions) {
         std::cerr << (suppression.blocks == 0 ? "k42mc: unused suppression: leak:"
                                               : "k42mc: suppressed: leak:")
                   << suppression.pattern;
@@ -116,18 +115,39 @@ bool summarize(const Options &options, const ReportFolder &folder, bool ended_we
                       << counted(suppression.bytes, "byte");
         std::cerr << '\n';
     }
-    std::cerr << "k42mc: read more with: k42mc report " << folder.path() << '\n';
+}
+
+// Returns whether anything is left to complain about. A program that failed says so by itself; one that ended
+// well is none the less not clean where nobody could look.
+bool summarize(const Options &options, std::vector<Suppression> suppressions, const ReportFolder &folder,
+               bool ended_well) {
+    const size_t own = suppressions.size();
+    for (const Holder &holder : always_left)
+        suppressions.push_back({holder.pattern, holder.module});
+    Symbolizer symbolizer;
+    const RunOutputs outputs = folder.collect();
+    const Report report = read_reports(outputs.reports);
+    Findings findings(report);
+    findings.suppress(suppressions, symbolizer);
+    if (!report.processes.empty()) {
+        std::ostringstream text; // in one piece
+        findings.print(text, symbolizer);
+        std::cerr << text.str();
+    }
+    const bool whole = are_whole(report, folder);
+    tell_suppressed(std::span(suppressions).first(own));
+    if (!options.text)
+        for (const std::string &text : outputs.texts)
+            std::cerr << "k42mc: the checker said more in " << text << '\n';
+    if (!folder.discard(findings.empty() && whole && outputs.texts.empty()))
+        std::cerr << "k42mc: read more with: k42mc report " << folder.path() << '\n';
     return !findings.empty() || (ended_well && !whole);
 }
 
 // Ends as the program did.
 [[noreturn]] void pass_on(int status) {
-    if (WIFSIGNALED(status)) {
-        constexpr rlimit no_core = {0, 0};
-        setrlimit(RLIMIT_CORE, &no_core);
-        signal(WTERMSIG(status), SIG_DFL);
-        raise(WTERMSIG(status));
-    }
+    if (WIFSIGNALED(status))
+        end_by(WTERMSIG(status));
     throw CLI::RuntimeError(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }
 
@@ -135,44 +155,81 @@ void run(const Options &options) {
     bool found = false;
     int status = 0;
     try {
-        const ReportFolder folder(options.output);
-        status = launch(options.command, environment(options, folder));
-        found = summarize(options, folder, status == 0);
+        std::vector<Setting> settings = environment(options);
+        std::vector<Suppression> suppressions;
+        if (!options.suppressions.empty())
+            suppressions = read_suppressions(options.suppressions);
+        const ReportFolder folder(options.output, options.append);
+        std::ranges::move(folder.settings(), std::back_inserter(settings));
+        std::vector<std::string> command = {options.program};
+        std::ranges::copy(options.arguments, std::back_inserter(command));
+        status = launch(command, settings);
+        found = summarize(options, std::move(suppressions), folder, status == 0);
     } catch (const std::exception &error) {
         std::cerr << "k42mc run: " << error.what() << '\n';
-        throw CLI::RuntimeError(125);
+        throw CLI::RuntimeError(own_trouble);
     }
     if (found && options.error_exitcode != 0)
         throw CLI::RuntimeError(options.error_exitcode);
     pass_on(status);
 }
 
+// How many words, after the subcommand's own, belong to it: up to the program's name.
+size_t count_own_words(const CLI::App &command, const std::vector<std::string> &words) {
+    size_t i = 1;
+    for (; i < words.size() && words[i].starts_with('-'); ++i) {
+        if (words[i] == "--")
+            return std::min(i + 2, words.size());
+        const CLI::Option *option = command.get_option_no_throw(words[i]);
+        if (option != nullptr && option->get_items_expected_min() > 0)
+            ++i; // its value
+    }
+    return std::min(i + 1, words.size());
+}
+
+// Whatever they look like, they are none of ours.
+std::vector<std::string> take_arguments(const CLI::App &command, std::vector<std::string> &words) {
+    if (words.empty() || words.front() != command.get_name())
+        return {};
+    const auto first = words.begin() + static_cast<ptrdiff_t>(count_own_words(command, words));
+    std::vector<std::string> arguments(first, words.end());
+    words.erase(first, words.end());
+    return arguments;
+}
+
 } // namespace
 
-void add_run(CLI::App &app) {
+void add_run(CLI::App &app, std::vector<std::string> &words) {
     const auto options = std::make_shared<Options>();
     CLI::App *command = app.add_subcommand("run", "Run a program with every block guarded and recorded");
     command->footer(examples);
     command->add_option("--output", options->output, "Folder for reports; else a new one")
         ->type_name("DIR");
+    command->add_flag("--append", options->append, "Keep the reports of earlier runs there");
+    command->add_flag("--text", options->text, "Reports as lines of text as well");
     command->add_option("--every", options->every, "Report every so many seconds")->type_name("SECONDS");
-    command->add_option("--signal", options->signal, "Report on this signal")->type_name("SIG");
+    command->add_option("--signal", options->signal, "Report on this signal")
+        ->type_name("SIG")
+        ->transform(CLI::Validator(take_signal, ""));
     command->add_option("--limit", options->limit, "Blocks that survived so many reports")
         ->type_name("N");
     command->add_flag("--no-backtrace", options->no_backtrace, "Record no stack traces");
     command->add_option("--filter", options->filters, "Sites with or without stack traces")
         ->type_name("LINE")
-        ->allow_extra_args(false);
-    command->add_flag("--verify", options->verify, "Examine the blocks left at exit");
+        ->allow_extra_args(false)
+        ->check(fault_of_filter);
+    command->add_flag("--verify", options->verify, "Damaged blocks among the text, too");
     command->add_flag("--fds", options->fds, "Watch descriptors, too");
     command->add_flag("--follow,!--no-follow", options->follow, "Check programs it starts (default)");
     command->add_option("--suppress", options->suppressions, "Lines leak:PATTERN of known leaks")
         ->type_name("FILE");
     command
         ->add_option("--error-exitcode", options->error_exitcode, "Exit status when something is found")
-        ->type_name("N");
-    command->add_option("command", options->command, "The program and its arguments")
-        ->type_name("-- PROGRAM [ARGS]")
+        ->type_name("N")
+        ->check(CLI::Range(1, 255));
+    command->add_option("program", options->program, "The program; what follows are its arguments")
+        ->type_name("[--] PROGRAM [ARGS]")
         ->required();
+    options->arguments = take_arguments(*command, words);
     command->callback([options] { run(*options); });
 }

@@ -62,7 +62,7 @@ std::vector<Suppression> read_suppressions(const std::string &path) {
             continue;
         if (!text.starts_with(kind) || text.size() == kind.size())
             throw std::runtime_error(std::string(path).append(": no suppression: ").append(line));
-        suppressions.push_back({std::string(text.substr(kind.size())), false});
+        suppressions.push_back({std::string(text.substr(kind.size()))});
     }
     return suppressions;
 }

@@ -8,8 +8,9 @@
 
 struct Suppression {
     std::string pattern;
-    bool innermost = false; // only of the frame that allocated
-    uint64_t blocks = 0;    // that it kept from the summary
+    const char *module =
+        nullptr;         // only of the frame that allocated, in modules of such a name, by symbols alone
+    uint64_t blocks = 0; // that it kept from the summary
     uint64_t bytes = 0;
 };
 

@@ -83,6 +83,13 @@ void put_report(TextOutput &out, uint32_t limit) {
     out.put("}\n");
 }
 
+// What comes next is the next cycle's.
+void end_cycle() {
+    MCResetCycleStats();
+    if (sites_need_sweep())
+        sweep_sites();
+}
+
 } // namespace
 
 void report(uint32_t limit) {
@@ -99,9 +106,15 @@ void report(uint32_t limit) {
         return;
     gMCCycle = next;
     put_report(*SinkText(), limit);
-    MCResetCycleStats();
-    if (sites_need_sweep())
-        sweep_sites();
+    end_cycle();
+}
+
+void count_cycle() {
+    const ControlLock lock(function_name);
+    if (!lock || !registry_exists())
+        return;
+    ++gMCCycle;
+    end_cycle();
 }
 
 } // namespace k42mc::internal

@@ -47,12 +47,12 @@ grep '^LD_PRELOAD=' out | grep -qF "$work" && fail 'the shim is loaded from belo
 [[ ! $(find own -mindepth 1) ]] || fail 'reports in a folder that somebody put there'
 
 # By itself, the command takes no folder that others can put files into.
-chmod 777 .
-(TMPDIR=$work/sticky "$k42mc" run -- /bin/true >err 2>&1) || fail 'no folder of its own'
-ls -d sticky/k42mc-run.* >/dev/null 2>&1 || fail 'not where it is safe'
+mkdir -m 777 sticky/k42mc
+(XDG_STATE_HOME=$work/sticky TMPDIR=$work/own "$k42mc" run -- /usr/bin/env >out 2>err) || fail 'no folder of its own'
+grep -q "^K42MC_RUN_OUTPUT=$work/own/" out || fail 'not where it is safe'
 
 # Without a working directory it does as well.
 mkdir gone
-(cd gone && rmdir ../gone && TMPDIR=$work/sticky "$k42mc" run -- /bin/true >../err 2>&1) || fail 'no working directory'
+(cd gone && rmdir ../gone && XDG_STATE_HOME=$work/own "$k42mc" run -- /bin/true >../err 2>&1) || fail 'no working directory'
 
 exit $failed

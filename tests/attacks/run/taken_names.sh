@@ -10,7 +10,7 @@ umask 022
 
 mkdir reports
 echo precious >victim
-"$k42mc" run --output reports -- bash -c '
+"$k42mc" run --output reports --text -- bash -c '
     mkfifo "reports/true.$$.txt"
     ln -s ../victim "reports/true.$$-1.json"
     mkdir "reports/true.$$-2.txt"

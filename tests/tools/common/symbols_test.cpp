@@ -44,6 +44,7 @@ TEST(Symbols, AddressesBecomeFunctionsAndLines) {
         EXPECT_EQ(frame.function, "known_function") << place;
         EXPECT_TRUE(frame.file.ends_with("symbols_test.cpp")) << place;
         EXPECT_EQ(frame.line, line_of_call) << place;
+        EXPECT_EQ(symbolizer.function(place), "known_function") << place;
     }
     std::istringstream in("plain [0x1]\n" + std::string(trace) + "\r\n/no/p(f+0x1) [0x2]\nlast");
     std::ostringstream out;
@@ -173,6 +174,25 @@ TEST_F(Modules, PipesAreNoDebugInformation) {
     fs::create_directory(at(".debug"));
     ASSERT_EQ(mkfifo(at(".debug/link").c_str(), 0600), 0);
     EXPECT_EQ(status_of_lookups(stripped), 0);
+}
+
+TEST_F(Modules, DebugInformationIsFoundApartFromThem) {
+    fs::create_directories(at("bin/.debug"));
+    write("whole", whole);
+    fs::create_symlink("bin/stripped", at("linked"));
+    for (const char *place : {"bin/stripped.debug", "bin/.debug/other.debug"}) {
+        ASSERT_EQ(system(("objcopy --only-keep-debug " + at("whole") + " " + at(place) +
+                          " && objcopy --strip-debug --add-gnu-debuglink=" + at(place) + " " +
+                          at("whole") + " " + at("bin/stripped"))
+                             .c_str()),
+                  0);
+        for (const char *module : {"bin/stripped", "linked"}) {
+            Symbolizer symbolizer;
+            EXPECT_EQ(symbolizer.lookup(pc_in(at(module), known_function())).front().line, line_of_call)
+                << place << " of " << module;
+        }
+        fs::remove(at(place));
+    }
 }
 
 } // namespace

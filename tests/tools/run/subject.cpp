@@ -115,19 +115,39 @@ void leak_in_modules(const std::string &program) {
     }
 }
 
+volatile sig_atomic_t told_to_end = 0;
+
+// Says which signals come, until one tells it to end. Some are not handled.
+int await_signals() {
+    signal(SIGTERM, [](int) { told_to_end = 1; });
+    for (const int number : {SIGUSR1, SIGINT, SIGCONT})
+        signal(number, [](int came) { dprintf(1, "%s\n", sigabbrev_np(came)); });
+    dprintf(1, "ready %d\n", getpid());
+    while (told_to_end == 0)
+        usleep(10000);
+    return 5;
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
     const std::string_view what = argc > 1 ? argv[1] : "";
     if (what == "leak")
         leaky_function();
+    else if (what == "printing")
+        puts("into a buffer, which stays");
     else if (what == "interface")
         return sound_interface() ? 0 : 1;
     else if (what == "status")
         return 7;
     else if (what == "signal")
         raise(SIGTERM);
-    else if (what == "overrun") {
+    else if (what == "await")
+        return await_signals();
+    else if (what == "too-much") {
+        volatile size_t much = PTRDIFF_MAX;
+        kept = static_cast<char *>(malloc(much));
+    } else if (what == "overrun") {
         kept = static_cast<char *>(malloc(10));
         kept[10] = 'x';
     } else if (what == "double-free") {
