@@ -9,10 +9,8 @@
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
 #include "tools/preload/report_files.h"
-#include "wrappers/notice.h"
-}
-
 #include "tools/preload/settings.h"
+#include "wrappers/notice.h"
 
 #include <algorithm>
 #include <string.h>
