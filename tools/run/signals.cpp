@@ -6,13 +6,6 @@
 
 namespace {
 
-// Neither those that do nothing unless they are handled, nor those that this process was told to ignore.
-bool is_relayed(int number) {
-    struct sigaction action;
-    return number != SIGURG && number != SIGWINCH && sigaction(number, nullptr, &action) == 0 &&
-           action.sa_handler != SIG_IGN;
-}
-
 void change_mask(int how, int number) {
     sigset_t one;
     sigemptyset(&one);
@@ -66,10 +59,9 @@ SignalRelay::SignalRelay() {
     struct sigaction waited {};
     waited.sa_handler = SIG_DFL; // ignored, it would take away what there is to wait for
     sigaction(SIGCHLD, &waited, &child_before_);
-    sigemptyset(&relayed_);
-    for (int number = 1; number <= SIGRTMAX; ++number)
-        if (is_relayed(number))
-            sigaddset(&relayed_, number);
+    sigfillset(&relayed_);
+    sigdelset(&relayed_, SIGURG); // these do nothing unless they are handled
+    sigdelset(&relayed_, SIGWINCH);
     sigprocmask(SIG_BLOCK, &relayed_, &mask_before_);
 }
 

@@ -36,4 +36,5 @@ await() {
         sleep 0.02
     done
     fail "never: $*"
+    return 1
 }

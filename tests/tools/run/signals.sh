@@ -2,8 +2,8 @@
 # Signals to k42mc run: signals.sh <k42mc> <subject>.
 # shellcheck source=tests/tools/run/common.sh
 . "$(dirname "$0")/common.sh"
-program=$$
-trap 'rm -rf "$work"; ((failed == 0 || program == $$)) || kill -KILL "$program"' EXIT
+running=()
+trap 'rm -rf "$work"; ((failed == 0)) || kill -KILL "${running[@]}"' EXIT
 set -m # background jobs do not ignore the keyboard's signals
 
 # In a job of its own: sets launcher and program.
@@ -11,8 +11,10 @@ start() {
     rm -f out
     "$@" "$k42mc" run --output reports "$subject" await >out 2>err &
     launcher=$!
-    await grep -qs ready out
+    running=("$launcher")
+    await grep -qs ready out || exit 1
     program=$(sed -n 's/^ready //p' out)
+    running+=("$program")
 }
 ends() {
     local status=0
@@ -26,7 +28,7 @@ times() { [[ $(grep -c "^$1\$" out) == "$2" ]] || fail "$1: not $2 times"; }
 start
 for name in USR1 INT; do
     kill -$name "$launcher"
-    await grep -q "^$name\$" out
+    await grep -q "^$name\$" out || exit 1
 done
 kill -TERM "$launcher"
 ends 5 'handled signals'
@@ -55,6 +57,9 @@ trap - HUP CHLD
 set +m
 start setsid # ahead of all else in its session
 kill -STOP "$program"
+await grep -q '^State:.*stopped' "/proc/$program/status"
+kill -TTOU "$launcher" # is passed on behind the news of the stop, and goes by
+await grep -q '^ShdPnd:.*[1-9a-f]' "/proc/$program/status" || exit 1
 kill -CONT "$program"
 await grep -q '^CONT$' out
 kill -TERM "$launcher"
