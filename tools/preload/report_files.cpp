@@ -98,6 +98,13 @@ bool introduce() {
     return json->flush() == 0 && text.flush() == 0;
 }
 
+off_t size_of(int descriptor) {
+    struct stat status;
+    return fstat(descriptor, &status) == 0 ? status.st_size : -1;
+}
+
+constinit off_t unused_size = 0; // of the JSON, with its first line
+
 // Not every child is told of. One that has its parent's memory leaves the files alone.
 bool files_are_own() {
     return owner == getpid() || (!k42mc::internal::platform::borrows_memory() && create_report_files());
@@ -108,8 +115,10 @@ bool create_both(int folder) {
     if (!json_file.create(folder))
         return false;
     if (text_file.create(folder)) {
-        if (introduce())
+        if (introduce()) {
+            unused_size = size_of(json_file.descriptor());
             return true;
+        }
         text_file.remove(folder);
         errno = ENOSPC;
     }
@@ -199,4 +208,14 @@ bool create_report_files() {
             return false;
     }
     return false;
+}
+
+void remove_unused_report_files() {
+    if (owner != getpid() || size_of(json_file.descriptor()) != unused_size)
+        return;
+    const OpenFolder folder;
+    if (folder.descriptor() < 0)
+        return;
+    json_file.remove(folder.descriptor());
+    text_file.remove(folder.descriptor());
 }

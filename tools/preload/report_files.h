@@ -42,3 +42,6 @@ extern ReportFile json_file;
 // Creates both, in a forked child its own in place of its parent's. False, with neither of them, when that is
 // not possible.
 bool create_report_files();
+
+// Removes this process's own where nothing was written to them.
+void remove_unused_report_files();

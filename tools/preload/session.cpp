@@ -22,6 +22,7 @@
 #include "tools/preload/next.h"
 #include "tools/preload/output.h"
 #include "tools/preload/own_allocator.h"
+#include "tools/preload/report_files.h"
 #include "tools/preload/reporter.h"
 #include "tools/preload/settings.h"
 
@@ -121,10 +122,14 @@ void finish_at_exit(void *) {
     finish();
 }
 
-// Of a child that ends this way most blocks are its parent's.
+// A child that ends this way has nothing to report: most blocks are its parent's.
 void finish_in_haste() {
-    if (getpid() == first_process)
+    if (getpid() == first_process) {
         finish();
+    } else if (checker_depth == 0 && recording) {
+        const InsideChecker inside;
+        remove_unused_report_files();
+    }
 }
 
 // A child's report goes to files of its own. The thread that may have held the lock is not there.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <span>
 #include <tuple>
 
@@ -73,8 +74,7 @@ Group group_of(const Finding &finding) {
     return group;
 }
 
-// A child of fork finds its parent's damaged blocks and open descriptors, too: there a trace counts once, at its
-// most. What is left is each process's own. The report has each trace in one place.
+// The report has each trace in one place.
 void merge(std::vector<Group> &groups) {
     std::map<std::pair<std::string_view, const void *>, size_t> numbers;
     std::vector<Group> merged;
@@ -86,16 +86,29 @@ void merge(std::vector<Group> &groups) {
             merged.push_back(group);
             continue;
         }
-        Group &sum = merged[known->second];
-        const bool adds = group.what == still_held;
-        sum.count = adds ? sum.count + group.count : std::max(sum.count, group.count);
-        sum.bytes = adds ? sum.bytes + group.bytes : std::max(sum.bytes, group.bytes);
+        merged[known->second].count += group.count;
+        merged[known->second].bytes += group.bytes;
     }
     groups = std::move(merged);
     std::ranges::stable_sort(groups, [](const Group &left, const Group &right) {
         return std::tuple(!left.certain, right.bytes, right.count) <
                std::tuple(!right.certain, left.bytes, left.count);
     });
+}
+
+// Blocks and bytes.
+Counter sum_of(std::span<const Group> groups) {
+    Counter sum;
+    for (const Group &group : groups) {
+        sum.blocks += group.count;
+        sum.bytes += group.bytes;
+    }
+    return sum;
+}
+
+std::string in_words(const Counter &held, size_t sites) {
+    return counted(held.blocks, "block") + ", " + counted(held.bytes, "byte") + " at " +
+           counted(sites, "site");
 }
 
 void print_trace(std::ostream &out, Trace trace, Symbolizer &symbolizer) {
@@ -127,33 +140,66 @@ void print_groups(std::ostream &out, const std::vector<Group> &groups, const cha
         out << "  and " << counted(groups.size() - most_groups, "more site") << '\n';
 }
 
+void print_remark(std::ostream &out, std::string_view process, const Finding &remark,
+                  Symbolizer &symbolizer) {
+    if (remark.kind == Finding::Kind::stopped)
+        out << "k42mc: process " << remark.process << " was stopped: ";
+    else
+        out << "k42mc: " << printable(process) << ": ";
+    out << printable(remark.title) << '\n';
+    for (const Trail &trail : remark.trails) {
+        out << "  " << trail.heading << '\n';
+        print_trace(out, trail.trace, symbolizer);
+    }
+}
+
 } // namespace
 
-void Findings::add(const Process &process, const Finding &finding) {
+Findings::Part::Part(const Report &report, const Process &process) : name(process.name) {
+    add_left(report, process, blocks);
+    each_finding(report, process, [this](const Finding &finding) { add(finding); });
+    merge(blocks);
+    merge(descriptors);
+}
+
+void Findings::Part::add(const Finding &finding) {
     switch (finding.kind) {
     case Finding::Kind::damaged:
-        blocks_.push_back(group_of(finding));
+        blocks.push_back(group_of(finding));
         break;
     case Finding::Kind::misused_descriptor:
     case Finding::Kind::left_open:
-        descriptors_.push_back(group_of(finding));
+        descriptors.push_back(group_of(finding));
         break;
     default:
-        remarks_.push_back({std::string(process.name), finding});
+        remarks.push_back(finding);
     }
 }
 
-Findings::Findings(const Report &report) : processes_(report.processes.size()) {
-    for (const Process &process : report.processes) {
-        add_left(report, process, blocks_);
-        each_finding(report, process, [&](const Finding &finding) { add(process, finding); });
+void Findings::Part::print(std::ostream &out, bool is_one_of_many, Symbolizer &symbolizer) const {
+    const std::string subject = is_one_of_many ? printable(name) + ": " : "";
+    if (is_one_of_many && !blocks.empty())
+        out << "k42mc: " << subject << in_words(sum_of(blocks), blocks.size()) << '\n';
+    print_groups(out, blocks, "block", symbolizer);
+    if (!descriptors.empty()) {
+        out << "k42mc: " << subject << "descriptors\n";
+        print_groups(out, descriptors, "descriptor", symbolizer);
     }
-    merge(blocks_);
-    merge(descriptors_);
+    for (const Finding &remark : remarks)
+        print_remark(out, name, remark, symbolizer);
+}
+
+Findings::Findings(const Report &report, std::string_view first) {
+    for (const Process &process : report.processes)
+        parts_.emplace_back(report, process);
+    std::ranges::stable_sort(parts_, [first](const Part &left, const Part &right) {
+        return std::pair(left.name != first, sum_of(right.blocks).bytes) <
+               std::pair(right.name != first, sum_of(left.blocks).bytes);
+    });
 }
 
 void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer) {
-    std::erase_if(blocks_, [&](const Group &group) {
+    const auto is_known = [&](const Group &group) {
         if (group.what != still_held)
             return false;
         for (Suppression &suppression : suppressions) {
@@ -164,32 +210,35 @@ void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symb
             return true;
         }
         return false;
+    };
+    for (Part &part : parts_)
+        std::erase_if(part.blocks, is_known);
+}
+
+bool Findings::empty() const {
+    return std::ranges::all_of(parts_, [](const Part &part) {
+        return part.blocks.empty() && part.descriptors.empty() &&
+               std::ranges::none_of(part.remarks, &Finding::is_fault);
     });
 }
 
 void Findings::print(std::ostream &out, Symbolizer &symbolizer) const {
-    uint64_t blocks = 0;
-    uint64_t bytes = 0;
-    for (const Group &group : blocks_) {
-        blocks += group.count;
-        bytes += group.bytes;
+    constexpr size_t most_parts = 5;
+    Counter all;
+    std::set<std::pair<std::string_view, const void *>> sites;
+    for (const Part &part : parts_) {
+        const Counter held = sum_of(part.blocks);
+        all.blocks += held.blocks;
+        all.bytes += held.bytes;
+        for (const Group &group : part.blocks)
+            sites.emplace(group.what, group.trace.data());
     }
-    out << "k42mc: " << counted(blocks, "block") << ", " << counted(bytes, "byte") << " at "
-        << counted(blocks_.size(), "site") << " in " << counted(processes_, "process") << '\n';
-    print_groups(out, blocks_, "block", symbolizer);
-    if (!descriptors_.empty()) {
-        out << "k42mc: descriptors\n";
-        print_groups(out, descriptors_, "descriptor", symbolizer);
-    }
-    for (const auto &[process, finding] : remarks_) {
-        if (finding.kind == Finding::Kind::stopped)
-            out << "k42mc: process " << finding.process << " was stopped: ";
-        else
-            out << "k42mc: " << printable(process) << ": ";
-        out << printable(finding.title) << '\n';
-        for (const Trail &trail : finding.trails) {
-            out << "  " << trail.heading << '\n';
-            print_trace(out, trail.trace, symbolizer);
-        }
-    }
+    out << "k42mc: " << in_words(all, sites.size()) << " in " << counted(parts_.size(), "process")
+        << '\n';
+    size_t shown = 0;
+    for (const Part &part : parts_)
+        if (!part.is_empty() && shown++ < most_parts)
+            part.print(out, parts_.size() > 1, symbolizer);
+    if (shown > most_parts)
+        out << "k42mc: and " << counted(shown - most_parts, "more process") << '\n';
 }

@@ -6,11 +6,11 @@
 #include "tools/report/model.h"
 #include "tools/run/suppressions.h"
 
-#include <algorithm>
 #include <ostream>
+#include <string_view>
 
 // Blocks of one stack trace that were left, one trace's damaged blocks, or descriptors that one trace
-// opened or closed; one trace of all processes.
+// opened or closed; of one process.
 struct Group {
     std::string what;     // "left", or what is wrong
     bool certain = false; // a bug, not only something that was left
@@ -23,30 +23,27 @@ struct Group {
 // Of a report, which has to stay.
 class Findings {
 public:
-    explicit Findings(const Report &report);
+    // What was found in the process of that name stands first.
+    explicit Findings(const Report &report, std::string_view first = {});
 
     // Drops what a suppression matches, and counts it there.
     void suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer);
 
     // Nothing is wrong, whatever is to be said.
-    bool empty() const {
-        return blocks_.empty() && descriptors_.empty() &&
-               std::ranges::none_of(remarks_,
-                                    [](const Remark &remark) { return remark.finding.is_fault(); });
-    }
+    bool empty() const;
     void print(std::ostream &out, Symbolizer &symbolizer) const;
 
 private:
-    // On a process, not on what it holds.
-    struct Remark {
-        std::string process; // "server.812"
-        Finding finding;
+    struct Part {
+        std::string_view name; // "server.812"
+        std::vector<Group> blocks = {}, descriptors = {};
+        std::vector<Finding> remarks = {}; // on the process, not on what it holds
+
+        Part(const Report &report, const Process &process);
+        void add(const Finding &finding);
+        bool is_empty() const { return blocks.empty() && descriptors.empty() && remarks.empty(); }
+        void print(std::ostream &out, bool is_one_of_many, Symbolizer &symbolizer) const;
     };
 
-    void add(const Process &process, const Finding &finding);
-
-    std::vector<Group> blocks_;
-    std::vector<Group> descriptors_;
-    std::vector<Remark> remarks_;
-    size_t processes_ = 0;
+    std::vector<Part> parts_;
 };

@@ -45,7 +45,8 @@ unsigned char elf_class_of(const std::string &program, int most_interpreters = 4
     return elf_class_of(interpreter, most_interpreters - 1);
 }
 
-// As the shell finds it.
+} // namespace
+
 std::string find_program(const std::string &name) {
     if (name.find('/') != std::string::npos)
         return name;
@@ -58,8 +59,6 @@ std::string find_program(const std::string &name) {
     }
     return name;
 }
-
-} // namespace
 
 std::string preload_path(const std::string &program) {
     const fs::path prefix = fs::read_symlink("/proc/self/exe").parent_path().parent_path();
@@ -79,7 +78,7 @@ std::string preload_path(const std::string &program) {
     return prefix / "$LIB" / shim;
 }
 
-int launch(const std::vector<std::string> &command, const std::vector<Setting> &environment) {
+Ended launch(const std::vector<std::string> &command, const std::vector<Setting> &environment) {
     std::vector<char *> arguments;
     arguments.reserve(command.size() + 1);
     for (const std::string &word : command)
@@ -98,5 +97,5 @@ int launch(const std::vector<std::string> &command, const std::vector<Setting> &
         fprintf(stderr, "k42mc run: %s: %s\n", arguments[0], strerror(cause));
         _exit(cause == ENOENT ? 127 : 126);
     }
-    return relay.wait_for(child);
+    return {child, relay.wait_for(child)};
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 struct Setting {
@@ -13,5 +14,13 @@ struct Setting {
 // program's width, or the loader could not read the path.
 std::string preload_path(const std::string &program);
 
-// Runs the program and waits for it. Returns what wait says.
-int launch(const std::vector<std::string> &command, const std::vector<Setting> &environment);
+// The file of a program, as the shell finds it.
+std::string find_program(const std::string &name);
+
+struct Ended {
+    pid_t process;
+    int status; // as wait has it
+};
+
+// Runs the program and waits for it.
+Ended launch(const std::vector<std::string> &command, const std::vector<Setting> &environment);

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -112,6 +113,28 @@ std::string random_word() {
     return word;
 }
 
+// "server.812" of "server.812.json" and of "server.812-1.json".
+std::string process_of(const RunFile &file) {
+    const std::string stem = fs::path(file.name).stem();
+    const size_t again = stem.find('-', stem.rfind('.'));
+    return stem.substr(0, again);
+}
+
+std::string number_of(const std::string &process) {
+    return process.substr(process.rfind('.') + 1);
+}
+
+// A process may have been another program before, under the same number.
+void remove_known(std::vector<SilentProcess> &silent, const std::vector<RunFile> &files,
+                  const std::string &run_id) {
+    std::set<std::string> known;
+    for (const RunFile &file : files)
+        if (file.run_id == run_id && file.is_json && !file.is_empty)
+            known.insert(number_of(process_of(file)));
+    std::erase_if(silent,
+                  [&](const SilentProcess &process) { return known.contains(number_of(process.name)); });
+}
+
 } // namespace
 
 ReportFolder::ReportFolder(const std::string &name, bool keep_earlier)
@@ -144,13 +167,24 @@ std::vector<Setting> ReportFolder::settings() const {
             {"K42MC_RUN_ID", run_id_}};
 }
 
+void ReportFolder::add_list(const std::string &text) const {
+    const std::string name = "processes-" + run_id_.substr(0, 8) + ".list";
+    const File file(openat(descriptor_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    const std::string all = first_line_of_list(run_id_) + text;
+    if (file.is_open())
+        (void)!write(file.descriptor(), all.data(), all.size()); // a full disk is told of elsewhere
+}
+
 RunOutputs ReportFolder::collect() const {
     const std::string opened =
         "/proc/self/fd/" + std::to_string(descriptor_) + "/"; // whatever it is called now
     RunOutputs outputs;
-    for (const RunFile &file : run_files_in(descriptor_)) {
+    const std::vector<RunFile> files = run_files_in(descriptor_);
+    for (const RunFile &file : files) {
         if (file.run_id != run_id_)
             continue;
+        if (file.is_json && file.is_empty)
+            outputs.silent.push_back({process_of(file), !file.is_idle});
         if (file.is_empty && file.is_idle)
             unlinkat(descriptor_, file.name.c_str(), 0);
         else if (!file.is_empty && file.is_json)
@@ -158,6 +192,7 @@ RunOutputs ReportFolder::collect() const {
         else if (!file.is_empty)
             outputs.texts.push_back(path_ + "/" + file.name);
     }
+    remove_known(outputs.silent, files, run_id_);
     return outputs;
 }
 

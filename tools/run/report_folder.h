@@ -6,10 +6,17 @@
 #include <string>
 #include <vector>
 
+// A process without a report.
+struct SilentProcess {
+    std::string name; // "server.812"
+    bool still_runs;
+};
+
 // What the processes of a run have left.
 struct RunOutputs {
     std::vector<std::string> reports; // lines of JSON, to be read while the folder is open
     std::vector<std::string> texts;   // to be told
+    std::vector<SilentProcess> silent;
 };
 
 class ReportFolder {
@@ -27,6 +34,9 @@ public:
 
     // What the shim has to know of it.
     std::vector<Setting> settings() const;
+
+    // Beside the reports.
+    void add_list(const std::string &text) const;
 
     // Of this run. Removes those of its files that nothing was written to, as children of fork leave them that
     // turn into another program, and nothing else.

@@ -1,11 +1,13 @@
 #include "tools/commands.h"
 #include "tools/common/counted.h"
+#include "tools/common/printable.h"
 #include "tools/report/reader.h"
 #include "tools/run/filter_line.h"
 #include "tools/run/findings.h"
 #include "tools/run/launch.h"
 #include "tools/run/report_folder.h"
 #include "tools/run/signals.h"
+#include "tools/run/verdicts.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -34,6 +36,7 @@ struct Options {
     bool follow = true;
     std::string suppressions;
     int error_exitcode = 0;
+    std::vector<std::string> only, skip; // names of programs
     std::string program;
     std::vector<std::string> arguments; // the program's
 };
@@ -117,31 +120,79 @@ void tell_suppressed(std::span<const Suppression> suppressions) {
     }
 }
 
-// Returns whether anything is left to complain about. A program that failed says so by itself; one that ended
+// "server" of "server.812".
+std::string program_of(std::string_view process) {
+    return std::string(process.substr(0, process.rfind('.')));
+}
+
+bool is_wanted(const Options &options, std::string_view process) {
+    const std::string program = program_of(process);
+    return (options.only.empty() || std::ranges::count(options.only, program) != 0) &&
+           std::ranges::count(options.skip, program) == 0;
+}
+
+// Of the program that was named; its number may have been given a second time in another namespace.
+const Verdict *find_verdict(const std::vector<Verdict> &verdicts, pid_t process) {
+    const std::string end = "." + std::to_string(process);
+    const auto found = std::ranges::find_if(
+        verdicts, [&](const Verdict &verdict) { return verdict.process.ends_with(end); });
+    return found != verdicts.end() ? &*found : nullptr;
+}
+
+// Those that their reports do not tell of.
+void tell_unchecked(const std::vector<Verdict> &verdicts) {
+    constexpr size_t most = 5;
+    size_t count = 0;
+    for (const Verdict &verdict : verdicts)
+        if (!verdict.is_told && count++ < most)
+            std::cerr << "k42mc: " << printable(verdict.process) << ": not checked: " << verdict.reason
+                      << '\n';
+    if (count > most)
+        std::cerr << "k42mc: and " << counted(count - most, "more process") << " not checked\n";
+}
+
+// What the launcher has to know in the end.
+struct Summary {
+    bool found = false;   // something to complain about
+    bool checked = false; // the program that was named
+};
+
+// A program that failed says so by itself; one that ended
 // well is none the less not clean where nobody could look.
-bool summarize(const Options &options, std::vector<Suppression> suppressions, const ReportFolder &folder,
-               bool ended_well) {
+Summary summarize(const Options &options, std::vector<Suppression> suppressions,
+                  const ReportFolder &folder, const Ended &ended) {
     const size_t own = suppressions.size();
     for (const Holder &holder : always_left)
         suppressions.push_back({holder.pattern, holder.module});
     Symbolizer symbolizer;
     const RunOutputs outputs = folder.collect();
-    const Report report = read_reports(outputs.reports);
-    Findings findings(report);
+    Report report = read_reports(outputs.reports);
+    const std::vector<Verdict> verdicts = verdicts_on(report, outputs.silent);
+    const Verdict *const named = find_verdict(verdicts, ended.process);
+    std::erase_if(report.processes,
+                  [&](const Process &process) { return !is_wanted(options, process.name); });
+    Findings findings(report, named != nullptr ? std::string_view(named->process) : "");
     findings.suppress(suppressions, symbolizer);
     if (!report.processes.empty()) {
         std::ostringstream text; // in one piece
         findings.print(text, symbolizer);
         std::cerr << text.str();
     }
+    if (named == nullptr)
+        if (const std::string reason = reason_against(options.program); !reason.empty())
+            std::cerr << "k42mc: " << options.program << ": not checked: " << reason << '\n';
+    tell_unchecked(verdicts);
     const bool whole = are_whole(report, folder);
     tell_suppressed(std::span(suppressions).first(own));
     if (!options.text)
         for (const std::string &text : outputs.texts)
             std::cerr << "k42mc: the checker said more in " << text << '\n';
+    if (!verdicts.empty())
+        folder.add_list(list_of(verdicts));
     if (!folder.discard(findings.empty() && whole && outputs.texts.empty()))
         std::cerr << "k42mc: read more with: k42mc report " << folder.path() << '\n';
-    return !findings.empty() || (ended_well && !whole);
+    return {!findings.empty() || (ended.status == 0 && !whole),
+            named != nullptr && named->reason.empty()};
 }
 
 // Ends as the program did.
@@ -152,8 +203,8 @@ bool summarize(const Options &options, std::vector<Suppression> suppressions, co
 }
 
 void run(const Options &options) {
-    bool found = false;
-    int status = 0;
+    Ended ended{};
+    Summary summary;
     try {
         std::vector<Setting> settings = environment(options);
         std::vector<Suppression> suppressions;
@@ -163,15 +214,17 @@ void run(const Options &options) {
         std::ranges::move(folder.settings(), std::back_inserter(settings));
         std::vector<std::string> command = {options.program};
         std::ranges::copy(options.arguments, std::back_inserter(command));
-        status = launch(command, settings);
-        found = summarize(options, std::move(suppressions), folder, status == 0);
+        ended = launch(command, settings);
+        summary = summarize(options, std::move(suppressions), folder, ended);
     } catch (const std::exception &error) {
         std::cerr << "k42mc run: " << error.what() << '\n';
         throw CLI::RuntimeError(own_trouble);
     }
-    if (found && options.error_exitcode != 0)
+    if (options.error_exitcode != 0 && !summary.checked && ended.status == 0)
+        throw CLI::RuntimeError(own_trouble);
+    if (options.error_exitcode != 0 && summary.found)
         throw CLI::RuntimeError(options.error_exitcode);
-    pass_on(status);
+    pass_on(ended.status);
 }
 
 // How many words, after the subcommand's own, belong to it: up to the program's name.
@@ -221,6 +274,12 @@ void add_run(CLI::App &app, std::vector<std::string> &words) {
     command->add_flag("--verify", options->verify, "Damaged blocks among the text, too");
     command->add_flag("--fds", options->fds, "Watch descriptors, too");
     command->add_flag("--follow,!--no-follow", options->follow, "Check programs it starts (default)");
+    command->add_option("--only", options->only, "Sum up programs of this name alone")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
+    command->add_option("--skip", options->skip, "Leave programs of this name out")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
     command->add_option("--suppress", options->suppressions, "Lines leak:PATTERN of known leaks")
         ->type_name("FILE");
     command

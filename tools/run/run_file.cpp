@@ -34,7 +34,7 @@ std::vector<std::string> names_in(int folder) {
 
 std::optional<RunFile> read_run_file(int folder, const std::string &name) {
     const bool is_json = name.ends_with(".json");
-    if (!is_json && !name.ends_with(".txt"))
+    if (!is_json && !name.ends_with(".txt") && !name.ends_with(".list"))
         return {};
     const FirstLine &line = is_json ? first_of_json : first_of_text;
     const File file(openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -51,6 +51,10 @@ std::optional<RunFile> read_run_file(int folder, const std::string &name) {
 }
 
 } // namespace
+
+std::string first_line_of_list(const std::string &run_id) {
+    return std::string(first_of_text.start).append(run_id).append(first_of_text.end);
+}
 
 std::vector<RunFile> run_files_in(int folder) {
     std::vector<RunFile> files;

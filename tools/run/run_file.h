@@ -7,12 +7,15 @@
 struct RunFile {
     std::string name;
     std::string run_id;
-    bool is_json;  // or text
+    bool is_json;  // or text, or the list of processes
     bool is_empty; // but for that line
     bool is_idle;  // no process is going to write there any more
 };
 
 constexpr size_t run_id_size = 16;
+
+// What a list of a run's processes begins with; its name ends in ".list".
+std::string first_line_of_list(const std::string &run_id);
 
 // Those in a folder, of any run. Nobody else's file is taken for one.
 std::vector<RunFile> run_files_in(int folder);

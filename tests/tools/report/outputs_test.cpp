@@ -107,18 +107,19 @@ total: 90 bytes in 9 blocks; 2 sites, 1 cycle, 1 process
 
 TEST(Outputs, TheSummaryOfARunGroupsByTrace) {
     Report report = json(json_lines);
-    Lines again(json_lines); // of a child of fork: blocks that are left are its own
+    Lines again(json_lines); // of a child of fork, which is told apart
     read_json(report, "child", again);
-    EXPECT_EQ(summary(report), R"(k42mc: 13 blocks, 214 bytes at 3 sites in 2 processes
+    EXPECT_EQ(summary(report), R"(k42mc: 14 blocks, 314 bytes at 3 sites in 2 processes
+k42mc: p.12: 7 blocks, 157 bytes at 3 sites
   written before the start (WU): 1 block, 100 bytes
     /no/p+0x3
-  left: 10 blocks, 100 bytes
+  left: 5 blocks, 50 bytes
     /no/p+0x1a
     /no/p+0x2b
-  left: 2 blocks, 14 bytes
+  left: 1 block, 7 bytes
     /no/p+0x9
     /no/p+0x2b
-k42mc: descriptors
+k42mc: p.12: descriptors
   closed twice: 1 descriptor
     /no/p+0x6
    and before by
@@ -130,6 +131,22 @@ k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x
     /no/p+0x7
   released before by
     /no/p+0x8
+k42mc: p.12: 7 blocks, 157 bytes at 3 sites
+  written before the start (WU): 1 block, 100 bytes
+    /no/p+0x3
+  left: 5 blocks, 50 bytes
+    /no/p+0x1a
+    /no/p+0x2b
+  left: 1 block, 7 bytes
+    /no/p+0x9
+    /no/p+0x2b
+k42mc: p.12: descriptors
+  closed twice: 1 descriptor
+    /no/p+0x6
+   and before by
+    /no/p+0x5
+  open: 2 descriptors
+    /no/p+0x4
 k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(10): a second release of a block of 10 bytes
   released by
     /no/p+0x7

@@ -37,13 +37,14 @@ grep -qE '^run_subject\+0x[0-9a-f]+:0:NA:0x0:[0-9]+$' "$text" || fail 'no NA'
 k42mc_run 0 --output reports --text "$subject" leak
 grep -qE ':LK:STD:.*:12:1$' reports/*.txt || fail 'no text'
 silent 'said more'
+grep -qx 'checked run_subject\.[0-9]*' reports/processes-*.list || fail 'no verdict'
 
 # The next run replaces what an earlier one has left in a folder, and nothing else.
 echo '{"kind":"run","id":"mine"}' >reports/mine.json
 k42mc_run 0 --output reports "$subject" leak
-count 'reports/*' 2
+count 'reports/*' 3 # and the list of processes
 k42mc_run 0 --output reports --append "$subject" leak
-count 'reports/*' 3
+count 'reports/*' 5
 
 # Not while it goes on, nor where a process of it does.
 # shellcheck disable=SC2016 # for the shell that is run
