@@ -18,7 +18,8 @@ set(library libk42mc-r${PROJECT_VERSION_MAJOR})
 if(CMAKE_SIZEOF_VOID_P EQUAL 8)
     set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${library})
     set(CPACK_DEBIAN_DEV_PACKAGE_NAME libk42mc-r-dev)
-    set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
+    set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
+        "${library} (= ${PROJECT_VERSION}), k42mc-r-tools (= ${PROJECT_VERSION})")
     set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME k42mc-r-tools)
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib/libk42mc_r)
@@ -28,7 +29,8 @@ else()
     set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS "libc6-i386 (>= 2.35)")
     set(CPACK_DEBIAN_DEV_PACKAGE_NAME lib32k42mc-r-dev)
     set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-        "${library} (= ${PROJECT_VERSION}), libk42mc-r-dev (= ${PROJECT_VERSION})")
+        "${library} (= ${PROJECT_VERSION}), libk42mc-r-dev (= ${PROJECT_VERSION}), \
+lib32k42mc-r-tools (= ${PROJECT_VERSION})")
     set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME lib32k42mc-r-tools)
     set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
         "libc6-i386 (>= 2.35), k42mc-r-tools (= ${PROJECT_VERSION})")

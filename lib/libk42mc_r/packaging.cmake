@@ -1,6 +1,6 @@
-# What is installed beside the library, and the flags that route whole programs to it: once as the targets
-# k42mc::redirect and k42mc::redirect_fd, here and in the installed CMake package, and once for
-# pkg-config.
+# What is installed beside the library: the flags that route whole programs to it, once as the targets
+# k42mc::redirect and k42mc::redirect_fd, here and in the installed CMake package, and once for pkg-config;
+# and the object that switches the checker on.
 include(CMakePackageConfigHelpers)
 
 add_library(k42mc::k42mc_r ALIAS k42mc_r)
@@ -31,7 +31,22 @@ k42mc_redirect(redirect C,CXX)
 target_compile_options(k42mc_r_redirect INTERFACE "$<$<COMPILE_LANGUAGE:C,CXX>:${no_builtins}>")
 k42mc_redirect(redirect_fd C)
 
-install(TARGETS k42mc_r k42mc_r_redirect k42mc_r_redirect_fd EXPORT k42mc_r
+# For programs that are linked with it: switches the checker on before main.
+add_library(k42mc_start OBJECT ${top}/examples/checker_on.c)
+set_target_properties(k42mc_start PROPERTIES POSITION_INDEPENDENT_CODE ON)
+target_compile_options(k42mc_start PRIVATE -g0)
+target_link_libraries(k42mc_start PRIVATE k42mc_warnings k42mc_r)
+set(start_object ${CMAKE_INSTALL_LIBDIR}/k42mc/k42mc_start.o)
+install(FILES $<TARGET_OBJECTS:k42mc_start> DESTINATION ${CMAKE_INSTALL_LIBDIR}/k42mc
+        RENAME k42mc_start.o COMPONENT dev)
+add_library(k42mc_r_start INTERFACE)
+add_library(k42mc::start ALIAS k42mc_r_start)
+set_target_properties(k42mc_r_start PROPERTIES EXPORT_NAME start)
+cmake_path(ABSOLUTE_PATH start_object BASE_DIRECTORY "$<INSTALL_PREFIX>")
+target_link_libraries(k42mc_r_start INTERFACE k42mc_r
+    $<BUILD_INTERFACE:$<TARGET_OBJECTS:k42mc_start>> $<INSTALL_INTERFACE:${start_object}>)
+
+install(TARGETS k42mc_r k42mc_r_redirect k42mc_r_redirect_fd k42mc_r_start EXPORT k42mc_r
         LIBRARY COMPONENT library NAMELINK_COMPONENT dev)
 install(DIRECTORY ${top}/include/k42mc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         COMPONENT ${common_component})
@@ -48,15 +63,20 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/k42mc_rConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/k42mc_rConfigVersion.cmake
         DESTINATION ${package_dir} COMPONENT dev)
 
-# Below the prefix, so that pkg-config can move the tree, unless the directories were given in full.
-cmake_path(APPEND pc_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
-cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
-list(JOIN no_builtins " " pc_no_builtins)
-# The prefix is known for sure when it comes to installing only.
-set(pc_prefix "@CMAKE_INSTALL_PREFIX@")
-foreach(file k42mc_r.pc k42mc_r-redirect.pc k42mc_r-redirect-fd.pc)
-    set(built ${CMAKE_CURRENT_BINARY_DIR}/${file})
-    configure_file(${file}.in ${built}.in @ONLY)
+# An installed pkg-config file, from <name>.in beside the caller. Directories are below the prefix, so that
+# pkg-config can move the tree, unless they were given in full.
+function(k42mc_pkgconfig name)
+    cmake_path(APPEND pc_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
+    cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
+    # The prefix is known for sure when it comes to installing only.
+    set(pc_prefix "@CMAKE_INSTALL_PREFIX@")
+    set(built ${CMAKE_CURRENT_BINARY_DIR}/${name})
+    configure_file(${name}.in ${built}.in @ONLY)
     install(CODE "configure_file(\"${built}.in\" \"${built}\" @ONLY)" COMPONENT dev)
     install(FILES ${built} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
-endforeach()
+endfunction()
+
+list(JOIN no_builtins " " pc_no_builtins)
+k42mc_pkgconfig(k42mc_r.pc)
+k42mc_pkgconfig(k42mc_r-redirect.pc)
+k42mc_pkgconfig(k42mc_r-redirect-fd.pc)

@@ -26,6 +26,18 @@ done
 echo "== pkg-config"
 examples=/usr/share/doc/k42mc_r/examples
 flags() { pkg-config --cflags --libs "$@"; }
+cat >both.c <<'END'
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+int main(void) {
+    void *volatile lost = malloc(12);
+    int descriptor = open("/dev/null", O_RDONLY);
+    close(descriptor);
+    return close(descriptor) == 0 && lost != NULL;
+}
+END
 for width in 64 32; do
     ((width == 64)) || export PKG_CONFIG_PATH=/usr/lib32/pkgconfig
     # shellcheck disable=SC2046
@@ -41,6 +53,21 @@ for width in 64 32; do
     said "^MC: Reporting to \"$folder"
     report=$(sed -n 's/^MC: Reporting to "\(.*\)"$/\1/p' said)
     said 'concordance\.c:[0-9]+:LK:STD:' "$report"
+
+    # shellcheck disable=SC2046
+    gcc -m$width both.c -o all $(flags k42mc_r-all)
+    rm -rf reports
+    mkdir reports
+    K42MC_RUN_OUTPUT=reports K42MC_RUN_FDS=1 ./all 2>said || fail "all linked in, $width bits"
+    cat reports/*.json >said
+    said '^\{"kind":"site",.*"blocks":1,"bytes":12,'
+    said '^\{"format":1,"kind":"descriptor",.*"closes":2,'
+
+    # shellcheck disable=SC2046
+    gcc -m$width both.c "$(pkg-config --variable=start_object k42mc_r)" -o started $(flags k42mc_r-redirect)
+    ./started 2>said || fail "the start object, $width bits"
+    said '^==========MC init==========$'
+    said '^both\.c:6:LK:STD:0x[0-9A-F]+:12:1$'
 done
 unset PKG_CONFIG_PATH
 

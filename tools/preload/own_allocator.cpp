@@ -2,6 +2,8 @@
 
 #include "tools/preload/next_heap.h"
 
+#include <k42mc/k42mc.h>
+
 #include <array>
 #include <dlfcn.h>
 #include <elf.h>
@@ -35,11 +37,20 @@ bool is_defined_in(void *function, const link_map *module) {
            static_cast<const ElfW(Sym) *>(entry)->st_shndx != SHN_UNDEF;
 }
 
-bool program_exports_malloc() {
-    void *(*const allocating)(size_t) = ::malloc;
-    void *const function = reinterpret_cast<void *>(allocating);
+// Of a function that the shim has, too.
+bool comes_from_elsewhere(void *function) {
     const link_map *definer = module_of(function);
     return definer != module_of(reinterpret_cast<void *>(module_of)) && is_defined_in(function, definer);
+}
+
+bool program_exports_malloc() {
+    void *(*const allocating)(size_t) = ::malloc;
+    return comes_from_elsewhere(reinterpret_cast<void *>(allocating));
+}
+
+// Where the shim is linked in behind the library: the two would share what each has to keep to itself.
+bool checker_is_anothers() {
+    return comes_from_elsewhere(reinterpret_cast<void *>(MCInit));
 }
 
 // What the loader has to bind in a module.
@@ -131,6 +142,8 @@ bool program_uses_own_doors() {
 const char *find_reason() {
     if (program_exports_malloc())
         return "it has a malloc of its own";
+    if (checker_is_anothers())
+        return "another module's functions of the checker's names stand ahead of the shim's";
     if (program_uses_own_doors())
         return "it releases blocks by functions of its allocator's own";
     return nullptr;

@@ -1,4 +1,5 @@
-// Programs with an allocator that cannot do with blocks that have guards in front: they are left alone.
+// Programs that are left alone: with an allocator that cannot do with blocks that have guards in front, or with
+// functions of the names that the shim's own go by.
 #pragma once
 
 #include <atomic>

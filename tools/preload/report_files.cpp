@@ -25,8 +25,9 @@ constinit char program[NAME_MAX - sizeof ".4294967295-4294967295.json"] = "";
 constinit char stem[NAME_MAX - sizeof ".json"] = "";
 constinit pid_t owner = 0; // the process that created the files
 
+// A program with special rights may have the shim linked in: who starts it must not have files made with them.
 template <size_t room> bool copy_setting(char (&to)[room], const char *variable) {
-    const char *value = getenv(variable);
+    const char *value = secure_getenv(variable);
     if (value == nullptr || strlen(value) >= room)
         return false;
     strcpy(to, value);

@@ -155,12 +155,19 @@ void switch_on() {
     add_filters(traces_off);
 }
 
+// They may have the shim linked in.
+void leave_started_programs_alone() {
+    unsetenv("LD_PRELOAD");
+    unsetenv("K42MC_RUN_OUTPUT");
+}
+
 [[gnu::constructor]] void begin() {
     const InsideChecker inside;
     const int saved_errno = errno;
+    const bool outputs = open_outputs();
     if (number_in("K42MC_RUN_FOLLOW", 1) == 0)
-        unsetenv("LD_PRELOAD");
-    if (!open_outputs())
+        leave_started_programs_alone();
+    if (!outputs)
         return;
     if (program_is_left_alone()) {
         write_unchecked(why_left_alone());

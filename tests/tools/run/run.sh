@@ -88,6 +88,15 @@ run 99 double-free --error-exitcode 99
 run 134 mixed
 grep -q '^k42mc detected BF: alloc(FIX) free(STD)' out || fail 'no BF'
 
+# Each process apart, the one that was named first; and what came of each.
+k42mc_run 0 --output reports --skip sleep -- bash -c "'$subject' leak; '$subject' leak; kill -KILL \$\$ & wait; sleep 0 & exec '$subject' exec"
+said '^k42mc: .* in 3 processes$'
+[[ $(grep -n -m1 '^k42mc: run_subject' err) == 2:* ]] || fail 'another process first'
+[[ $(grep -c '^k42mc: run_subject\.[0-9]*: 1 block, 12 bytes at 1 site$' err) == 3 ]] || fail 'not three parts'
+grep -q '^checked sleep\.' reports/processes-*.list || fail 'no verdict on one left out'
+k42mc_run 125 --output reports --error-exitcode 99 -- /sbin/ldconfig -V
+said '^k42mc: /sbin/ldconfig: not checked: it is linked statically$'
+
 subject=$own_operators
 run 0 '' --verify --error-exitcode 99
 
