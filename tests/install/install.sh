@@ -190,8 +190,9 @@ if [[ -e $prefix/bin/k42mc ]]; then
     done
     rm -rf reports
     "$prefix/bin/k42mc" run --no-follow --output reports -- sh -c './all_c; :' 2>said || { cat said; fail 'k42mc run'; }
-    compgen -G 'reports/sh.*.json' >/dev/null && ! compgen -G 'reports/all_c.*' >/dev/null ||
+    if ! compgen -G 'reports/sh.*.json' >/dev/null || compgen -G 'reports/all_c.*' >/dev/null; then
         fail 'followed into a program that has all linked in'
+    fi
 fi
 
 # Wherever the prefix is, gdb learns the commands from there.

@@ -247,7 +247,8 @@ TEST_P(Wrappers, SayInWordsWhatStopsThem) {
               {in_data + 200, "in the data of wrappers_test"},
               {reinterpret_cast<void *>(8), "in no memory"}})
             if (on || address != reinterpret_cast<void *>(8)) // which nobody looks at before reading
-                expect_notice(stopped("WU: alloc(UNKNOWN)", [&, released = address] { family.free("b.c", 8, released); }),
+                expect_notice(stopped("WU: alloc(UNKNOWN)",
+                                      [&, released = address] { family.free("b.c", 8, released); }),
                               "a release of an address " + what, "");
         family.free("a.c", 9, block);
     }
