@@ -30,9 +30,9 @@ std::vector<std::string> places_of(const std::string &module, const char *link) 
     std::vector<std::string> places;
     for (const std::string &name : {link != nullptr ? std::string(link) : own + ".debug", own}) {
         places.push_back(folder + name);
-        places.push_back(folder + ".debug/" + name);
+        places.push_back(std::string(folder).append(".debug/").append(name));
         for (size_t at = folder.find('/'); at != std::string::npos; at = folder.find('/', at + 1))
-            places.push_back("/usr/lib/debug" + folder.substr(at) + name);
+            places.push_back(std::string("/usr/lib/debug").append(folder, at).append(name));
     }
     if (link != nullptr && *link == '/')
         places.emplace_back(link);
