@@ -5,9 +5,11 @@
 
 #include "random.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <map>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -120,6 +122,38 @@ TEST_F(Registry, KnowsBlocksAtAnyAddressesOverRandomOperations) {
     std::string expected;
     for (const auto &[step, place] : in_order)
         expected += "a.c:" + std::to_string(step) +
+                    ":LK:STD:" + address(reinterpret_cast<void *>(place)) + ":1:1\n";
+    EXPECT_CONTAINS(report(1), "{\n" + expected + "\n####");
+}
+
+// In several chunks of records, most of which were another block's before.
+TEST_F(Registry, ListsByAgeHoweverRecordsLie) {
+    Random random;
+    constexpr size_t at_first = 15000, most = 199; // for a terminal
+    std::vector<std::pair<int, uintptr_t>> live;
+    int step = 0;
+    checker_off(), checker_on(MC_TYPE_BT_OFF);
+    MCLock();
+    const auto allocate = [&] {
+        live.emplace_back(step, 0x10000000 + static_cast<uintptr_t>(step) * K42MC_GUARD_OVERHEAD);
+        MCAlloc("a.c", step++, MC_STD, live.back().second, 1);
+    };
+    const auto release = [&] {
+        std::swap(live[random() % live.size()], live.back());
+        MCFree("a.c", 0, MC_STD, live.back().second);
+        live.pop_back();
+    };
+    while (live.size() < at_first)
+        allocate();
+    while (live.size() > most)
+        release();
+    for (int i = 0; i < 300; ++i)
+        release(), allocate();
+    MCUnlock();
+    std::ranges::sort(live);
+    std::string expected;
+    for (const auto &[line, place] : live)
+        expected += "a.c:" + std::to_string(line) +
                     ":LK:STD:" + address(reinterpret_cast<void *>(place)) + ":1:1\n";
     EXPECT_CONTAINS(report(1), "{\n" + expected + "\n####");
 }
