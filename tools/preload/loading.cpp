@@ -19,7 +19,7 @@ int bound_like_others(int flags) {
 #define JUMPING
 #define JUMP_TO [[clang::musttail]] return
 #else
-#define JUMPING [[gnu::optimize("optimize-sibling-calls", "omit-frame-pointer")]]
+#define JUMPING [[gnu::optimize("O2")]]
 #define JUMP_TO return
 #endif
 
