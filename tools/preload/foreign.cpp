@@ -8,6 +8,8 @@
 #include "wrappers/notice.h"
 #include "wrappers/stray_pointer.h"
 
+#include <atomic>
+
 namespace {
 
 using namespace k42mc::internal;
@@ -26,13 +28,25 @@ Defect defect_of(const StrayPointer &stray) {
     return defect;
 }
 
+// A program that releases another allocator's blocks all the time cannot have the whole registry searched for
+// each: after many, a block is only looked for nearby.
+uintptr_t reach_of_search() {
+    constexpr int most_far = 100;
+    constexpr uintptr_t nearby = 4096;
+    static constinit std::atomic<int> searches = 0;
+    if (searches.load(std::memory_order_relaxed) > most_far)
+        return nearby;
+    ++searches;
+    return UINTPTR_MAX;
+}
+
 } // namespace
 
 void stop_unless_foreign(uint16_t type, const void *pointer) {
     if (program_is_left_alone())
         return;
     const InsideChecker inside;
-    const StrayPointer stray = examine_pointer(pointer);
+    const StrayPointer stray = examine_pointer(pointer, reach_of_search());
     if (!stray.may_be_anothers)
         stop_process({defect_of(stray), type + 1u, pointer, {.header_readable = false, .tail = 0}},
                      explain_stop);

@@ -30,12 +30,13 @@ bool find_site(uint32_t number, AllocationSite &site) {
 }
 
 // The first live block on the way down is the one, or there is none: live blocks do not overlap.
-bool find_block_around(uintptr_t address, Allocation &found) {
+bool find_block_around(uintptr_t address, uintptr_t reach, Allocation &found) {
     const CheckerLock lock(take_checker_lock_in_time());
     if (!lock || !registry_exists() || address > UINTPTR_MAX - guard_bytes)
         return false;
     uintptr_t highest = address + guard_bytes - 1; // in whose header the address may lie
-    while (const uint32_t number = find_last_record(highest)) {
+    const uintptr_t lowest = address > reach ? address - reach : 0;
+    while (const uint32_t number = find_last_record(highest, lowest)) {
         const Record &record = record_at(number);
         if (is_live(record)) {
             found = {record.address, record.size, site_at(record.site)};

@@ -16,7 +16,7 @@ struct Allocation {
 bool find_site(uint32_t number, AllocationSite &site);
 
 // Of the live block that an address lies in, or in the guards of, but is not the start of. False where there
-// is none, or the registry cannot be asked.
-bool find_block_around(uintptr_t address, Allocation &found);
+// is none that begins so many bytes ahead at most, or the registry cannot be asked.
+bool find_block_around(uintptr_t address, uintptr_t reach, Allocation &found);
 
 } // namespace k42mc::internal

@@ -49,7 +49,7 @@ IndexEntry *map_entry(uintptr_t address) {
     return leaf != nullptr ? &leaf->entries[place.entry] : nullptr;
 }
 
-uint32_t find_last_record(uintptr_t address) {
+uint32_t find_last_record(uintptr_t address, uintptr_t lowest) {
     constexpr uintptr_t leaf_granules = uintptr_t{1} << IndexLeaf::bits;
     constexpr uintptr_t node_granules = leaf_granules << IndexNode::bits;
     constexpr uintptr_t granules = uintptr_t{1} << (IndexPlace::address_bits - IndexPlace::granule_bits);
@@ -65,7 +65,7 @@ uint32_t find_last_record(uintptr_t address) {
             granule &= -leaf_granules;
         else if (const uint32_t number = leaf->entries[place.entry].find_last(address))
             return number;
-        if (granule == 0)
+        if (granule <= lowest >> IndexPlace::granule_bits)
             return 0;
     }
 }

@@ -93,8 +93,8 @@ inline IndexEntry *find_entry(uintptr_t address) {
 }
 
 // The number of the record with the highest address up to the one given, among those of addresses that blocks
-// can have; 0 for none. With nobody recording. Takes long where none is near.
-uint32_t find_last_record(uintptr_t address);
+// can have, down to about the lowest; 0 for none. With nobody recording. Takes long where none is near.
+uint32_t find_last_record(uintptr_t address, uintptr_t lowest);
 
 // Null where memory runs out.
 IndexEntry *map_entry(uintptr_t address);

@@ -10,11 +10,11 @@ using Kind = StrayPointer::Kind;
 
 // Whose memory is the same for all threads but for the stacks: what nobody else lays claim to may be part of a
 // block, or the stack of one of them.
-StrayPointer examine_memory(uintptr_t address) {
+StrayPointer examine_memory(uintptr_t address, uintptr_t reach) {
     StrayPointer pointer;
     if (is_on_visitors_stack(address))
         pointer.kind = Kind::on_other_stack;
-    else if (find_block_around(address, pointer.block))
+    else if (find_block_around(address, reach, pointer.block))
         pointer.kind = Kind::in_block;
     else
         pointer.may_be_anothers = true;
@@ -23,7 +23,7 @@ StrayPointer examine_memory(uintptr_t address) {
 
 } // namespace
 
-StrayPointer examine_pointer(const void *pointer) {
+StrayPointer examine_pointer(const void *pointer, uintptr_t reach) {
     const ErrnoKeeper keep_errno;
     switch (platform::place_of(pointer)) {
     case platform::Place::this_stack:
@@ -39,7 +39,7 @@ StrayPointer examine_pointer(const void *pointer) {
     case platform::Place::unknown:
         break;
     }
-    return examine_memory(reinterpret_cast<uintptr_t>(pointer));
+    return examine_memory(reinterpret_cast<uintptr_t>(pointer), reach);
 }
 
 } // namespace k42mc::internal

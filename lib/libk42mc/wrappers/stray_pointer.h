@@ -15,7 +15,8 @@ struct StrayPointer {
     Allocation block = {};        // of Kind::in_block
 };
 
-// Allocates nothing, and waits for nobody without end. Keeps errno.
-StrayPointer examine_pointer(const void *pointer);
+// Blocks are looked for that begin so many bytes ahead at most. Allocates nothing, and waits for nobody without
+// end. Keeps errno.
+StrayPointer examine_pointer(const void *pointer, uintptr_t reach = UINTPTR_MAX);
 
 } // namespace k42mc::internal
