@@ -278,9 +278,10 @@ TEST(Memory, SaysWhatAnAddressBelongsTo) {
     munmap(pages + page, page);
     const std::string in_heap(100, ' ');
     errno = ERANGE;
-    EXPECT_EQ(shim_place_of(&page), own_stack);
-    EXPECT_EQ(shim_place_of(reinterpret_cast<const char *>(&page) - 5000), own_stack)
-        << "of a call that is over";
+    auto *const on_stack =
+        static_cast<char *>(__builtin_frame_address(0)); // not where sanitizers keep variables
+    EXPECT_EQ(shim_place_of(on_stack), own_stack);
+    EXPECT_EQ(shim_place_of(on_stack - 5000), own_stack) << "of a call that is over";
     EXPECT_EQ(shim_place_of(getenv("PATH")), own_stack);
     EXPECT_EQ(shim_place_of(&in_data), module);
     EXPECT_EQ(shim_place_of(&in_constants), module);
@@ -301,21 +302,21 @@ TEST(Memory, SaysWhatAnAddressBelongsTo) {
 // A thread on a stack of the test's own, which is there when the thread is gone.
 TEST(Memory, SaysOnWhichThreadsStackAnAddressLies) {
     struct Thread {
-        const int *on_first;
-        std::atomic<int *> variable = nullptr;
+        const void *on_first;
+        std::atomic<void *> place = nullptr;
         std::atomic<uint32_t> number = 0;
         std::atomic<bool> may_end = false;
     };
-    const int on_first = 0;
-    Thread thread{&on_first};
+    const void *const on_first = __builtin_frame_address(0);
+    Thread thread{on_first};
     const auto run = [](void *argument) -> void * {
         auto &thread = *static_cast<Thread *>(argument);
-        int variable = 0;
+        void *const place = __builtin_frame_address(0);
         Chain::outer(); // a walk, which finds the stack
-        EXPECT_EQ(shim_place_of(&variable), own_stack);
+        EXPECT_EQ(shim_place_of(place), own_stack);
         EXPECT_EQ(shim_place_of(thread.on_first), first_stack);
         thread.number = uint32_t(gettid());
-        thread.variable = &variable;
+        thread.place = place;
         while (!thread.may_end)
             usleep(100);
         return nullptr;
@@ -327,16 +328,16 @@ TEST(Memory, SaysOnWhichThreadsStackAnAddressLies) {
     pthread_attr_setstack(&attributes, stack, size);
     pthread_t started;
     ASSERT_EQ(pthread_create(&started, &attributes, run, &thread), 0);
-    while (thread.variable == nullptr)
+    while (thread.place == nullptr)
         usleep(100);
-    EXPECT_EQ(shim_place_of(thread.variable), unknown);
-    EXPECT_TRUE(shim_is_on_stack_of(started, thread.number, thread.variable));
-    EXPECT_FALSE(shim_is_on_stack_of(started, thread.number, &on_first));
-    EXPECT_FALSE(shim_is_on_stack_of(started, thread.number + 1, thread.variable));
-    EXPECT_FALSE(shim_is_on_stack_of(pthread_t(0), thread.number, thread.variable));
+    EXPECT_EQ(shim_place_of(thread.place), unknown);
+    EXPECT_TRUE(shim_is_on_stack_of(started, thread.number, thread.place));
+    EXPECT_FALSE(shim_is_on_stack_of(started, thread.number, on_first));
+    EXPECT_FALSE(shim_is_on_stack_of(started, thread.number + 1, thread.place));
+    EXPECT_FALSE(shim_is_on_stack_of(pthread_t(0), thread.number, thread.place));
     thread.may_end = true;
     pthread_join(started, nullptr);
-    EXPECT_FALSE(shim_is_on_stack_of(started, thread.number, thread.variable));
+    EXPECT_FALSE(shim_is_on_stack_of(started, thread.number, thread.place));
     pthread_attr_destroy(&attributes);
     munmap(stack, size);
 }

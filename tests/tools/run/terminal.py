@@ -63,7 +63,11 @@ def main():
         sys.exit(77)
     signal.alarm(60)
     with tempfile.TemporaryDirectory() as folder:
-        shell, descriptor = pty.fork()
+        try:
+            shell, descriptor = pty.fork()
+        except OSError as error:
+            print(f"skipped: no terminal to be had: {error}")
+            sys.exit(77)
         if shell == 0:
             be_shell([k42mc, "run", "--output", folder + "/reports", subject, "await"])
         terminal = Terminal(descriptor)
