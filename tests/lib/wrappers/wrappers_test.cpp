@@ -219,7 +219,7 @@ TEST_P(Wrappers, SayInWordsWhatStopsThem) {
             "a write past the end of a block of 100 bytes" + site, "allocation");
         // The trace in the header is only believed as long as that is intact.
         expect_notice(
-            stopped("WU: alloc(UNKNOWN)", [&] { block[-1] = 1, family.free("b.c", 8, block); }),
+            stopped("WU: alloc(UNKNOWN)", [&] { block[-1] = char(0xff), family.free("b.c", 8, block); }),
             std::string("a write before the start of a block") + (on ? " of 100 bytes" : "") + site,
             on ? "allocation" : "");
         const auto overwrite = [&] {
