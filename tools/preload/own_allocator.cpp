@@ -74,6 +74,8 @@ private:
     };
 
     static constexpr bool is_wide = sizeof(void *) == 8;
+    static constexpr long other_table = is_wide ? DT_RELA : DT_REL;
+    static constexpr long other_table_size = is_wide ? DT_RELASZ : DT_RELSZ;
     using Relocation = std::conditional_t<is_wide, ElfW(Rela), ElfW(Rel)>;
 
     void read(const ElfW(Dyn) * entry) {
@@ -92,12 +94,10 @@ private:
             case DT_PLTRELSZ:
                 calls_.size = entry->d_un.d_val;
                 break;
-            case is_wide ? DT_RELA:
-            DT_REL:
+            case other_table:
                 data_.start = address;
                 break;
-            case is_wide ? DT_RELASZ:
-            DT_RELSZ:
+            case other_table_size:
                 data_.size = entry->d_un.d_val;
                 break;
             }
