@@ -147,7 +147,8 @@ struct Variables {
 [[gnu::noinline]] void *wait_with_variable(void *argument) {
     auto &variables = *static_cast<Variables *>(argument);
     char variable[16] = "";
-    free(strdup("recorded"));
+    char *volatile recorded = strdup("recorded"); // compilers leave out what is freed at once
+    free(recorded);
     variables.other = variable;
     variables.ready = true;
     for (;;)
