@@ -214,7 +214,7 @@ if [[ -x $k42mc ]]; then
     check 0 --verify -- "$examples/planted/overrun"
     show_block err 'written past the end' 'overrun\.c:17'
     expect err '^    enlist at .*/overrun\.c:[0-9]+$'
-    look "The block is never released, so its guards are compared at exit. docs/stories.md has six more."
+    look "The block is never released, so its guards are compared at exit. docs/stories.md has eight more."
 
     title "The report as a page"
     page=$build_reports/report.html
