@@ -162,6 +162,23 @@ void start(Variables &variables) {
         usleep(100);
 }
 
+// Null for a variable of that thread's own.
+void release_in_thread(const Way &way, char *pointer) {
+    struct Call {
+        const Way &way;
+        char *pointer;
+    } call{way, pointer};
+    const auto run = [](void *argument) -> void * {
+        const auto *given = static_cast<Call *>(argument);
+        char variable[16];
+        given->way.release(given->pointer != nullptr ? given->pointer : variable);
+        return nullptr;
+    };
+    pthread_t thread;
+    pthread_create(&thread, nullptr, run, &call);
+    pthread_join(thread, nullptr);
+}
+
 void lies_on_stacks() {
     for (const Way &way : ways) {
         const auto others = [&] {
@@ -171,32 +188,14 @@ void lies_on_stacks() {
         };
         expect(std::string("another's, by ") + way.name, others, "k42mc detected WU: alloc(UNKNOWN) ",
                "a release of an address on the stack of another thread");
-        const auto own = [&] {
-            static const Way *chosen = &way;
-            const auto run = [](void *) -> void * {
-                char variable[16];
-                chosen->release(variable);
-                return nullptr;
-            };
-            pthread_t thread;
-            pthread_create(&thread, nullptr, run, nullptr);
-            pthread_join(thread, nullptr);
-        };
-        expect(std::string("a thread's own, by ") + way.name, own, "k42mc detected WU: alloc(UNKNOWN) ",
-               "a release of an address on the stack of this thread");
-        const auto firsts = [&] {
-            static const Way *chosen = &way;
-            char variable[16];
-            const auto run = [](void *pointer) -> void * {
-                chosen->release(pointer);
-                return nullptr;
-            };
-            pthread_t thread;
-            pthread_create(&thread, nullptr, run, variable);
-            pthread_join(thread, nullptr);
-        };
-        expect(std::string("the first's, by ") + way.name, firsts, "k42mc detected WU: alloc(UNKNOWN) ",
-               "a release of an address on the stack of another thread");
+        expect(
+            std::string("a thread's own, by ") + way.name, [&] { release_in_thread(way, nullptr); },
+            "k42mc detected WU: alloc(UNKNOWN) ", "a release of an address on the stack of this thread");
+        char variable[16];
+        expect(
+            std::string("the first's, by ") + way.name, [&] { release_in_thread(way, variable); },
+            "k42mc detected WU: alloc(UNKNOWN) ",
+            "a release of an address on the stack of another thread");
     }
 }
 
