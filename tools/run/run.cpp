@@ -180,7 +180,7 @@ Summary summarize(const Options &options, std::vector<Suppression> suppressions,
     }
     if (named == nullptr)
         if (const std::string reason = reason_against(options.program); !reason.empty())
-            std::cerr << "k42mc: " << options.program << ": not checked: " << reason << '\n';
+            std::cerr << "k42mc: " << printable(options.program) << ": not checked: " << reason << '\n';
     tell_unchecked(verdicts);
     const bool whole = are_whole(report, folder);
     tell_suppressed(std::span(suppressions).first(own));

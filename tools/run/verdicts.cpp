@@ -78,7 +78,7 @@ std::string list_of(const std::vector<Verdict> &verdicts) {
     for (const Verdict &verdict : verdicts) {
         const std::string name = printable(verdict.process);
         text += verdict.reason.empty() ? "checked " + name + "\n"
-                                       : "not checked " + name + ": " + verdict.reason + "\n";
+                                       : "not checked " + name + ": " + printable(verdict.reason) + "\n";
     }
     return text;
 }
