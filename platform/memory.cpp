@@ -51,6 +51,13 @@ bool can_read_pages(uintptr_t first, uintptr_t last) {
     return false;
 }
 
+void *map(size_t size, int sharing) {
+    const int kept_errno = errno;
+    void *const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, sharing | MAP_ANONYMOUS, -1, 0);
+    errno = kept_errno;
+    return memory != MAP_FAILED ? memory : nullptr;
+}
+
 } // namespace
 
 bool readable(const void *address, size_t size) {
@@ -65,10 +72,11 @@ bool readable(const void *address, size_t size) {
 }
 
 void *map_memory(size_t size) {
-    const int kept_errno = errno;
-    void *const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    errno = kept_errno;
-    return memory != MAP_FAILED ? memory : nullptr;
+    return map(size, MAP_PRIVATE);
+}
+
+void *map_shared_memory(size_t size) {
+    return map(size, MAP_SHARED);
 }
 
 void unmap_memory(void *memory, size_t size) {

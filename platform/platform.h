@@ -67,6 +67,9 @@ bool readable(const void *address, size_t size);
 void *map_memory(size_t size);
 void unmap_memory(void *memory, size_t size);
 
+// The same, which a copy of the process shares.
+void *map_shared_memory(size_t size);
+
 // What an address belongs to, as far as the system and the loader know: nothing is mapped there; the stack of
 // the calling thread, or of the first one; a segment of a module, or of one that may have an allocator of its
 // own over its data. Unknown is all other memory, and what nobody says anything about.

@@ -78,13 +78,20 @@ Block own_block(uintptr_t control_block) {
     return offset != 0 && block.ends_behind(control_block) ? block : Block{0, 0};
 }
 
-// Where a control block has the thread's number, ahead of the stack's memory; 0 where that is not found.
-uintptr_t find_number_offset(uintptr_t end) {
+// Where a control block has the thread's number, ahead of the stack's memory, the same for all; 0 until found.
+constinit std::atomic<uintptr_t> gNumberOffset = 0;
+
+uintptr_t number_offset() {
+    const uintptr_t known = gNumberOffset.load(std::memory_order_relaxed);
+    if (known != 0)
+        return known;
     const auto control_block = static_cast<uintptr_t>(pthread_self());
     const auto number = static_cast<uint32_t>(gettid());
-    for (uintptr_t offset = sizeof number; offset < end; offset += sizeof number)
-        if (*reinterpret_cast<const uint32_t *>(control_block + offset) == number)
+    for (uintptr_t offset = sizeof number; offset < gBlockOffset; offset += sizeof number)
+        if (*reinterpret_cast<const uint32_t *>(control_block + offset) == number) {
+            gNumberOffset.store(offset, std::memory_order_relaxed);
             return offset;
+        }
     return 0;
 }
 
@@ -152,17 +159,42 @@ bool is_on_first_stack(uintptr_t address) {
     return address - start <= most_arguments && readable(__libc_stack_end, address - start + 1);
 }
 
+StackMemory stack_memory_of(uintptr_t control_block) {
+    uintptr_t offset = gBlockOffset.load(std::memory_order_relaxed);
+    if (offset == 0 && !single_threaded())
+        gBlockOffset.store(offset = find_block_offset(control_block), std::memory_order_relaxed);
+    Block block;
+    return offset != 0 && fetch(own_memory, control_block + offset, block) &&
+                   block.ends_behind(control_block)
+               ? StackMemory{block.begin, block.begin + block.size}
+               : StackMemory{0, 0};
+}
+
+bool know_control_blocks(uintptr_t control_block) {
+    return stack_memory_of(control_block).end != 0 && number_offset() != 0;
+}
+
+StackMemory kept_stack_of(uintptr_t control_block) {
+    const StackMemory stack = stack_memory_of(control_block);
+    const uintptr_t offset = number_offset();
+    int32_t number; // 0 once it has ended, below that once somebody was told
+    return stack.end != 0 && offset != 0 && fetch(own_memory, control_block + offset, number) &&
+                   number <= 0
+               ? StackMemory{stack.begin, control_block}
+               : StackMemory{0, 0};
+}
+
 // A thread's number is in its control block, and the system takes it away when the thread ends, ahead of all
 // who wait for that. So a stack is not taken for one in use where it has already become something else.
 bool is_on_stack_of(pthread_t thread, uint32_t number, uintptr_t address) {
     const auto control_block = static_cast<uintptr_t>(thread);
     const uintptr_t block_offset = gBlockOffset.load(std::memory_order_relaxed);
-    const uintptr_t number_offset = find_number_offset(block_offset);
+    const uintptr_t offset = number_offset();
     Block block;
     uint32_t current;
-    return number_offset != 0 && fetch(own_memory, control_block + block_offset, block) &&
+    return offset != 0 && fetch(own_memory, control_block + block_offset, block) &&
            block.ends_behind(control_block) && block.holds(address, control_block) &&
-           fetch(own_memory, control_block + number_offset, current) && current == number;
+           fetch(own_memory, control_block + offset, current) && current == number;
 }
 
 } // namespace k42mc::internal::platform

@@ -30,6 +30,23 @@ inline Stack stack_of(uintptr_t stack_pointer) {
 bool is_on_own_stack(uintptr_t address);
 bool is_on_first_stack(uintptr_t address);
 
+// The memory that a thread was given for its stack. Its control block, as the C library calls the thread, lies at the
+// top, ahead of what aligns it.
+struct StackMemory {
+    uintptr_t begin, end;
+};
+
+// Of size 0 for the first thread, and where it is not known. May change errno.
+StackMemory stack_memory_of(uintptr_t control_block);
+
+// Learns from a thread's control block, in use or not, what a copy of the process cannot find out, in which threads have
+// other numbers. Returns whether there is no more to learn. May change errno.
+bool know_control_blocks(uintptr_t control_block);
+
+// Of a thread that has ended, while the C library keeps its stack for another one. Without the control block, by which
+// somebody may still ask what the thread has returned. May change errno.
+StackMemory kept_stack_of(uintptr_t control_block);
+
 // For an address that the stack holds.
 inline uintptr_t load(uintptr_t address) {
     return *reinterpret_cast<const uintptr_t *>(address);

@@ -26,6 +26,10 @@ constexpr uint32_t shortest_rest = 512, most_doublings = 4;
 
 } // namespace
 
+std::span<const std::byte> TraceCache::memory() {
+    return std::as_bytes(std::span(gCaches));
+}
+
 void TraceCache::start() {
     state = available;
     known_frames = unknown_frames = rests = 0;

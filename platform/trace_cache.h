@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <span>
 #include <utility>
 
 namespace k42mc::internal::platform {
@@ -215,6 +217,9 @@ private:
 // The segments of one thread.
 class TraceCache {
 public:
+    // All that is kept of stacks.
+    static std::span<const std::byte> memory();
+
     // The thread's own. Null while it is in use by what a signal handler has interrupted, or rests
     // because it has been of little use, and for threads that have none.
     static TraceCache *acquire() {

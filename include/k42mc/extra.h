@@ -39,6 +39,22 @@ void k42mcx_free(const char *file, int line, int type, void *ptr);
 unsigned k42mcx_verify(void);
 
 /*
+ * Looks which of the recorded blocks that have survived `limit` reports no pointer leads to any more, and lists them:
+ * "file:line:LB:type:0xADDRESS:size:cycles" for a block that nothing leads to, with the trace of its allocation, and
+ * behind it, with LI in place of LB, those that only it and others of the list lead to. Counts as no cycle.
+ *
+ * A block is held as long as an address in it stands in the data of a module, on a thread's stack, in a register, in
+ * thread-local memory, in other memory that the process has mapped, or in a block that is held. Marks in the lowest
+ * three bits, and in the highest 16 of 64, do not matter. What libc's allocator keeps as free holds nothing.
+ *
+ * Other threads stand still for some milliseconds; the search itself is done in a copy of the process, and this thread
+ * waits for it. Returns how many were listed; 0, with a message on standard error, while the checker is off, or where
+ * the system does not tell what threads and memory the process has (no /proc). Takes the checker's lock; allocates
+ * nothing but memory mapped for the search.
+ */
+size_t k42mcx_lost(__UINT32_TYPE__ limit);
+
+/*
  * Writes what a report would say as JSON, one object per line, without counting as a cycle: a "cycle", a
  * "site" for each site and stack trace that holds blocks (most bytes first), a "damage" for each damaged
  * block, however many reports it has survived, and an "end". The checker's lock is released before

@@ -154,7 +154,7 @@ Defect double_free(const Word *header, uintptr_t user) {
             load_trace(words + freed_trace_word)};
 }
 
-bool decode_header(const Word *header, Layout &layout) {
+bool decode_header(const Word *header, uintptr_t at, Layout &layout) {
     const uintptr_t word = header[alignment_word].value;
     const uintptr_t offset = word & offset_mask;
     layout.log2_alignment = static_cast<int>(word >> log2_shift);
@@ -163,7 +163,6 @@ bool decode_header(const Word *header, Layout &layout) {
     const uintptr_t alignment = uintptr_t{1} << layout.log2_alignment;
     if (offset > alignment - 1)
         return false;
-    const uintptr_t at = address_of(header);
     layout.raw_size = header[raw_size_word].value;
     layout.raw = at - offset;
     layout.tail = at - alignment + layout.raw_size - (guard_bytes - 1);
@@ -185,7 +184,7 @@ Defect examine(uint32_t arena, uintptr_t user, KnownBlock known, Layout &layout)
         return {.code = K42MC_DEFECT_WU};
     if (header[magic_word].value != magic)
         return was_freed(header) ? double_free(header, user) : underflow(header, 0);
-    if (!decode_header(header, layout))
+    if (!decode_header(header, address_of(header), layout))
         return underflow(header, 0);
     const uintptr_t size = distance(user, layout.tail);
     if (user < layout.raw + guard_bytes || user > layout.tail ||
@@ -340,10 +339,19 @@ bool guarded_size(const void *user, size_t *size) {
     const uintptr_t address = address_of(user);
     const Word *header = words_at(address - guard_bytes);
     Layout layout{};
-    if (header[magic_word].value != magic || !decode_header(header, layout) || layout.tail < address)
+    if (header[magic_word].value != magic || !decode_header(header, address_of(header), layout) ||
+        layout.tail < address)
         return false;
     *size = layout.tail - address;
     return true;
+}
+
+RawMemory raw_memory_of(uintptr_t user, const uintptr_t (&header)[K42MC_GUARD_WORDS]) {
+    Layout layout{};
+    const auto *words = reinterpret_cast<const Word *>(header);
+    if (words[magic_word].value != magic || !decode_header(words, user - guard_bytes, layout))
+        return {0, 0};
+    return {layout.raw, layout.raw_size};
 }
 
 } // namespace k42mc::internal

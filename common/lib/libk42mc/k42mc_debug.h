@@ -70,6 +70,12 @@ bool has_guards(const void *user, size_t size);
 // must be readable.
 bool guarded_size(const void *user, size_t *size);
 
+// What the underlying allocator has handed out for a block, by a copy of its header; of no size where that is none.
+struct RawMemory {
+    uintptr_t begin, size;
+};
+RawMemory raw_memory_of(uintptr_t user, const uintptr_t (&header)[K42MC_GUARD_WORDS]);
+
 // The defect of a block that is live: K42MC_DEFECT_NONE, _WO or _WU. Header and tail, as the registry's
 // size implies it, must be readable. A block whose memory was released past the registry or never had
 // guards has no defect.

@@ -24,6 +24,8 @@ public:
     // Not of a block that is being reallocated: it is in somebody's hand, and nobody else may look at it.
     bool is_listed() const { return (order_and_state_ & (used | listed | in_hand)) == (used | listed); }
 
+    bool is_in_hand() const { return order_and_state_ & in_hand; }
+
     uint64_t order() const { return order_and_state_ >> state_bits; }
     unsigned type() const { return order_and_state_ >> type_shift & type_mask; }
 

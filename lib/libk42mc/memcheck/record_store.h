@@ -67,14 +67,19 @@ private:
 bool map_first_chunk();
 void unmap_chunks();
 
-// Calls action with each record that is used.
-template <class Action> void for_each_record(Action action) {
+// Calls action with the number of each record that is used, and with the record.
+template <class Action> void for_each_numbered_record(Action action) {
     for (uint32_t chunk = 0; chunk < gMCChunkCount; ++chunk) {
-        for (Record &record : gMCChunks[chunk]->records) {
+        for (uint32_t i = 0; i < Chunk::room; ++i) {
+            Record &record = gMCChunks[chunk]->records[i];
             if (record.is_used())
-                action(record);
+                action(chunk * Chunk::room + i, record);
         }
     }
+}
+
+template <class Action> void for_each_record(Action action) {
+    for_each_numbered_record([&](uint32_t, Record &record) { action(record); });
 }
 
 } // namespace k42mc::internal

@@ -245,6 +245,7 @@ K42MC_HIDDEN_NAME(k42mcx_plain_open_memstream)
 K42MC_HIDDEN_NAME(k42mcx_plain_realpath)
 K42MC_HIDDEN_NAME(k42mcx_plain_getcwd)
 
+K42MC_HIDDEN_NAME(k42mcx_lost)
 K42MC_HIDDEN_NAME(k42mcx_verify)
 K42MC_HIDDEN_NAME(k42mcx_report_json)
 K42MC_HIDDEN_NAME(k42mcx_at_exit)

@@ -1,0 +1,111 @@
+#include "memcheck/reach/heap_gaps.h"
+
+#include "k42mc_debug.h"
+
+namespace k42mc::internal {
+
+using platform::HeapChunk;
+
+HeapGaps::HeapGaps(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
+                   platform::GuardedCopies &copies)
+    : blocks_(blocks), copies_(copies), kept_(memory.take<uintptr_t>(most_kept(moment))) {
+    take_kept(moment);
+}
+
+// More than a thread keeps as a rule.
+size_t HeapGaps::most_kept(const Moment &moment) {
+    constexpr size_t most_by_thread = 1024;
+    return (moment.threads.size() + 1) * most_by_thread;
+}
+
+// What there is no room for counts as in use.
+void HeapGaps::take_kept(const Moment &moment) {
+    size_t count = 0;
+    const auto take = [&](uintptr_t memory) {
+        if (count < kept_.size())
+            kept_[count++] = memory;
+    };
+    moment.caches.each_kept(copies_, moment.caller.control_block, take);
+    for (const platform::StoppedThread &thread : moment.threads)
+        if (thread.context != nullptr)
+            moment.caches.each_kept(copies_, thread.control_block, take);
+    kept_ = kept_.first(count);
+    std::sort(kept_.begin(), kept_.end());
+}
+
+bool HeapGaps::is_free(const HeapChunk &chunk) const {
+    return chunk.is_free(copies_) || std::binary_search(kept_.begin(), kept_.end(), chunk.memory());
+}
+
+// With its guards, if it has any.
+Range HeapGaps::memory_of(const Block &block) const {
+    uintptr_t header[K42MC_GUARD_WORDS];
+    if (copies_.copy(block.begin - sizeof header, header)) {
+        const RawMemory raw = raw_memory_of(block.begin, header);
+        if (raw.size >= block.end - block.begin && raw.begin < block.begin)
+            return {raw.begin, raw.begin + raw.size};
+    }
+    return {block.begin, block.end};
+}
+
+// 0 where none is known.
+uintptr_t HeapGaps::chunk_behind(Range memory, uintptr_t limit) const {
+    HeapChunk chunk = HeapChunk::of(memory.begin);
+    return chunk.read(copies_, limit) && chunk.memory_end() >= memory.end ? chunk.end() : 0;
+}
+
+bool HeapGaps::is_made_of_chunks(uintptr_t first, uintptr_t end) const {
+    HeapChunk chunk = HeapChunk::at(first);
+    while (chunk.begin() < end && chunk.read(copies_, end))
+        chunk = HeapChunk::at(chunk.end());
+    return chunk.begin() == end;
+}
+
+// Ahead of the first chunk, a heap begins with what the allocator knows of it. 0 where no chunks follow.
+uintptr_t HeapGaps::first_chunk_in(uintptr_t begin, uintptr_t end) const {
+    constexpr uintptr_t longest_beginning = smallest_page;
+    for (uintptr_t at = HeapChunk::first_place(begin); at < end && at - begin < longest_beginning;
+         at = HeapChunk::next_place(at))
+        if (is_made_of_chunks(at, end))
+            return at;
+    return 0;
+}
+
+// The last chunk of a heap is what was never handed out, or not since.
+void HeapGaps::each_in_use(const Gap &gap, uintptr_t end, bool ends_heap,
+                           FunctionRef<void(Range)> action) {
+    if (gap.first_chunk == 0 || !is_made_of_chunks(gap.first_chunk, end)) {
+        if (gap.begin < gap.end)
+            action({gap.begin, gap.end});
+        return;
+    }
+    for (HeapChunk chunk = HeapChunk::at(gap.first_chunk); chunk.begin() < end;
+         chunk = HeapChunk::at(chunk.end())) {
+        if (!chunk.read(copies_, end))
+            return;
+        const bool is_last = ends_heap && chunk.end() == end;
+        if (!is_last && !is_free(chunk))
+            action({chunk.begin(), chunk.end()});
+    }
+}
+
+void HeapGaps::each(Range piece, FunctionRef<void(Range)> action) {
+    uint32_t i = blocks_.first_from(piece.begin);
+    const bool has_blocks = i < blocks_.size() && blocks_[i].begin < piece.end;
+    const uintptr_t first_end =
+        has_blocks ? HeapChunk::of(memory_of(blocks_[i]).begin).begin() : piece.end;
+    Gap gap = {piece.begin, piece.begin, first_chunk_in(piece.begin, first_end)};
+    for (; i < blocks_.size() && blocks_[i].begin < piece.end; ++i) {
+        const Range memory = memory_of(blocks_[i]);
+        gap.end = memory.begin;
+        if (memory.begin > gap.begin || gap.first_chunk != 0)
+            each_in_use(gap, HeapChunk::of(memory.begin).begin(), false, action);
+        if (memory.end > gap.begin)
+            gap = {memory.end, memory.end, chunk_behind(memory, piece.end)};
+    }
+    gap.end = piece.end;
+    if (gap.begin < piece.end)
+        each_in_use(gap, piece.end, true, action);
+}
+
+} // namespace k42mc::internal

@@ -1,0 +1,43 @@
+// The memory between recorded blocks, without what libc's allocator has free: there, pointers are left over from blocks
+// that were released.
+#pragma once
+
+#include "base/function_ref.h"
+#include "memcheck/reach/block_map.h"
+#include "memcheck/reach/moment.h"
+#include "memcheck/reach/range.h"
+
+namespace k42mc::internal {
+
+class HeapGaps {
+public:
+    static size_t bytes_for(const Moment &moment) { return most_kept(moment) * sizeof(uintptr_t); }
+
+    HeapGaps(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
+             platform::GuardedCopies &copies);
+
+    // Calls action with each range that is outside of blocks and may be in use.
+    void each(Range piece, FunctionRef<void(Range)> action);
+
+private:
+    // A stretch without blocks. Where it is known to be made of chunks, those begin and end at its ends.
+    struct Gap {
+        uintptr_t begin, end;
+        uintptr_t first_chunk; // 0: not known
+    };
+
+    static size_t most_kept(const Moment &moment);
+    void take_kept(const Moment &moment);
+    bool is_free(const platform::HeapChunk &chunk) const;
+    Range memory_of(const Block &block) const;
+    uintptr_t chunk_behind(Range memory, uintptr_t limit) const;
+    uintptr_t first_chunk_in(uintptr_t begin, uintptr_t end) const;
+    bool is_made_of_chunks(uintptr_t chunk, uintptr_t end) const;
+    void each_in_use(const Gap &gap, uintptr_t end, bool ends_heap, FunctionRef<void(Range)> action);
+
+    const BlockMap &blocks_;
+    platform::GuardedCopies &copies_;
+    std::span<uintptr_t> kept_; // memory of chunks that threads keep for themselves, in order
+};
+
+} // namespace k42mc::internal

@@ -1,0 +1,99 @@
+#include "memcheck/reach/lost_blocks.h"
+
+#include "base/locks.h"
+#include "base/printing.h"
+#include "memcheck/control_lock.h"
+#include "memcheck/reach/loss.h"
+#include "memcheck/registry.h"
+#include "platform/process_copy.h"
+#include "platform/stack.h"
+
+namespace k42mc::internal {
+namespace {
+
+constinit pthread_mutex_t gMCSearchLock = PTHREAD_MUTEX_INITIALIZER;
+
+class SearchLock {
+public:
+    SearchLock() { lock(gMCSearchLock, LockRank::searches); }
+    ~SearchLock() { unlock(gMCSearchLock, LockRank::searches); }
+    SearchLock(const SearchLock &) = delete;
+    SearchLock &operator=(const SearchLock &) = delete;
+};
+
+struct Task {
+    const Moment &moment;
+    uint32_t limit;
+    LostBlockList &list;
+};
+
+void carry_out(void *argument) {
+    const Task &task = *static_cast<const Task *>(argument);
+    Search search(task.moment);
+    if (search.run())
+        list_lost_blocks(search, task.limit, task.list);
+}
+
+// In any thread's, even one that has ended.
+void learn_control_blocks() {
+    for (const Visitor *visitor = all_visitors; visitor != nullptr; visitor = visitor->next)
+        if (platform::know_control_blocks(visitor->thread))
+            return;
+}
+
+} // namespace
+
+LostBlocks::~LostBlocks() {
+    if (list_ != nullptr)
+        platform::unmap_memory(list_, list_bytes_);
+}
+
+// Returns what is in the way, or null. The search goes on in a copy of the process where other threads wait for it.
+const char *LostBlocks::look(const Caller &caller, uint32_t limit, platform::ThreadCaches caches) {
+    const size_t most = size_t{gMCChunkCount} * Chunk::room;
+    list_bytes_ = sizeof *list_ + most * sizeof *list_->blocks;
+    list_ = static_cast<LostBlockList *>(platform::map_shared_memory(list_bytes_));
+    if (list_ == nullptr)
+        return "memory has run out";
+    learn_control_blocks();
+    const platform::ThreadStop stop;
+    if (!stop.is_complete())
+        return "the system does not tell what threads there are";
+    const Moment moment = {caller, stop.threads(), most, caches};
+    Task task = {moment, limit, *list_};
+    if (!stop.threads().empty())
+        copy_ = platform::start_copy(carry_out, &task);
+    if (copy_ < 0)
+        carry_out(&task);
+    return nullptr;
+}
+
+bool LostBlocks::search(const char *function, const Caller &caller, uint32_t limit) {
+    const Printing printing;
+    const char *obstacle = "the process runs on its parent's memory";
+    const SearchLock one_at_a_time;
+    const auto caches = platform::ThreadCaches::learn();
+    if (!platform::borrows_memory()) {
+        const ControlLock lock(function);
+        if (!lock)
+            return false;
+        if (!registry_exists()) {
+            say_not_initialized(function);
+            return false;
+        }
+        obstacle = look(caller, limit, caches);
+    }
+    if (copy_ > 0)
+        platform::wait_for_copy(copy_);
+    if (obstacle == nullptr && !list_->is_complete)
+        obstacle = "memory has run out, or the system does not tell what memory there is";
+    if (obstacle != nullptr)
+        StandardErrorText()->print("%s: ERROR: %s\n", function, obstacle);
+    return obstacle == nullptr;
+}
+
+void forget_searches() {
+    gMCSearchLock = PTHREAD_MUTEX_INITIALIZER;
+}
+
+} // namespace k42mc::internal

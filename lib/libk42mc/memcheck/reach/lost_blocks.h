@@ -1,0 +1,53 @@
+// The blocks that nothing in the process leads to any more.
+#pragma once
+
+#include "memcheck/reach/moment.h"
+#include "memcheck/record_store.h"
+
+namespace k42mc::internal {
+
+// One that nobody leads to, or one to which only others lead, which stands behind one of them.
+struct LostBlock {
+    uint64_t order; // of its record, by which that is known again
+    uint32_t number;
+    bool is_indirect;
+};
+
+// Room for as many as there are blocks, which a copy of the process fills in.
+struct LostBlockList {
+    bool is_complete;
+    size_t count;
+    LostBlock blocks[1];
+};
+
+class LostBlocks {
+public:
+    LostBlocks() = default;
+    ~LostBlocks();
+    LostBlocks(const LostBlocks &) = delete;
+    LostBlocks &operator=(const LostBlocks &) = delete;
+
+    // Looks for those that reports would list and that have survived so many of them. Takes the checker's lock, and
+    // lets it go. False, having said why, where that cannot be found out. One at a time.
+    bool search(const char *function, const Caller &caller, uint32_t limit);
+
+    // Calls action with the record of each, and whether others lead to it, as far as they still are. With gMCLock held.
+    template <class Action> void each(Action action) const {
+        for (size_t i = 0; list_ != nullptr && i < list_->count; ++i)
+            if (const LostBlock &block = list_->blocks[i];
+                record_at(block.number).order() == block.order)
+                action(record_at(block.number), block.is_indirect);
+    }
+
+private:
+    const char *look(const Caller &caller, uint32_t limit, platform::ThreadCaches caches);
+
+    LostBlockList *list_ = nullptr;
+    size_t list_bytes_ = 0;
+    pid_t copy_ = -1;
+};
+
+// In the child of a fork, where nobody searches.
+void forget_searches();
+
+} // namespace k42mc::internal

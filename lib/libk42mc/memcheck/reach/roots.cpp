@@ -1,0 +1,85 @@
+#include "memcheck/reach/roots.h"
+
+#include "base/gate.h"
+#include "platform/signal_context.h"
+#include "platform/stack.h"
+#include "platform/trace_cache.h"
+
+namespace k42mc::internal {
+namespace {
+
+// Below its stack pointer, and the red zone under it where the thread is not at a call, nothing of a stack is in use.
+constexpr uintptr_t red_zone = 128;
+
+// Sanitizers reserve as much for notes of their own.
+constexpr uintptr_t largest = static_cast<uintptr_t>(uint64_t{1} << (sizeof(void *) == 8 ? 40 : 31));
+
+// What cannot be written to may have been written to before.
+bool counts(const platform::Mapping &mapping) {
+    return mapping.readable && !mapping.is_apart && mapping.end - mapping.begin < largest &&
+           (mapping.writable || !mapping.shared);
+}
+
+size_t most_left_out(const Moment &moment) {
+    constexpr size_t kept_stacks = 1024;
+    return moment.threads.size() + gMCChunkCount + kept_stacks;
+}
+
+} // namespace
+
+size_t Roots::bytes_for(const Moment &moment) {
+    return most_left_out(moment) * sizeof(Range) + HeapGaps::bytes_for(moment);
+}
+
+Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
+             platform::GuardedCopies &copies)
+    : left_out_(memory.take<Range>(most_left_out(moment))), gaps_(memory, moment, blocks, copies) {
+    left_out_.add(memory.begin(), memory.end());
+    const std::span<const std::byte> caches = platform::TraceCache::memory();
+    left_out_.add(reinterpret_cast<uintptr_t>(caches.data()),
+                  reinterpret_cast<uintptr_t>(caches.data() + caches.size()));
+    for (uint32_t i = 0; i < gMCChunkCount; ++i)
+        left_out_.add(reinterpret_cast<uintptr_t>(gMCChunks[i]),
+                      reinterpret_cast<uintptr_t>(gMCChunks[i] + 1));
+    leave_out_below(moment.caller.stack_pointer, moment.caller.control_block);
+    for (const platform::StoppedThread &thread : moment.threads)
+        if (thread.context != nullptr)
+            leave_out_below(platform::saved_registers(thread.context).stack_pointer - red_zone,
+                            thread.control_block);
+    for (const Visitor *visitor = all_visitors; visitor != nullptr; visitor = visitor->next) {
+        const platform::StackMemory kept = platform::kept_stack_of(visitor->thread);
+        left_out_.add(kept.begin, kept.end);
+    }
+    left_out_.sort();
+}
+
+void Roots::leave_out_below(uintptr_t stack_in_use, uintptr_t control_block) {
+    const platform::StackMemory stack = platform::stack_memory_of(control_block);
+    if (stack.end == 0)
+        first_stack_in_use_ = stack_in_use;
+    else if (stack_in_use > stack.begin && stack_in_use < stack.end)
+        left_out_.add(stack.begin, stack_in_use);
+}
+
+Range Roots::in_use(const platform::Mapping &mapping) const {
+    const bool is_left_out = mapping.is_first_stack && first_stack_in_use_ > mapping.begin &&
+                             first_stack_in_use_ < mapping.end;
+    return {is_left_out ? first_stack_in_use_ : mapping.begin, mapping.end};
+}
+
+void Roots::visit_mapping(const platform::Mapping &mapping, VisitRange visit) {
+    auto visit_range = [&](Range range) { visit(range, mapping); };
+    left_out_.each_piece_outside(in_use(mapping), [&](Range piece) { gaps_.each(piece, visit_range); });
+}
+
+bool Roots::each(VisitRange visit) {
+    platform::MemoryMap map;
+    if (!map.is_open())
+        return false;
+    for (platform::Mapping mapping; map.next(mapping);)
+        if (counts(mapping))
+            visit_mapping(mapping, visit);
+    return true;
+}
+
+} // namespace k42mc::internal

@@ -1,0 +1,61 @@
+#include "platform/signal_action.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+// The way back from a handler, in the words by which debuggers know it.
+#if defined(__x86_64__)
+extern "C" void k42mc_return_from_signal();
+__asm__(".pushsection .text\n"
+        ".hidden k42mc_return_from_signal\n"
+        ".globl k42mc_return_from_signal\n"
+        ".type k42mc_return_from_signal, @function\n"
+        "nop\n"
+        "k42mc_return_from_signal:\n"
+        "mov $15, %rax\n"
+        "syscall\n"
+        ".size k42mc_return_from_signal, . - k42mc_return_from_signal\n"
+        ".popsection");
+#endif
+
+namespace k42mc::internal::platform {
+namespace {
+
+[[maybe_unused]] constexpr unsigned long has_restorer = 0x04000000;
+
+bool set(int signo, const SignalAction &action, SignalAction *former) {
+    return syscall(SYS_rt_sigaction, signo, &action, former, sizeof action.mask) == 0;
+}
+
+} // namespace
+
+bool SignalAction::is_function() const {
+    const auto value = reinterpret_cast<uintptr_t>(handler);
+    return value != reinterpret_cast<uintptr_t>(SIG_DFL) &&
+           value != reinterpret_cast<uintptr_t>(SIG_IGN);
+}
+
+// One that wants no more than the number finds it where all do.
+void SignalAction::call(int signo, siginfo_t *info, void *context) const {
+    handler(signo, info, context);
+}
+
+bool set_handler(int signo, SignalAction::Handler handler, unsigned long flags, uint64_t mask,
+                 SignalAction &former) {
+    SignalAction action = {handler, flags | SA_SIGINFO, nullptr, {}};
+#if defined(__x86_64__)
+    action.restorer = k42mc_return_from_signal;
+    action.flags |= has_restorer;
+#endif
+    action.mask[0] = static_cast<unsigned long>(mask);
+#if defined(__i386__)
+    action.mask[1] = static_cast<unsigned long>(mask >> 32);
+#endif
+    return set(signo, action, &former);
+}
+
+bool set_action(int signo, const SignalAction &action) {
+    return set(signo, action, nullptr);
+}
+
+} // namespace k42mc::internal::platform

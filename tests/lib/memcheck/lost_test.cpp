@@ -1,0 +1,396 @@
+// Which blocks nothing leads to. Threads of their own allocate, so that no pointer is left on the stack of the test, and
+// what has to keep one keeps it inverted.
+#include "checker.h"
+
+#include "random.h"
+
+#include <functional>
+#include <pthread.h>
+#include <semaphore.h>
+#include <set>
+#include <sys/mman.h>
+#include <thread>
+#include <ucontext.h>
+#include <unistd.h>
+#include <vector>
+
+#if defined(__x86_64__)
+#define MOVE "movq"
+#else
+#define MOVE "movd"
+#endif
+
+namespace {
+
+using Lost = WithChecker;
+
+uintptr_t hidden(const void *pointer) {
+    return ~reinterpret_cast<uintptr_t>(pointer);
+}
+
+void *shown(uintptr_t inverted) {
+    return reinterpret_cast<void *>(~inverted);
+}
+
+void aside(const std::function<void()> &work) {
+    std::thread(work).join();
+}
+
+// The lines of a search without the traces.
+std::string lost_lines(uint32_t limit = 0) {
+    std::string lines;
+    size_t count = 0;
+    const std::string text = captured_stderr([&] { count = k42mcx_lost(limit); });
+    size_t listed = 0;
+    for (size_t at = 0; at < text.size();) {
+        const std::string line = line_at(text, at);
+        at += line.size() + 1;
+        if (contains(line, ":LB:") || contains(line, ":LI:")) {
+            lines += line.substr(0, line.find(":STD")) + "\n";
+            ++listed;
+        }
+    }
+    EXPECT_EQ(count, listed);
+    EXPECT_FALSE(contains(text, "ERROR")) << text;
+    return lines;
+}
+
+// ---- Roots, each of which is all that leads to a block ----
+
+void *in_data;
+thread_local void *in_thread_local;
+pthread_key_t last_key;
+void **in_page;
+void **in_foreign_block;
+void **in_held_block;
+volatile unsigned let_go; // what keeps a register waits for this
+sem_t held;
+
+// Each of these three stays until it is let go.
+void in_register(uintptr_t inverted) {
+    sem_post(&held);
+    __asm__ volatile("not %0\n1: pause\n\tcmpl $0, %1\n\tje 1b\n\txor %0, %0"
+                     : "+r"(inverted)
+                     : "m"(let_go)
+                     : "memory");
+}
+
+void in_vector(uintptr_t inverted) {
+    sem_post(&held);
+    __asm__ volatile("not %0\n\t" MOVE " %0, %%xmm3\n\txor %0, %0\n"
+                     "1: pause\n\tcmpl $0, %1\n\tje 1b\n\tpxor %%xmm3, %%xmm3"
+                     : "+r"(inverted)
+                     : "m"(let_go)
+                     : "memory");
+}
+
+// While the thread waits for a pipe that nobody writes to before.
+int waiting_pipe[2];
+void in_register_of_waiting(uintptr_t inverted) {
+    char byte;
+    sem_post(&held);
+#if defined(__x86_64__)
+    register uintptr_t kept __asm__("r12") = inverted;
+    long result;
+    __asm__ volatile("not %1\n\tsyscall\n\txor %1, %1"
+                     : "=a"(result), "+r"(kept)
+                     : "0"(0L), "D"(waiting_pipe[0]), "S"(&byte), "d"(1L)
+                     : "rcx", "r11", "memory");
+#else
+    long result;
+    __asm__ volatile("not %1\n\tint $0x80\n\txor %1, %1"
+                     : "=a"(result), "+D"(inverted)
+                     : "0"(3L), "b"(waiting_pipe[0]), "c"(&byte), "d"(1L)
+                     : "memory");
+#endif
+    EXPECT_EQ(result, 1);
+}
+
+ucontext_t coroutine, outside;
+uintptr_t for_coroutine;
+void run_coroutine() {
+    [[maybe_unused]] void *volatile local = shown(for_coroutine);
+    swapcontext(&coroutine, &outside);
+    local = nullptr;
+    swapcontext(&coroutine, &outside);
+}
+
+struct Root {
+    const char *name;
+    std::function<void(uintptr_t inverted)> hold;
+    std::function<void()> drop;
+    bool waits = false; // inside of hold
+};
+
+const Root roots[] = {
+    {"data", [](uintptr_t p) { in_data = shown(p); }, [] { in_data = nullptr; }},
+    {"inside", [](uintptr_t p) { in_data = static_cast<char *>(shown(p)) + 99; },
+     [] { in_data = static_cast<char *>(in_data) + 5; }}, // behind it, and so without its tags
+    {"low tags", [](uintptr_t p) { in_data = static_cast<char *>(shown(p)) + 7; },
+     [] { in_data = nullptr; }},
+#if defined(__x86_64__)
+    {"high tags", [](uintptr_t p) { in_data = reinterpret_cast<void *>(~p | uintptr_t{0xbeef} << 48); },
+     [] { in_data = nullptr; }},
+#endif
+    {"thread-local", [](uintptr_t p) { in_thread_local = shown(p); }, [] { in_thread_local = nullptr; }},
+    {"thread-specific", [](uintptr_t p) { pthread_setspecific(last_key, shown(p)); },
+     [] { pthread_setspecific(last_key, nullptr); }},
+    {"page", [](uintptr_t p) { in_page[100] = shown(p); }, [] { in_page[100] = nullptr; }},
+    {"read-only page",
+     [](uintptr_t p) {
+         in_page[100] = shown(p);
+         mprotect(in_page, 4096, PROT_READ);
+     },
+     [] {
+         mprotect(in_page, 4096, PROT_READ | PROT_WRITE);
+         in_page[100] = nullptr;
+     }},
+    {"foreign block",
+     [](uintptr_t p) {
+         in_foreign_block = static_cast<void **>(malloc(100));
+         in_foreign_block[3] = shown(p);
+     },
+     [] { free(in_foreign_block); }},
+    {"held block",
+     [](uintptr_t p) {
+         in_held_block = static_cast<void **>(k42MC_malloc("held.c", 1, 5000));
+         in_held_block[600] = shown(p);
+     },
+     [] {
+         k42MC_free("held.c", 2, in_held_block);
+         in_held_block = nullptr;
+     }},
+    {"large held block",
+     [](uintptr_t p) {
+         in_held_block = static_cast<void **>(k42MC_malloc("held.c", 1, 1'000'000));
+         in_held_block[100'000] = shown(p);
+     },
+     [] { in_held_block[100'000] = nullptr; }},
+    {"coroutine",
+     [](uintptr_t p) {
+         for_coroutine = p;
+         getcontext(&coroutine);
+         coroutine.uc_stack.ss_sp = in_page;
+         coroutine.uc_stack.ss_size = 1 << 16;
+         makecontext(&coroutine, run_coroutine, 0);
+         swapcontext(&outside, &coroutine);
+     },
+     [] { swapcontext(&outside, &coroutine); }},
+    {"register", in_register, [] {}, true},
+    {"vector register", in_vector, [] {}, true},
+    {"register of a thread that waits", in_register_of_waiting, [] {}, true},
+};
+
+// What former calls have left below the stack pointer and in registers.
+[[gnu::noinline]] void wipe() {
+    volatile char below[4096];
+    for (volatile char &byte : below)
+        byte = 0;
+    __asm__ volatile("" : : : "memory", "ebx", "esi", "edi");
+}
+
+// One thread holds, and drops when it is let go; then it stays until the search is over.
+class Holder {
+public:
+    Holder(const Root &root, uintptr_t inverted) {
+        sem_init(&held, 0, 0);
+        sem_init(&go_on_, 0, 0);
+        let_go = 0;
+        EXPECT_EQ(pipe(waiting_pipe), 0);
+        thread_ = std::thread([this, &root, inverted] {
+            root.hold(inverted);
+            if (!root.waits) {
+                sem_post(&held);
+                sem_wait(&go_on_);
+            }
+            root.drop();
+            wipe();
+            sem_post(&held);
+            sem_wait(&go_on_);
+        });
+        sem_wait(&held);
+        usleep(20'000); // into the call
+    }
+    ~Holder() {
+        sem_post(&go_on_);
+        thread_.join();
+        close(waiting_pipe[0]);
+        close(waiting_pipe[1]);
+    }
+    void drop() {
+        let_go = 1;
+        EXPECT_EQ(write(waiting_pipe[1], "x", 1), 1);
+        sem_post(&go_on_);
+        sem_wait(&held);
+    }
+
+private:
+    sem_t go_on_;
+    std::thread thread_;
+};
+
+TEST_F(Lost, IsWhatNoRootLeadsTo) {
+    pthread_key_t key;
+    for (int i = 0; i < 40; ++i)
+        ASSERT_EQ(pthread_key_create(i < 39 ? &key : &last_key, nullptr), 0);
+    in_page = static_cast<void **>(
+        mmap(nullptr, 1 << 16, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    for (const Root &root : roots) {
+        SCOPED_TRACE(root.name);
+        uintptr_t block;
+        aside([&] { block = hidden(k42MC_malloc("root.c", 1, 100)); });
+        {
+            Holder holder(root, block);
+            EXPECT_EQ(lost_lines(), "");
+            holder.drop();
+            EXPECT_EQ(lost_lines(), "root.c:1:LB\n");
+        }
+        aside([&] {
+            k42MC_free("root.c", 2, shown(block));
+            k42MC_free("held.c", 3, in_held_block);
+        });
+        in_data = nullptr;
+        in_held_block = nullptr;
+    }
+    checker_off();
+    EXPECT_EQ(captured_stderr([] { EXPECT_EQ(k42mcx_lost(0), 0u); }),
+              "k42mcx_lost: ERROR: MC not currently initialized\n");
+}
+
+// What is left of pointers where blocks and stacks were.
+TEST_F(Lost, DoesNotTakeMemoryThatWasReleasedForARoot) {
+    aside([] {
+        void *volatile local = k42MC_malloc("stale.c", 1, 10);
+        for (const size_t size : {200, 2000, 20'000}) {
+            auto *holder = static_cast<void **>(k42MC_malloc("holder.c", 1, size));
+            auto *foreign = static_cast<void **>(malloc(size));
+            void *volatile behind = malloc(10); // neither becomes one with the rest of the heap
+            for (size_t i = 0; i < size / sizeof(void *); ++i)
+                holder[i] = foreign[i] = local;
+            k42MC_free("holder.c", 2, holder);
+            free(foreign);
+            (void)behind;
+        }
+    });
+    EXPECT_EQ(lost_lines(), "stale.c:1:LB\n");
+}
+
+TEST_F(Lost, ListsWhatHasSurvivedEnoughReportsAsTextOfAReport) {
+    std::string line;
+    aside([&] {
+        line = "old.c:7:LB:STD:" + address(k42MC_malloc("old.c", 7, 33)) +
+               ":33:1\nBacktrace of the allocation:\n";
+    });
+    report(5);
+    aside([] { (void)*static_cast<void *volatile *>(k42MC_malloc("young.c", 1, 33)); });
+    const std::string text = captured_stderr([] { EXPECT_EQ(k42mcx_lost(1), 1u); });
+    EXPECT_STARTS(text, line);
+    EXPECT_ENDS(text, "\n------\n");
+    EXPECT_EQ(lost_lines(2), "");
+    EXPECT_EQ(lost_lines(0), "old.c:7:LB\nyoung.c:1:LB\n");
+    EXPECT_CONTAINS(report(0), "<cycle 2>");
+}
+
+// ---- Graphs ----
+
+constexpr int nodes = 60;
+constexpr int slots = 40; // pointers in a node
+
+using Edges = std::vector<std::set<int>>;
+
+void take_closure(Edges &edges) {
+    for (size_t via = 0; via < edges.size(); ++via)
+        for (auto &from : edges)
+            if (from.contains(int(via)))
+                from.insert(edges[via].begin(), edges[via].end());
+}
+
+// What a search should say, by the edges of the closure.
+std::string expected_lines(const Edges &leads_to, const std::set<int> &held) {
+    const auto leads = [&](int from, int to) {
+        return from == to || leads_to[size_t(from)].contains(to);
+    };
+    std::string lines;
+    for (int node = 0; node < nodes; ++node) {
+        bool is_leader = !held.contains(node);
+        for (int other = 0; other < nodes; ++other) // the oldest of those that lead to each other
+            if (other != node && leads(other, node) && !held.contains(other) &&
+                (!leads(node, other) || other < node))
+                is_leader = false;
+        if (is_leader)
+            lines += "node.c:" + std::to_string(node) + ":LB\n";
+    }
+    return lines;
+}
+
+TEST_F(Lost, AgreesWithAModelOnRandomGraphs) {
+    Random random;
+    static void *graph_roots[3];
+    for (int round = 0; round < 20; ++round) {
+        Edges edges(nodes);
+        std::set<int> held;
+        std::vector<uintptr_t> blocks(nodes);
+        aside([&] {
+            for (int node = 0; node < nodes; ++node)
+                blocks[size_t(node)] = hidden(k42MC_calloc("node.c", node, slots, sizeof(void *)));
+            for (unsigned edge = random() % 120; edge > 0; --edge) {
+                const size_t from = random() % nodes, to = random() % nodes;
+                const size_t slot = edges[from].size();
+                if (edges[from].insert(int(to)).second)
+                    static_cast<char **>(shown(blocks[from]))[slot] =
+                        static_cast<char *>(shown(blocks[to])) + random() % (slots * sizeof(void *));
+            }
+            for (void *&root : graph_roots) {
+                const size_t node = random() % nodes;
+                root = shown(blocks[node]);
+                held.insert(int(node));
+            }
+        });
+        take_closure(edges);
+        for (const int root : std::set<int>(held))
+            held.insert(edges[size_t(root)].begin(), edges[size_t(root)].end());
+        std::string lines = lost_lines(), leaders, led;
+        std::set<std::string> all;
+        for (size_t at = 0; at < lines.size();) {
+            const std::string line = line_at(lines, at);
+            at += line.size() + 1;
+            if (contains(line, ":LB"))
+                leaders += line + "\n";
+            all.insert(line.substr(0, line.rfind(':')));
+        }
+        EXPECT_EQ(leaders, expected_lines(edges, held));
+        EXPECT_EQ(all.size() + held.size(), size_t(nodes));
+        aside([&] {
+            for (const uintptr_t block : blocks)
+                k42MC_free("node.c", 0, shown(block));
+            for (void *&root : graph_roots)
+                root = nullptr;
+        });
+    }
+}
+
+// Deeper than any stack. Among so many addresses of 32 bits, some number in memory that is none may be one.
+TEST_F(Lost, FollowsAMillionLinks) {
+    static void **first;
+    checker_off();
+    checker_on(MC_TYPE_BT_OFF);
+    aside([] {
+        for (int i = 0; i < 1'000'000; ++i) {
+            auto **link = static_cast<void **>(k42MC_malloc("link.c", i == 999'999, sizeof(void *)));
+            *link = first;
+            first = link;
+        }
+    });
+    EXPECT_EQ(lost_lines(), "");
+    aside([] { first = nullptr; });
+    report(0x7fffffff);
+    EXPECT_EQ(k42mcx_lost(2), 0u);
+    size_t count = 0;
+    const std::string text = captured_stderr([&] { count = k42mcx_lost(0); });
+    if (sizeof(void *) == 8) {
+        EXPECT_EQ(count, 1'000'000u);
+        EXPECT_STARTS(text, "link.c:1:LB:");
+    }
+}
+
+} // namespace
