@@ -153,7 +153,8 @@ void ReportFile::name_into(char *name) const {
 
 // Whoever finds the file unlocked may take it that no process is going to write there any more.
 bool ReportFile::take(int descriptor) {
-    file_.keep(move_up(descriptor));
+    number_ = move_up(descriptor);
+    file_.keep(number_);
     created_ = file_.descriptor() >= 0;
     if (created_)
         flock(file_.descriptor(), LOCK_SH | LOCK_NB);
@@ -173,6 +174,11 @@ void ReportFile::remove(int folder) {
     name_into(name);
     close();
     unlinkat(folder, name, 0);
+}
+
+void ReportFile::close() {
+    number_ = -1; // lets it be closed
+    file_.close();
 }
 
 int ReportFile::descriptor() {

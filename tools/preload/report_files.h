@@ -22,10 +22,14 @@ public:
     bool create(int folder);
     void remove(int folder);
 
-    void close() { file_.close(); }
+    void close();
 
     // Returns -1 when the file cannot be opened again.
     int descriptor();
+
+    // Whether that descriptor is the one that is held open.
+    bool is_at(int descriptor) const { return descriptor == number_ && file_.is_same(descriptor); }
+    int number() const { return number_; }
 
 private:
     void name_into(char *name) const;
@@ -33,6 +37,7 @@ private:
 
     const char *extension_;
     bool created_ = false;
+    int number_ = -1; // the descriptor, unless the program has made it another's
     k42mc::internal::KeptFile file_;
 };
 

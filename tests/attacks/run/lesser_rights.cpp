@@ -1,0 +1,103 @@
+// k42mc run
+// Servers give up their user or their root folder, and with it the way to the folder for reports; some close every
+// descriptor that they do not know as well. Their reports arrive all the same.
+#include "report_of_process.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <grp.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr unsigned nobody = 65534;
+
+// Whoever is not root becomes it in a user namespace, where there are any.
+bool become_root() {
+    return geteuid() == 0 || unshare(CLONE_NEWUSER) == 0;
+}
+
+bool keep_rights() {
+    return true;
+}
+
+bool change_user() {
+    return geteuid() == 0 && setgroups(0, nullptr) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0;
+}
+
+bool change_root() {
+    char root[] = "root.XXXXXX";
+    return become_root() && mkdtemp(root) != nullptr && chroot(root) == 0 && chdir("/") == 0;
+}
+
+bool change_both() {
+    return change_root() && change_user();
+}
+
+constexpr int others[] = {3, 199, 300}; // on both sides of those that stay open
+
+bool others_are_closed() {
+    return std::ranges::none_of(others, [](int other) { return fcntl(other, F_GETFD) >= 0; });
+}
+
+void close_none() {
+    std::ranges::for_each(others, close);
+}
+
+void close_each() {
+    for (int descriptor = 3; descriptor < 1024; ++descriptor)
+        close(descriptor);
+}
+
+void close_all() {
+    close_range(3, ~0u, 0);
+}
+
+void close_from() {
+    closefrom(3);
+}
+
+[[noreturn]] void play(bool (*change)(), void (*close_them)(), bool allocates_first) {
+    void *volatile left = allocates_first ? malloc(1234) : nullptr;
+    for (const int other : others)
+        dup2(0, other);
+    if (!change())
+        exit(77);
+    close_them();
+    if (!allocates_first)
+        left = malloc(1234);
+    exit(others_are_closed() && left != nullptr ? 0 : 1);
+}
+
+int run_one(bool (*change)(), void (*close_them)(), bool allocates_first) {
+    const pid_t child = fork();
+    if (child == 0)
+        play(change, close_them, allocates_first);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (status != 0)
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+    const std::string report = report_of(child);
+    const bool whole = report.find(R"("largest":1234)") != std::string::npos &&
+                       report.find(R"("kind":"end")") != std::string::npos;
+    return whole ? 0 : 1;
+}
+
+} // namespace
+
+int main() {
+    int skipped = 0;
+    for (bool (*const change)() : {keep_rights, change_user, change_root, change_both})
+        for (void (*const close_them)() : {close_none, close_each, close_all, close_from})
+            for (const bool allocates_first : {false, true}) {
+                const int result = run_one(change, close_them, allocates_first);
+                if (result == 77)
+                    skipped = 77;
+                else if (result != 0)
+                    return result;
+            }
+    return skipped;
+}
