@@ -85,7 +85,8 @@ bool has(Json line, const char *member) {
 class JsonReader {
 public:
     JsonReader(Report &report, const std::string &name)
-        : report_(report), name_(name), complaints_(report, name) {
+        : report_(report), name_(name), complaints_(report, name), first_(report.processes.size()),
+          current_(first_) {
         add_process();
     }
 
@@ -100,34 +101,35 @@ public:
         if (unfinished_ && !refused_)
             complain("the report is cut off here");
         end_cycle();
-        if (!is_empty())
-            return;
-        report_.processes.pop_back();
-        if (!refused_)
+        drop_empty();
+        if (report_.processes.size() == first_ && !refused_)
             complain("no report in this file");
     }
 
 private:
+    // That the report is of.
     Process &process() { return report_.processes[current_]; }
 
-    void add_process() {
-        current_ = report_.processes.size();
-        report_.processes.emplace_back().name = report_.text(name_);
-    }
+    void add_process() { report_.processes.emplace_back().name = report_.text(name_); }
 
     // Children that nobody told of their fork may have written to the same file.
-    void go_on_with(int pid) {
-        const auto known = by_pid_.find(pid);
-        if (known != by_pid_.end())
-            current_ = known->second;
-        else if (!by_pid_.empty())
+    size_t number_of(int pid) {
+        const auto [known, is_new] = by_pid_.try_emplace(pid, report_.processes.size());
+        if (is_new && by_pid_.size() == 1)
+            known->second = first_;
+        else if (is_new)
             add_process();
-        by_pid_[pid] = current_;
+        return known->second;
     }
 
-    bool is_empty() {
-        return process().cycles.empty() && process().descriptors.empty() && process().stops.empty() &&
-               process().unchecked.empty();
+    void drop_empty() {
+        const auto is_empty = [](const Process &process) {
+            return process.cycles.empty() && process.descriptors.empty() && process.stops.empty() &&
+                   process.unchecked.empty();
+        };
+        const auto first = report_.processes.begin() + static_cast<ptrdiff_t>(first_);
+        report_.processes.erase(std::remove_if(first, report_.processes.end(), is_empty),
+                                report_.processes.end());
     }
 
     void complain(std::string_view text) { complaints_.add(line_, text); }
@@ -162,11 +164,9 @@ private:
         } else if (kind == "signal") {
             add_ending(line);
         } else if (kind == "unchecked") {
-            name_process(line);
-            process().unchecked = report_.text(text_in(line, "reason"));
+            process_in(line).unchecked = report_.text(text_in(line, "reason"));
         } else if (kind == "note") {
-            name_process(line);
-            process().notes.push_back(report_.text(text_in(line, "text")));
+            process_in(line).notes.push_back(report_.text(text_in(line, "text")));
         } else if (kind == "site" || kind == "damage" || kind == "end") {
             add_part(kind, line);
         }
@@ -184,12 +184,14 @@ private:
             unfinished_ = false;
     }
 
-    void name_process(Json line) {
+    // One may say something in the midst of another's report.
+    Process &process_in(Json line) {
         const int pid = number_in<int>(line, "pid");
-        go_on_with(pid);
-        if (process().name == name_)
-            process().name =
+        Process &process = report_.processes[number_of(pid)];
+        if (process.name == name_)
+            process.name =
                 report_.text(std::string(text_in(line, "program")) + "." + std::to_string(pid));
+        return process;
     }
 
     void begin_cycle(Json line) {
@@ -198,7 +200,7 @@ private:
         const auto number = number_in<uint32_t>(line, "cycle");
         const Counter live = counter_of(line);
         end_cycle();
-        name_process(line);
+        current_ = static_cast<size_t>(&process_in(line) - report_.processes.data());
         process().cycles.push_back({number, live, {}});
         process().damages.clear();
         process().descriptors.clear();
@@ -239,17 +241,17 @@ private:
     }
 
     void add_ending(Json line) {
-        name_process(line);
+        Process &process = process_in(line);
         const std::string_view signal = text_in(line, "name");
         std::string text = "ended by " + std::string(signal);
         if (has(line, "address"))
             text += " at address " + std::string(text_in(line, "address"));
-        process().stops.push_back({.process = number_in<int>(line, "pid"),
-                                   .text = report_.text(text),
-                                   .words = {},
-                                   .trace = report_.trace(trace_in(line)),
-                                   .block = {},
-                                   .signal = report_.text(signal)});
+        process.stops.push_back({.process = number_in<int>(line, "pid"),
+                                 .text = report_.text(text),
+                                 .words = {},
+                                 .trace = report_.trace(trace_in(line)),
+                                 .block = {},
+                                 .signal = report_.text(signal)});
     }
 
     void add_descriptor(Json line) {
@@ -269,7 +271,8 @@ private:
     const std::string &name_;
     Complaints complaints_;
     simdjson::dom::parser parser_; // has the texts of the line
-    size_t current_ = 0;           // of the processes
+    const size_t first_;           // of the processes
+    size_t current_;
     std::map<int, size_t> by_pid_;
     uint64_t line_ = 0;
     bool refused_ = false;    // for a format that is not known

@@ -82,6 +82,17 @@ TEST(Reader, ProcessesInOneFileAreKeptApart) {
         EXPECT_EQ(process.cycles.size(), 2u);
         EXPECT_EQ(process.cycles[0].live.blocks, process.cycles[1].live.blocks);
     }
+    // One may say something in the midst of another's report.
+    const size_t end = json_lines.find("{\"kind\":\"site\"");
+    const Report between =
+        json(json_lines.substr(0, end) +
+             "{\"kind\":\"unchecked\",\"pid\":7,\"program\":\"p\",\"reason\":\"why\"}\n" +
+             json_lines.substr(end));
+    EXPECT_EQ(problems(between), "");
+    ASSERT_EQ(between.processes.size(), 2u);
+    EXPECT_EQ(between.processes[0].cycles[0].holdings.size(), 2u);
+    EXPECT_EQ(between.processes[0].descriptors.size(), 4u);
+    EXPECT_EQ(between.processes[1].unchecked, "why");
 }
 
 // The newest line that says a format decides: nothing after it is understood.
