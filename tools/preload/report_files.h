@@ -5,6 +5,8 @@
 
 #include "base/kept_file.h"
 
+#include <unistd.h>
+
 // Takes note of the folder that the environment names and of the program's name: a server overwrites both
 // with what it wants to be called. False without a folder.
 bool find_report_folder();
@@ -22,7 +24,10 @@ public:
     bool create(int folder);
     void remove(int folder);
 
-    void close();
+    void close() { ::close(release()); }
+
+    // Leaves it open for the caller to close; -1 where it is not open.
+    int release();
 
     // Returns -1 when the file cannot be opened again.
     int descriptor();
@@ -45,7 +50,7 @@ extern ReportFile text_file;
 extern ReportFile json_file;
 
 // Creates both, in a forked child its own in place of its parent's. False, with neither of them, when that is
-// not possible.
+// not possible; of a child, that stands in its parent's.
 bool create_report_files();
 
 // Removes this process's own where nothing was written to them.
