@@ -242,8 +242,16 @@ bool create_report_files() {
     return created;
 }
 
+bool json_is_unused() {
+    return size_of(json_file.descriptor()) == unused_size;
+}
+
+void empty_json() {
+    (void)!ftruncate(json_file.descriptor(), unused_size);
+}
+
 void remove_unused_report_files() {
-    if (owner != getpid() || size_of(json_file.descriptor()) != unused_size)
+    if (owner != getpid() || !json_is_unused())
         return;
     const OpenFolder folder;
     if (folder.descriptor() < 0)

@@ -53,5 +53,9 @@ extern ReportFile json_file;
 // not possible; of a child, that stands in its parent's.
 bool create_report_files();
 
+// Whether nothing but its first line was written to this process's own JSON; and as if nothing had been.
+bool json_is_unused();
+void empty_json();
+
 // Removes this process's own where nothing was written to them.
 void remove_unused_report_files();

@@ -98,6 +98,13 @@ grep -q '^checked sleep\.' reports/processes-*.list || fail 'no verdict on one l
 k42mc_run 125 --output reports --error-exitcode 99 -- /sbin/ldconfig -V
 said '^k42mc: /sbin/ldconfig: not checked: it is linked statically$'
 
+# shellcheck disable=SC2016 # for the shell below
+k42mc_run 0 --output reports -- bash -c '/sbin/ldconfig -V; (kill -KILL $BASHPID); /no/such; (env -i env); exit 0'
+said '^k42mc: bash\.[0-9]+: not checked: it went on as /sbin/ldconfig: it is linked statically$'
+said '^k42mc: bash\.[0-9]+: not checked: it was killed ahead of its report, or ended past libc$'
+said '^k42mc: env\.[0-9]+: not checked: it went on as env, which left no report$'
+[[ $(grep -c 'not checked' err) == 3 ]] || fail 'not three that nobody looked after'
+
 subject=$own_operators
 run 0 '' --verify --error-exitcode 99
 
