@@ -82,6 +82,8 @@ TEST(Reader, ProcessesInOneFileAreKeptApart) {
         EXPECT_EQ(process.cycles.size(), 2u);
         EXPECT_EQ(process.cycles[0].live.blocks, process.cycles[1].live.blocks);
     }
+    const size_t last = json_lines.find("{\"kind\":\"descriptor\"");
+    EXPECT_EQ(json(json_lines.substr(last) + json_lines.substr(0, last)).processes.size(), 1u);
     // One may say something in the midst of another's report.
     const size_t end = json_lines.find("{\"kind\":\"site\"");
     const Report between =
