@@ -5,6 +5,7 @@
 
 #include "fdcheck/routes.h"
 #include "platform/platform.h"
+#include "tools/preload/closing.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/exported.h"
 #include "tools/preload/next.h"
@@ -193,6 +194,10 @@ ROUTE(DIR *, opendir, (const char *path), , opened_directory, path)
 ROUTE(DIR *, fdopendir, (int descriptor), , opened_directory, descriptor)
 
 EXPORTED int close(int descriptor) {
+    if (is_kept_open(descriptor)) [[unlikely]] {
+        errno = EBADF;
+        return -1;
+    }
     if (wanted()) {
         const InsideChecker inside;
         k42mcx_fd_closing("close", descriptor);

@@ -157,6 +157,8 @@ void report_ahead_of_endings(LastReport last_report) {
 
 extern "C" {
 
+sighandler_t bsd_signal(int number, sighandler_t handler) noexcept; // which newer headers leave out
+
 EXPORTED int sigaction(int number, const struct sigaction *action, struct sigaction *former) noexcept {
     return set_action(number, action, former);
 }
@@ -169,11 +171,37 @@ EXPORTED sighandler_t ssignal(int number, sighandler_t handler) noexcept {
     return set_simply(NEXT(ssignal), number, handler);
 }
 
+EXPORTED sighandler_t bsd_signal(int number, sighandler_t handler) noexcept {
+    return set_simply(NEXT(bsd_signal), number, handler);
+}
+
 EXPORTED sighandler_t __sysv_signal(int number, sighandler_t handler) noexcept {
     return set_simply(NEXT(__sysv_signal), number, handler);
 }
 
 EXPORTED sighandler_t sysv_signal(int number, sighandler_t handler) noexcept {
     return set_simply(NEXT(sysv_signal), number, handler);
+}
+
+// Ahead of a signal that is let through, what it does is set: it may be there already.
+EXPORTED sighandler_t sigset(int number, sighandler_t handler) noexcept {
+    const bool holds = handler == SIG_HOLD;
+    struct sigaction action {
+    }, former{};
+    action.sa_handler = handler;
+    if (set_action(number, holds ? nullptr : &action, &former) != 0)
+        return SIG_ERR;
+    sigset_t one;
+    sigset_t before;
+    sigemptyset(&one);
+    sigaddset(&one, number);
+    pthread_sigmask(holds ? SIG_BLOCK : SIG_UNBLOCK, &one, &before);
+    return sigismember(&before, number) != 0 ? SIG_HOLD : former.sa_handler;
+}
+
+EXPORTED int sigignore(int number) noexcept {
+    struct sigaction action {};
+    action.sa_handler = SIG_IGN;
+    return set_action(number, &action, nullptr);
 }
 }

@@ -3,8 +3,10 @@
 // memory that nobody else has anything to say about.
 #include "tools/preload/foreign.h"
 
+#include "memcheck/registry.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/own_allocator.h"
+#include "wrappers/k42MC.h"
 #include "wrappers/notice.h"
 #include "wrappers/stray_pointer.h"
 
@@ -50,4 +52,12 @@ void stop_unless_foreign(uint16_t type, const void *pointer) {
     if (!stray.may_be_anothers)
         stop_process({defect_of(stray), type + 1u, pointer, {.header_readable = false, .tail = 0}},
                      explain_stop);
+}
+
+void *take_back_unless_foreign(Site site, uint16_t type, void *pointer) {
+    const KnownBlock known = forget_block(site, type, pointer);
+    if (known.tail != 0 || is_guarded(pointer))
+        return guard_release(type + 1u, pointer, known, explain_stop).raw;
+    stop_unless_foreign(type, pointer);
+    return pointer;
 }

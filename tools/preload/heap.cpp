@@ -1,5 +1,6 @@
 // The malloc family, over guarded blocks. The wrappers' own calls of these names come back here, from
 // inside the checker, and go to the next allocator; so does what libc allocates while the checker prints.
+#include "base/errno_keeper.h"
 #include "k42mc_debug.h"
 #include "platform/platform.h"
 #include "platform/trace_buffer.h"
@@ -32,11 +33,6 @@ using namespace k42mc::internal;
 void *resize_plain(void *ptr, size_t size) {
     const InsideChecker inside;
     return next_realloc(ptr, size);
-}
-
-void release_plain(void *ptr) {
-    const InsideChecker inside;
-    next_free(ptr);
 }
 
 bool called_by_checker(const void *caller) {
@@ -91,13 +87,9 @@ void release(const void *caller, void *ptr) {
             next_free(ptr);
         return;
     }
-    if (!is_guarded(ptr)) {
-        stop_unless_foreign(MC_STD, ptr);
-        release_plain(ptr);
-        return;
-    }
     const InsideChecker inside;
-    k42MC_free(site_of(caller), 0, ptr);
+    const ErrnoKeeper keep_errno;
+    next_free(take_back_unless_foreign({site_of(caller), 0}, MC_STD, ptr));
 }
 
 } // namespace

@@ -2,11 +2,11 @@
 // Linked without the C++ library: a program that has operators to call brings it.
 #include "tools/preload/operators.h"
 
+#include "base/errno_keeper.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/foreign.h"
 #include "tools/preload/own_allocator.h"
 #include "tools/preload/site.h"
-#include "wrappers/k42MC.h"
 
 #include <k42mc/k42mc.h>
 
@@ -100,13 +100,10 @@ void *allocate(const void *caller, int type, size_t alignment, size_t size) {
 void release(const void *caller, int type, void *block) {
     if (block == nullptr)
         return;
-    if (!is_guarded(block)) {
-        stop_unless_foreign(static_cast<uint16_t>(shown_type(type)), block);
-        free(block);
-        return;
-    }
+    const auto shown = static_cast<uint16_t>(shown_type(type));
     const InsideChecker inside;
-    k42mcx_free(site_of(caller), 0, shown_type(type), block);
+    const ErrnoKeeper keep_errno;
+    free(take_back_unless_foreign({site_of(caller), 0}, shown, block));
 }
 
 // The least that a guarded block can be told to have.

@@ -54,6 +54,7 @@ public:
         if (descriptor_ >= 0 && !is_expected_folder(descriptor_)) {
             ::close(descriptor_);
             descriptor_ = -1;
+            errno = ENOENT;
         }
     }
     ~OpenFolder() {
@@ -129,6 +130,35 @@ bool create_both(int folder) {
     return false;
 }
 
+// Below the first stem that is free. False with errno set.
+bool create_new() {
+    constexpr unsigned most_numbers = 1000;
+    const OpenFolder folder;
+    if (folder.descriptor() < 0)
+        return false;
+    for (unsigned number = 0; number < most_numbers; ++number) {
+        name_stem(number);
+        if (create_both(folder.descriptor()))
+            return true;
+        if (errno != EEXIST)
+            return false;
+    }
+    return false;
+}
+
+// A server may give up the right to make files before it forks.
+void tell_of_missing_files(int parents_file, int cause) {
+    char reason[128];
+    snprintf(reason, sizeof reason, "it can make no file for its report: %s", strerrordesc_np(cause));
+    JsonOutput out(parents_file);
+    out->print("{\"kind\":\"unchecked\",\"pid\":%d,\"program\":", getpid());
+    out.string(program_name());
+    out->print(",\"reason\":");
+    out.string(reason);
+    out->print("}\n");
+    out->flush();
+}
+
 } // namespace
 
 constinit ReportFile text_file("txt");
@@ -153,7 +183,8 @@ void ReportFile::name_into(char *name) const {
 
 // Whoever finds the file unlocked may take it that no process is going to write there any more.
 bool ReportFile::take(int descriptor) {
-    file_.keep(move_up(descriptor));
+    number_ = move_up(descriptor);
+    file_.keep(number_);
     created_ = file_.descriptor() >= 0;
     if (created_)
         flock(file_.descriptor(), LOCK_SH | LOCK_NB);
@@ -175,6 +206,13 @@ void ReportFile::remove(int folder) {
     unlinkat(folder, name, 0);
 }
 
+int ReportFile::release() {
+    const int released = file_.descriptor();
+    number_ = -1; // lets it be closed
+    file_.keep(-1);
+    return released;
+}
+
 int ReportFile::descriptor() {
     if (!created_ || !files_are_own())
         return -1;
@@ -194,25 +232,26 @@ int ReportFile::descriptor() {
 }
 
 bool create_report_files() {
-    constexpr unsigned most_numbers = 1000;
     owner = getpid();
-    json_file.close();
     text_file.close();
-    const OpenFolder folder;
-    if (folder.descriptor() < 0)
-        return false;
-    for (unsigned number = 0; number < most_numbers; ++number) {
-        name_stem(number);
-        if (create_both(folder.descriptor()))
-            return true;
-        if (errno != EEXIST)
-            return false;
-    }
-    return false;
+    const int parents = json_file.release();
+    const bool created = create_new();
+    if (!created && parents >= 0)
+        tell_of_missing_files(parents, errno);
+    ::close(parents);
+    return created;
+}
+
+bool json_is_unused() {
+    return size_of(json_file.descriptor()) == unused_size;
+}
+
+void empty_json() {
+    (void)!ftruncate(json_file.descriptor(), unused_size);
 }
 
 void remove_unused_report_files() {
-    if (owner != getpid() || size_of(json_file.descriptor()) != unused_size)
+    if (owner != getpid() || !json_is_unused())
         return;
     const OpenFolder folder;
     if (folder.descriptor() < 0)

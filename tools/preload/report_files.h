@@ -5,6 +5,8 @@
 
 #include "base/kept_file.h"
 
+#include <unistd.h>
+
 // Takes note of the folder that the environment names and of the program's name: a server overwrites both
 // with what it wants to be called. False without a folder.
 bool find_report_folder();
@@ -22,10 +24,17 @@ public:
     bool create(int folder);
     void remove(int folder);
 
-    void close() { file_.close(); }
+    void close() { ::close(release()); }
+
+    // Leaves it open for the caller to close; -1 where it is not open.
+    int release();
 
     // Returns -1 when the file cannot be opened again.
     int descriptor();
+
+    // Whether that descriptor is the one that is held open.
+    bool is_at(int descriptor) const { return descriptor == number_ && file_.is_same(descriptor); }
+    int number() const { return number_; }
 
 private:
     void name_into(char *name) const;
@@ -33,6 +42,7 @@ private:
 
     const char *extension_;
     bool created_ = false;
+    int number_ = -1; // the descriptor, unless the program has made it another's
     k42mc::internal::KeptFile file_;
 };
 
@@ -40,8 +50,12 @@ extern ReportFile text_file;
 extern ReportFile json_file;
 
 // Creates both, in a forked child its own in place of its parent's. False, with neither of them, when that is
-// not possible.
+// not possible; of a child, that stands in its parent's.
 bool create_report_files();
+
+// Whether nothing but its first line was written to this process's own JSON; and as if nothing had been.
+bool json_is_unused();
+void empty_json();
 
 // Removes this process's own where nothing was written to them.
 void remove_unused_report_files();

@@ -4,73 +4,89 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
-#include <nlohmann/json.hpp>
+#include <simdjson.h>
+#include <stdexcept>
 #include <utility>
 
 namespace {
 
-using Json = nlohmann::json;
+using Json = simdjson::dom::element;
 
 // The newest version of the lines that is known; lines without one are of the first.
 constexpr uint32_t known_format = 1;
 
-[[noreturn]] void refuse(const Json &line, const std::string &text) {
-    throw Json::other_error::create(501, text, &line);
+[[noreturn]] void refuse(const char *member, const char *cause) {
+    throw std::runtime_error(std::string(member) + ": " + cause);
 }
 
-std::string_view text_in(const Json &line, const char *member) {
-    return line.at(member).get_ref<const std::string &>();
+// Of a value or of an attempt to get one.
+template <class Value, class Source> Value value_of(Source json, const char *member) {
+    Value value;
+    if (const simdjson::error_code error = json.get(value))
+        refuse(member, simdjson::error_message(error));
+    return value;
+}
+
+template <class Value> Value value_in(Json line, const char *member) {
+    return value_of<Value>(line[member], member);
+}
+
+std::string_view text_in(Json line, const char *member) {
+    return value_in<std::string_view>(line, member);
 }
 
 // Without the shim's own functions, which stand between libc and the program in some.
-std::vector<std::string_view> trace_in(const Json &line, const char *member = "chain") {
-    const auto &chain = line.at(member).get_ref<const Json::array_t &>();
+std::vector<std::string_view> trace_in(Json line, const char *member = "chain") {
+    const auto chain = value_in<simdjson::dom::array>(line, member);
     std::vector<std::string_view> trace;
     trace.reserve(chain.size());
-    for (const Json &element : chain) {
-        const std::string_view pc = element.get_ref<const std::string &>();
+    for (const Json element : chain) {
+        const auto pc = value_of<std::string_view>(element, member);
         if (!pc.empty() && pc.find("/libk42mc_preload.so+") == std::string_view::npos)
             trace.push_back(pc);
     }
     return trace;
 }
 
-// Whole numbers that fit; the conversions of the library would take any.
-template <class Number> Number number_in(const Json &line, const char *member) {
-    const Json &value = line.at(member);
-    const bool whole = value.is_number_integer() &&
-                       (value.is_number_unsigned() ? std::in_range<Number>(value.get<uint64_t>())
-                                                   : std::in_range<Number>(value.get<int64_t>()));
-    if (!whole)
-        refuse(line, std::string("no such number: ") + member);
-    return value.get<Number>();
+// Whole numbers that fit.
+template <class Number> Number number_in(Json line, const char *member) {
+    using Widest = std::conditional_t<std::is_signed_v<Number>, int64_t, uint64_t>;
+    const auto number = value_in<Widest>(line, member);
+    if (!std::in_range<Number>(number))
+        refuse(member, "a number that is out of range");
+    return static_cast<Number>(number);
 }
 
-uint64_t address_in(const Json &line, const char *member) {
+uint64_t address_in(Json line, const char *member) {
     const std::string_view text = text_in(line, member);
     uint64_t address = 0;
     const auto [end, error] = std::from_chars(text.data() + std::min<size_t>(text.size(), 2),
                                               text.data() + text.size(), address, 16);
     if (!text.starts_with("0x") || error != std::errc() || end != text.data() + text.size())
-        refuse(line, std::string("no such address: ") + member);
+        refuse(member, "no address");
     return address;
 }
 
-bool is_past_end(const Json &line) {
+bool is_past_end(Json line) {
     const std::string_view defect = text_in(line, "defect");
     if (defect != "WO" && defect != "WU")
-        refuse(line, "no such defect");
+        refuse("defect", "neither WO nor WU");
     return defect == "WO";
 }
 
-Counter counter_of(const Json &line) {
+Counter counter_of(Json line) {
     return {number_in<uint64_t>(line, "blocks"), number_in<uint64_t>(line, "bytes")};
+}
+
+bool has(Json line, const char *member) {
+    return line[member].error() == simdjson::SUCCESS;
 }
 
 class JsonReader {
 public:
     JsonReader(Report &report, const std::string &name)
-        : report_(report), name_(name), complaints_(report, name) {
+        : report_(report), name_(name), complaints_(report, name), first_(report.processes.size()),
+          current_(first_) {
         add_process();
     }
 
@@ -85,34 +101,35 @@ public:
         if (unfinished_ && !refused_)
             complain("the report is cut off here");
         end_cycle();
-        if (!is_empty())
-            return;
-        report_.processes.pop_back();
-        if (!refused_)
+        drop_empty();
+        if (report_.processes.size() == first_ && !refused_)
             complain("no report in this file");
     }
 
 private:
+    // That the report is of.
     Process &process() { return report_.processes[current_]; }
 
-    void add_process() {
-        current_ = report_.processes.size();
-        report_.processes.emplace_back().name = report_.text(name_);
-    }
+    void add_process() { report_.processes.emplace_back().name = report_.text(name_); }
 
     // Children that nobody told of their fork may have written to the same file.
-    void go_on_with(int pid) {
-        const auto known = by_pid_.find(pid);
-        if (known != by_pid_.end())
-            current_ = known->second;
-        else if (!by_pid_.empty())
+    size_t number_of(int pid) {
+        const auto [known, is_new] = by_pid_.try_emplace(pid, report_.processes.size());
+        if (is_new && by_pid_.size() == 1)
+            known->second = first_;
+        else if (is_new)
             add_process();
-        by_pid_[pid] = current_;
+        return known->second;
     }
 
-    bool is_empty() {
-        return process().cycles.empty() && process().descriptors.empty() && process().stops.empty() &&
-               process().unchecked.empty();
+    void drop_empty() {
+        const auto is_empty = [](const Process &process) {
+            return process.cycles.empty() && process.descriptors.empty() && process.stops.empty() &&
+                   process.unchecked.empty();
+        };
+        const auto first = report_.processes.begin() + static_cast<ptrdiff_t>(first_);
+        report_.processes.erase(std::remove_if(first, report_.processes.end(), is_empty),
+                                report_.processes.end());
     }
 
     void complain(std::string_view text) { complaints_.add(line_, text); }
@@ -121,20 +138,20 @@ private:
         if (text.find_first_not_of(" \t\r") == std::string_view::npos)
             return;
         try {
-            const Json line = Json::parse(text);
-            const uint32_t format = line.contains("format") ? number_in<uint32_t>(line, "format") : 1;
+            const auto line = value_of<Json>(parser_.parse(text), "JSON");
+            const uint32_t format = has(line, "format") ? number_in<uint32_t>(line, "format") : 1;
             refused_ = format > known_format;
             if (refused_)
                 complain("format " + std::to_string(format) + " is newer than this k42mc, which reads " +
                          std::to_string(known_format));
             else
                 take(line);
-        } catch (const Json::exception &error) {
+        } catch (const std::runtime_error &error) {
             complain(std::string("not a report line: ") + error.what());
         }
     }
 
-    void take(const Json &line) {
+    void take(Json line) {
         const std::string_view kind = text_in(line, "kind");
         if (kind == "run")
             return; // what k42mc run knows its own files by
@@ -147,18 +164,16 @@ private:
         } else if (kind == "signal") {
             add_ending(line);
         } else if (kind == "unchecked") {
-            name_process(line);
-            process().unchecked = report_.text(text_in(line, "reason"));
+            process_in(line).unchecked = report_.text(text_in(line, "reason"));
         } else if (kind == "note") {
-            name_process(line);
-            process().notes.push_back(report_.text(text_in(line, "text")));
+            process_in(line).notes.push_back(report_.text(text_in(line, "text")));
         } else if (kind == "site" || kind == "damage" || kind == "end") {
             add_part(kind, line);
         }
     }
 
     // What stands between a cycle and its end.
-    void add_part(std::string_view kind, const Json &line) {
+    void add_part(std::string_view kind, Json line) {
         if (!unfinished_)
             complain("what comes before this line is missing");
         else if (kind == "site")
@@ -169,21 +184,23 @@ private:
             unfinished_ = false;
     }
 
-    void name_process(const Json &line) {
+    // One may say something in the midst of another's report.
+    Process &process_in(Json line) {
         const int pid = number_in<int>(line, "pid");
-        go_on_with(pid);
-        if (process().name == name_)
-            process().name =
+        Process &process = report_.processes[number_of(pid)];
+        if (process.name == name_)
+            process.name =
                 report_.text(std::string(text_in(line, "program")) + "." + std::to_string(pid));
+        return process;
     }
 
-    void begin_cycle(const Json &line) {
+    void begin_cycle(Json line) {
         if (unfinished_)
             complain("a report before this one is cut off");
         const auto number = number_in<uint32_t>(line, "cycle");
         const Counter live = counter_of(line);
         end_cycle();
-        name_process(line);
+        current_ = static_cast<size_t>(&process_in(line) - report_.processes.data());
         process().cycles.push_back({number, live, {}});
         process().damages.clear();
         process().descriptors.clear();
@@ -195,52 +212,54 @@ private:
             process().cycles.back().holdings.shrink_to_fit();
     }
 
-    uint32_t site_in(const Json &line) {
+    uint32_t site_in(Json line) {
         const std::vector<std::string_view> trace = trace_in(line);
         return report_.site_number(
             {text_in(line, "file"), number_in<int>(line, "line"), text_in(line, "type"), trace});
     }
 
-    void add_site(const Json &line) {
+    void add_site(Json line) {
         // The descriptor checker's own records of what it watches.
-        if (line.at("file") == "common/lib/libk42mc/k42mc_ds")
+        if (text_in(line, "file") == "common/lib/libk42mc/k42mc_ds")
             return;
         const Holding holding = {site_in(line), number_in<uint32_t>(line, "oldest"), counter_of(line),
                                  number_in<uint64_t>(line, "largest")};
         process().cycles.back().holdings.push_back(holding);
     }
 
-    void add_damage(const Json &line) {
+    void add_damage(Json line) {
         process().damages.push_back({is_past_end(line), site_in(line),
                                      number_in<uint32_t>(line, "cycles"), address_in(line, "address"),
                                      number_in<uint64_t>(line, "size")});
     }
 
-    void add_stop(const Json &line) {
+    void add_stop(Json line) {
         process().stops.push_back({number_in<int>(line, "pid"), report_.text(text_in(line, "text")),
-                                   line.contains("words") ? report_.text(text_in(line, "words")) : "",
+                                   has(line, "words") ? report_.text(text_in(line, "words")) : "",
                                    report_.trace(trace_in(line)),
                                    report_.trace(trace_in(line, "block"))});
     }
 
-    void add_ending(const Json &line) {
-        name_process(line);
+    void add_ending(Json line) {
+        Process &process = process_in(line);
         const std::string_view signal = text_in(line, "name");
         std::string text = "ended by " + std::string(signal);
-        if (line.contains("address"))
+        if (has(line, "address"))
             text += " at address " + std::string(text_in(line, "address"));
-        process().stops.push_back({.process = number_in<int>(line, "pid"),
-                                   .text = report_.text(text),
-                                   .words = {},
-                                   .trace = report_.trace(trace_in(line)),
-                                   .block = {},
-                                   .signal = report_.text(signal)});
+        process.stops.push_back({.process = number_in<int>(line, "pid"),
+                                 .text = report_.text(text),
+                                 .words = {},
+                                 .trace = report_.trace(trace_in(line)),
+                                 .block = {},
+                                 .signal = report_.text(signal)});
     }
 
-    void add_descriptor(const Json &line) {
-        Descriptor descriptor{
-            number_in<int>(line, "descriptor"), line.at("open"), line.at("alarms") != 0, {}};
-        for (const Json &event : line.at("events").get_ref<const Json::array_t &>())
+    void add_descriptor(Json line) {
+        Descriptor descriptor{number_in<int>(line, "descriptor"),
+                              value_in<bool>(line, "open"),
+                              number_in<uint64_t>(line, "alarms") != 0,
+                              {}};
+        for (const Json event : value_in<simdjson::dom::array>(line, "events"))
             descriptor.events.push_back(
                 {report_.text(text_in(event, "type")), report_.text(text_in(event, "operator")),
                  report_.text(text_in(event, "time")), report_.trace(trace_in(event))});
@@ -251,7 +270,9 @@ private:
     Report &report_;
     const std::string &name_;
     Complaints complaints_;
-    size_t current_ = 0; // of the processes
+    simdjson::dom::parser parser_; // has the texts of the line
+    const size_t first_;           // of the processes
+    size_t current_;
     std::map<int, size_t> by_pid_;
     uint64_t line_ = 0;
     bool refused_ = false;    // for a format that is not known

@@ -5,51 +5,51 @@
 #include "tools/report/site_name.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 namespace {
 
-using Json = nlohmann::json;
-
-Json json_of(Trace trace, Symbolizer &symbolizer) {
-    Json frames = Json::array();
+void put_trace(JsonWriter &out, Trace trace, Symbolizer &symbolizer) {
+    out.open("chain", '[');
     for (const std::string_view pc : trace)
-        for (const SourceFrame &frame : symbolizer.lookup(pc))
-            frames.push_back({{"pc", pc},
-                              {"function", frame.function},
-                              {"file", frame.file},
-                              {"line", frame.line},
-                              {"inlined", frame.inlined}});
-    return frames;
+        for (const SourceFrame &frame : symbolizer.lookup(pc)) {
+            out.open('{');
+            out.member("pc", pc);
+            out.member("function", frame.function);
+            out.member("file", frame.file);
+            out.member("line", frame.line);
+            out.member("inlined", frame.inlined);
+            out.close('}');
+        }
+    out.close(']');
 }
 
-Json json_of(const Counter &counter) {
-    return {{"blocks", counter.blocks}, {"bytes", counter.bytes}};
+void put_counter(JsonWriter &out, const Counter &counter) {
+    out.member("blocks", counter.blocks);
+    out.member("bytes", counter.bytes);
 }
 
-Json json_of(const Site &site, Symbolizer &symbolizer) {
-    return {{"name", name_of(site, symbolizer)},
-            {"file", site.file},
-            {"line", site.line},
-            {"type", site.type},
-            {"chain", json_of(site.trace, symbolizer)}};
+void put_place(JsonWriter &out, const Site &site, Symbolizer &symbolizer) {
+    out.member("name", name_of(site, symbolizer));
+    out.member("file", site.file);
+    out.member("line", site.line);
+    out.member("type", site.type);
+    put_trace(out, site.trace, symbolizer);
 }
 
-Json json_of(std::span<const Point> bytes) {
-    Json points = Json::array();
-    for (const Point &point : bytes)
-        points.push_back({point.cycle + 1, point.bytes});
-    return points;
-}
-
-Json json_of(const SiteHistory &history, const Site &site, Symbolizer &symbolizer) {
-    Json json = json_of(site, symbolizer);
-    json.update(json_of(history.held));
-    json.update({{"oldest", history.oldest},
-                 {"largest", history.largest},
-                 {"growth", history.growth},
-                 {"series", json_of(history.bytes)}});
-    return json;
+void put_site(JsonWriter &out, const SiteHistory &history, const Site &site, Symbolizer &symbolizer) {
+    put_place(out, site, symbolizer);
+    put_counter(out, history.held);
+    out.member("oldest", history.oldest);
+    out.member("largest", history.largest);
+    out.member("growth", history.growth);
+    out.open("series", '[');
+    for (const Point &point : history.bytes) {
+        out.open('[');
+        out.value(point.cycle + 1);
+        out.value(point.bytes);
+        out.close(']');
+    }
+    out.close(']');
 }
 
 const char *name_of(Finding::Kind kind) {
@@ -73,111 +73,76 @@ const char *name_of(Finding::Kind kind) {
     }
 }
 
-Json json_of(const Finding &finding, Symbolizer &symbolizer) {
-    Json trails = Json::array();
-    for (const Trail &trail : finding.trails)
-        trails.push_back({{"heading", trail.heading}, {"chain", json_of(trail.trace, symbolizer)}});
-    return {{"kind", name_of(finding.kind)}, {"what", finding.what},   {"title", finding.title},
-            {"count", finding.count},        {"bytes", finding.bytes}, {"trails", trails}};
+void put_finding(JsonWriter &out, const Finding &finding, Symbolizer &symbolizer) {
+    out.member("kind", name_of(finding.kind));
+    out.member("what", finding.what);
+    out.member("title", finding.title);
+    out.member("count", finding.count);
+    out.member("bytes", finding.bytes);
+    out.open("trails", '[');
+    for (const Trail &trail : finding.trails) {
+        out.open('{');
+        out.member("heading", trail.heading);
+        put_trace(out, trail.trace, symbolizer);
+        out.close('}');
+    }
+    out.close(']');
 }
 
-Json json_of(const Damage &damage, const Site &site, Symbolizer &symbolizer) {
-    Json json = json_of(site, symbolizer);
-    json.update({{"defect", damage.past_end ? "WO" : "WU"},
-                 {"address", damage.address_text()},
-                 {"size", damage.size},
-                 {"cycles", damage.cycles}});
-    return json;
+void put_damage(JsonWriter &out, const Damage &damage, const Site &site, Symbolizer &symbolizer) {
+    put_place(out, site, symbolizer);
+    out.member("defect", damage.past_end ? "WO" : "WU");
+    out.member("address", damage.address_text());
+    out.member("size", damage.size);
+    out.member("cycles", damage.cycles);
 }
 
-Json json_of(const Descriptor &descriptor, Symbolizer &symbolizer) {
-    Json events = Json::array();
-    for (const DescriptorEvent &event : descriptor.events)
-        events.push_back({{"type", event.type},
-                          {"operator", event.who},
-                          {"time", event.time},
-                          {"chain", json_of(event.trace, symbolizer)}});
-    return {{"descriptor", descriptor.number},
-            {"open", descriptor.open},
-            {"alarm", descriptor.alarm},
-            {"left_open", descriptor.is_left_open()},
-            {"events", events}};
+void put_descriptor(JsonWriter &out, const Descriptor &descriptor, Symbolizer &symbolizer) {
+    out.member("descriptor", descriptor.number);
+    out.member("open", descriptor.open);
+    out.member("alarm", descriptor.alarm);
+    out.member("left_open", descriptor.is_left_open());
+    out.open("events", '[');
+    for (const DescriptorEvent &event : descriptor.events) {
+        out.open('{');
+        out.member("type", event.type);
+        out.member("operator", event.who);
+        out.member("time", event.time);
+        put_trace(out, event.trace, symbolizer);
+        out.close('}');
+    }
+    out.close(']');
 }
 
-// An object or array on its way out, an element at a time: together they may not fit into memory.
-class JsonPieces {
-public:
-    explicit JsonPieces(const Put &put) : put_(put) {}
+// An object on a line of its own, whose members the function writes.
+template <class PutMembers> void put_line(JsonWriter &out, const PutMembers &put_members) {
+    out.line();
+    out.open('{');
+    put_members();
+    out.close('}');
+}
 
-    void open(const char *bracket) {
-        separate();
-        put_(bracket);
-        separator_ = "";
-    }
-
-    void open(const char *name, const char *bracket) {
-        this->name(name);
-        put_(bracket);
-        separator_ = "";
-    }
-
-    void close(const char *bracket) {
-        put_(bracket);
-        separator_ = ",";
-    }
-
-    void member(const char *name, const Json &value) {
-        this->name(name);
-        put_(text_of(value));
-        separator_ = ",";
-    }
-
-    void element(const Json &value) {
-        separate();
-        put_("\n");
-        put_(text_of(value));
-        separator_ = ",";
-    }
-
-private:
-    // All text from elsewhere goes through here: in ASCII, it does nothing to a terminal.
-    static std::string text_of(const Json &value) {
-        return value.dump(-1, ' ', true, Json::error_handler_t::replace);
-    }
-
-    void separate() { put_(separator_); }
-
-    void name(const char *name) {
-        separate();
-        put_("\"");
-        put_(name);
-        put_("\":");
-    }
-
-    const Put &put_;
-    const char *separator_ = "";
-};
-
-void put_process(JsonPieces &out, const Report &report, const Process &process, Symbolizer &symbolizer) {
-    out.open("{");
+void put_process(JsonWriter &out, const Report &report, const Process &process, Symbolizer &symbolizer) {
+    out.open('{');
     out.member("name", process.name);
-    out.open("cycles", "[");
+    out.open("cycles", '[');
     for (const Cycle &cycle : process.cycles)
-        out.element(json_of(cycle.live));
-    out.close("]");
-    out.open("findings", "[");
-    each_finding(report, process,
-                 [&](const Finding &finding) { out.element(json_of(finding, symbolizer)); });
-    out.close("]");
-    out.open("damages", "[");
+        put_line(out, [&] { put_counter(out, cycle.live); });
+    out.close(']');
+    out.open("findings", '[');
+    each_finding(report, process, [&](const Finding &finding) {
+        put_line(out, [&] { put_finding(out, finding, symbolizer); });
+    });
+    out.close(']');
+    out.open("damages", '[');
     for (const Damage &damage : process.damages)
-        out.element(json_of(damage, report.site(damage.site), symbolizer));
-    out.close("]");
-    out.open("descriptors", "[");
+        put_line(out, [&] { put_damage(out, damage, report.site(damage.site), symbolizer); });
+    out.close(']');
+    out.open("descriptors", '[');
     for (const Descriptor &descriptor : process.descriptors)
-        out.element(json_of(descriptor, symbolizer));
-    out.close("]");
-    out.close("}");
+        put_line(out, [&] { put_descriptor(out, descriptor, symbolizer); });
+    out.close(']');
+    out.close('}');
 }
 
 // In quotes, on one line, and with a letter in front that keeps it a text.
@@ -217,21 +182,22 @@ std::vector<std::string> functions_of(const Site &site, Symbolizer &symbolizer) 
 
 void put_json(const Put &put, const Report &report, Order order, Symbolizer &symbolizer) {
     const Histories histories(report, order);
-    JsonPieces out(put);
-    out.open("{");
+    JsonWriter out(put);
+    out.open('{');
     out.member("format", 1);
-    out.member("total", json_of(total_of(report)));
+    out.open("total", '{');
+    put_counter(out, total_of(report));
+    out.close('}');
     out.member("cycles", histories.cycles());
-    out.open("sites", "[");
+    out.open("sites", '[');
     for (const SiteHistory &history : histories.sites())
-        out.element(json_of(history, report.site(history.site), symbolizer));
-    out.close("]");
-    out.open("processes", "[");
+        put_line(out, [&] { put_site(out, history, report.site(history.site), symbolizer); });
+    out.close(']');
+    out.open("processes", '[');
     for (const Process &process : report.processes)
         put_process(out, report, process, symbolizer);
-    out.close("]");
-    out.close("}");
-    put("\n");
+    out.close(']');
+    out.close('}');
 }
 
 void print_csv(std::ostream &out, const Report &report, Order order, Symbolizer &symbolizer) {

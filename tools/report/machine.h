@@ -2,14 +2,12 @@
 #pragma once
 
 #include "tools/common/symbols.h"
+#include "tools/report/json_writer.h"
 #include "tools/report/model.h"
 
-#include <functional>
 #include <ostream>
 
-// All there is, with functions and lines, as one object: put gets it piece by piece. Its text is ASCII;
-// what was no UTF-8 before has the replacement character.
-using Put = std::function<void(std::string_view)>;
+// All there is, with functions and lines, as one object.
 void put_json(const Put &put, const Report &report, Order order, Symbolizer &symbolizer);
 
 // The sites, a line each, under a line of names. No field is a formula to a spreadsheet.

@@ -45,6 +45,11 @@ unsigned char elf_class_of(const std::string &program, int most_interpreters = 4
     return elf_class_of(interpreter, most_interpreters - 1);
 }
 
+// The folder that this command's is in.
+fs::path installation() {
+    return fs::read_symlink("/proc/self/exe").parent_path().parent_path();
+}
+
 } // namespace
 
 std::string find_program(const std::string &name) {
@@ -60,21 +65,27 @@ std::string find_program(const std::string &name) {
     return name;
 }
 
-std::string preload_path(const std::string &program) {
-    const fs::path prefix = fs::read_symlink("/proc/self/exe").parent_path().parent_path();
-    if (prefix.string().find_first_of(" :$") != std::string::npos)
-        throw std::runtime_error("the loader cannot read folder names with blanks, colons or dollars: " +
-                                 prefix.string());
+std::string missing_shim(const std::string &program) {
+    const fs::path prefix = installation();
     const unsigned char wanted = elf_class_of(find_program(program));
     for (const Width &width : widths) {
         const bool installed = std::ranges::any_of(width.folders, [&](const char *folder) {
             return elf_class_of(prefix / folder / shim) == width.elf_class;
         });
         if (!installed && width.elf_class == wanted)
-            throw std::runtime_error("no " + std::to_string(width.bits) + "-bit " + shim +
-                                     " is installed below " + prefix.string() +
-                                     "; it is in the package " + width.package);
+            return "no " + std::to_string(width.bits) + "-bit " + shim + " is installed below " +
+                   prefix.string() + "; it is in the package " + width.package;
     }
+    return {};
+}
+
+std::string preload_path(const std::string &program) {
+    const fs::path prefix = installation();
+    if (prefix.string().find_first_of(" :$") != std::string::npos)
+        throw std::runtime_error("the loader cannot read folder names with blanks, colons or dollars: " +
+                                 prefix.string());
+    if (const std::string missing = missing_shim(program); !missing.empty())
+        throw std::runtime_error(missing);
     return prefix / "$LIB" / shim;
 }
 

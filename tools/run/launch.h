@@ -14,6 +14,9 @@ struct Setting {
 // program's width, or the loader could not read the path.
 std::string preload_path(const std::string &program);
 
+// Why the loader finds no shim for a program of that width; empty where it does.
+std::string missing_shim(const std::string &program);
+
 // The file of a program, as the shell finds it.
 std::string find_program(const std::string &name);
 

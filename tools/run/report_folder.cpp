@@ -131,8 +131,14 @@ void remove_known(std::vector<SilentProcess> &silent, const std::vector<RunFile>
     for (const RunFile &file : files)
         if (file.run_id == run_id && file.is_json && !file.is_empty)
             known.insert(number_of(process_of(file)));
-    std::erase_if(silent,
-                  [&](const SilentProcess &process) { return known.contains(number_of(process.name)); });
+    std::set<std::string> names;
+    for (const SilentProcess &process : silent)
+        names.insert(process.name);
+    std::erase_if(silent, [&](const SilentProcess &process) {
+        const std::string number = number_of(process.name);
+        const std::string later = fs::path(process.went_on_as).filename().string() + "." + number;
+        return known.contains(number) || (later != process.name && names.contains(later));
+    });
 }
 
 } // namespace
@@ -184,7 +190,7 @@ RunOutputs ReportFolder::collect() const {
         if (file.run_id != run_id_)
             continue;
         if (file.is_json && file.is_empty)
-            outputs.silent.push_back({process_of(file), !file.is_idle});
+            outputs.silent.push_back({process_of(file), !file.is_idle, file.went_on_as});
         if (file.is_empty && file.is_idle)
             unlinkat(descriptor_, file.name.c_str(), 0);
         else if (!file.is_empty && file.is_json)

@@ -10,6 +10,7 @@
 struct SilentProcess {
     std::string name; // "server.812"
     bool still_runs;
+    std::string went_on_as; // another program, as far as it said so
 };
 
 // What the processes of a run have left.

@@ -7,9 +7,10 @@
 struct RunFile {
     std::string name;
     std::string run_id;
-    bool is_json;  // or text, or the list of processes
-    bool is_empty; // but for that line
-    bool is_idle;  // no process is going to write there any more
+    bool is_json;           // or text, or the list of processes
+    bool is_empty;          // but for that line, and one of what the process went on as
+    std::string went_on_as; // another program, if it said so and nothing else
+    bool is_idle;           // no process is going to write there any more
 };
 
 constexpr size_t run_id_size = 16;

@@ -48,6 +48,16 @@ bool has_special_rights(int file) {
            (geteuid() != 0 && fgetxattr(file, "security.capability", nullptr, 0) > 0);
 }
 
+std::string reason_of(const SilentProcess &process) {
+    if (process.still_runs)
+        return "it still runs";
+    if (process.went_on_as.empty())
+        return "it was killed ahead of its report, or ended past libc";
+    const std::string reason = reason_against(process.went_on_as);
+    return "it went on as " + process.went_on_as +
+           (reason.empty() ? ", which left no report" : ": " + reason);
+}
+
 } // namespace
 
 std::vector<Verdict> verdicts_on(const Report &report, const std::vector<SilentProcess> &silent) {
@@ -55,12 +65,7 @@ std::vector<Verdict> verdicts_on(const Report &report, const std::vector<SilentP
     for (const Process &process : report.processes)
         verdicts.push_back({std::string(process.name), std::string(process.unchecked)});
     for (const SilentProcess &process : silent)
-        verdicts.push_back({process.name,
-                            process.still_runs
-                                ? "it still runs"
-                                : "it was killed ahead of its report, or went on as a program "
-                                  "that cannot be checked",
-                            false});
+        verdicts.push_back({process.name, reason_of(process), false});
     return verdicts;
 }
 
@@ -70,7 +75,7 @@ std::string reason_against(const std::string &program) {
         return {};
     if (is_static(file.descriptor()))
         return "it is linked statically";
-    return has_special_rights(file.descriptor()) ? "it has special rights" : "";
+    return has_special_rights(file.descriptor()) ? "it has special rights" : missing_shim(program);
 }
 
 std::string list_of(const std::vector<Verdict> &verdicts) {

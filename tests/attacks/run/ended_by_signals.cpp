@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations" // sigset, which programs use none the less
+
 namespace {
 
 // A child that holds a block of 1234 bytes when this returns.
@@ -90,6 +92,9 @@ bool looks_unhandled() {
     right &= sigaction(SIGINT, &mine, &found) == 0 && is_default(found);
     right &= sigaction(SIGINT, &found, &mine) == 0 && mine.sa_handler == SIG_IGN;
     right &= signal(SIGHUP, SIG_IGN) == SIG_DFL && signal(SIGHUP, SIG_DFL) == SIG_IGN;
+    right &= sigset(SIGQUIT, SIG_HOLD) == SIG_DFL && sigset(SIGQUIT, SIG_IGN) == SIG_HOLD;
+    right &= sigset(SIGQUIT, SIG_DFL) == SIG_IGN && sigset(SIGQUIT, SIG_DFL) == SIG_DFL;
+    right &= sigset(0, SIG_DFL) == SIG_ERR && sigset(SIGKILL, SIG_IGN) == SIG_ERR;
     return right && signal(SIGHUP, SIG_DFL) == SIG_DFL;
 }
 
@@ -103,7 +108,12 @@ bool defaults_come_back() {
                                  }),
                                  SIGTERM);
     signal(SIGTERM, SIG_DFL);
-    return told;
+    return told && ended_well(start([] {
+                                  sigset(SIGTERM, SIG_HOLD);
+                                  raise(SIGTERM);
+                                  sigset(SIGTERM, SIG_DFL); // comes here
+                              }),
+                              SIGTERM);
 }
 
 } // namespace

@@ -52,11 +52,16 @@ TEST(Reader, DamagedJsonIsToldAndTheRestShown) {
               "r.json:2: a report before this one is cut off\n");
     const std::string odd =
         "[1]\n{\"kind\":3}\n{\"kind\":\"defect\",\"pid\":1e33,\"text\":\"\",\"chain\":[],"
-        "\"block\":[]}\n{\"kind\":\"site\",\"file\":\"a\"}\n";
+        "\"block\":[]}\n{\"kind\":\"site\",\"file\":\"\xff\"}\n{\"kind\":\"later\",\"pid\":[]}\n"
+        "{\"kind\":\"note\",\"pid\":4294967297,\"program\":\"p\",\"text\":\"\"}\n";
     const Report report = json(json_lines.substr(0, second) + odd + json_lines.substr(second));
-    EXPECT_EQ(report.problems.size(), 4u);
+    EXPECT_EQ(problems(report),
+              "r.json:2: not a report line: kind: The JSON element does not have the requested type.\n"
+              "r.json:3: not a report line: kind: The JSON element does not have the requested type.\n"
+              "r.json:4: not a report line: pid: The JSON element does not have the requested type.\n"
+              "r.json:5: not a report line: JSON: The input is not valid UTF-8\n"
+              "r.json:7: not a report line: pid: a number that is out of range\n");
     EXPECT_TRUE(report.processes[0].stops.size() == 1);
-    EXPECT_EQ(report.problems[1].line, 3u);
     EXPECT_EQ(Histories(report, Order::bytes).sites().size(), 2u);
 }
 
@@ -77,6 +82,19 @@ TEST(Reader, ProcessesInOneFileAreKeptApart) {
         EXPECT_EQ(process.cycles.size(), 2u);
         EXPECT_EQ(process.cycles[0].live.blocks, process.cycles[1].live.blocks);
     }
+    const size_t last = json_lines.find("{\"kind\":\"descriptor\"");
+    EXPECT_EQ(json(json_lines.substr(last) + json_lines.substr(0, last)).processes.size(), 1u);
+    // One may say something in the midst of another's report.
+    const size_t end = json_lines.find("{\"kind\":\"site\"");
+    const Report between =
+        json(json_lines.substr(0, end) +
+             "{\"kind\":\"unchecked\",\"pid\":7,\"program\":\"p\",\"reason\":\"why\"}\n" +
+             json_lines.substr(end));
+    EXPECT_EQ(problems(between), "");
+    ASSERT_EQ(between.processes.size(), 2u);
+    EXPECT_EQ(between.processes[0].cycles[0].holdings.size(), 2u);
+    EXPECT_EQ(between.processes[0].descriptors.size(), 4u);
+    EXPECT_EQ(between.processes[1].unchecked, "why");
 }
 
 // The newest line that says a format decides: nothing after it is understood.

@@ -92,11 +92,32 @@ grep -q '^k42mc detected BF: alloc(FIX) free(STD)' out || fail 'no BF'
 # Each process apart, the one that was named first; and what came of each.
 k42mc_run 0 --output reports --skip sleep -- bash -c "'$subject' leak; '$subject' leak; bash -c 'sleep 0; :'; exec '$subject' exec"
 said '^k42mc: .* in 4 processes$'
+silent 'not checked'
 [[ $(grep -n -m1 '^k42mc: run_subject' err) == 2:* ]] || fail 'another process first'
 [[ $(grep -c '^k42mc: run_subject\.[0-9]*: 1 block, 12 bytes at 1 site$' err) == 3 ]] || fail 'not three parts'
 grep -q '^checked sleep\.' reports/processes-*.list || fail 'no verdict on one left out'
 k42mc_run 125 --output reports --error-exitcode 99 -- /sbin/ldconfig -V
 said '^k42mc: /sbin/ldconfig: not checked: it is linked statically$'
+
+# shellcheck disable=SC2016 # for the shell below
+k42mc_run 0 --output reports -- bash -c '/sbin/ldconfig -V; (kill -KILL $BASHPID); /no/such; (env -i env); exit 0'
+said '^k42mc: bash\.[0-9]+: not checked: it went on as /sbin/ldconfig: it is linked statically$'
+said '^k42mc: bash\.[0-9]+: not checked: it was killed ahead of its report, or ended past libc$'
+said '^k42mc: env\.[0-9]+: not checked: it went on as env, which left no report$'
+[[ $(grep -c 'not checked' err) == 3 ]] || fail 'not three that nobody looked after'
+
+# Where a shim is not installed.
+installed=$(dirname "$k42mc")/..
+missing="no (32|64)-bit k42mc/libk42mc_preload\\.so is installed below $work/bare; it is in the package (lib32)?k42mc-r-tools\$"
+mkdir -p bare/bin bare/lib/x86_64-linux-gnu
+cp "$k42mc" bare/bin
+k42mc=$work/bare/bin/k42mc k42mc_run 125 "$subject" nothing
+said "^k42mc run: $missing"
+cp -r "$installed/lib/x86_64-linux-gnu/k42mc" bare/lib/x86_64-linux-gnu
+if [[ $(od -An -td1 -j4 -N1 "$subject") -eq 1 ]]; then # of 32 bits
+    k42mc=$work/bare/bin/k42mc k42mc_run 0 --output reports -- bash -c "'$subject' nothing; exit 0"
+    said "^k42mc: bash\.[0-9]+: not checked: it went on as $subject: $missing"
+fi
 
 subject=$own_operators
 run 0 '' --verify --error-exitcode 99
