@@ -84,6 +84,9 @@ Place place_of(const void *address);
 // errno.
 bool has_stack_room(size_t bytes);
 
+// Zeros the nearest of the calling thread's stack that is not in use, as far as there is room. Keeps errno.
+void clear_unused_stack();
+
 // Whether an address lies in the memory that a thread other than the first was given for its stack, by what the
 // C library calls the thread and by its number. False once it has ended. May change errno.
 bool is_on_stack_of(pthread_t thread, uint32_t number, uintptr_t address);

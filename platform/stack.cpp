@@ -14,6 +14,7 @@
 #include <atomic>
 
 #include <pthread.h>
+#include <string.h>
 #include <unistd.h>
 
 extern "C" {
@@ -141,6 +142,23 @@ bool has_stack_room(size_t bytes) {
     const Block block = own_block(control_block);
     return !block.holds(here, control_block) ||
            (here - block.begin > bytes && readable(reinterpret_cast<const void *>(here - bytes), bytes));
+}
+
+namespace {
+
+constexpr size_t cleared_bytes = 8192;
+
+[[gnu::noinline]] void clear_below() {
+    char unused[cleared_bytes];
+    memset(unused, 0, sizeof unused);
+    __asm__ volatile("" : : "r"(unused) : "memory");
+}
+
+} // namespace
+
+void clear_unused_stack() {
+    if (has_stack_room(2 * cleared_bytes))
+        clear_below();
 }
 
 bool is_on_own_stack(uintptr_t address) {

@@ -67,11 +67,13 @@ int k42mcx_report_json(int fd, __UINT32_TYPE__ limit);
 
 #define K42MCX_EXIT_VERIFY 1
 #define K42MCX_EXIT_JSON   2
+#define K42MCX_EXIT_LOST   4
 
 /*
  * Asks for more than the report at exit. K42MCX_EXIT_VERIFY: k42mcx_verify before it.
  * K42MCX_EXIT_JSON: all blocks as JSON after it, in a file beside the report file, with ".json" in place
- * of ".txt". 0 cancels both. Takes no lock.
+ * of ".txt". K42MCX_EXIT_LOST: k42mcx_lost(0) after the report, and in the JSON, beside "blocks" and "bytes" of each site,
+ * what is "lost" and what is lost with that ("indirect"). 0 cancels all. Takes no lock.
  */
 void k42mcx_at_exit(__UINT32_TYPE__ flags);
 

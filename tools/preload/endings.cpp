@@ -77,7 +77,7 @@ void end_by(int number, siginfo_t *info, const void *context) {
     }
     platform::freeze_utc_offset(); // libc's lock for it may be held
     write_last_report({number, info, context != nullptr ? platform::interrupted_at(context) : nullptr,
-                       inside_checker});
+                       is_fault(number), inside_checker});
     die_of(number, info);
 }
 

@@ -7,6 +7,7 @@ struct Ending {
     int signal_number;
     const siginfo_t *info; // null where it is not known any more
     void *place;           // where the thread was, or null
+    bool is_fault;         // or somebody's request
     bool inside_checker;   // which may hold what a report needs
 };
 

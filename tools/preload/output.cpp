@@ -3,6 +3,7 @@
 #include "base/json_output.h"
 #include "base/printing.h"
 #include "k42mc_debug.h"
+#include "memcheck/json_report.h"
 #include "memcheck/report.h"
 #include "memcheck/sink.h"
 #include "stack_trace.h"
@@ -13,6 +14,7 @@
 #include "wrappers/notice.h"
 
 #include <algorithm>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -81,6 +83,17 @@ void write_remark(const char *kind, const char *member, const char *text) {
     out->flush();
 }
 
+void search_and_write_json(int file, uint32_t limit) {
+    LostBlocks lost;
+    const char *const obstacle = lost.search("k42mc run", Caller::here(), limit);
+    report_json(file, limit, obstacle == nullptr ? &lost : nullptr);
+    if (obstacle == nullptr)
+        return;
+    char text[256];
+    snprintf(text, sizeof text, "nobody looked whether blocks are lost: %s", obstacle);
+    write_remark("note", "text", text);
+}
+
 constinit bool text_wanted = false;
 __thread bool matter_of_course = false;
 
@@ -107,7 +120,7 @@ void renew_outputs() {
     create_report_files();
 }
 
-void write_report(uint32_t limit) {
+void write_report(uint32_t limit, bool searches) {
     if (text_wanted)
         report(limit);
     else
@@ -115,7 +128,10 @@ void write_report(uint32_t limit) {
     const int file = json_file.descriptor();
     if (file < 0)
         return;
-    k42mcx_report_json(file, limit);
+    if (searches)
+        search_and_write_json(file, limit);
+    else
+        report_json(file, limit, nullptr);
     if (descriptors_watched())
         k42mcx_fd_report_json(file);
 }

@@ -12,8 +12,8 @@ bool open_outputs();
 // In a child of fork: files of its own.
 void renew_outputs();
 
-// One more report, as lines of JSON and, where they are wanted, of text.
-void write_report(uint32_t limit);
+// One more report, as lines of JSON and, where they are wanted, of text. With a search, it says what is lost.
+void write_report(uint32_t limit, bool searches);
 
 // What the checker says here, on this thread, is a matter of course, and only said where text is wanted. Elsewhere
 // its lines are about something that no report has: they always find their file.

@@ -4,6 +4,7 @@
 //   K42MC_RUN_ID         a word for the first line of JSON, so that k42mc run knows its own files
 //   K42MC_RUN_TEXT       1 for reports as text, too
 //   K42MC_RUN_LIMIT      blocks count that have survived so many reports; 1 unless it is given
+//   K42MC_RUN_SEARCH     1 to look which blocks are lost
 //   K42MC_RUN_EVERY      seconds from one report to the next
 //   K42MC_RUN_SIGNAL     the number of a signal that asks for a report
 //   K42MC_RUN_BACKTRACE  0 for no stack traces
@@ -15,6 +16,7 @@
 #include "base/checker_lock.h"
 #include "memcheck/registry.h"
 #include "memcheck/state.h"
+#include "platform/libc_heap.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
 #include "tools/preload/endings.h"
@@ -41,6 +43,7 @@ namespace {
 using k42mc::internal::checker_on;
 
 constinit uint32_t limit = 1;
+constinit bool searches = false;
 constinit bool verifies = false;
 constinit pid_t first_process = 0;
 
@@ -61,7 +64,7 @@ bool report() {
     const int saved_errno = errno;
     const ReportLock lock;
     if (recording && checker_on())
-        write_report(limit);
+        write_report(limit, searches);
     errno = saved_errno;
     return recording;
 }
@@ -79,11 +82,11 @@ void add_filters(bool traces_off) {
 
 // ---- The end: behind the destructors of all libraries. What is allocated later still is guarded. ----
 
-void write_last_report() {
+void write_last_report(bool with_search) {
     const MatterOfCourse said_by_reports;
     if (verifies)
         k42mcx_verify();
-    write_report(limit);
+    write_report(limit, with_search);
 }
 
 // Where a signal handler has interrupted the checker there is no way to a report, nor where the thread of the
@@ -98,7 +101,7 @@ void finish() {
     recording = false;
     if (!checker_on()) // the program may know the checker
         return;
-    write_last_report();
+    write_last_report(searches);
     const MatterOfCourse said_by_reports;
     MCDeinit();
 }
@@ -115,7 +118,7 @@ void finish_by_signal(const Ending &ending) {
     recording = false;
     write_ending(ending);
     if (checker_on())
-        write_last_report();
+        write_last_report(searches && !ending.is_fault);
 }
 
 void finish_at_exit(void *) {
@@ -150,6 +153,8 @@ void after_fork_in_child() {
 void switch_on() {
     const bool traces_off = number_in("K42MC_RUN_BACKTRACE", 1) == 0;
     const MatterOfCourse beginning;
+    if (searches) // or a signal might have to, in the midst of an allocation
+        k42mc::internal::platform::ThreadCaches::learn();
     k42mc::internal::gMCExitHooked = true;
     MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(traces_off ? MC_TYPE_LKBF | MC_TYPE_BT_OFF : 0));
     add_filters(traces_off);
@@ -175,6 +180,7 @@ void leave_started_programs_alone() {
     }
     recording = true;
     limit = static_cast<uint32_t>(number_in("K42MC_RUN_LIMIT", 1));
+    searches = number_in("K42MC_RUN_SEARCH", 0) != 0;
     verifies = number_in("K42MC_RUN_VERIFY", 0) != 0;
     first_process = getpid();
     switch_on();

@@ -201,7 +201,7 @@ private:
         const Counter live = counter_of(line);
         end_cycle();
         current_ = static_cast<size_t>(&process_in(line) - report_.processes.data());
-        process().cycles.push_back({number, live, {}});
+        process().cycles.push_back({number, live, has(line, "searched"), {}});
         process().damages.clear();
         process().descriptors.clear();
         unfinished_ = true;
@@ -218,12 +218,20 @@ private:
             {text_in(line, "file"), number_in<int>(line, "line"), text_in(line, "type"), trace});
     }
 
+    static Counter lost_in(Json line) {
+        Counter lost;
+        for (const char *way : {"lost", "indirect"})
+            if (has(line, way))
+                lost += counter_of(value_in<simdjson::dom::element>(line, way));
+        return lost;
+    }
+
     void add_site(Json line) {
         // The descriptor checker's own records of what it watches.
         if (text_in(line, "file") == "common/lib/libk42mc/k42mc_ds")
             return;
         const Holding holding = {site_in(line), number_in<uint32_t>(line, "oldest"), counter_of(line),
-                                 number_in<uint64_t>(line, "largest")};
+                                 number_in<uint64_t>(line, "largest"), lost_in(line)};
         process().cycles.back().holdings.push_back(holding);
     }
 

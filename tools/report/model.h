@@ -41,12 +41,14 @@ struct Holding {
     uint32_t oldest = 0; // cycles that its oldest block had survived
     Counter held;
     uint64_t largest = 0; // bytes of its largest block
+    Counter lost = {};    // of what it held, by itself or with other blocks, where a search was made
 };
 
 struct Cycle {
     uint32_t number = 0;
-    Counter live; // listed or not
-    std::vector<Holding> holdings;
+    Counter live;          // listed or not
+    bool searched = false; // for lost blocks
+    std::vector<Holding> holdings = {};
 };
 
 struct Damage {

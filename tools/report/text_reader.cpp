@@ -120,7 +120,7 @@ private:
         // Cycles count from 1 again when the checker is switched on again.
         if (processes_ == 0 || (!process().cycles.empty() && cycle().number >= number))
             begin_process();
-        process().cycles.push_back({number, {}, {}});
+        process().cycles.push_back({number, {}, false, {}});
         ++cycles_;
         inside_ = true;
         counts_ = false;

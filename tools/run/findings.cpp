@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char *still_held = "left";
+constexpr const char *still_held = "left", *lost = "lost";
 
 // By what is known without debug information, which takes long to read.
 bool matches_symbol(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
@@ -50,17 +50,6 @@ bool matches(const Suppression &suppression, Trace trace, Symbolizer &symbolizer
 // Without stack traces, the source file stands for one.
 Trace trace_of(const Site &site) {
     return site.trace.empty() ? Trace(&site.file, 1) : site.trace;
-}
-
-void add_left(const Report &report, const Process &process, std::vector<Group> &groups) {
-    if (!process.cycles.empty())
-        for (const Holding &holding : process.cycles.back().holdings)
-            groups.push_back({still_held,
-                              false,
-                              holding.held.blocks,
-                              holding.held.bytes,
-                              trace_of(report.site(holding.site)),
-                              {}});
 }
 
 Group group_of(const Finding &finding) {
@@ -155,11 +144,30 @@ void print_remark(std::ostream &out, std::string_view process, const Finding &re
 
 } // namespace
 
-Findings::Part::Part(const Report &report, const Process &process) : name(process.name) {
-    add_left(report, process, blocks);
+Findings::Part::Part(const Report &report, const Process &process, LeakCheck leak_check)
+    : name(process.name) {
+    if (!process.cycles.empty())
+        add_left(report, process.cycles.back(), leak_check);
     each_finding(report, process, [this](const Finding &finding) { add(finding); });
     merge(blocks);
     merge(descriptors);
+}
+
+void Findings::Part::add_left(const Report &report, const Cycle &cycle, LeakCheck leak_check) {
+    for (const Holding &holding : cycle.holdings) {
+        const Counter counted = leak_check == LeakCheck::held   ? holding.held
+                                : leak_check == LeakCheck::lost ? holding.lost
+                                                                : Counter{};
+        held.blocks += holding.held.blocks - counted.blocks;
+        held.bytes += holding.held.bytes - counted.bytes;
+        if (counted.blocks != 0)
+            blocks.push_back({leak_check == LeakCheck::lost ? lost : still_held,
+                              false,
+                              counted.blocks,
+                              counted.bytes,
+                              trace_of(report.site(holding.site)),
+                              {}});
+    }
 }
 
 void Findings::Part::add(const Finding &finding) {
@@ -189,9 +197,9 @@ void Findings::Part::print(std::ostream &out, bool is_one_of_many, Symbolizer &s
         print_remark(out, name, remark, symbolizer);
 }
 
-Findings::Findings(const Report &report, std::string_view first) {
+Findings::Findings(const Report &report, LeakCheck leak_check, std::string_view first) {
     for (const Process &process : report.processes)
-        parts_.emplace_back(report, process);
+        parts_.emplace_back(report, process, leak_check);
     std::ranges::stable_sort(parts_, [first](const Part &left, const Part &right) {
         return std::pair(left.name != first, sum_of(right.blocks).bytes) <
                std::pair(right.name != first, sum_of(left.blocks).bytes);
@@ -200,7 +208,7 @@ Findings::Findings(const Report &report, std::string_view first) {
 
 void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer) {
     const auto is_known = [&](const Group &group) {
-        if (group.what != still_held)
+        if (group.what != still_held && group.what != lost)
             return false;
         for (Suppression &suppression : suppressions) {
             if (!matches(suppression, group.trace, symbolizer))
@@ -224,12 +232,13 @@ bool Findings::empty() const {
 
 void Findings::print(std::ostream &out, Symbolizer &symbolizer) const {
     constexpr size_t most_parts = 5;
-    Counter all;
+    Counter all, beside;
     std::set<std::pair<std::string_view, const void *>> sites;
     for (const Part &part : parts_) {
         const Counter held = sum_of(part.blocks);
         all.blocks += held.blocks;
         all.bytes += held.bytes;
+        beside += part.held;
         for (const Group &group : part.blocks)
             sites.emplace(group.what, group.trace.data());
     }
@@ -241,4 +250,7 @@ void Findings::print(std::ostream &out, Symbolizer &symbolizer) const {
             part.print(out, parts_.size() > 1, symbolizer);
     if (shown > most_parts)
         out << "k42mc: and " << counted(shown - most_parts, "more process") << '\n';
+    if (beside.blocks != 0)
+        out << "k42mc: held to the end: " << counted(beside.blocks, "block") << ", "
+            << counted(beside.bytes, "byte") << "; --leak-check=held lists them\n";
 }

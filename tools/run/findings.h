@@ -9,10 +9,13 @@
 #include <ostream>
 #include <string_view>
 
+// What counts of the blocks that are left: those that nothing leads to, all, or none.
+enum class LeakCheck { lost, held, no };
+
 // Blocks of one stack trace that were left, one trace's damaged blocks, or descriptors that one trace
 // opened or closed; of one process.
 struct Group {
-    std::string what;     // "left", or what is wrong
+    std::string what;     // "lost", "left", or what is wrong
     bool certain = false; // a bug, not only something that was left
     uint64_t count = 0;
     uint64_t bytes = 0;
@@ -24,7 +27,7 @@ struct Group {
 class Findings {
 public:
     // What was found in the process of that name stands first.
-    explicit Findings(const Report &report, std::string_view first = {});
+    Findings(const Report &report, LeakCheck leak_check, std::string_view first);
 
     // Drops what a suppression matches, and counts it there.
     void suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer);
@@ -39,7 +42,10 @@ private:
         std::vector<Group> blocks = {}, descriptors = {};
         std::vector<Finding> remarks = {}; // on the process, not on what it holds
 
-        Part(const Report &report, const Process &process);
+        Counter held = {}; // beside them
+
+        Part(const Report &report, const Process &process, LeakCheck leak_check);
+        void add_left(const Report &report, const Cycle &cycle, LeakCheck leak_check);
         void add(const Finding &finding);
         bool is_empty() const { return blocks.empty() && descriptors.empty() && remarks.empty(); }
         void print(std::ostream &out, bool is_one_of_many, Symbolizer &symbolizer) const;

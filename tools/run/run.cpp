@@ -29,6 +29,7 @@ struct Options {
     unsigned every = 0;
     int signal = 0;
     unsigned limit = 1;
+    std::string leak_check = "lost";
     bool no_backtrace = false;
     std::vector<std::string> filters;
     bool verify = false;
@@ -78,6 +79,7 @@ std::vector<Setting> environment(const Options &options) {
         preload += std::string(":") + others;
     std::vector<Setting> settings = {{"LD_PRELOAD", preload},
                                      {"K42MC_RUN_LIMIT", std::to_string(options.limit)},
+                                     {"K42MC_RUN_SEARCH", options.leak_check == "lost" ? "1" : "0"},
                                      {"K42MC_RUN_EVERY", std::to_string(options.every)},
                                      {"K42MC_RUN_BACKTRACE", options.no_backtrace ? "0" : "1"},
                                      {"K42MC_RUN_TEXT", options.text ? "1" : "0"},
@@ -171,7 +173,10 @@ Summary summarize(const Options &options, std::vector<Suppression> suppressions,
     const Verdict *const named = find_verdict(verdicts, ended.process);
     std::erase_if(report.processes,
                   [&](const Process &process) { return !is_wanted(options, process.name); });
-    Findings findings(report, named != nullptr ? std::string_view(named->process) : "");
+    const LeakCheck leak_check = options.leak_check == "lost"   ? LeakCheck::lost
+                                 : options.leak_check == "held" ? LeakCheck::held
+                                                                : LeakCheck::no;
+    Findings findings(report, leak_check, named != nullptr ? std::string_view(named->process) : "");
     findings.suppress(suppressions, symbolizer);
     if (!report.processes.empty()) {
         std::ostringstream text; // in one piece
@@ -266,6 +271,11 @@ void add_run(CLI::App &app, std::vector<std::string> &words) {
         ->transform(CLI::Validator(take_signal, ""));
     command->add_option("--limit", options->limit, "Blocks that survived so many reports")
         ->type_name("N");
+    command
+        ->add_option("--leak-check", options->leak_check,
+                     "What counts: blocks that are lost, all that are held, none")
+        ->type_name("lost|held|no")
+        ->check(CLI::IsMember({"lost", "held", "no"}));
     command->add_flag("--no-backtrace", options->no_backtrace, "Record no stack traces");
     command->add_option("--filter", options->filters, "Sites with or without stack traces")
         ->type_name("LINE")

@@ -1,6 +1,7 @@
 #include "memcheck/exit_actions.h"
 
 #include "memcheck/control_lock.h"
+#include "memcheck/json_report.h"
 #include "memcheck/sink.h"
 
 #include <atomic>
@@ -23,11 +24,16 @@ void verify_at_exit() {
         k42mcx_verify();
 }
 
+void list_lost_at_exit() {
+    if (actions & K42MCX_EXIT_LOST)
+        k42mcx_lost(0);
+}
+
 void write_json_at_exit() {
     const int file = actions & K42MCX_EXIT_JSON ? open_json_file() : -1;
     if (file < 0)
         return;
-    k42mcx_report_json(file, 0);
+    (actions & K42MCX_EXIT_LOST ? search_and_report_json : k42mcx_report_json)(file, 0);
     close(file);
 }
 

@@ -5,6 +5,7 @@
 namespace k42mc::internal {
 
 void verify_at_exit();
+void list_lost_at_exit();
 void write_json_at_exit();
 
 } // namespace k42mc::internal

@@ -1,5 +1,7 @@
 // The state of the registry as JSON, an object a line. It is summed up with gMCLock held, and written
 // without.
+#include "memcheck/json_report.h"
+
 #include "base/json_output.h"
 #include "base/printing.h"
 #include "memcheck/control_lock.h"
@@ -22,23 +24,32 @@ void put_site_key(JsonOutput &out, const SiteKey &key) {
     out->print(",\"line\":%d,\"type\":\"%s\",", key.line, gAllocatorType[key.type]);
 }
 
-void put_cycle(JsonOutput &out, const Snapshot &state, uint32_t limit) {
+void put_cycle(JsonOutput &out, const Snapshot &state, uint32_t limit, bool searched) {
     out->print("{\"format\":%u,\"kind\":\"cycle\",\"program\":", JsonOutput::version);
     out.string(platform::progname());
     out->print(",\"pid\":%d,\"time\":%lld,\"width\":%zu,\"cycle\":%u,\"limit\":%u,", getpid(),
                static_cast<long long>(time(nullptr)), 8 * sizeof(void *), state.cycle, limit);
     out->print("\"blocks\":%llu,\"bytes\":%llu,\"allocated\":{\"blocks\":%llu,\"bytes\":%llu},"
-               "\"freed\":{\"blocks\":%llu,\"bytes\":%llu}}\n",
+               "\"freed\":{\"blocks\":%llu,\"bytes\":%llu}%s}\n",
                state.live.count, state.live.bytes, state.allocated.count, state.allocated.bytes,
-               state.freed.count, state.freed.bytes);
+               state.freed.count, state.freed.bytes, searched ? ",\"searched\":true" : "");
 }
 
-void put_site(JsonOutput &out, const SiteSummary &site, uint32_t cycle) {
+void put_counter(JsonOutput &out, const char *name, const MCCounter &counter) {
+    out->print(",\"%s\":{\"blocks\":%llu,\"bytes\":%llu}", name, counter.count, counter.bytes);
+}
+
+void put_site(JsonOutput &out, const SiteSummary &site, uint32_t cycle, bool searched) {
     out->print("{\"kind\":\"site\",\"cycle\":%u,", cycle);
     put_site_key(out, site.key);
     out.chain("chain", site.key.trace());
-    out->print(",\"blocks\":%llu,\"bytes\":%llu,\"oldest\":%u,\"largest\":%zu}\n", site.held.count,
+    out->print(",\"blocks\":%llu,\"bytes\":%llu,\"oldest\":%u,\"largest\":%zu", site.held.count,
                site.held.bytes, site.oldest, site.largest);
+    if (searched) {
+        put_counter(out, "lost", site.lost);
+        put_counter(out, "indirect", site.indirectly_lost);
+    }
+    out->print("}\n");
 }
 
 void put_damage(JsonOutput &out, const DamagedBlock &block, uint32_t cycle) {
@@ -51,11 +62,11 @@ void put_damage(JsonOutput &out, const DamagedBlock &block, uint32_t cycle) {
     out->print("}\n");
 }
 
-int write_snapshot(int descriptor, const Snapshot &state, uint32_t limit) {
+int write_snapshot(int descriptor, const Snapshot &state, uint32_t limit, bool searched) {
     JsonOutput out(descriptor);
-    put_cycle(out, state, limit);
+    put_cycle(out, state, limit, searched);
     for (const SiteSummary &site : state.sites())
-        put_site(out, site, state.cycle);
+        put_site(out, site, state.cycle, searched);
     for (const DamagedBlock &block : state.damaged())
         put_damage(out, block, state.cycle);
     out->print("{\"kind\":\"end\",\"sites\":%zu,\"damaged\":%zu}\n", state.sites().size(),
@@ -64,7 +75,7 @@ int write_snapshot(int descriptor, const Snapshot &state, uint32_t limit) {
 }
 
 // Returns 0 or what went wrong.
-int take_snapshot(Snapshot &state, uint32_t limit) {
+int take_snapshot(Snapshot &state, uint32_t limit, const LostBlocks *lost) {
     static constexpr const char *name = "k42mcx_report_json";
     const ControlLock lock(name);
     if (!lock)
@@ -73,27 +84,39 @@ int take_snapshot(Snapshot &state, uint32_t limit) {
         say_not_initialized(name);
         return EINVAL;
     }
-    return state.take(limit) ? 0 : ENOMEM;
+    return state.take(limit, lost) ? 0 : ENOMEM;
 }
 
 } // namespace
-} // namespace k42mc::internal
 
-using namespace k42mc::internal;
-
-int k42mcx_report_json(int fd, uint32_t limit) {
-    if (fcntl(fd, F_GETFD) < 0)
+int report_json(int descriptor, uint32_t limit, const LostBlocks *lost) {
+    if (fcntl(descriptor, F_GETFD) < 0)
         return -1;
     const Printing printing;
     Snapshot state;
-    int failure = take_snapshot(state, limit);
+    int failure = take_snapshot(state, limit, lost);
     if (failure == 0)
-        failure = write_snapshot(fd, state, limit);
+        failure = write_snapshot(descriptor, state, limit, lost != nullptr);
     if (failure == 0)
         return 0;
     state.release();
     errno = failure;
     return -1;
+}
+
+[[gnu::noinline]] int search_and_report_json(int descriptor, uint32_t limit) {
+    static constexpr const char *name = "k42mcx_report_json";
+    LostBlocks lost;
+    const char *const obstacle = lost.search(name, Caller::here(), limit);
+    if (obstacle != nullptr)
+        StandardErrorText()->print("%s: ERROR: no search for lost blocks: %s\n", name, obstacle);
+    return report_json(descriptor, limit, obstacle == nullptr ? &lost : nullptr);
+}
+
+} // namespace k42mc::internal
+
+int k42mcx_report_json(int fd, uint32_t limit) {
+    return k42mc::internal::report_json(fd, limit, nullptr);
 }
 
 K42MC_EXPORT(k42mcx_report_json);

@@ -101,6 +101,7 @@ void MCExit() {
         return;
     verify_at_exit();
     report(0);
+    list_lost_at_exit();
     write_json_at_exit();
     const ControlLock lock("MCExit");
     if (!lock || !registry_exists())

@@ -53,7 +53,7 @@ MCCounter sum(const MCCounter (&counters)[MC_ALLOCATOR_TYPES]) {
 
 } // namespace
 
-bool Snapshot::take(uint32_t limit) {
+bool Snapshot::take(uint32_t limit, const LostBlocks *lost) {
     const Traffic traffic = total_traffic().since(gMCTrafficAtReset);
     cycle = gMCCycle;
     allocated = sum(traffic.allocated);
@@ -67,6 +67,13 @@ bool Snapshot::take(uint32_t limit) {
         if (complete && record.age(cycle) >= limit)
             complete = take_block(record);
     });
+    if (complete && lost != nullptr)
+        lost->each([&](const Record &record, bool is_indirect) {
+            SiteSummary *summary = complete ? summary_of(site_at(record.site)) : nullptr;
+            complete = summary != nullptr;
+            if (complete)
+                (is_indirect ? summary->indirectly_lost : summary->lost).add(record.size);
+        });
     if (!complete || !take_damage())
         return false;
     std::sort(sites_.records, sites_.records + sites_.size, comes_first);
@@ -103,7 +110,7 @@ SiteSummary *Snapshot::summary_of(AllocationSite &site) {
         SiteSummary *created = sites_.add();
         if (created == nullptr)
             return nullptr;
-        *created = {key, {}, 0, 0};
+        *created = {key, {}, 0, 0, {}, {}};
         slots_[at] = static_cast<uint32_t>(sites_.size);
     }
     site.summary = slots_[at];

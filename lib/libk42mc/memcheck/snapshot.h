@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/sequence.h"
+#include "memcheck/reach/lost_blocks.h"
 #include "memcheck/registry.h"
 
 #include <span>
@@ -24,6 +25,7 @@ struct SiteSummary {
     MCCounter held;
     uint32_t oldest;
     size_t largest;
+    MCCounter lost, indirectly_lost; // of those that are held, where a search was made
 };
 
 struct DamagedBlock {
@@ -41,9 +43,9 @@ public:
     Snapshot(const Snapshot &) = delete;
     Snapshot &operator=(const Snapshot &) = delete;
 
-    // Takes in every block, and the sites of those that have survived `limit` cycles. With gMCLock held.
-    // Returns false when memory runs out.
-    bool take(uint32_t limit);
+    // Takes in every block, and the sites of those that have survived `limit` cycles, with what a search, if there was
+    // one, has found of them. With gMCLock held. Returns false when memory runs out.
+    bool take(uint32_t limit, const LostBlocks *lost);
     void release();
 
     // Most bytes first.

@@ -19,11 +19,15 @@ std::string table(const Report &report, Order order = Order::bytes, size_t top =
     return out.str();
 }
 
-std::string summary(const Report &report) {
+std::string summary(const Report &report, LeakCheck leak_check = LeakCheck::held) {
     std::ostringstream out;
     Symbolizer symbolizer;
-    Findings(report).print(out, symbolizer);
+    Findings(report, leak_check, "").print(out, symbolizer);
     return out.str();
+}
+
+bool finds_nothing(const Report &report) {
+    return Findings(report, LeakCheck::lost, "").empty();
 }
 
 std::string as_json(const Report &report) {
@@ -151,14 +155,31 @@ k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x
     EXPECT_EQ(summary(ended_by("SIGSEGV")), "k42mc: 0 blocks, 0 bytes at 0 sites in 1 process\n"
                                             "k42mc: p.7: ended by SIGSEGV at address 0x10\n"
                                             "  in\n    /no/p+0x1\n");
-    EXPECT_FALSE(Findings(ended_by("SIGSEGV")).empty());
-    EXPECT_TRUE(Findings(ended_by("SIGTERM")).empty());
+    EXPECT_FALSE(finds_nothing(ended_by("SIGSEGV")));
+    EXPECT_TRUE(finds_nothing(ended_by("SIGTERM")));
     const Report unchecked =
         json("{\"kind\":\"unchecked\",\"pid\":7,\"program\":\"p\",\"reason\":\"why\"}\n"
              "{\"kind\":\"note\",\"pid\":7,\"program\":\"p\",\"text\":\"so\"}\n");
     EXPECT_EQ(summary(unchecked), "k42mc: 0 blocks, 0 bytes at 0 sites in 1 process\n"
                                   "k42mc: p.7: not checked: why\nk42mc: p.7: so\n");
-    EXPECT_TRUE(Findings(unchecked).empty());
+    EXPECT_TRUE(finds_nothing(unchecked));
+    // Of what is left, that which is lost counts, unless all of it is to.
+    const Report searched = json(
+        R"({"kind":"cycle","program":"p","pid":7,"cycle":1,"blocks":5,"bytes":50,"searched":true})"
+        "\n"
+        R"({"kind":"site","file":"a.c","line":1,"type":"STD","chain":[],"blocks":5,"bytes":50,"oldest":1,)"
+        R"("largest":10,"lost":{"blocks":1,"bytes":10},"indirect":{"blocks":2,"bytes":20}})"
+        "\n{\"kind\":\"end\"}\n");
+    const std::string held = "k42mc: held to the end: ", listed = "; --leak-check=held lists them\n";
+    EXPECT_EQ(summary(searched, LeakCheck::lost),
+              "k42mc: 3 blocks, 30 bytes at 1 site in 1 process\n  lost: 3 blocks, 30 bytes\n    a.c\n" +
+                  held + "2 blocks, 20 bytes" + listed);
+    EXPECT_FALSE(finds_nothing(searched));
+    EXPECT_EQ(summary(searched),
+              "k42mc: 5 blocks, 50 bytes at 1 site in 1 process\n  left: 5 blocks, 50 "
+              "bytes\n    a.c\n");
+    EXPECT_EQ(summary(searched, LeakCheck::no), "k42mc: 0 blocks, 0 bytes at 0 sites in 1 process\n" +
+                                                    held + "5 blocks, 50 bytes" + listed);
     // Without traces, the file tells sites apart.
     EXPECT_EQ(summary(text("a:1:WO:STD:0xA0:4:2\n------\nb:1:WO:STD:0xB0:5:2\n------\n")),
               "k42mc: 2 blocks, 9 bytes at 2 sites in 1 process\n"

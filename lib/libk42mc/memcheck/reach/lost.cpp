@@ -25,8 +25,10 @@ size_t put_lost_blocks(TextOutput &out, const LostBlocks &lost) {
 // Apart, so that nothing of it lies on the part of the stack that counts as the caller's.
 [[gnu::noinline]] size_t report_lost(const Caller &caller, uint32_t limit) {
     LostBlocks lost;
-    if (!lost.search(function_name, caller, limit))
+    if (const char *obstacle = lost.search(function_name, caller, limit)) {
+        StandardErrorText()->print("%s: ERROR: %s\n", function_name, obstacle);
         return 0;
+    }
     const ControlLock lock(function_name);
     return lock && registry_exists() ? put_lost_blocks(*SinkText(), lost) : 0;
 }
@@ -34,9 +36,12 @@ size_t put_lost_blocks(TextOutput &out, const LostBlocks &lost) {
 } // namespace
 } // namespace k42mc::internal
 
+// The addresses that were printed must not hold their blocks the next time.
 size_t k42mcx_lost(uint32_t limit) {
     using namespace k42mc::internal;
-    return report_lost(Caller::here(), limit);
+    const size_t count = report_lost(Caller::here(), limit);
+    platform::clear_unused_stack();
+    return count;
 }
 
 K42MC_EXPORT(k42mcx_lost);

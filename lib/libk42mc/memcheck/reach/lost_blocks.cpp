@@ -68,28 +68,24 @@ const char *LostBlocks::look(const Caller &caller, uint32_t limit, platform::Thr
     return nullptr;
 }
 
-bool LostBlocks::search(const char *function, const Caller &caller, uint32_t limit) {
+const char *LostBlocks::search(const char *function, const Caller &caller, uint32_t limit) {
+    if (platform::borrows_memory())
+        return "the process runs on its parent's memory";
     const Printing printing;
-    const char *obstacle = "the process runs on its parent's memory";
     const SearchLock one_at_a_time;
     const auto caches = platform::ThreadCaches::learn();
-    if (!platform::borrows_memory()) {
+    const char *obstacle;
+    {
         const ControlLock lock(function);
-        if (!lock)
-            return false;
-        if (!registry_exists()) {
-            say_not_initialized(function);
-            return false;
-        }
-        obstacle = look(caller, limit, caches);
+        obstacle = !lock               ? "the checker's lock cannot be had"
+                   : registry_exists() ? look(caller, limit, caches)
+                                       : "MC not currently initialized";
     }
     if (copy_ > 0)
         platform::wait_for_copy(copy_);
-    if (obstacle == nullptr && !list_->is_complete)
-        obstacle = "memory has run out, or the system does not tell what memory there is";
-    if (obstacle != nullptr)
-        StandardErrorText()->print("%s: ERROR: %s\n", function, obstacle);
-    return obstacle == nullptr;
+    return obstacle == nullptr && !list_->is_complete
+               ? "memory has run out, or the system does not tell what memory there is"
+               : obstacle;
 }
 
 void forget_searches() {

@@ -28,8 +28,8 @@ public:
     LostBlocks &operator=(const LostBlocks &) = delete;
 
     // Looks for those that reports would list and that have survived so many of them. Takes the checker's lock, and
-    // lets it go. False, having said why, where that cannot be found out. One at a time.
-    bool search(const char *function, const Caller &caller, uint32_t limit);
+    // lets it go. Returns null, or in words why that cannot be found out. One at a time.
+    const char *search(const char *function, const Caller &caller, uint32_t limit);
 
     // Calls action with the record of each, and whether others lead to it, as far as they still are. With gMCLock held.
     template <class Action> void each(Action action) const {
