@@ -34,6 +34,14 @@ void carry_out(void *argument) {
         list_lost_blocks(search, task.limit, task.list);
 }
 
+bool nothing_to_find(uint32_t limit) {
+    bool none = true;
+    for_each_record([&](const Record &record) {
+        none = none && !(is_reported(record) && record.age(gMCCycle) >= limit);
+    });
+    return none;
+}
+
 // In any thread's, even one that has ended.
 void learn_control_blocks() {
     for (const Visitor *visitor = all_visitors; visitor != nullptr; visitor = visitor->next)
@@ -55,6 +63,9 @@ const char *LostBlocks::look(const Caller &caller, uint32_t limit, platform::Thr
     list_ = static_cast<LostBlockList *>(platform::map_shared_memory(list_bytes_));
     if (list_ == nullptr)
         return "memory has run out";
+    list_->is_complete = nothing_to_find(limit);
+    if (list_->is_complete)
+        return nullptr;
     learn_control_blocks();
     const platform::ThreadStop stop;
     if (!stop.is_complete())
