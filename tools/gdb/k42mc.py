@@ -355,6 +355,14 @@ def verify():
     print(f"{damaged} damaged block{'s'[:damaged != 1]}")
 
 
+@command("k42mc lost", "[LIMIT]")
+def lost(limit="0"):
+    """Lists the blocks that have survived so many reports and that no pointer leads to any more. One that only
+    registers of this thread hold, of those that a call may change, is among them."""
+    count = int(call(f"((unsigned long (*)(unsigned)) k42mcx_lost)({number_of(limit)})"))
+    print(f"{count} lost block{'s'[:count != 1]}")
+
+
 @command("k42mc filter", "<in|out> <TEXT>", most=2)
 def filter_site(way, text):
     """Asks for traces of an allocation site, or for none: a line of a report names it."""

@@ -57,7 +57,8 @@ LostBlocks::~LostBlocks() {
 }
 
 // Returns what is in the way, or null. The search goes on in a copy of the process where other threads wait for it.
-const char *LostBlocks::look(const Caller &caller, uint32_t limit, platform::ThreadCaches caches) {
+const char *LostBlocks::start_search(const Caller &caller, uint32_t limit,
+                                     platform::ThreadCaches caches) {
     const size_t most = size_t{gMCChunkCount} * Chunk::room;
     list_bytes_ = sizeof *list_ + most * sizeof *list_->blocks;
     list_ = static_cast<LostBlockList *>(platform::map_shared_memory(list_bytes_));
@@ -89,7 +90,7 @@ const char *LostBlocks::search(const char *function, const Caller &caller, uint3
     {
         const ControlLock lock(function);
         obstacle = !lock               ? "the checker's lock cannot be had"
-                   : registry_exists() ? look(caller, limit, caches)
+                   : registry_exists() ? start_search(caller, limit, caches)
                                        : "MC not currently initialized";
     }
     if (copy_ > 0)

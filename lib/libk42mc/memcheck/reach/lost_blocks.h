@@ -40,7 +40,7 @@ public:
     }
 
 private:
-    const char *look(const Caller &caller, uint32_t limit, platform::ThreadCaches caches);
+    const char *start_search(const Caller &caller, uint32_t limit, platform::ThreadCaches caches);
 
     LostBlockList *list_ = nullptr;
     size_t list_bytes_ = 0;
