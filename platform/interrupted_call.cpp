@@ -1,7 +1,6 @@
 #include "platform/interrupted_call.h"
 
 #include "platform/proc_file.h"
-#include "platform/waiting_time.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -60,13 +59,6 @@ bool is_sleep(const greg_t *registers, long call, Sleep &sleep) {
     sleep = {arguments[2], arguments[3]};
     return call == SYS_clock_nanosleep && (registers[arguments[1]] & TIMER_ABSTIME) == 0 &&
            registers[sleep.rest] != 0;
-}
-
-// -1 for none.
-int register_of_milliseconds(long call) {
-    return call == SYS_poll                                    ? arguments[2]
-           : call == SYS_epoll_wait || call == SYS_epoll_pwait ? arguments[3]
-                                                               : -1;
 }
 
 const unsigned char *bytes_at(uintptr_t place) {
@@ -133,9 +125,6 @@ void resume_call(void *context, const WaitingCall &call) {
         return;
     if (Sleep sleep; is_sleep(registers, number, sleep))
         registers[sleep.time] = registers[sleep.rest];
-    if (const int time = register_of_milliseconds(number); time >= 0)
-        registers[time] = milliseconds_left(static_cast<int32_t>(registers[time]), place,
-                                            static_cast<uintptr_t>(registers[stack_register]));
     registers[place_register] = static_cast<greg_t>(place);
     registers[result_register] = static_cast<greg_t>(number);
 }

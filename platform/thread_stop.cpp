@@ -6,7 +6,6 @@
 #include "platform/platform.h"
 #include "platform/proc_file.h"
 #include "platform/signal_action.h"
-#include "platform/waiting_time.h"
 
 #include <algorithm>
 #include <atomic>
@@ -56,7 +55,6 @@ void stand_still(void *context, uint32_t number) {
     if (self == nullptr || self->context != nullptr)
         return;
     const WaitingCall call = self->call;
-    note_interruption();
     standing.fetch_add(1, std::memory_order_relaxed);
     self->control_block = static_cast<uintptr_t>(pthread_self());
     std::atomic_ref(self->context).store(context, std::memory_order_release);

@@ -101,14 +101,6 @@ void sleep_for_a_time() {
         ++interrupted;
 }
 
-// Begins anew at the first search, and not at each.
-void poll_for_a_time() {
-    const time_t begin = time(nullptr);
-    pollfd one = {never[0], POLLIN, 0};
-    if (poll(&one, 1, 700) != 0 || time(nullptr) - begin > 2)
-        ++interrupted;
-}
-
 void wait_in_poll() {
     pollfd one = {never[0], POLLIN, 0};
     note(poll(&one, 1, -1));
@@ -154,10 +146,8 @@ void pause_once() {
 
 bool all_found(int searches, int report) {
     size_t lost = 0;
-    for (int i = 0; i < searches && lost == 0; ++i) {
+    for (int i = 0; i < searches && lost == 0; ++i)
         lost = k42mcx_lost(0);
-        usleep(50'000);
-    }
     static char text[1 << 16];
     const ssize_t size = pread(report, text, sizeof text, 0);
     printf("%zu lost in %d searches\n", lost, searches);
@@ -186,8 +176,8 @@ int main(int argc, char **argv) {
     for (unsigned i = 0; i < 4; ++i)
         threads.emplace_back(work, i);
     threads.emplace_back(start_threads);
-    for (void (*wait)() : {sleep_for_a_time, poll_for_a_time, wait_in_poll, wait_in_select,
-                           wait_in_epoll, wait_for_signal, wait_for_post, wait_for_bytes})
+    for (void (*wait)() : {sleep_for_a_time, wait_in_poll, wait_in_select, wait_in_epoll,
+                           wait_for_signal, wait_for_post, wait_for_bytes})
         threads.emplace_back(wait);
     std::thread pausing(pause_once);
     bool good = all_found(searches, fileno(report));
