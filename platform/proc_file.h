@@ -35,7 +35,7 @@ private:
 
     const int file_;
     size_t next_ = 0, filled_ = 0;
-    char buffer_[2048];
+    char buffer_[1024];
 };
 
 } // namespace k42mc::internal::platform

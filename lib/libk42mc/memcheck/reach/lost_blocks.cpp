@@ -57,8 +57,10 @@ const char *LostBlocks::look(const Caller &caller, uint32_t limit, platform::Thr
         return "memory has run out";
     learn_control_blocks();
     const platform::ThreadStop stop;
-    if (!stop.is_complete())
-        return "the system does not tell what threads there are";
+    if (stop.outcome() != platform::StopOutcome::whole)
+        return stop.outcome() == platform::StopOutcome::partial
+                   ? "a thread does not stop, so that its registers are not known"
+                   : "the system does not tell what threads there are";
     const Moment moment = {caller, stop.threads(), most, caches};
     Task task = {moment, limit, *list_};
     if (!stop.threads().empty())
@@ -94,6 +96,7 @@ bool LostBlocks::search(const char *function, const Caller &caller, uint32_t lim
 
 void forget_searches() {
     gMCSearchLock = PTHREAD_MUTEX_INITIALIZER;
+    platform::ThreadStop::forget();
 }
 
 } // namespace k42mc::internal
