@@ -19,8 +19,10 @@ class MemoryMap {
 public:
     MemoryMap() : file_("/proc/self/maps") {}
 
-    bool is_open() const { return file_.is_open(); }
     bool next(Mapping &mapping);
+
+    // Whether those were all.
+    bool is_whole() const { return file_.is_whole(); }
 
 private:
     void read_name(Mapping &mapping, int last);

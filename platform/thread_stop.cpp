@@ -142,9 +142,11 @@ template <class Action> Listing each_thread(Action action) {
         }
     }
     struct stat status;
-    const bool is_whole = fstat(folder, &status) == 0 && seen + other_links >= status.st_nlink;
+    const bool is_told = size == 0 && fstat(folder, &status) == 0;
     syscall(SYS_close, folder);
-    return is_whole ? Listing::whole : Listing::partial;
+    if (!is_told)
+        return Listing::none;
+    return seen + other_links >= status.st_nlink ? Listing::whole : Listing::partial;
 }
 
 void note(uint32_t id) {

@@ -79,12 +79,10 @@ void Roots::visit_mapping(const platform::Mapping &mapping, VisitRange visit) {
 
 bool Roots::each(VisitRange visit) {
     platform::MemoryMap map;
-    if (!map.is_open())
-        return false;
     for (platform::Mapping mapping; map.next(mapping);)
         if (counts(mapping))
             visit_mapping(mapping, visit);
-    return true;
+    return map.is_whole();
 }
 
 } // namespace k42mc::internal
