@@ -72,6 +72,36 @@ void sleep_for_rest(greg_t &time, greg_t &rest) {
         rest = reinterpret_cast<greg_t>(own_rest);
 }
 
+// A number of milliseconds in the lower half of a register. What is in the upper half tells a wait that was resumed from
+// a new one, and the system does not look at it. The first time, such a wait begins anew, too.
+#if defined(__x86_64__)
+constinit thread_local int64_t end_of_wait = 0; // in nanoseconds
+
+void wait_for_rest(greg_t &milliseconds) {
+    constexpr int64_t millisecond = 1'000'000, was_resumed = 0x6b34326d;
+    const int64_t rest = static_cast<int32_t>(milliseconds);
+    if (rest <= 0)
+        return;
+    timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    const int64_t now = time.tv_sec * 1'000 * millisecond + time.tv_nsec;
+    if (milliseconds >> 32 != was_resumed)
+        end_of_wait = now + rest * millisecond;
+    const int64_t left =
+        std::clamp((end_of_wait - now + millisecond - 1) / millisecond, int64_t{0}, rest);
+    milliseconds = was_resumed << 32 | left;
+}
+
+void shorten_wait(greg_t *registers, long call) {
+    if (call == SYS_poll)
+        wait_for_rest(registers[arguments[2]]);
+    else if (call == SYS_epoll_wait || call == SYS_epoll_pwait)
+        wait_for_rest(registers[arguments[3]]);
+}
+#else // there is no such half
+void shorten_wait(greg_t *, long) {}
+#endif
+
 const unsigned char *bytes_at(uintptr_t place) {
     return reinterpret_cast<const unsigned char *>(place); // NOLINT(performance-no-int-to-ptr)
 }
@@ -138,6 +168,7 @@ void resume_call(void *context, const WaitingCall &call) {
         return;
     if (Sleep sleep; is_sleep(registers, number, sleep))
         sleep_for_rest(registers[sleep.time], registers[sleep.rest]);
+    shorten_wait(registers, number);
     registers[place_register] = static_cast<greg_t>(place);
     registers[result_register] = static_cast<greg_t>(number);
 }
