@@ -42,24 +42,65 @@ constexpr long waits[] = {
 
 constexpr uintptr_t call_length = 2; // of the instruction
 
-// A relative time to sleep, and where the system has put what is left of it.
+// A relative time to sleep, and where the system puts what is left of it.
 struct Sleep {
     int time, rest;
 };
 
+// Room for the rest of a sleep that the program does not ask for, in any form of it.
+constinit thread_local int64_t own_rest[2] = {};
+
 bool is_sleep(const greg_t *registers, long call, Sleep &sleep) {
     if (call == SYS_nanosleep) {
         sleep = {arguments[0], arguments[1]};
-        return registers[sleep.rest] != 0;
+        return true;
     }
 #if defined(__i386__)
     if (call == SYS_clock_nanosleep_time64)
         call = SYS_clock_nanosleep;
 #endif
     sleep = {arguments[2], arguments[3]};
-    return call == SYS_clock_nanosleep && (registers[arguments[1]] & TIMER_ABSTIME) == 0 &&
-           registers[sleep.rest] != 0;
+    return call == SYS_clock_nanosleep && (registers[arguments[1]] & TIMER_ABSTIME) == 0;
 }
+
+// Where no rest was asked for, the sleep begins anew the first time, and takes up to twice its time. From then on the
+// rest is known.
+void sleep_for_rest(greg_t &time, greg_t &rest) {
+    if (rest != 0)
+        time = rest;
+    else
+        rest = reinterpret_cast<greg_t>(own_rest);
+}
+
+// A number of milliseconds in the lower half of a register. What is in the upper half tells a wait that was resumed from
+// a new one, and the system does not look at it. The first time, such a wait begins anew, too.
+#if defined(__x86_64__)
+constinit thread_local int64_t end_of_wait = 0; // in nanoseconds
+
+void wait_for_rest(greg_t &milliseconds) {
+    constexpr int64_t millisecond = 1'000'000, was_resumed = 0x6b34326d;
+    const int64_t rest = static_cast<int32_t>(milliseconds);
+    if (rest <= 0)
+        return;
+    timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    const int64_t now = time.tv_sec * 1'000 * millisecond + time.tv_nsec;
+    if (milliseconds >> 32 != was_resumed)
+        end_of_wait = now + rest * millisecond;
+    const int64_t left =
+        std::clamp((end_of_wait - now + millisecond - 1) / millisecond, int64_t{0}, rest);
+    milliseconds = was_resumed << 32 | left;
+}
+
+void shorten_wait(greg_t *registers, long call) {
+    if (call == SYS_poll)
+        wait_for_rest(registers[arguments[2]]);
+    else if (call == SYS_epoll_wait || call == SYS_epoll_pwait)
+        wait_for_rest(registers[arguments[3]]);
+}
+#else // there is no such half
+void shorten_wait(greg_t *, long) {}
+#endif
 
 const unsigned char *bytes_at(uintptr_t place) {
     return reinterpret_cast<const unsigned char *>(place); // NOLINT(performance-no-int-to-ptr)
@@ -71,7 +112,8 @@ bool is_call(uintptr_t place) {
     return (bytes[0] == 0x0f && bytes[1] == 0x05) || (bytes[0] == 0xcd && bytes[1] == 0x80);
 }
 
-// Of a call that the thread was not in yet when it was looked at: what libc puts into the register just ahead of it.
+// Of a call that the thread was not in yet when it was looked at, or that the system goes on with under another number
+// since it was interrupted before: what libc puts into the register just ahead of it.
 long number_ahead_of(uintptr_t place) {
     constexpr uintptr_t length = 5; // "mov $number, %eax"
     int32_t number;
@@ -120,11 +162,13 @@ void resume_call(void *context, const WaitingCall &call) {
         return;
     const bool is_same = place + call_length == call.place &&
                          static_cast<uintptr_t>(registers[stack_register]) == call.stack_pointer;
-    const long number = is_same ? call.number : number_ahead_of(place);
+    const long number =
+        is_same && call.number != SYS_restart_syscall ? call.number : number_ahead_of(place);
     if (std::ranges::count(waits, number) == 0)
         return;
     if (Sleep sleep; is_sleep(registers, number, sleep))
-        registers[sleep.time] = registers[sleep.rest];
+        sleep_for_rest(registers[sleep.time], registers[sleep.rest]);
+    shorten_wait(registers, number);
     registers[place_register] = static_cast<greg_t>(place);
     registers[result_register] = static_cast<greg_t>(number);
 }

@@ -2,6 +2,8 @@
 
 #include "platform/platform.h"
 
+#include <algorithm>
+
 #include <string.h>
 
 #include <fcntl.h>
@@ -58,40 +60,54 @@ void MemoryMap::read_name(Mapping &mapping, int last) {
     mapping.is_apart = begins_with(name, "[v") || is_device(name);
 }
 
-// cppcheck-suppress uninitMemberVar ; what was not fetched is never read
-PageContents::PageContents()
-    : file_(
-          static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/pagemap", O_RDONLY | O_CLOEXEC))) {}
+PageContents::PageContents(std::span<uint64_t> room)
+    : file_(static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/pagemap", O_RDONLY | O_CLOEXEC))),
+      entries_(room), in_memory_(reinterpret_cast<unsigned char *>(room.data()), room.size_bytes()) {}
 
 PageContents::~PageContents() {
     if (file_ >= 0)
         syscall(SYS_close, file_);
 }
 
+// A number of 64 bits takes two registers of 32. libc's function is a place where threads are cancelled.
 bool PageContents::fetch(uintptr_t page) {
-    const ssize_t got = file_ < 0 ? 0
-                                  : pread(file_, entries_, sizeof entries_,
-                                          static_cast<off_t>(uint64_t{page} * sizeof *entries_));
-    first_ = page;
-    count_ = got > 0 ? static_cast<size_t>(got) / sizeof *entries_ : 0;
+    const uint64_t offset = uint64_t{page} * sizeof entries_[0];
+#if defined(__x86_64__)
+    const long got = syscall(SYS_pread64, file_, entries_.data(), entries_.size_bytes(), offset);
+#else
+    const long got = syscall(SYS_pread64, file_, entries_.data(), entries_.size_bytes(),
+                             static_cast<uint32_t>(offset), static_cast<uint32_t>(offset >> 32));
+#endif
+    count_ = got > 0 ? static_cast<size_t>(got) / sizeof entries_[0] : 0;
     return count_ != 0;
 }
 
-bool PageContents::is_own(uintptr_t address) {
+bool PageContents::fetch_shared(uintptr_t page, uintptr_t end) {
+    auto *const begin =
+        reinterpret_cast<void *>(page * page_size()); // NOLINT(performance-no-int-to-ptr)
+    const size_t pages = std::min<size_t>(end - page, in_memory_.size());
+    count_ = mincore(begin, pages * page_size(), in_memory_.data()) == 0 ? pages : 0;
+    return count_ != 0;
+}
+
+bool PageContents::is_known(uintptr_t page, const Mapping &mapping) {
+    if (mapping.shared == is_shared_ && page - first_ < count_)
+        return true;
+    first_ = page;
+    is_shared_ = mapping.shared;
+    return is_shared_ ? fetch_shared(page, mapping.end / page_size()) : fetch(page);
+}
+
+bool PageContents::is_own(uintptr_t address, const Mapping &mapping) {
     constexpr uint64_t in_memory = uint64_t{1} << 63, in_swap = uint64_t{1} << 62,
                        of_file = uint64_t{1} << 61;
     const uintptr_t page = address / page_size();
-    if (page - first_ >= count_ && !fetch(page))
+    if (!is_known(page, mapping))
         return true;
+    if (is_shared_)
+        return (in_memory_[page - first_] & 1) != 0;
     const uint64_t entry = entries_[page - first_];
     return (entry & (in_memory | in_swap)) != 0 && (entry & of_file) == 0;
-}
-
-bool is_in_memory(uintptr_t address) {
-    const size_t page = page_size();
-    unsigned char answer = 0;
-    auto *begin = reinterpret_cast<void *>(address & -page); // NOLINT(performance-no-int-to-ptr)
-    return mincore(begin, page, &answer) != 0 || (answer & 1) != 0;
 }
 
 } // namespace k42mc::internal::platform

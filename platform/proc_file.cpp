@@ -31,6 +31,7 @@ bool ProcFile::fill() {
     do {
         got = is_open() ? syscall(SYS_read, file_, buffer_, sizeof buffer_) : 0;
     } while (got < 0 && errno == EINTR);
+    is_whole_ = is_whole_ && got >= 0;
     next_ = 0;
     filled_ = got > 0 ? static_cast<size_t>(got) : 0;
     return filled_ != 0;

@@ -16,6 +16,9 @@ public:
 
     bool is_open() const { return file_ >= 0; }
 
+    // Whether the end is where the bytes end, and not where the system refused more.
+    bool is_whole() const { return is_open() && is_whole_; }
+
     // The next byte, or -1 at the end.
     int get();
 
@@ -35,7 +38,8 @@ private:
 
     const int file_;
     size_t next_ = 0, filled_ = 0;
-    char buffer_[2048];
+    bool is_whole_ = true;
+    char buffer_[1024];
 };
 
 } // namespace k42mc::internal::platform

@@ -23,16 +23,22 @@ namespace {
 
 [[maybe_unused]] constexpr unsigned long has_restorer = 0x04000000;
 
-bool set(int signo, const SignalAction &action, SignalAction *former) {
-    return syscall(SYS_rt_sigaction, signo, &action, former, sizeof action.mask) == 0;
+bool set(int signo, const SignalAction *action, SignalAction *former) {
+    return syscall(SYS_rt_sigaction, signo, action, former, sizeof action->mask) == 0;
 }
 
 } // namespace
 
+bool SignalAction::is(void (*constant)(int)) const {
+    return reinterpret_cast<uintptr_t>(handler) == reinterpret_cast<uintptr_t>(constant);
+}
+
 bool SignalAction::is_function() const {
-    const auto value = reinterpret_cast<uintptr_t>(handler);
-    return value != reinterpret_cast<uintptr_t>(SIG_DFL) &&
-           value != reinterpret_cast<uintptr_t>(SIG_IGN);
+    return !is(SIG_DFL) && !is(SIG_IGN);
+}
+
+bool SignalAction::ignores(int signo) const {
+    return is(SIG_IGN) || (is(SIG_DFL) && (signo == SIGCHLD || signo == SIGURG || signo == SIGWINCH));
 }
 
 // One that wants no more than the number finds it where all do.
@@ -51,11 +57,15 @@ bool set_handler(int signo, SignalAction::Handler handler, unsigned long flags, 
 #if defined(__i386__)
     action.mask[1] = static_cast<unsigned long>(mask >> 32);
 #endif
-    return set(signo, action, &former);
+    return set(signo, &action, &former);
 }
 
 bool set_action(int signo, const SignalAction &action) {
-    return set(signo, action, nullptr);
+    return set(signo, &action, nullptr);
+}
+
+bool get_action(int signo, SignalAction &action) {
+    return set(signo, nullptr, &action);
 }
 
 } // namespace k42mc::internal::platform

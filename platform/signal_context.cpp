@@ -2,7 +2,9 @@
 
 #include "platform/platform.h"
 
+#include <sys/syscall.h>
 #include <ucontext.h>
+#include <unistd.h>
 
 namespace k42mc::internal::platform {
 namespace {
@@ -28,12 +30,23 @@ uintptr_t size_of_vectors(uintptr_t state) {
 } // namespace
 
 SavedRegisters saved_registers(const void *context) {
-    const mcontext_t &machine = static_cast<const ucontext_t *>(context)->uc_mcontext;
+    const auto &interrupted = *static_cast<const ucontext_t *>(context);
+    const mcontext_t &machine = interrupted.uc_mcontext;
+    const auto stack = static_cast<uintptr_t>(machine.gregs[stack_pointer]);
     const auto general = reinterpret_cast<uintptr_t>(machine.gregs);
     const auto vectors = reinterpret_cast<uintptr_t>(machine.fpregs);
-    return {general, general + sizeof machine.gregs, vectors,
-            vectors != 0 ? vectors + size_of_vectors(vectors) : 0,
-            static_cast<uintptr_t>(machine.gregs[stack_pointer])};
+    return {
+        general,
+        general + sizeof machine.gregs,
+        vectors,
+        vectors != 0 ? vectors + size_of_vectors(vectors) : 0,
+        stack,
+        stack - reinterpret_cast<uintptr_t>(interrupted.uc_stack.ss_sp) < interrupted.uc_stack.ss_size};
+}
+
+bool is_on_signal_stack() {
+    stack_t stack;
+    return syscall(SYS_sigaltstack, nullptr, &stack) != 0 || (stack.ss_flags & SS_ONSTACK) != 0;
 }
 
 void *interrupted_at(const void *context) {

@@ -24,7 +24,7 @@ namespace k42mc::internal::platform {
 namespace {
 
 constexpr int stop_signal = 33;
-constexpr uint64_t all_signals = ~uint64_t{0};
+constexpr int last_signal = 64;
 
 constexpr size_t most_threads = 1u << 16;
 constinit StoppedThread *all_threads = nullptr; // mapped once, for all stops
@@ -33,7 +33,8 @@ constinit std::atomic<uint32_t> thread_count = 0;
 constinit std::atomic<uint32_t> stop = 0;     // odd: the number of the stop that is on
 constinit std::atomic<uint32_t> answered = 0; // by threads
 constinit std::atomic<uint32_t> standing = 0; // threads, and those on their way out of the handler
-constinit SignalAction former_action = {};
+constinit SignalAction former_action = {};    // never our own, which may have had to stay
+constinit bool may_be_late = false;           // a signal, which is not to meet another handler
 
 void wait_while(std::atomic<uint32_t> &word, uint32_t value, const timespec *longest) {
     syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, value, longest);
@@ -82,17 +83,26 @@ void handle(int signo, siginfo_t *info, void *context) {
     errno = kept_errno;
 }
 
-// One that did not wait when it was noted may do so now.
-bool send_signal(StoppedThread &thread) {
-    if (thread.call.number < 0)
-        thread.call = waiting_call_of(thread.id);
-    siginfo_t info = {};
-    info.si_signo = stop_signal;
-    info.si_code = SI_QUEUE;
-    info.si_pid = getpid();
-    info.si_uid = getuid();
-    info.si_value.sival_ptr = &stop;
-    return syscall(SYS_rt_tgsigqueueinfo, getpid(), thread.id, stop_signal, &info) == 0;
+// What waits for the end of a stop. Not what happens without a trace: held back, it would become a signal that arrives,
+// and interrupt calls.
+uint64_t signals_to_hold() {
+    uint64_t signals = 0;
+    for (int signo = 1; signo <= last_signal; ++signo) {
+        SignalAction action;
+        if (!get_action(signo, action) || !action.ignores(signo))
+            signals |= uint64_t{1} << (signo - 1);
+    }
+    return signals;
+}
+
+// What was there is known before our handler can ask for it.
+bool take_signal(uint64_t held) {
+    SignalAction current;
+    if (!get_action(stop_signal, current))
+        return false;
+    if (current.handler != handle)
+        former_action = current;
+    return set_handler(stop_signal, handle, SA_RESTART | SA_ONSTACK, held, current);
 }
 
 // ---- Which threads there are ----
@@ -117,7 +127,7 @@ template <class Action> Listing each_thread(Action action) {
         return Listing::none;
     constexpr nlink_t other_links = 2;
     nlink_t seen = 0;
-    alignas(DirectoryEntry) char buffer[4096];
+    alignas(DirectoryEntry) char buffer[2048];
     long size;
     while ((size = syscall(SYS_getdents64, folder, buffer, sizeof buffer)) > 0) {
         for (long at = 0; at < size;) {
@@ -132,23 +142,25 @@ template <class Action> Listing each_thread(Action action) {
         }
     }
     struct stat status;
-    const bool is_whole = fstat(folder, &status) == 0 && seen + other_links >= status.st_nlink;
+    const bool is_told = size == 0 && fstat(folder, &status) == 0;
     syscall(SYS_close, folder);
-    return is_whole ? Listing::whole : Listing::partial;
+    if (!is_told)
+        return Listing::none;
+    return seen + other_links >= status.st_nlink ? Listing::whole : Listing::partial;
 }
 
 void note(uint32_t id) {
     const uint32_t count = thread_count.load(std::memory_order_relaxed);
     if (count == most_threads || find(id) != nullptr)
         return;
-    all_threads[count] = {id, waiting_call_of(id), nullptr, 0};
+    all_threads[count] = {id, waiting_call_of(id), nullptr, 0, false};
     thread_count.store(count + 1, std::memory_order_release);
 }
 
 // ---- How long they take ----
 
 using Moment = uint64_t; // in nanoseconds
-constexpr Moment millisecond = 1'000'000, longest = 1000 * millisecond;
+constexpr Moment millisecond = 1'000'000, longest = 1000 * millisecond, patience = 10 * millisecond;
 
 Moment now() {
     timespec time;
@@ -167,28 +179,99 @@ bool blocks_signal(uint32_t id) {
     return false;
 }
 
-// How many cannot answer: they have ended, or have the signal blocked.
-uint32_t count_deaf() {
-    uint32_t deaf = 0;
-    for (uint32_t i = 0; i < thread_count; ++i)
-        if (std::atomic_ref(all_threads[i].context).load(std::memory_order_acquire) == nullptr &&
-            (syscall(SYS_tgkill, getpid(), all_threads[i].id, 0) != 0 ||
-             blocks_signal(all_threads[i].id)))
-            ++deaf;
-    return deaf;
+// Whether it is the system's own, which works for the process but has no registers and no stack there.
+// "7 (name) S 1 7 7 0 -1 4194304 ..."
+bool is_of_system(uint32_t id) {
+    constexpr uint64_t io_worker = 0x10, user_worker = 0x4000;
+    constexpr int flags_behind_name = 7;
+    char path[64];
+    snprintf(path, sizeof path, "/proc/self/task/%u/stat", id);
+    ProcFile file(path);
+    int last = 0;
+    for (int field = 0; last >= 0 && field < flags_behind_name;) {
+        last = file.get();
+        field = last == ')' ? 0 : field + (last == ' ' ? 1 : 0);
+    }
+    return last >= 0 && (file.decimal(last) & (io_worker | user_worker)) != 0;
 }
 
-void wait_for_answers(uint32_t sent, Moment deadline) {
-    Moment look = now() + 10 * millisecond;
+void sleep_for(Moment time) {
+    const timespec pause = {0, static_cast<long>(time)};
+    syscall(SYS_nanosleep, &pause, nullptr);
+}
+
+bool has_ended(uint32_t id) {
+    return syscall(SYS_tgkill, getpid(), id, 0) != 0 && errno == ESRCH;
+}
+
+bool has_answered(StoppedThread &thread) {
+    return std::atomic_ref(thread.context).load(std::memory_order_acquire) != nullptr;
+}
+
+// ---- Stopping them ----
+
+enum class Told { yes, needless, no };
+
+// Threads that did not answer last time. A signal that one of them has blocked is with it still, and each other one
+// would stay with it, too, of which a user can have only so many.
+constinit uint32_t silent[16] = {};
+
+void note_silent() {
+    size_t count = 0;
+    for (StoppedThread &thread : std::span(all_threads, thread_count.load()))
+        if (!has_answered(thread) && count < std::size(silent))
+            silent[count++] = thread.id;
+    std::fill(silent + count, std::end(silent), 0);
+}
+
+bool stays_silent(uint32_t id) {
+    return std::ranges::count(silent, id) != 0 && blocks_signal(id);
+}
+
+// A thread that did not wait when it was noted may do so now.
+Told tell(StoppedThread &thread) {
+    for (const Moment end = now() + patience; stays_silent(thread.id); sleep_briefly())
+        if (now() >= end)
+            return is_of_system(thread.id) ? Told::needless : Told::no;
+    if (thread.call.number < 0)
+        thread.call = waiting_call_of(thread.id);
+    siginfo_t info = {};
+    info.si_signo = stop_signal;
+    info.si_code = SI_QUEUE;
+    info.si_pid = getpid();
+    info.si_uid = getuid();
+    info.si_value.sival_ptr = &stop;
+    if (syscall(SYS_rt_tgsigqueueinfo, getpid(), thread.id, stop_signal, &info) == 0)
+        return Told::yes;
+    return errno == ESRCH ? Told::needless : Told::no;
+}
+
+// What has not answered has ended, or blocks the signal after all and is left alone.
+enum class Silence { ended, blocked, other };
+
+Silence look_at_silent() {
+    Silence silence = Silence::ended;
+    for (StoppedThread &thread : std::span(all_threads, thread_count.load()))
+        if (thread.is_told && !has_answered(thread) && !has_ended(thread.id)) {
+            if (!blocks_signal(thread.id))
+                return Silence::other;
+            silence = Silence::blocked;
+        }
+    return silence;
+}
+
+// False where some do not.
+bool wait_for_answers(uint32_t told, Moment deadline) {
+    Moment look = now() + patience;
     for (;;) {
         const uint32_t count = answered.load(std::memory_order_acquire);
-        const Moment moment = now();
-        if (count >= sent || moment >= deadline)
-            return;
-        if (moment >= look) {
-            if (count + count_deaf() >= sent)
-                return;
-            look = moment + 50 * millisecond;
+        if (count >= told)
+            return true;
+        if (const Moment moment = now(); moment >= look) {
+            const Silence silence = look_at_silent();
+            if (silence != Silence::other || moment >= deadline)
+                return silence == Silence::ended;
+            look = moment + 2 * patience;
         }
         const timespec pause = {0, static_cast<long>(2 * millisecond)};
         wait_while(answered, count, &pause);
@@ -196,19 +279,33 @@ void wait_for_answers(uint32_t sent, Moment deadline) {
 }
 
 // Threads that those started which had not stopped yet come to light in another look.
-bool stop_all() {
+StopOutcome stop_all() {
     const Moment deadline = now() + longest;
-    uint32_t signalled = 0, sent = 0;
+    uint32_t seen = 0, told = 0;
     for (;;) {
         const Listing listing = each_thread(note);
-        if (listing == Listing::none)
-            return false;
-        if (signalled == thread_count && (listing == Listing::whole || now() >= deadline))
-            return listing == Listing::whole;
-        for (; signalled < thread_count; ++signalled)
-            sent += send_signal(all_threads[signalled]) ? 1 : 0;
-        wait_for_answers(sent, deadline);
+        if (listing == Listing::none || thread_count == most_threads)
+            return StopOutcome::untold;
+        if (seen == thread_count && listing == Listing::whole)
+            return StopOutcome::whole;
+        if (seen == thread_count && now() >= deadline)
+            return StopOutcome::untold;
+        for (; seen < thread_count; ++seen) {
+            StoppedThread &thread = all_threads[seen];
+            const Told answer = tell(thread);
+            if (answer == Told::no)
+                return StopOutcome::partial;
+            thread.is_told = answer == Told::yes;
+            told += thread.is_told ? 1 : 0;
+        }
+        if (!wait_for_answers(told, deadline))
+            return StopOutcome::partial;
     }
+}
+
+void let_go() {
+    stop.fetch_add(1, std::memory_order_release);
+    wake_all(stop);
 }
 
 // Where a thread waits again after the last stop can only be told once it does.
@@ -225,31 +322,43 @@ bool map_threads() {
 
 } // namespace
 
+// A thread that cannot answer, as it may be for the time that it starts a process, gets another chance; the others do
+// not wait for it.
 ThreadStop::ThreadStop() {
-    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &all_signals, &former_mask_, sizeof former_mask_);
-    let_last_stop_end();
-    thread_count = answered = standing = 0;
-    stop = (stop + 1) | 1; // a copy of the process may have begun in the midst of one
-    is_complete_ =
-        map_threads() &&
-        set_handler(stop_signal, handle, SA_RESTART | SA_ONSTACK, all_signals, former_action) &&
-        stop_all();
+    const uint64_t held = signals_to_hold();
+    syscall(SYS_rt_sigprocmask, SIG_BLOCK, &held, &former_mask_, sizeof former_mask_);
+    if (!map_threads() || !take_signal(held))
+        return;
+    for (const Moment last_try = now() + longest / 4;; let_go(), sleep_for(patience)) {
+        let_last_stop_end();
+        note_silent();
+        thread_count = answered = standing = 0;
+        stop = (stop + 1) | 1; // a copy of the process may have begun in the midst of one
+        outcome_ = stop_all();
+        if (outcome_ != StopOutcome::partial)
+            break;
+        may_be_late = true;
+        if (now() >= last_try)
+            break;
+    }
     threads_ = std::span(all_threads, thread_count.load());
 }
 
-// Where a signal may still be on its way, its handler has to stay.
 void ThreadStop::release() {
     if (is_over_)
         return;
     is_over_ = true;
-    stop.fetch_add(1, std::memory_order_release);
-    wake_all(stop);
-    const bool all_answered = answered == thread_count;
-    if (all_answered)
+    let_go();
+    may_be_late = may_be_late || answered != thread_count;
+    if (!may_be_late)
         set_action(stop_signal, former_action);
     else
         stay_loaded();
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, &former_mask_, nullptr, sizeof former_mask_);
+}
+
+void ThreadStop::forget() {
+    standing = 0;
 }
 
 } // namespace k42mc::internal::platform

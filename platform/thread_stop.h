@@ -12,6 +12,13 @@ struct StoppedThread {
     WaitingCall call;        // that it was in ahead of the stop
     const void *context;     // its registers, a ucontext_t on its stack; null where it did not stop
     uintptr_t control_block; // pthread_self()
+    bool is_told;
+};
+
+enum class StopOutcome {
+    untold,  // the system does not tell what threads there are
+    partial, // one does not stop: it blocks the signal, or starts a process and waits for that
+    whole,
 };
 
 // They stand from the one to the other. One at a time in a process. The calling thread handles no signals meanwhile,
@@ -25,16 +32,19 @@ public:
 
     std::span<const StoppedThread> threads() const { return threads_; }
 
-    // Whether all threads are among these.
-    bool is_complete() const { return is_complete_; }
+    // Whether all threads stand still that have registers.
+    StopOutcome outcome() const { return outcome_; }
 
     // Lets them go on.
     void release();
 
+    // In the child of a fork, where no thread does any more.
+    static void forget();
+
 private:
     std::span<StoppedThread> threads_;
     uint64_t former_mask_ = 0;
-    bool is_complete_ = false;
+    StopOutcome outcome_ = StopOutcome::untold;
     bool is_over_ = false;
 };
 

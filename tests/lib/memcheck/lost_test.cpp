@@ -4,6 +4,7 @@
 
 #include "random.h"
 
+#include <csignal>
 #include <functional>
 #include <pthread.h>
 #include <semaphore.h>
@@ -115,6 +116,28 @@ void in_register_of_waiting(uintptr_t inverted) {
     EXPECT_EQ(result, 1);
 }
 
+// While a handler runs on a part of the thread's own stack, above.
+[[gnu::noinline]] void below_handler(uintptr_t inverted) {
+    [[maybe_unused]] void *volatile local = shown(inverted);
+    raise(SIGUSR1);
+    local = nullptr;
+}
+void on_stack_of_handler(uintptr_t inverted) {
+    char memory[1 << 16];
+    const stack_t stack = {memory, 0, sizeof memory}, none = {nullptr, SS_DISABLE, 0};
+    struct sigaction action = {}, former;
+    action.sa_flags = SA_ONSTACK;
+    action.sa_handler = [](int) {
+        for (sem_post(&held); !let_go;)
+            usleep(1000);
+    };
+    sigaltstack(&stack, nullptr);
+    sigaction(SIGUSR1, &action, &former);
+    below_handler(inverted);
+    sigaction(SIGUSR1, &former, nullptr);
+    sigaltstack(&none, nullptr);
+}
+
 ucontext_t coroutine, outside;
 uintptr_t for_coroutine;
 void run_coroutine() {
@@ -188,6 +211,7 @@ const Root roots[] = {
          swapcontext(&outside, &coroutine);
      },
      [] { swapcontext(&outside, &coroutine); }},
+    {"stack on which a handler's stack lies", on_stack_of_handler, [] {}, true},
     {"register", in_register, [] {}, true},
     {"vector register", in_vector, [] {}, true},
     {"register of a thread that waits", in_register_of_waiting, [] {}, true},

@@ -69,8 +69,10 @@ const char *LostBlocks::start_search(const Caller &caller, uint32_t limit,
         return nullptr;
     learn_control_blocks();
     const platform::ThreadStop stop;
-    if (!stop.is_complete())
-        return "the system does not tell what threads there are";
+    if (stop.outcome() != platform::StopOutcome::whole)
+        return stop.outcome() == platform::StopOutcome::partial
+                   ? "a thread does not stop, so that its registers are not known"
+                   : "the system does not tell what threads there are";
     const Moment moment = {caller, stop.threads(), most, caches};
     Task task = {moment, limit, *list_};
     if (!stop.threads().empty())
@@ -102,6 +104,7 @@ const char *LostBlocks::search(const char *function, const Caller &caller, uint3
 
 void forget_searches() {
     gMCSearchLock = PTHREAD_MUTEX_INITIALIZER;
+    platform::ThreadStop::forget();
 }
 
 } // namespace k42mc::internal

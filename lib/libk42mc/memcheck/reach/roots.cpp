@@ -8,7 +8,8 @@
 namespace k42mc::internal {
 namespace {
 
-// Below its stack pointer, and the red zone under it where the thread is not at a call, nothing of a stack is in use.
+// Below its stack pointer, and the red zone under it where the thread is not at a call, nothing of a stack is in use:
+// unless a handler runs on a stack of its own, which may itself lie on the thread's.
 constexpr uintptr_t red_zone = 128;
 
 // Sanitizers reserve as much for notes of their own.
@@ -41,11 +42,15 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
     for (uint32_t i = 0; i < gMCChunkCount; ++i)
         left_out_.add(reinterpret_cast<uintptr_t>(gMCChunks[i]),
                       reinterpret_cast<uintptr_t>(gMCChunks[i] + 1));
-    leave_out_below(moment.caller.stack_pointer, moment.caller.control_block);
-    for (const platform::StoppedThread &thread : moment.threads)
-        if (thread.context != nullptr)
-            leave_out_below(platform::saved_registers(thread.context).stack_pointer - red_zone,
-                            thread.control_block);
+    if (!platform::is_on_signal_stack())
+        leave_out_below(moment.caller.stack_pointer, moment.caller.control_block);
+    for (const platform::StoppedThread &thread : moment.threads) {
+        if (thread.context == nullptr)
+            continue;
+        const platform::SavedRegisters saved = platform::saved_registers(thread.context);
+        if (!saved.is_on_signal_stack)
+            leave_out_below(saved.stack_pointer - red_zone, thread.control_block);
+    }
     for (const Visitor *visitor = all_visitors; visitor != nullptr; visitor = visitor->next) {
         const platform::StackMemory kept = platform::kept_stack_of(visitor->thread);
         left_out_.add(kept.begin, kept.end);
@@ -74,12 +79,10 @@ void Roots::visit_mapping(const platform::Mapping &mapping, VisitRange visit) {
 
 bool Roots::each(VisitRange visit) {
     platform::MemoryMap map;
-    if (!map.is_open())
-        return false;
     for (platform::Mapping mapping; map.next(mapping);)
         if (counts(mapping))
             visit_mapping(mapping, visit);
-    return true;
+    return map.is_whole();
 }
 
 } // namespace k42mc::internal

@@ -2,21 +2,20 @@
 
 #include "platform/signal_context.h"
 
-#include <string.h>
-
 namespace k42mc::internal {
 
 size_t Search::bytes_for(const Moment &moment) {
     constexpr size_t alignments = 64;
     return BlockMap::bytes_for(moment.block_count) + Roots::bytes_for(moment) +
-           moment.block_count * (sizeof(bool) + sizeof(uint32_t)) + alignments;
+           moment.block_count * (sizeof(bool) + sizeof(uint32_t)) + pages_at_a_time * sizeof(uint64_t) +
+           most_words * word + alignments;
 }
 
-// cppcheck-suppress uninitMemberVar ; what was not copied is never read
 Search::Search(const Moment &moment)
-    : moment_(moment), memory_(bytes_for(moment)), blocks_(memory_, moment.block_count),
-      roots_(memory_, moment, blocks_, copies_), reached_(memory_.take<bool>(moment.block_count)),
-      queue_(memory_.take<uint32_t>(moment.block_count)) {}
+    : moment_(moment), memory_(bytes_for(moment)), pages_(memory_.take<uint64_t>(pages_at_a_time)),
+      blocks_(memory_, moment.block_count), roots_(memory_, moment, blocks_, copies_),
+      reached_(memory_.take<bool>(moment.block_count)),
+      queue_(memory_.take<uint32_t>(moment.block_count)), words_(memory_.take<uintptr_t>(most_words)) {}
 
 bool Search::run() {
     if (!memory_ || !copies_)
@@ -35,8 +34,8 @@ bool Search::run() {
 // To the end of the page. One that cannot be read has nothing in it.
 void Search::fill_window(uintptr_t at, uintptr_t end) {
     window_ = {at, std::min((at & -smallest_page) + smallest_page, end) & -word};
-    if (!copies_.copy(at, words_, window_.end - at))
-        memset(words_, 0, sizeof words_);
+    if (!copies_.copy(at, words_.data(), window_.end - at))
+        std::ranges::fill(words_, 0);
 }
 
 uint32_t Search::next_pointer(uintptr_t &at, uintptr_t end) {
@@ -68,7 +67,7 @@ void Search::reach_from(Range range) {
 void Search::reach_from(Range range, const platform::Mapping &mapping) {
     for (uintptr_t at = range.begin; at < range.end;) {
         const uintptr_t end = std::min((at & -smallest_page) + smallest_page, range.end);
-        if (mapping.shared ? platform::is_in_memory(at) : pages_.is_own(at))
+        if (pages_.is_own(at, mapping))
             reach_from({at, end});
         at = end;
     }

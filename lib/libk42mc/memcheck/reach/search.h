@@ -22,6 +22,8 @@ public:
     uint32_t next_pointer(uintptr_t &at, uintptr_t end);
 
 private:
+    static constexpr size_t pages_at_a_time = 4096;
+
     static size_t bytes_for(const Moment &moment);
 
     void reach(uint32_t index);
@@ -41,10 +43,10 @@ private:
     std::span<uint32_t> queue_; // blocks that are reached, and looked into as far as next_
     uint32_t queued_ = 0, next_ = 0;
 
-    // A piece of memory that was copied.
-    static constexpr uintptr_t word = sizeof(uintptr_t);
+    // A piece of memory that was copied. Not on the stack, of which a thread may have little.
+    static constexpr uintptr_t word = sizeof(uintptr_t), most_words = smallest_page / word;
     Range window_ = {0, 0};
-    uintptr_t words_[smallest_page / word];
+    const std::span<uintptr_t> words_;
 };
 
 } // namespace k42mc::internal
