@@ -304,7 +304,7 @@ StopOutcome stop_all() {
 }
 
 void let_go() {
-    stop.fetch_add(1, std::memory_order_release);
+    stop.store((stop + 1) & ~1u, std::memory_order_release); // there may have been none
     wake_all(stop);
 }
 
