@@ -214,7 +214,7 @@ enum class Told { yes, needless, no };
 
 // Threads that did not answer last time. A signal that one of them has blocked is with it still, and each other one
 // would stay with it, too, of which a user can have only so many.
-constinit uint32_t silent[16] = {};
+constinit uint32_t silent[64] = {};
 
 void note_silent() {
     size_t count = 0;
@@ -230,9 +230,12 @@ bool stays_silent(uint32_t id) {
 
 // A thread that did not wait when it was noted may do so now.
 Told tell(StoppedThread &thread) {
-    for (const Moment end = now() + patience; stays_silent(thread.id); sleep_briefly())
+    for (const Moment end = now() + patience; stays_silent(thread.id); sleep_briefly()) {
+        if (is_of_system(thread.id))
+            return Told::needless;
         if (now() >= end)
-            return is_of_system(thread.id) ? Told::needless : Told::no;
+            return Told::no;
+    }
     if (thread.call.number < 0)
         thread.call = waiting_call_of(thread.id);
     siginfo_t info = {};
@@ -246,17 +249,18 @@ Told tell(StoppedThread &thread) {
     return errno == ESRCH ? Told::needless : Told::no;
 }
 
-// What has not answered has ended, or blocks the signal after all and is left alone.
-enum class Silence { ended, blocked, other };
+// What has not answered need not, since it has ended or is the system's, or blocks the signal after all, or still may.
+enum class Silence { right, deaf, other };
 
 Silence look_at_silent() {
-    Silence silence = Silence::ended;
-    for (StoppedThread &thread : std::span(all_threads, thread_count.load()))
-        if (thread.is_told && !has_answered(thread) && !has_ended(thread.id)) {
-            if (!blocks_signal(thread.id))
-                return Silence::other;
-            silence = Silence::blocked;
-        }
+    Silence silence = Silence::right;
+    for (StoppedThread &thread : std::span(all_threads, thread_count.load())) {
+        if (!thread.is_told || has_answered(thread) || has_ended(thread.id) || is_of_system(thread.id))
+            continue;
+        if (!blocks_signal(thread.id))
+            return Silence::other;
+        silence = Silence::deaf;
+    }
     return silence;
 }
 
@@ -270,7 +274,7 @@ bool wait_for_answers(uint32_t told, Moment deadline) {
         if (const Moment moment = now(); moment >= look) {
             const Silence silence = look_at_silent();
             if (silence != Silence::other || moment >= deadline)
-                return silence == Silence::ended;
+                return silence == Silence::right;
             look = moment + 2 * patience;
         }
         const timespec pause = {0, static_cast<long>(2 * millisecond)};
@@ -304,7 +308,7 @@ StopOutcome stop_all() {
 }
 
 void let_go() {
-    stop.fetch_add(1, std::memory_order_release);
+    stop.store((stop + 1) & ~1u, std::memory_order_release); // there may have been none
     wake_all(stop);
 }
 

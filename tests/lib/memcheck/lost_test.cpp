@@ -70,6 +70,7 @@ std::string lost_lines(uint32_t limit = 0) {
 void *in_data;
 thread_local void *in_thread_local;
 pthread_key_t last_key;
+constexpr size_t page_bytes = 1 << 16;
 void **in_page;
 void **in_foreign_block;
 void **in_held_block;
@@ -114,6 +115,21 @@ void in_register_of_waiting(uintptr_t inverted) {
                      : "memory");
 #endif
     EXPECT_EQ(result, 1);
+}
+
+// In what was the stack of a thread, which the library may still know.
+void on_former_stack(uintptr_t inverted) {
+    pthread_attr_t attributes;
+    pthread_t thread;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, in_page, page_bytes);
+    const auto visit = [](void *) -> void * {
+        k42MC_free("visit.c", 1, k42MC_malloc("visit.c", 1, 1));
+        return nullptr;
+    };
+    EXPECT_EQ(pthread_create(&thread, &attributes, visit, nullptr), 0);
+    pthread_join(thread, nullptr);
+    in_page[100] = shown(inverted);
 }
 
 // While a handler runs on a part of the thread's own stack, above.
@@ -177,6 +193,7 @@ const Root roots[] = {
          mprotect(in_page, 4096, PROT_READ | PROT_WRITE);
          in_page[100] = nullptr;
      }},
+    {"former stack", on_former_stack, [] { in_page[100] = nullptr; }},
     {"foreign block",
      [](uintptr_t p) {
          in_foreign_block = static_cast<void **>(malloc(100));
@@ -206,7 +223,7 @@ const Root roots[] = {
          for_coroutine = p;
          getcontext(&coroutine);
          coroutine.uc_stack.ss_sp = in_page;
-         coroutine.uc_stack.ss_size = 1 << 16;
+         coroutine.uc_stack.ss_size = page_bytes;
          makecontext(&coroutine, run_coroutine, 0);
          swapcontext(&outside, &coroutine);
      },
@@ -262,7 +279,7 @@ TEST_F(Lost, IsWhatNoRootLeadsTo) {
     for (int i = 0; i < 40; ++i)
         ASSERT_EQ(pthread_key_create(i < 39 ? &key : &last_key, nullptr), 0);
     in_page = static_cast<void **>(
-        mmap(nullptr, 1 << 16, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mmap(nullptr, page_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     for (const Root &root : roots) {
         SCOPED_TRACE(root.name);
         uintptr_t block;

@@ -21,6 +21,12 @@ bool counts(const platform::Mapping &mapping) {
            (mapping.writable || !mapping.shared);
 }
 
+// Memory that the program has given a thread as its stack has none, and is the program's again.
+bool begins_with_guard(const platform::StackMemory &stack) {
+    return !platform::readable(reinterpret_cast<const void *>(stack.begin),
+                               1); // NOLINT(performance-no-int-to-ptr)
+}
+
 size_t most_left_out(const Moment &moment) {
     constexpr size_t kept_stacks = 1024;
     return moment.threads.size() + gMCChunkCount + kept_stacks;
@@ -53,7 +59,8 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
     }
     for (const Visitor *visitor = all_visitors; visitor != nullptr; visitor = visitor->next) {
         const platform::StackMemory kept = platform::kept_stack_of(visitor->thread);
-        left_out_.add(kept.begin, kept.end);
+        if (begins_with_guard(kept))
+            left_out_.add(kept.begin, kept.end);
     }
     left_out_.sort();
 }
