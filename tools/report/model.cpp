@@ -96,6 +96,7 @@ void Histories::count_points(const Report &report) {
 }
 
 void Histories::add_cycle(const Cycle &cycle, uint32_t index, bool is_last) {
+    searched_ = searched_ || (is_last && cycle.searched);
     for (const Holding &holding : cycle.holdings) {
         SiteHistory &site = sites_[holding.site];
         const std::span<const Point> seen = site.bytes;
@@ -108,6 +109,7 @@ void Histories::add_cycle(const Cycle &cycle, uint32_t index, bool is_last) {
         if (!is_last)
             continue;
         site.held += holding.held;
+        site.lost += holding.lost;
         site.oldest = std::max(site.oldest, holding.oldest);
     }
 }
@@ -130,6 +132,10 @@ Histories::Histories(const Report &report, Order order) {
     std::ranges::stable_sort(sites_, [order](const SiteHistory &left, const SiteHistory &right) {
         return comes_before(left, right, order);
     });
+}
+
+void Histories::keep_lost() {
+    std::erase_if(sites_, [](const SiteHistory &site) { return site.lost.blocks == 0; });
 }
 
 Counter total_of(const Report &report) {

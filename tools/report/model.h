@@ -142,6 +142,7 @@ struct SiteHistory {
     uint32_t site = 0;
     uint32_t oldest = 0;
     Counter held; // in the last cycle of each process
+    Counter lost; // of those, where a search was made
     uint64_t largest = 0;
     int64_t growth = 0;           // from the first cycle to the last
     std::span<const Point> bytes; // of the cycles that it was seen in
@@ -156,12 +157,15 @@ public:
 
     const std::vector<SiteHistory> &sites() const { return sites_; }
     uint32_t cycles() const { return cycles_; }
+    bool were_searched() const { return searched_; } // in the last cycle of any process
+    void keep_lost();                                // sites that have lost something
 
 private:
     void count_points(const Report &report);
     void add_cycle(const Cycle &cycle, uint32_t index, bool is_last);
 
     uint32_t cycles_ = 0;
+    bool searched_ = false;
     std::vector<SiteHistory> sites_;
     std::vector<Point> points_;
 };

@@ -25,6 +25,7 @@ struct Options {
     std::vector<std::string> paths;
     Order order = Order::bytes;
     size_t top = 20;
+    bool lost = false;
     std::string html;
     bool json = false;
     bool csv = false;
@@ -93,7 +94,8 @@ void report(const Options &options) {
         write_html(options.html, report, options.order, symbolizer);
     else
         print_table(std::cout, report,
-                    {options.order, options.top, isatty(STDOUT_FILENO) != 0 && !getenv("NO_COLOR")},
+                    {options.order, options.top, isatty(STDOUT_FILENO) != 0 && !getenv("NO_COLOR"),
+                     options.lost},
                     symbolizer);
     std::cout.flush();
     tell_problems(report);
@@ -132,6 +134,7 @@ void add_report(CLI::App &app) {
     command->add_option("--sort", options->order, "bytes, growth, blocks or age")
         ->type_name("ORDER")
         ->transform(CLI::Transformer(orders).description(""));
+    command->add_flag("--lost", options->lost, "In the table, only sites with lost blocks");
     command->add_option("--top", options->top, "Number of sites to show (default 20)")->type_name("N");
     CLI::Option *const forms[] = {
         command->add_option("--html", options->html, "Write a page to look at and click through")

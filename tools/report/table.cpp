@@ -20,7 +20,10 @@ class Table {
 public:
     Table(std::ostream &out, const Report &report, const TableStyle &style, Symbolizer &symbolizer)
         : out_(out), report_(report), style_(style), symbolizer_(symbolizer),
-          histories_(report, style.order) {}
+          histories_(report, style.order) {
+        if (style.only_lost)
+            histories_.keep_lost();
+    }
 
     void print() {
         for (const Process &process : report_.processes)
@@ -54,6 +57,8 @@ private:
         const std::vector<SiteHistory> &sites = histories_.sites();
         out_ << in(bold) << std::setw(14) << "BYTES" << std::setw(10) << "BLOCKS" << std::setw(8)
              << "AGE";
+        if (histories_.were_searched())
+            out_ << std::setw(14) << "LOST";
         if (grows())
             out_ << std::setw(14) << "GROWTH"
                  << "  ";
@@ -74,6 +79,8 @@ private:
     void print_site(const SiteHistory &site) {
         out_ << std::setw(14) << site.held.bytes << std::setw(10) << site.held.blocks << std::setw(8)
              << site.oldest;
+        if (histories_.were_searched())
+            out_ << std::setw(14) << site.lost.bytes;
         if (grows())
             out_ << std::setw(14) << std::showpos << site.growth << std::noshowpos << "  "
                  << sparkline(site.bytes, histories_.cycles());
@@ -103,7 +110,7 @@ private:
     const Report &report_;
     const TableStyle &style_;
     Symbolizer &symbolizer_;
-    const Histories histories_;
+    Histories histories_;
 };
 
 } // namespace

@@ -10,6 +10,7 @@ struct TableStyle {
     Order order = Order::bytes;
     size_t top = 20;
     bool colour = false;
+    bool only_lost = false;
 };
 
 void print_table(std::ostream &out, const Report &report, const TableStyle &style,

@@ -165,21 +165,32 @@ k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x
     EXPECT_TRUE(finds_nothing(unchecked));
     // Of what is left, that which is lost counts, unless all of it is to.
     const Report searched = json(
-        R"({"kind":"cycle","program":"p","pid":7,"cycle":1,"blocks":5,"bytes":50,"searched":true})"
+        R"({"kind":"cycle","program":"p","pid":7,"cycle":1,"blocks":6,"bytes":55,"searched":true})"
         "\n"
         R"({"kind":"site","file":"a.c","line":1,"type":"STD","chain":[],"blocks":5,"bytes":50,"oldest":1,)"
         R"("largest":10,"lost":{"blocks":1,"bytes":10},"indirect":{"blocks":2,"bytes":20}})"
+        "\n"
+        R"({"kind":"site","file":"b.c","line":2,"type":"STD","chain":[],"blocks":1,"bytes":5,"oldest":1,)"
+        R"("largest":5,"lost":{"blocks":0,"bytes":0},"indirect":{"blocks":0,"bytes":0}})"
         "\n{\"kind\":\"end\"}\n");
     const std::string held = "k42mc: held to the end: ", listed = "; --leak-check=held lists them\n";
     EXPECT_EQ(summary(searched, LeakCheck::lost),
               "k42mc: 3 blocks, 30 bytes at 1 site in 1 process\n  lost: 3 blocks, 30 bytes\n    a.c\n" +
-                  held + "2 blocks, 20 bytes" + listed);
+                  held + "3 blocks, 25 bytes" + listed);
     EXPECT_FALSE(finds_nothing(searched));
     EXPECT_EQ(summary(searched),
-              "k42mc: 5 blocks, 50 bytes at 1 site in 1 process\n  left: 5 blocks, 50 "
-              "bytes\n    a.c\n");
+              "k42mc: 6 blocks, 55 bytes at 2 sites in 1 process\n"
+              "  left: 5 blocks, 50 bytes\n    a.c\n  left: 1 block, 5 bytes\n    b.c\n");
     EXPECT_EQ(summary(searched, LeakCheck::no), "k42mc: 0 blocks, 0 bytes at 0 sites in 1 process\n" +
-                                                    held + "5 blocks, 50 bytes" + listed);
+                                                    held + "6 blocks, 55 bytes" + listed);
+    const std::string heading = "         BYTES    BLOCKS     AGE          LOST  SITE\n",
+                      lost = "            50         5       1            30  a.c:1 (STD)\n",
+                      kept = "             5         1       1             0  b.c:2 (STD)\n";
+    EXPECT_TRUE(table(searched).starts_with(heading + lost + kept));
+    std::ostringstream only_lost;
+    Symbolizer symbolizer;
+    print_table(only_lost, searched, {.only_lost = true}, symbolizer);
+    EXPECT_TRUE(only_lost.str().starts_with(heading + lost + "\n"));
     // Without traces, the file tells sites apart.
     EXPECT_EQ(summary(text("a:1:WO:STD:0xA0:4:2\n------\nb:1:WO:STD:0xB0:5:2\n------\n")),
               "k42mc: 2 blocks, 9 bytes at 2 sites in 1 process\n"
