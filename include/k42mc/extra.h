@@ -48,9 +48,9 @@ unsigned k42mcx_verify(void);
  * three bits, and in the highest 16 of 64, do not matter. What libc's allocator keeps as free holds nothing.
  *
  * Other threads stand still for some milliseconds; the search itself is done in a copy of the process, and this thread
- * waits for it. Returns how many were listed; 0, with a message on standard error, while the checker is off, or where
- * the system does not tell what threads and memory the process has (no /proc). Takes the checker's lock; allocates
- * nothing but memory mapped for the search.
+ * waits for it. Returns how many were listed; 0, with a message on standard error, while the checker is off, where a
+ * thread does not stop, or where the system does not tell what threads and memory the process has (no /proc). Takes the
+ * checker's lock; allocates nothing but memory mapped for the search.
  */
 size_t k42mcx_lost(__UINT32_TYPE__ limit);
 
