@@ -229,6 +229,27 @@ bool gives_up_on_deaf_thread() {
     return good;
 }
 
+// The registry that was searched is gone when the search comes to its end, and another one is smaller. Ends by itself.
+void search_among_restarts() {
+    std::atomic<bool> over = false;
+    std::thread restarting([&] {
+        for (; !over; usleep(1000)) {
+            MCDeinit();
+            MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(MC_TYPE_BT_OFF));
+        }
+    });
+    std::vector<uintptr_t> blocks(20'000);
+    for (int round = 0; round < 10; ++round) {
+        for (uintptr_t &block : blocks) // inverted, and so lost
+            block = ~reinterpret_cast<uintptr_t>(k42MC_malloc("a.c", 4, 10));
+        k42mcx_lost(0);
+        for (const uintptr_t block : blocks)
+            k42MC_free("a.c", 5, reinterpret_cast<void *>(~block));
+    }
+    over = true;
+    restarting.join();
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
@@ -272,6 +293,7 @@ int main(int argc, char **argv) {
     for (std::thread &thread : threads)
         thread.join();
     good = gives_up_on_deaf_thread() && good;
+    search_among_restarts();
     good = waitpid(-1, nullptr, __WNOTHREAD) == -1 && errno == ECHILD && good;
     printf("%d waits interrupted, %d children told\n", interrupted.load(), children_told.load());
     return good && interrupted == 0 && children_told == 1 ? 0 : 1; // the sender

@@ -54,27 +54,33 @@ uintptr_t HeapGaps::chunk_behind(Range memory, uintptr_t limit) const {
     return chunk.read(copies_, limit) && chunk.memory_end() >= memory.end ? chunk.end() : 0;
 }
 
-bool HeapGaps::is_made_of_chunks(uintptr_t first, uintptr_t end) const {
+// As far as one leads to the next; `limit` where they lead just there.
+uintptr_t HeapGaps::end_of_chunks(uintptr_t first, uintptr_t limit) const {
     HeapChunk chunk = HeapChunk::at(first);
-    while (chunk.begin() < end && chunk.read(copies_, end))
+    while (chunk.begin() < limit && chunk.read(copies_, limit))
         chunk = HeapChunk::at(chunk.end());
-    return chunk.begin() == end;
+    return chunk.begin();
 }
 
-// Ahead of the first chunk, a heap begins with what the allocator knows of it. 0 where no chunks follow.
+// Ahead of the first chunk, a heap begins with what the allocator knows of it. 0 where no chunks follow: where some lead
+// far, and not to the end, others only lead to the same ones.
 uintptr_t HeapGaps::first_chunk_in(uintptr_t begin, uintptr_t end) const {
-    constexpr uintptr_t longest_beginning = smallest_page;
+    constexpr uintptr_t longest_beginning = smallest_page, far = 1u << 20;
     for (uintptr_t at = HeapChunk::first_place(begin); at < end && at - begin < longest_beginning;
-         at = HeapChunk::next_place(at))
-        if (is_made_of_chunks(at, end))
+         at = HeapChunk::next_place(at)) {
+        const uintptr_t reached = end_of_chunks(at, end);
+        if (reached == end)
             return at;
+        if (reached - begin > far)
+            break;
+    }
     return 0;
 }
 
 // The last chunk of a heap is what was never handed out, or not since.
 void HeapGaps::each_in_use(const Gap &gap, uintptr_t end, bool ends_heap,
                            FunctionRef<void(Range)> action) {
-    if (gap.first_chunk == 0 || !is_made_of_chunks(gap.first_chunk, end)) {
+    if (gap.first_chunk == 0 || end_of_chunks(gap.first_chunk, end) != end) {
         if (gap.begin < gap.end)
             action({gap.begin, gap.end});
         return;

@@ -32,7 +32,7 @@ private:
     Range memory_of(const Block &block) const;
     uintptr_t chunk_behind(Range memory, uintptr_t limit) const;
     uintptr_t first_chunk_in(uintptr_t begin, uintptr_t end) const;
-    bool is_made_of_chunks(uintptr_t chunk, uintptr_t end) const;
+    uintptr_t end_of_chunks(uintptr_t first, uintptr_t limit) const;
     void each_in_use(const Gap &gap, uintptr_t end, bool ends_heap, FunctionRef<void(Range)> action);
 
     const BlockMap &blocks_;

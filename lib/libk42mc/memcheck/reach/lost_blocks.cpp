@@ -60,6 +60,7 @@ LostBlocks::~LostBlocks() {
 const char *LostBlocks::start_search(const Caller &caller, uint32_t limit,
                                      platform::ThreadCaches caches) {
     const size_t most = size_t{gMCChunkCount} * Chunk::room;
+    generation_ = gMCGeneration;
     list_bytes_ = sizeof *list_ + most * sizeof *list_->blocks;
     list_ = static_cast<LostBlockList *>(platform::map_shared_memory(list_bytes_));
     if (list_ == nullptr)
@@ -77,6 +78,7 @@ const char *LostBlocks::start_search(const Caller &caller, uint32_t limit,
     Task task = {moment, limit, *list_};
     if (!stop.threads().empty())
         copy_ = platform::start_copy(carry_out, &task);
+    held_threads_ = !stop.threads().empty() && copy_ < 0;
     if (copy_ < 0)
         carry_out(&task);
     return nullptr;

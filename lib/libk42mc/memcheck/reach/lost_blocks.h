@@ -3,6 +3,7 @@
 
 #include "memcheck/reach/moment.h"
 #include "memcheck/record_store.h"
+#include "memcheck/state.h"
 
 namespace k42mc::internal {
 
@@ -31,9 +32,14 @@ public:
     // lets it go. Returns null, or in words why that cannot be found out. One at a time.
     const char *search(const char *function, const Caller &caller, uint32_t limit);
 
+    // Whether other threads had to stand still until the end, as the system has denied a copy of the process.
+    bool held_threads() const { return held_threads_; }
+
     // Calls action with the record of each, and whether others lead to it, as far as they still are. With gMCLock held.
     template <class Action> void each(Action action) const {
-        for (size_t i = 0; list_ != nullptr && i < list_->count; ++i)
+        if (list_ == nullptr || generation_ != gMCGeneration)
+            return; // the registry has gone with all records
+        for (size_t i = 0; i < list_->count; ++i)
             if (const LostBlock &block = list_->blocks[i];
                 record_at(block.number).order() == block.order)
                 action(record_at(block.number), block.is_indirect);
@@ -44,6 +50,8 @@ private:
 
     LostBlockList *list_ = nullptr;
     size_t list_bytes_ = 0;
+    uint32_t generation_ = 0; // of the registry
+    bool held_threads_ = false;
     pid_t copy_ = -1;
 };
 
