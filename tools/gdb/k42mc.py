@@ -16,44 +16,58 @@ def address_of(link, offset):
     return int(link) - int(offset)
 
 
-def linked(link, offset):
-    while link:
-        yield address_of(link, offset)
-        link = link["next"]
+class Visits:
+    """Nodes, each of which is reached once, or the walk through a damaged container would not end."""
+
+    def __init__(self):
+        self.addresses = set()
+
+    def to(self, node):
+        address = int(node)
+        if address in self.addresses:
+            raise gdb.GdbError(f"The container is damaged: it leads to {address:#x} twice.")
+        self.addresses.add(address)
+        return node
+
+    def along(self, node, link):
+        """To the node, and to those that the link leads to, each from the one before it."""
+        while node:
+            yield self.to(node)
+            node = node[link]
 
 
 def list_elements(record):
-    return linked(record["head"], record["linkOffset"])
+    for link in Visits().along(record["head"], "next"):
+        yield address_of(link, record["linkOffset"])
 
 
 def hash_elements(record):
+    visits = Visits()
     for bucket in range(int(record["sizeRow"]["buckets"])):
-        yield from linked(record["buckets"][bucket], record["linkOffset"])
-
-
-def leftmost(node):
-    while node["left"]:
-        node = node["left"]
-    return node
+        for link in visits.along(record["buckets"][bucket], "next"):
+            yield address_of(link, record["linkOffset"])
 
 
 def avl_elements(record):
     thread = 8
-    node = leftmost(record["root"]) if record["root"] else None
+    downwards, in_order = Visits(), Visits()
+    node, is_thread = record["root"], False
     while node:
-        yield address_of(node, record["nodeOffset"])
+        if not is_thread:
+            *_, node = downwards.along(node, "left")
+        yield address_of(in_order.to(node), record["nodeOffset"])
         is_thread = int(node["state"]) & thread
         node = node["right"]
-        if node and not is_thread:
-            node = leftmost(node)
 
 
 def patricia_elements(record):
     """A link up ends the search: it leads to the element."""
+    visits = Visits()
     links = [(record["head"], record["head"]["left"])]
     while links:
         parent, node = links.pop()
         if int(node["bit"]) > int(parent["bit"]):
+            visits.to(node)
             links += [(node, node["right"]), (node, node["left"])]
         elif node != record["head"]:
             yield address_of(node, record["nodeOffset"])
@@ -61,15 +75,14 @@ def patricia_elements(record):
 
 def prefix_elements(record):
     void_pointer = gdb.lookup_type("void").pointer()
+    visits, elements = Visits(), Visits()
     waiting, node = [], record["root"]
     while node or waiting:
-        while node:
-            waiting.append(node)
-            node = node["left"]
+        waiting += visits.along(node, "left")
         node = waiting.pop()
         element = int(node["element"])
         while element:
-            yield element
+            yield elements.to(element)
             link = gdb.Value(element + int(record["chainOffset"])).cast(void_pointer.pointer())
             element = int(link.dereference())
         node = node["right"]

@@ -24,7 +24,9 @@ commands=(
     'k42mc check live' 'k42mc verify' 'k42mc report' 'k42mc report 2' 'k42mc lost'
     'k42mc filter in "subject.c:1:LK:STD:0x0:2:1"' 'k42mc filter in "nonsense"' 'k42mc filter on x'
     'k42mc descriptor 4' 'k42mc descriptors' 'k42mc descriptors closed' 'k42mc descriptors shut'
-    'break busy' 'continue' 'k42mc report' 'k42mc descriptors' 'k42mc block live' 'kill' 'k42mc verify'
+    'break busy' 'continue' 'k42mc report' 'k42mc descriptors' 'k42mc block live'
+    'set var single->head->next = single->head' 'k42mc list single uint32_t'
+    'set var tree->root->left = tree->root' 'k42mc list tree' 'kill' 'k42mc verify'
 )
 arguments=()
 for command in "${commands[@]}"; do
