@@ -22,6 +22,8 @@ void shim_symbols(void *const *frames, int count, int descriptor);
 int shim_readable(const void *address, size_t size);
 int shim_place_of(const void *address);
 bool shim_is_on_stack_of(pthread_t thread, uint32_t number, const void *address);
+void *shim_next_definition(const char *name);
+void *shim_next_by_loader(const char *name);
 const char *shim_progname();
 void shim_assertion_failed();
 }
@@ -340,6 +342,32 @@ TEST(Memory, SaysOnWhichThreadsStackAnAddressLies) {
     EXPECT_FALSE(shim_is_on_stack_of(started, thread.number, thread.place));
     pthread_attr_destroy(&attributes);
     munmap(stack, size);
+}
+
+// Some of the names have several versions, on one width or on both; two are the C++ library's.
+TEST(Definitions, AreTheOnesThatTheLoaderFinds) {
+    for (const char *name : {"malloc",          "free",           "posix_memalign",
+                             "fopen",           "fclose",         "popen",
+                             "close",           "dlopen",         "dlclose",
+                             "sigaction",       "pthread_create", "pthread_cond_wait",
+                             "pthread_sigmask", "sem_init",       "regexec",
+                             "realpath",        "glob",           "execvpe",
+                             "_exit",           "__cxa_throw",    "_ZSt17__throw_bad_allocv",
+                             "dl_iterate_phdr"}) {
+        EXPECT_NE(shim_next_definition(name), nullptr) << name;
+        EXPECT_EQ(shim_next_definition(name), shim_next_by_loader(name)) << name;
+    }
+}
+
+TEST(Definitions, AreLeftToTheLoaderWhereItChooses) {
+    for (const char *name : {"memcpy", "strlen", "no_such_function", "errno", "stdout", ""})
+        EXPECT_EQ(shim_next_definition(name), nullptr) << name;
+}
+
+TEST(Definitions, LeaveTheLoadersErrorToBeTold) {
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, "no_such_function"), nullptr);
+    EXPECT_NE(shim_next_definition("fopen"), nullptr);
+    EXPECT_NE(dlerror(), nullptr);
 }
 
 TEST(ProcessDeathTest, KnowsItsNameAndStopsOnAFailedAssertion) {

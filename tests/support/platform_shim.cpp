@@ -1,9 +1,11 @@
 // The platform layer in a library of its own, so that a test stands outside of what traces skip.
 #include "platform/cfi.h"
 #include "platform/cfi_expression.h"
+#include "platform/definition.h"
 #include "platform/platform.h"
 
 #include <atomic>
+#include <dlfcn.h>
 
 using namespace k42mc::internal;
 
@@ -68,6 +70,16 @@ int shim_place_of(const void *address) {
 
 bool shim_is_on_stack_of(pthread_t thread, uint32_t number, const void *address) {
     return platform::is_on_stack_of(thread, number, reinterpret_cast<uintptr_t>(address));
+}
+
+void *shim_next_definition(const char *name) {
+    return platform::next_definition(name);
+}
+
+void *shim_next_by_loader(const char *name) {
+    void *const found = dlsym(RTLD_NEXT, name);
+    calls = calls + 1; // the loader takes from the return address whose next is meant
+    return found;
 }
 
 const char *shim_progname() {

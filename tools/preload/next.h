@@ -1,6 +1,7 @@
 // What stands behind the functions that the shim takes the place of.
 #pragma once
 
+#include "platform/definition.h"
 #include "tools/preload/depth.h"
 
 #include <atomic>
@@ -10,6 +11,8 @@
 extern __thread bool looking_up;
 
 inline void *find_next(const char *name) {
+    if (void *const next = k42mc::internal::platform::next_definition(name))
+        return next;
     const InsideChecker inside;
     looking_up = true;
     void *const next = dlsym(RTLD_NEXT, name);

@@ -164,8 +164,9 @@ struct Summary {
 Summary summarize(const Options &options, std::vector<Suppression> suppressions,
                   const ReportFolder &folder, const Ended &ended) {
     const size_t own = suppressions.size();
-    for (const Holder &holder : always_left)
-        suppressions.push_back({holder.pattern, holder.module});
+    if (options.leak_check == "held")
+        for (const Holder &holder : always_left)
+            suppressions.push_back({holder.pattern, holder.module});
     Symbolizer symbolizer;
     const RunOutputs outputs = folder.collect();
     Report report = read_reports(outputs.reports);

@@ -89,6 +89,17 @@ run 99 double-free --error-exitcode 99
 run 134 mixed
 grep -q '^k42mc detected BF: alloc(FIX) free(STD)' out || fail 'no BF'
 
+# What the system's programs hold to their end is no loss; what one of several loses is found.
+for command in 'ls -l /etc' 'bash -c "ls | wc -l"' 'git --version' 'sed -n p /etc/passwd'; do
+    type -P "${command%% *}" >/dev/null || continue
+    eval "k42mc_run 0 --output reports --error-exitcode 99 -- $command"
+    said '^k42mc: 0 blocks, 0 bytes at 0 sites in [1-9]'
+    said '^k42mc: held to the end: [1-9][0-9]* blocks?, '
+    k42mc_run 99 --output reports --error-exitcode 99 --leak-check=held -- bash -c "$command"
+done
+k42mc_run 99 --output reports --error-exitcode 99 -- bash -c "ls | '$subject' leak | wc -l"
+said '^k42mc: 1 block, 12 bytes at 1 site in 4 processes$'
+
 # Each process apart, the one that was named first; and what came of each.
 k42mc_run 0 --output reports --skip sleep -- bash -c "'$subject' leak; '$subject' leak; bash -c 'sleep 0; :'; exec '$subject' exec"
 said '^k42mc: .* in 4 processes$'
