@@ -44,8 +44,9 @@ unsigned k42mcx_verify(void);
  * behind it, with LI in place of LB, those that only it and others of the list lead to. Counts as no cycle.
  *
  * A block is held as long as an address in it stands in the data of a module, on a thread's stack, in a register, in
- * thread-local memory, in other memory that the process has mapped, or in a block that is held. Marks in the lowest
- * three bits, and in the highest 16 of 64, do not matter. What libc's allocator keeps as free holds nothing.
+ * thread-local memory, in other memory that the process has mapped, in the data of an epoll instance or the value of a
+ * timer, or in a block that is held. Marks in the lowest three bits, and in the highest 16 of 64, do not matter. What
+ * libc's allocator keeps as free holds nothing.
  *
  * Other threads stand still for some milliseconds; the search itself is done in a copy of the process, and this thread
  * waits for it. Returns how many were listed; 0, with a message on standard error, while the checker is off, where a

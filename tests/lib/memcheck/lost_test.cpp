@@ -8,10 +8,12 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <pthread.h>
 #include <semaphore.h>
 #include <set>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <thread>
 #include <ucontext.h>
@@ -166,6 +168,11 @@ void run_coroutine() {
     swapcontext(&coroutine, &outside);
 }
 
+// What the system keeps.
+int epoll, watched[500]; // more than are read at a time
+constexpr int high_half = sizeof(void *) == 4 ? 32 : 0;
+timer_t timer;
+
 struct Root {
     const char *name;
     std::function<void(uintptr_t inverted)> hold;
@@ -231,6 +238,34 @@ const Root roots[] = {
          swapcontext(&outside, &coroutine);
      },
      [] { swapcontext(&outside, &coroutine); }},
+    {"epoll",
+     [](uintptr_t p) {
+         epoll = epoll_create1(0);
+         for (int &descriptor : watched) {
+             const bool is_one = &descriptor == &watched[std::size(watched) / 2];
+             epoll_event event = {EPOLLIN, {}};
+             event.data.u64 = is_one ? uint64_t{number(shown(p))} << high_half : UINT64_MAX;
+             epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor = dup(waiting_pipe[0]), &event);
+             event = {};
+         }
+     },
+     [] {
+         for (const int descriptor : watched) {
+             epoll_ctl(epoll, EPOLL_CTL_DEL, descriptor, nullptr);
+             close(descriptor);
+         }
+         close(epoll);
+     }},
+    {"timer",
+     [](uintptr_t p) {
+         sigevent event = {};
+         event.sigev_notify = SIGEV_SIGNAL;
+         event.sigev_signo = SIGUSR2;
+         event.sigev_value.sival_ptr = shown(p);
+         EXPECT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer), 0);
+         event = {};
+     },
+     [] { timer_delete(timer); }},
     {"stack on which a handler's stack lies", on_stack_of_handler, [] {}, true},
     {"register", in_register, [] {}, true},
     {"vector register", in_vector, [] {}, true},
