@@ -33,7 +33,7 @@ ProgramsWishes ask_program() {
 // Ours; for a program that is left alone, its own checker's where it has one.
 #define DO_OR_PASS_ON(function, arguments, ours)                                                        \
     if (!program_is_left_alone())                                                                       \
-        ours;                                                                                           \
+        (ours);                                                                                         \
     else if (auto *const others = NEXT(function))                                                       \
         others arguments;
 
