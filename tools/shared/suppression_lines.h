@@ -1,5 +1,5 @@
 // Lines "leak:PATTERN", as users of the compilers' leak checker keep them. A process under the checker reads them, too:
-// nothing here allocates, or needs the C++ library as it runs, which substr does.
+// nothing here allocates, or needs the C++ library as it runs, as substr and what is made of it do.
 #pragma once
 
 #include <algorithm>
@@ -51,7 +51,9 @@ template <class Action> void each_suppression(std::string_view text, Action acti
         std::string_view pattern = without_blanks(line);
         if (pattern.empty() || pattern.front() == '#')
             continue;
-        pattern.remove_prefix(pattern.starts_with(kind) ? kind.size() : pattern.size());
+        const bool is_leak =
+            std::string_view(pattern.data(), std::min(kind.size(), pattern.size())) == kind;
+        pattern.remove_prefix(is_leak ? kind.size() : pattern.size());
         action(line, pattern);
     }
 }
