@@ -35,6 +35,10 @@ void backtrace_symbols_fd(void *const *frames, int count, int descriptor);
 // no module is. As free of locks and allocations; keeps errno.
 size_t module_place(const void *address, std::span<char> path, uintptr_t &offset);
 
+// Puts the name of the function at a return address, cut to the room there is and without a terminator. Returns its
+// length, 0 where none is known. As free of locks and allocations; keeps errno.
+size_t function_name(const void *address, std::span<char> name);
+
 // Keeps the library loaded for good. May wait for the loader's lock.
 void stay_loaded();
 

@@ -131,6 +131,23 @@ size_t module_place(const void *address, std::span<char> path, uintptr_t &offset
     return length;
 }
 
+size_t function_name(const void *address, std::span<char> name) {
+    const int kept_errno = errno;
+    const auto place = reinterpret_cast<uintptr_t>(address);
+    Module module;
+    Line line;
+    uintptr_t path = 0, function = 0;
+    size_t length = 0;
+    if (find_module(place - 1, module, path)) {
+        const int file = put_path(line, module, path);
+        length = find_function(module, file, place - 1, name, function);
+        if (file >= 0)
+            close(file);
+    }
+    errno = kept_errno;
+    return length;
+}
+
 void stay_loaded() {
     dl_find_object found;
     if (_dl_find_object(reinterpret_cast<void *>(&stay_loaded), &found) == 0)

@@ -44,8 +44,9 @@ unsigned k42mcx_verify(void);
  * behind it, with LI in place of LB, those that only it and others of the list lead to. Counts as no cycle.
  *
  * A block is held as long as an address in it stands in the data of a module, on a thread's stack, in a register, in
- * thread-local memory, in other memory that the process has mapped, or in a block that is held. Marks in the lowest
- * three bits, and in the highest 16 of 64, do not matter. What libc's allocator keeps as free holds nothing.
+ * thread-local memory, in other memory that the process has mapped, in the data of an epoll instance or the value of a
+ * timer, or in a block that is held. Marks in the lowest three bits, and in the highest 16 of 64, do not matter. What
+ * libc's allocator keeps as free holds nothing.
  *
  * Other threads stand still for some milliseconds; the search itself is done in a copy of the process, and this thread
  * waits for it. Returns how many were listed; 0, with a message on standard error, while the checker is off, where a
@@ -53,6 +54,43 @@ unsigned k42mcx_verify(void);
  * checker's lock; allocates nothing but memory mapped for the search.
  */
 size_t k42mcx_lost(__UINT32_TYPE__ limit);
+
+/* ---- What a search for lost blocks cannot know ----
+ *
+ * A program says it of blocks whose addresses stand nowhere as they are: encoded, or kept by a device, another process
+ * or the kernel. Any thread may call these, with the checker on or off.
+ */
+
+/*
+ * The recorded block that an address lies in, the innermost where blocks lie in one another, is never lost from now on,
+ * nor is what it leads to. It stays so through reallocations, until it is released or the checker is switched off.
+ * Returns 1 if there is such a block, else 0; 0 while the checker is off. Takes the checker's lock. Quick for the
+ * address of a block; one in no block is looked for among all that begin below.
+ */
+int k42mcx_keep(const void *address);
+
+/*
+ * The blocks that pointers in these `size` bytes lead to are not lost, wherever the bytes lie: in a block that is lost
+ * itself, in memory that cannot be written to or that other processes share. Memory that is gone, or cannot be read,
+ * when somebody looks has none, and nothing else happens. The library notes the place and never writes there; it goes
+ * on knowing it while the checker is off and on again, and in forked children.
+ *   begin  Pointers count that stand at multiples of their size, as everywhere.
+ * Returns 0 or an errno value: EINVAL for a region that passes the end of memory, ENOMEM. Takes the checker's lock;
+ * allocates nothing but memory mapped for the list.
+ */
+int k42mcx_root(const void *begin, size_t size);
+
+/*
+ * Takes back one k42mcx_root of the same begin and size: a region that was named twice stays one until it is taken back
+ * twice. Returns 0, or EINVAL where there is none. Takes the checker's lock, and looks through the list.
+ */
+int k42mcx_unroot(const void *begin, size_t size);
+
+/*
+ * Blocks that the calling thread allocates from now on are never lost, as by k42mcx_keep: 1 begins that, 0 ends it.
+ * Such calls nest; a 0 too many does nothing. Takes no lock.
+ */
+void k42mcx_unlisted(int on);
 
 /*
  * Writes what a report would say as JSON, one object per line, without counting as a cycle: a "cycle", a

@@ -39,6 +39,7 @@ layer() { # sets REPLY
     lib/libk42mc/wrappers/*) REPLY=wrappers ;;
     lib/libk42mc/fork.cpp) REPLY=fork ;;
     tools/preload/*) REPLY=preload ;;
+    tools/shared/*) REPLY=shared ;;
     tools/*) REPLY=tools ;;
     *) REPLY=unknown ;;
     esac
@@ -54,8 +55,9 @@ declare -A allowed=(
     [fdcheck]='include platform common base'
     [wrappers]='include platform common base memcheck'
     [fork]='platform common base memcheck fdcheck'
-    [preload]='include platform common base memcheck fdcheck wrappers'
-    [tools]='include'
+    [shared]=''
+    [preload]='include platform common base memcheck fdcheck wrappers shared'
+    [tools]='include shared'
 )
 
 faults=0

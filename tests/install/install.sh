@@ -110,6 +110,7 @@ read -ra words <<<"$(pkg-config --cflags --libs k42mc_r-redirect k42mc_r-all)"
 "$cc" "${flags[@]}" plain.c -o all_routed_c "${words[@]}"
 leaves_both STD ./all_c
 leaves_both VAR ./all_cpp
+! readelf -dW "$libdir/k42mc/libk42mc_preload.so" | grep -q 'NEEDED.*stdc++' || fail 'C loads the C++ library'
 leaves_both VAR ./all_static_cpp
 leaves_both STD ./all_routed_c
 grep -q '"file":"plain.c","line":7,' reports/*.json || fail 'not routed'

@@ -3,17 +3,21 @@
 #include "base/json_output.h"
 #include "base/printing.h"
 #include "k42mc_debug.h"
+#include "memcheck/control_lock.h"
 #include "memcheck/json_report.h"
 #include "memcheck/report.h"
 #include "memcheck/sink.h"
+#include "memcheck/snapshot.h"
 #include "stack_trace.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
 #include "tools/preload/report_files.h"
 #include "tools/preload/settings.h"
+#include "tools/preload/suppressed.h"
 #include "wrappers/notice.h"
 
 #include <algorithm>
+#include <new>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -23,6 +27,7 @@ namespace {
 using namespace k42mc::internal;
 
 constinit bool stopped_by_defect = false;
+constinit bool text_wanted = false;
 
 // The process is about to stop in the midst of an operation: nothing here allocates or takes a lock.
 void write_defect(const StopNotice &notice) {
@@ -83,18 +88,83 @@ void write_remark(const char *kind, const char *member, const char *text) {
     out->flush();
 }
 
-void search_and_write_json(int file, uint32_t limit) {
-    LostBlocks lost;
+constinit const char *suppressions_of_program = nullptr;
+constinit const char *note_for_reports = nullptr;
+constinit bool first_report_begun = false;
+
+void write_ahead_of_first_report() {
+    if (first_report_begun)
+        return;
+    first_report_begun = true;
+    if (suppressions_of_program != nullptr)
+        write_remark("suppressions", "text", suppressions_of_program);
+    if (note_for_reports != nullptr)
+        write_remark("note", "text", note_for_reports);
+}
+
+// The search that stands for later ones. Never taken down: reports come late in the process's life.
+alignas(LostBlocks) constinit std::byte settled_place[sizeof(LostBlocks)] = {};
+constinit LostBlocks *settled = nullptr;
+
+// Returns whether there was a search.
+bool search_and_write_json(int file, uint32_t limit, LostBlocks &lost) {
     const char *const obstacle = lost.search("k42mc run", Caller::here(), limit);
     report_json(file, limit, obstacle == nullptr ? &lost : nullptr);
     if (obstacle == nullptr)
-        return;
+        return true;
     char text[256];
     snprintf(text, sizeof text, "nobody looked whether blocks are lost: %s", obstacle);
     write_remark("note", "text", text);
+    return false;
 }
 
-constinit bool text_wanted = false;
+// Whether any of those that a search has found is none that the program suppresses.
+bool has_leaks(const LostBlocks &lost) {
+    const Printing printing;
+    Snapshot state;
+    {
+        const ControlLock lock("k42mc run");
+        if (!lock || !registry_exists() || !state.take(0, &lost))
+            return false;
+    }
+    return std::ranges::any_of(state.sites(), [](const SiteSummary &site) {
+        return site.lost.count + site.indirectly_lost.count != 0 &&
+               !is_suppressed(suppressions_of_program, site.key.trace());
+    });
+}
+
+bool search_and_settle(int file, uint32_t limit) {
+    auto *const lost = new (settled_place) LostBlocks;
+    if (!search_and_write_json(file, limit, *lost)) {
+        lost->~LostBlocks();
+        return false;
+    }
+    settled = lost;
+    return has_leaks(*lost);
+}
+
+bool search_once(int file, uint32_t limit) {
+    LostBlocks lost;
+    return search_and_write_json(file, limit, lost) && has_leaks(lost);
+}
+
+// Returns the descriptor of the JSON, or -1.
+int begin_report(uint32_t limit) {
+    if (text_wanted)
+        report(limit);
+    else
+        count_cycle();
+    const int file = json_file.descriptor();
+    if (file >= 0)
+        write_ahead_of_first_report();
+    return file;
+}
+
+void end_report(int file) {
+    if (descriptors_watched())
+        k42mcx_fd_report_json(file);
+}
+
 __thread bool matter_of_course = false;
 
 // Whether the number is still the file's is asked ahead of each piece of text.
@@ -118,22 +188,36 @@ bool open_outputs() {
 
 void renew_outputs() {
     create_report_files();
+    first_report_begun = false;
+    settled = nullptr; // a parent's search
+}
+
+void write_with_reports(const char *suppressions, const char *note) {
+    suppressions_of_program = suppressions;
+    note_for_reports = note;
 }
 
 void write_report(uint32_t limit, bool searches) {
-    if (text_wanted)
-        report(limit);
-    else
-        count_cycle();
-    const int file = json_file.descriptor();
+    const int file = begin_report(limit);
     if (file < 0)
         return;
-    if (searches)
-        search_and_write_json(file, limit);
+    if (LostBlocks lost; searches && settled == nullptr)
+        search_and_write_json(file, limit, lost);
     else
-        report_json(file, limit, nullptr);
-    if (descriptors_watched())
-        k42mcx_fd_report_json(file);
+        report_json(file, limit, settled);
+    end_report(file);
+}
+
+bool write_leak_report(uint32_t limit, bool settles) {
+    if (settles && settled != nullptr)
+        return false;
+    const int file = begin_report(limit);
+    if (file < 0)
+        return false;
+    const bool leaks = settles ? search_and_settle(file, limit) : search_once(file, limit);
+    end_report(file);
+    platform::clear_unused_stack(); // addresses of lost blocks must not hold them the next time
+    return leaks;
 }
 
 void write_unchecked(const char *reason) {

@@ -15,6 +15,13 @@ void renew_outputs();
 // One more report, as lines of JSON and, where they are wanted, of text. With a search, it says what is lost.
 void write_report(uint32_t limit, bool searches);
 
+// One with a search. Returns whether blocks are lost that the program does not suppress. Once `settles`, its search
+// stands for those of later reports.
+bool write_leak_report(uint32_t limit, bool settles);
+
+// What each process's file says ahead of its first report; null for nothing: the program's suppressions, and a note.
+void write_with_reports(const char *suppressions, const char *note);
+
 // What the checker says here, on this thread, is a matter of course, and only said where text is wanted. Elsewhere
 // its lines are about something that no report has: they always find their file.
 class MatterOfCourse {

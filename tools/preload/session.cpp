@@ -13,6 +13,7 @@
 //   K42MC_RUN_FDS        1 to watch descriptors, too
 //   K42MC_RUN_FOLLOW     0 to leave programs that this one starts alone
 // Without a folder that files can be made in, blocks are guarded and nothing is recorded.
+#include "tools/preload/session.h"
 #include "base/checker_lock.h"
 #include "memcheck/registry.h"
 #include "memcheck/state.h"
@@ -21,12 +22,14 @@
 #include "tools/preload/descriptors.h"
 #include "tools/preload/endings.h"
 #include "tools/preload/exported.h"
+#include "tools/preload/leak_interface.h"
 #include "tools/preload/next.h"
 #include "tools/preload/output.h"
 #include "tools/preload/own_allocator.h"
 #include "tools/preload/report_files.h"
 #include "tools/preload/reporter.h"
 #include "tools/preload/settings.h"
+#include "tools/preload/suppressed.h"
 
 #include <k42mc/k42mc.h>
 
@@ -160,6 +163,15 @@ void switch_on() {
     add_filters(traces_off);
 }
 
+void heed_program(bool search_wanted) {
+    const ProgramsWishes wishes = ask_program();
+    searches = search_wanted && !wishes.no_search;
+    write_with_reports(wishes.suppressions, searches == search_wanted
+                                                ? nullptr
+                                                : "nobody looked whether blocks are lost: the program "
+                                                  "has that turned off (__lsan_is_turned_off)");
+}
+
 // They may have the shim linked in.
 void leave_started_programs_alone() {
     unsetenv("LD_PRELOAD");
@@ -180,7 +192,7 @@ void leave_started_programs_alone() {
     }
     recording = true;
     limit = static_cast<uint32_t>(number_in("K42MC_RUN_LIMIT", 1));
-    searches = number_in("K42MC_RUN_SEARCH", 0) != 0;
+    heed_program(number_in("K42MC_RUN_SEARCH", 0) != 0);
     verifies = number_in("K42MC_RUN_VERIFY", 0) != 0;
     first_process = getpid();
     switch_on();
@@ -195,6 +207,18 @@ void leave_started_programs_alone() {
 }
 
 } // namespace
+
+bool report_leaks(bool settles) {
+    if (checker_depth != 0 || !searches)
+        return false;
+    const InsideChecker inside;
+    const int saved_errno = errno;
+    find_demangler();
+    const ReportLock lock;
+    const bool leaks = recording && checker_on() && write_leak_report(limit, settles);
+    errno = saved_errno;
+    return leaks;
+}
 
 extern "C" {
 

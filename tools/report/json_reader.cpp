@@ -167,6 +167,8 @@ private:
             process_in(line).unchecked = report_.text(text_in(line, "reason"));
         } else if (kind == "note") {
             process_in(line).notes.push_back(report_.text(text_in(line, "text")));
+        } else if (kind == "suppressions") {
+            process_in(line).suppressions = report_.text(text_in(line, "text"));
         } else if (kind == "site" || kind == "damage" || kind == "end") {
             add_part(kind, line);
         }

@@ -24,6 +24,11 @@ struct Site {
 
 std::strong_ordering operator<=>(const Site &left, const Site &right);
 
+// Without stack traces, the source file stands for one.
+inline Trace trace_of(const Site &site) {
+    return site.trace.empty() ? Trace(&site.file, 1) : site.trace;
+}
+
 struct Counter {
     uint64_t blocks = 0;
     uint64_t bytes = 0;
@@ -103,6 +108,7 @@ struct Process {
     std::vector<Stop> stops;
     std::string_view unchecked = {}; // why nobody looked after it, if so
     std::vector<std::string_view> notes;
+    std::string_view suppressions = {}; // the program's own, as lines
 };
 
 // Something in a file that could not be read, and was left out.

@@ -6,6 +6,7 @@
 #include "tools/report/reader.h"
 #include "tools/report/symbolize.h"
 #include "tools/report/table.h"
+#include "tools/report/trace_match.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -80,10 +81,11 @@ void write_html(const std::string &path, const Report &report, Order order, Symb
 }
 
 void report(const Options &options) {
-    const Report report = read(options.paths);
+    Report report = read(options.paths);
     if (report.processes.empty() && report.problems.empty())
         std::cerr << "k42mc: no reports in " << printable(options.paths.front()) << '\n';
     Symbolizer symbolizer;
+    heed_own_suppressions(report, symbolizer);
     if (options.json)
         put_json([](std::string_view piece) { std::cout << piece; }, report, options.order, symbolizer);
     else if (options.csv)

@@ -2,6 +2,8 @@
 
 #include "tools/common/counted.h"
 #include "tools/common/printable.h"
+#include "tools/report/trace_match.h"
+#include "tools/shared/suppression_lines.h"
 
 #include <algorithm>
 #include <map>
@@ -13,43 +15,24 @@ namespace {
 
 constexpr const char *still_held = "left", *lost = "lost";
 
-// By what is known without debug information, which takes long to read.
-bool matches_symbol(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
-    return matches_pattern(pattern, module_of(pc)) || matches_pattern(pattern, symbolizer.function(pc));
-}
-
-// Of libc functions alone: its debug information, where somebody has it, takes longer to read than many a program
-// to run, and the line in question is none of its own.
-std::vector<SourceFrame> frames_at(std::string_view pc, Symbolizer &symbolizer) {
-    if (module_of(pc).find("/libc.so.") == std::string_view::npos)
-        return symbolizer.lookup(pc);
-    SourceFrame frame;
-    frame.function = symbolizer.function(pc);
-    return {frame};
-}
-
-// Functions that the compiler inlined and source files.
-bool matches_source(const std::string &pattern, std::string_view pc, Symbolizer &symbolizer) {
-    return std::ranges::any_of(frames_at(pc, symbolizer), [&](const SourceFrame &source) {
-        return matches_pattern(pattern, source.function) || matches_pattern(pattern, source.file);
-    });
-}
-
 bool matches(const Suppression &suppression, Trace trace, Symbolizer &symbolizer) {
     const std::string &pattern = suppression.pattern;
     if (suppression.module != nullptr)
         return !trace.empty() && matches_pattern(suppression.module, module_of(trace.front())) &&
                matches_symbol(pattern, trace.front(), symbolizer);
-    const auto any = [&](const auto matches_pc) {
-        return std::ranges::any_of(
-            trace, [&](std::string_view pc) { return matches_pc(pattern, pc, symbolizer); });
-    };
-    return any(matches_symbol) || any(matches_source);
+    return matches_trace(pattern, trace, symbolizer);
 }
 
-// Without stack traces, the source file stands for one.
-Trace trace_of(const Site &site) {
-    return site.trace.empty() ? Trace(&site.file, 1) : site.trace;
+// Counts it where it is.
+bool is_known(const Group &group, std::vector<Suppression> &suppressions, Symbolizer &symbolizer) {
+    const auto found = std::ranges::find_if(suppressions, [&](const Suppression &suppression) {
+        return matches(suppression, group.trace, symbolizer);
+    });
+    if (found == suppressions.end())
+        return false;
+    found->blocks += group.count;
+    found->bytes += group.bytes;
+    return true;
 }
 
 Group group_of(const Finding &finding) {
@@ -145,7 +128,7 @@ void print_remark(std::ostream &out, std::string_view process, const Finding &re
 } // namespace
 
 Findings::Part::Part(const Report &report, const Process &process, LeakCheck leak_check)
-    : name(process.name) {
+    : name(process.name), own_suppressions(suppressions_in(process.suppressions)) {
     if (!process.cycles.empty())
         add_left(report, process.cycles.back(), leak_check);
     each_finding(report, process, [this](const Finding &finding) { add(finding); });
@@ -207,20 +190,12 @@ Findings::Findings(const Report &report, LeakCheck leak_check, std::string_view 
 }
 
 void Findings::suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer) {
-    const auto is_known = [&](const Group &group) {
-        if (group.what != still_held && group.what != lost)
-            return false;
-        for (Suppression &suppression : suppressions) {
-            if (!matches(suppression, group.trace, symbolizer))
-                continue;
-            suppression.blocks += group.count;
-            suppression.bytes += group.bytes;
-            return true;
-        }
-        return false;
-    };
     for (Part &part : parts_)
-        std::erase_if(part.blocks, is_known);
+        for (auto *const known : {&suppressions, &part.own_suppressions})
+            std::erase_if(part.blocks, [&](const Group &group) {
+                return (group.what == still_held || group.what == lost) &&
+                       is_known(group, *known, symbolizer);
+            });
 }
 
 bool Findings::empty() const {
@@ -228,6 +203,18 @@ bool Findings::empty() const {
         return part.blocks.empty() && part.descriptors.empty() &&
                std::ranges::none_of(part.remarks, &Finding::is_fault);
     });
+}
+
+// Processes of one program have the same.
+void Findings::print_own_suppressions(std::ostream &out) const {
+    std::map<std::string_view, Counter> suppressed;
+    for (const Part &part : parts_)
+        for (const Suppression &suppression : part.own_suppressions)
+            suppressed[suppression.pattern] += {suppression.blocks, suppression.bytes};
+    for (const auto &[pattern, known] : suppressed)
+        if (known.blocks != 0)
+            out << "k42mc: suppressed by the program: leak:" << printable(pattern) << ": "
+                << counted(known.blocks, "block") << ", " << counted(known.bytes, "byte") << '\n';
 }
 
 void Findings::print(std::ostream &out, Symbolizer &symbolizer) const {
@@ -253,4 +240,5 @@ void Findings::print(std::ostream &out, Symbolizer &symbolizer) const {
     if (beside.blocks != 0)
         out << "k42mc: held to the end: " << counted(beside.blocks, "block") << ", "
             << counted(beside.bytes, "byte") << "; --leak-check=held lists them\n";
+    print_own_suppressions(out);
 }

@@ -29,7 +29,7 @@ public:
     // What was found in the process of that name stands first.
     Findings(const Report &report, LeakCheck leak_check, std::string_view first);
 
-    // Drops what a suppression matches, and counts it there.
+    // Drops what a suppression matches, one of these or of the process's own, and counts it there.
     void suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer);
 
     // Nothing is wrong, whatever is to be said.
@@ -43,6 +43,7 @@ private:
         std::vector<Finding> remarks = {}; // on the process, not on what it holds
 
         Counter held = {}; // beside them
+        std::vector<Suppression> own_suppressions = {};
 
         Part(const Report &report, const Process &process, LeakCheck leak_check);
         void add_left(const Report &report, const Cycle &cycle, LeakCheck leak_check);
@@ -50,6 +51,8 @@ private:
         bool is_empty() const { return blocks.empty() && descriptors.empty() && remarks.empty(); }
         void print(std::ostream &out, bool is_one_of_many, Symbolizer &symbolizer) const;
     };
+
+    void print_own_suppressions(std::ostream &out) const;
 
     std::vector<Part> parts_;
 };

@@ -1,4 +1,4 @@
-// Files of lines "leak:PATTERN", as users of the compilers' leak checker keep them.
+// Known leaks that a summary leaves out.
 #pragma once
 
 #include <cstdint>
@@ -14,9 +14,8 @@ struct Suppression {
     uint64_t bytes = 0;
 };
 
-// "*" stands for any text, "^" and "$" at the ends for the ends of the text; a pattern without them may
-// match anywhere.
-bool matches_pattern(std::string_view pattern, std::string_view text);
-
 // Throws std::runtime_error when the file cannot be read or a line is none of these.
 std::vector<Suppression> read_suppressions(const std::string &path);
+
+// Of a program's own, which is no user's to mend: what is none of these is passed over.
+std::vector<Suppression> suppressions_in(std::string_view text);

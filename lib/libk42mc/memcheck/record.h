@@ -14,8 +14,9 @@ public:
     uint32_t site; // what the block has in common with others; of a free record: the next free one
 
     // As one that the next reports list.
-    void start(uint64_t order, unsigned type, uint32_t cycle) {
-        order_and_state_ = order << state_bits | type << type_shift | used | listed;
+    void start(uint64_t order, unsigned type, uint32_t cycle, bool is_kept) {
+        order_and_state_ =
+            order << state_bits | type << type_shift | used | listed | (is_kept ? kept : 0u);
         birth_ = cycle;
     }
     void end() { order_and_state_ = 0; }
@@ -25,6 +26,10 @@ public:
     bool is_listed() const { return (order_and_state_ & (used | listed | in_hand)) == (used | listed); }
 
     bool is_in_hand() const { return order_and_state_ & in_hand; }
+
+    // Never lost, whatever leads to it.
+    bool is_kept() const { return order_and_state_ & kept; }
+    void keep() { order_and_state_ |= kept; }
 
     uint64_t order() const { return order_and_state_ >> state_bits; }
     unsigned type() const { return order_and_state_ >> type_shift & type_mask; }
@@ -50,7 +55,15 @@ public:
     }
 
 private:
-    enum : unsigned { used = 1, listed = 2, in_hand = 4, type_shift = 3, type_mask = 7, state_bits = 8 };
+    enum : unsigned {
+        used = 1,
+        listed = 2,
+        in_hand = 4,
+        type_shift = 3,
+        type_mask = 7,
+        kept = 64,
+        state_bits = 8
+    };
 
     uint32_t birth_; // the cycle before its first report; while unlisted or in hand, its age
     uint64_t order_and_state_;

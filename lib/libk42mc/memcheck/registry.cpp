@@ -4,6 +4,7 @@
 #include "memcheck/block_index.h"
 #include "memcheck/filters.h"
 #include "memcheck/lane.h"
+#include "memcheck/reach/annotations.h"
 #include "memcheck/registry_lines.h"
 #include "memcheck/state.h"
 
@@ -110,6 +111,7 @@ struct NewBlock {
     uintptr_t address;
     size_t size;
     StackTrace &trace;
+    bool is_kept = false;
 };
 
 uint32_t site_number(const NewBlock &block) {
@@ -163,7 +165,7 @@ Outcome add(const NewBlock &block, Lane &lane, bool alone) {
     __atomic_store_n(&record.address, block.address, __ATOMIC_RELAXED);
     record.size = block.size;
     record.site = site;
-    record.start(order, block.type, gMCCycle);
+    record.start(order, block.type, gMCCycle, block.is_kept || thread_keeps_blocks != 0);
     if (!alone) {
         entry->store(number);
     } else if (!entry->add(number, lane.free_records)) {
@@ -204,6 +206,15 @@ void add_block(const NewBlock &block) {
         sweep_sites();
 }
 
+void record(const NewBlock &block) {
+    if (!checker_on())
+        return;
+    if (block.address != 0) [[likely]]
+        add_block(block);
+    else if (const CheckerLock lock(MCLock() != 0); lock)
+        print_failed_allocation(block.site, block.size);
+}
+
 } // namespace
 
 int trace_depth() {
@@ -211,12 +222,7 @@ int trace_depth() {
 }
 
 void record_block(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace) {
-    if (!checker_on())
-        return;
-    if (user != nullptr) [[likely]]
-        add_block({site, type, address_of(user), size, trace});
-    else if (const CheckerLock lock(MCLock() != 0); lock)
-        print_failed_allocation(site, size);
+    record({site, type, address_of(user), size, trace});
 }
 
 namespace {
@@ -288,8 +294,9 @@ RecordInHand take_record(const void *user) {
     if (!checker_on())
         return hand;
     const auto take_in_hand = [&](uint32_t number, Lane &) {
-        record_at(number).take_in_hand(gMCCycle);
-        hand = {number, gMCGeneration, known_block(record_at(number))};
+        Record &record = record_at(number);
+        record.take_in_hand(gMCCycle);
+        hand = {number, gMCGeneration, known_block(record), record.is_kept()};
     };
     if (take_record_of(address_of(user), take_in_hand) && hand.number == 0)
         hand.known = unknown_block;
@@ -321,7 +328,7 @@ void replace_record(const RecordInHand &hand, Site site, uint16_t type, const vo
             settled.settle(hand.number, recording.lane());
     }
     settled.complain_unless(type, site);
-    record_block(site, type, user, size, trace);
+    record({site, type, address_of(user), size, trace, hand.is_kept});
 }
 
 bool create_registry() {
@@ -345,6 +352,19 @@ const Record *find_record(uintptr_t address) {
     const IndexEntry *entry = find_entry(address);
     const uint32_t number = entry != nullptr ? entry->find(address) : 0;
     return number != 0 ? &record_at(number) : nullptr;
+}
+
+Record *find_record_around(uintptr_t address) {
+    uintptr_t highest = address;
+    while (const uint32_t number = find_last_record(highest, 0)) {
+        Record &record = record_at(number);
+        if (address - record.address < std::max<size_t>(record.size, 1))
+            return &record;
+        if (record.address == 0)
+            break;
+        highest = record.address - 1;
+    }
+    return nullptr;
 }
 
 void unlist_all_records() {

@@ -16,6 +16,7 @@ struct RecordInHand {
     uint32_t number = 0; // 0: the block was not recorded
     uint32_t generation = 0;
     KnownBlock known;
+    bool is_kept = false;
 };
 
 // How many frames the records of new blocks will want, as far as can be told outside the gate.
@@ -60,6 +61,10 @@ bool registry_exists();
 
 // Null where there is none.
 const Record *find_record(uintptr_t address);
+
+// The innermost block that an address lies in, as far as blocks can have it; null where there is none, after a look at
+// all that begin below.
+Record *find_record_around(uintptr_t address);
 
 // Leaves all blocks in the registry, and out of reports.
 void unlist_all_records();

@@ -4,11 +4,16 @@
 
 #include "random.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <ctime>
 #include <functional>
 #include <pthread.h>
 #include <semaphore.h>
 #include <set>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <thread>
 #include <ucontext.h>
@@ -163,6 +168,11 @@ void run_coroutine() {
     swapcontext(&coroutine, &outside);
 }
 
+// What the system keeps.
+int epoll, watched[500]; // more than are read at a time
+constexpr int high_half = sizeof(void *) == 4 ? 32 : 0;
+timer_t timer;
+
 struct Root {
     const char *name;
     std::function<void(uintptr_t inverted)> hold;
@@ -228,6 +238,34 @@ const Root roots[] = {
          swapcontext(&outside, &coroutine);
      },
      [] { swapcontext(&outside, &coroutine); }},
+    {"epoll",
+     [](uintptr_t p) {
+         epoll = epoll_create1(0);
+         for (int &descriptor : watched) {
+             const bool is_one = &descriptor == &watched[std::size(watched) / 2];
+             epoll_event event = {EPOLLIN, {}};
+             event.data.u64 = is_one ? uint64_t{number(shown(p))} << high_half : UINT64_MAX;
+             epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor = dup(waiting_pipe[0]), &event);
+             event = {};
+         }
+     },
+     [] {
+         for (const int descriptor : watched) {
+             epoll_ctl(epoll, EPOLL_CTL_DEL, descriptor, nullptr);
+             close(descriptor);
+         }
+         close(epoll);
+     }},
+    {"timer",
+     [](uintptr_t p) {
+         sigevent event = {};
+         event.sigev_notify = SIGEV_SIGNAL;
+         event.sigev_signo = SIGUSR2;
+         event.sigev_value.sival_ptr = shown(p);
+         EXPECT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer), 0);
+         event = {};
+     },
+     [] { timer_delete(timer); }},
     {"stack on which a handler's stack lies", on_stack_of_handler, [] {}, true},
     {"register", in_register, [] {}, true},
     {"vector register", in_vector, [] {}, true},
@@ -335,6 +373,202 @@ TEST_F(Lost, ListsWhatHasSurvivedEnoughReportsAsTextOfAReport) {
     EXPECT_EQ(lost_lines(2), "");
     EXPECT_EQ(lost_lines(0), "old.c:7:LB\nyoung.c:1:LB\n");
     EXPECT_CONTAINS(report(0), "<cycle 2>");
+}
+
+// ---- What the program says ----
+
+constexpr const char *lost_root = "root.c:1:LB\n";
+
+uintptr_t new_block(const char *file = "root.c", int line = 1, size_t size = 100) {
+    uintptr_t block;
+    aside([&] { block = hidden(k42MC_malloc(file, line, size)); });
+    return block;
+}
+
+void release(uintptr_t block) {
+    aside([&] { k42MC_free("root.c", 2, shown(block)); });
+}
+
+TEST_F(Lost, IsNothingThatTheProgramKeeps) {
+    uintptr_t keeper = new_block("keeper.c");
+    const uintptr_t kept = new_block();
+    int local = 0;
+    aside([&] {
+        *static_cast<void **>(shown(keeper)) = shown(kept);
+        EXPECT_EQ(k42mcx_keep(static_cast<char *>(shown(keeper)) + 99), 1);
+        EXPECT_EQ(k42mcx_keep(static_cast<char *>(shown(keeper)) + 100), 0);
+        EXPECT_EQ(k42mcx_keep(&local) + k42mcx_keep(nullptr) + k42mcx_keep(reinterpret_cast<void *>(-1)),
+                  0);
+    });
+    EXPECT_EQ(lost_lines(), "");
+    for (const size_t size : {5'000u, 1'000'000u, 100u})
+        aside([&] { keeper = hidden(k42MC_realloc("keeper.c", 3, shown(keeper), size)); });
+    EXPECT_EQ(lost_lines(), "");
+    release(keeper);
+    EXPECT_EQ(lost_lines(), lost_root);
+    checker_off();
+    EXPECT_EQ(captured_stderr([&] { EXPECT_EQ(k42mcx_keep(shown(kept)), 0); }), "");
+    checker_on();
+    release(kept);
+}
+
+// A process may record blocks in a block.
+TEST_F(Lost, IsKeptWithWhatItLiesIn) {
+    const uintptr_t pool = new_block("pool.c", 1, 1000);
+    const auto record = [&](int line, size_t at, size_t size) {
+        aside([&] { MCAlloc("pool.c", line, MC_STD, ~pool + at, size); });
+    };
+    const auto keep = [&](size_t at) {
+        aside([&] { EXPECT_EQ(k42mcx_keep(reinterpret_cast<void *>(~pool + at)), 1); });
+    };
+    record(2, 200, 100);
+    record(3, 500, 0);
+    EXPECT_EQ(lost_lines(), "pool.c:1:LB\npool.c:2:LB\npool.c:3:LB\n");
+    keep(500);
+    EXPECT_EQ(lost_lines(), "pool.c:2:LB\n");
+    keep(501);
+    EXPECT_EQ(lost_lines(), "pool.c:2:LB\n");
+    keep(299);
+    EXPECT_EQ(lost_lines(), "");
+    release(pool);
+}
+
+TEST_F(Lost, IsNothingOfAThreadThatAsksForThat) {
+    std::vector<uintptr_t> blocks;
+    aside([&] {
+        const auto allocate = [&](int line) {
+            blocks.push_back(hidden(k42MC_malloc("thread.c", line, 10)));
+        };
+        k42mcx_unlisted(0);
+        k42mcx_unlisted(1);
+        k42mcx_unlisted(2);
+        k42mcx_unlisted(0);
+        allocate(1);
+        std::thread(allocate, 2).join();
+        k42mcx_unlisted(0);
+        allocate(3);
+        aside([&] { blocks.push_back(new_block("thread.c", 4)); });
+    });
+    EXPECT_EQ(lost_lines(), "thread.c:2:LB\nthread.c:3:LB\nthread.c:4:LB\n");
+    for (const uintptr_t block : blocks)
+        release(block);
+}
+
+// Memory that only its being named makes a root.
+struct Region {
+    const char *lost, *lost_once_named;             // as searches list it
+    std::function<void *(uintptr_t inverted)> make; // leads to a block from its 11th word
+};
+
+const Region regions[] = {
+    {"lost.c:1:LB\nroot.c:1:LI\n", "lost.c:1:LB\n",
+     [](uintptr_t p) {
+         auto **block = static_cast<void **>(k42MC_malloc("lost.c", 1, 800));
+         block[10] = shown(p);
+         return static_cast<void *>(block);
+     }},
+    {lost_root, "", // read-only memory of several processes
+     [](uintptr_t p) {
+         const int file = memfd_create("region", 0);
+         void *const pointer = shown(p);
+         EXPECT_EQ(pwrite(file, &pointer, sizeof pointer, 10 * sizeof pointer), ssize_t{sizeof pointer});
+         void *const memory =
+             mmap(nullptr, page_bytes, PROT_READ, MAP_SHARED, file, 0); // longer than the file
+         close(file);
+         return memory;
+     }},
+};
+
+TEST_F(Lost, IsNothingThatANamedRegionLeadsTo) {
+    for (const Region &region : regions) {
+        SCOPED_TRACE(region.lost);
+        const uintptr_t block = new_block();
+        uintptr_t memory;
+        aside([&] { memory = hidden(region.make(block)); });
+        const size_t size = 800;
+        const auto call = [&](int (*function)(const void *, size_t), size_t bytes) {
+            int result;
+            aside([&] { result = function(shown(memory), bytes); });
+            return result;
+        };
+        EXPECT_EQ(lost_lines(), region.lost);
+        EXPECT_EQ(call(k42mcx_root, 11 * sizeof(void *) - 1), 0);
+        EXPECT_EQ(lost_lines(), region.lost);
+        EXPECT_EQ(call(k42mcx_root, size), 0);
+        EXPECT_EQ(call(k42mcx_root, size), 0);
+        EXPECT_EQ(call(k42mcx_unroot, size), 0);
+        EXPECT_EQ(call(k42mcx_unroot, size - 1), EINVAL);
+        EXPECT_EQ(lost_lines(), region.lost_once_named);
+        EXPECT_EQ(call(k42mcx_unroot, size), 0);
+        EXPECT_EQ(call(k42mcx_unroot, size), EINVAL);
+        EXPECT_EQ(lost_lines(), region.lost);
+        EXPECT_EQ(call(k42mcx_unroot, 11 * sizeof(void *) - 1), 0);
+        checker_off();
+        checker_on();
+    }
+}
+
+// What is named may be gone by the time of a search, or be all the memory that there is.
+TEST_F(Lost, SurvivesRegionsThatCannotBeRead) {
+    char *const memory = static_cast<char *>(
+        mmap(nullptr, 4 * page_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(memory, MAP_FAILED);
+    EXPECT_EQ(k42mcx_root(memory, 4 * page_bytes), 0);
+    EXPECT_EQ(k42mcx_root(nullptr, SIZE_MAX), 0);
+    EXPECT_EQ(k42mcx_root(nullptr, 0), 0);
+    EXPECT_EQ(k42mcx_root(memory, SIZE_MAX), EINVAL);
+    const uintptr_t block = new_block();
+    reinterpret_cast<void **>(memory + 3 * page_bytes)[1] = shown(block);
+    mprotect(memory, page_bytes, PROT_NONE);
+    munmap(memory + page_bytes, page_bytes);
+    EXPECT_EQ(lost_lines(), "");
+    munmap(memory, 4 * page_bytes);
+    EXPECT_EQ(k42mcx_unroot(nullptr, SIZE_MAX), 0);
+    EXPECT_EQ(lost_lines(), lost_root);
+    EXPECT_EQ(k42mcx_unroot(memory, 4 * page_bytes), 0);
+    EXPECT_EQ(k42mcx_unroot(nullptr, 0), 0);
+    release(block);
+}
+
+TEST_F(Lost, AgreesWithAModelOnManyRegions) {
+    constexpr size_t cells = 20, regions_at_most = 1000;
+    Random random;
+    std::vector<uintptr_t> blocks;
+    for (size_t cell = 0; cell < cells; ++cell)
+        blocks.push_back(new_block("cell.c", int(cell)));
+    uintptr_t holder = new_block("holder.c");
+    aside([&] {
+        holder = hidden(k42MC_realloc("holder.c", 1, shown(holder), cells * sizeof(void *)));
+        for (size_t cell = 0; cell < cells; ++cell)
+            static_cast<void **>(shown(holder))[cell] = shown(blocks[cell]);
+    });
+    const auto place = [&](size_t cell) { return static_cast<void **>(shown(holder)) + cell; };
+    std::vector<std::pair<size_t, size_t>> model;
+    for (const size_t wanted : {3u, 1u, 40u, 2u, 600u, 4u, 0u}) {
+        aside([&] {
+            while (model.size() != wanted && model.size() < regions_at_most) {
+                const size_t cell = random() % cells, bytes = random() % 3 * sizeof(void *);
+                const bool adds = model.size() < wanted;
+                const auto known = std::find(model.begin(), model.end(), std::pair(cell, bytes));
+                const int expected = adds || known != model.end() ? 0 : EINVAL;
+                EXPECT_EQ((adds ? k42mcx_root : k42mcx_unroot)(place(cell), bytes), expected);
+                if (adds)
+                    model.emplace_back(cell, bytes);
+                else if (known != model.end())
+                    model.erase(known);
+            }
+        });
+        std::string expected = "holder.c:1:LB\n";
+        for (size_t cell = 0; cell < cells; ++cell)
+            if (std::none_of(model.begin(), model.end(), [&](const auto &region) {
+                    return cell >= region.first && cell < region.first + region.second / sizeof(void *);
+                }))
+                expected += "cell.c:" + std::to_string(cell) + ":LI\n";
+        EXPECT_EQ(lost_lines(), expected) << wanted;
+    }
+    for (const uintptr_t block : blocks)
+        release(block);
+    release(holder);
 }
 
 // ---- Graphs ----

@@ -1,9 +1,11 @@
 // What the command shows of reports, to people and to programs.
 #include "reports.h"
+#include "text.h"
 #include "tools/report/diff.h"
 #include "tools/report/html.h"
 #include "tools/report/machine.h"
 #include "tools/report/table.h"
+#include "tools/report/trace_match.h"
 #include "tools/run/findings.h"
 
 #include <regex>
@@ -196,6 +198,38 @@ k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x
               "k42mc: 2 blocks, 9 bytes at 2 sites in 1 process\n"
               "  written past the end (WO): 1 block, 5 bytes\n    b\n"
               "  written past the end (WO): 1 block, 4 bytes\n    a\n");
+}
+
+// Of two processes that lost the same, one says that it knows.
+TEST(Outputs, LeaveOutWhatAProgramSuppressesItself) {
+    const auto process = [](const std::string &pid, const std::string &more) {
+        return more + R"({"kind":"cycle","program":"p","pid":)" + pid +
+               R"(,"cycle":1,"blocks":5,"bytes":50,"searched":true})"
+               "\n"
+               R"({"kind":"site","file":"a.c","line":1,"type":"STD","chain":["/no/p+0x1"],"blocks":5,)"
+               R"("bytes":50,"oldest":1,"largest":10,"lost":{"blocks":1,"bytes":10},)"
+               R"("indirect":{"blocks":2,"bytes":20}})"
+               "\n{\"kind\":\"end\"}\n";
+    };
+    Report report =
+        json(process("7", R"({"kind":"suppressions","pid":7,"program":"p",)"
+                          R"("text":"# known\nleak:nowhere\nno pattern\n leak:^/no/*p$ \r\n"})"
+                          "\n") +
+             process("8", ""));
+    EXPECT_EQ(problems(report), "");
+    Symbolizer symbolizer;
+    Findings findings(report, LeakCheck::lost, "");
+    std::vector<Suppression> users;
+    findings.suppress(users, symbolizer);
+    std::ostringstream said;
+    findings.print(said, symbolizer);
+    EXPECT_EQ(said.str(), "k42mc: 3 blocks, 30 bytes at 1 site in 2 processes\n"
+                          "k42mc: p.8: 3 blocks, 30 bytes at 1 site\n"
+                          "  lost: 3 blocks, 30 bytes\n    /no/p+0x1\n"
+                          "k42mc: held to the end: 4 blocks, 40 bytes; --leak-check=held lists them\n"
+                          "k42mc: suppressed by the program: leak:^/no/*p$: 3 blocks, 30 bytes\n");
+    heed_own_suppressions(report, symbolizer);
+    EXPECT_TRUE(contains(table(report), "           100        10       1            30  "));
 }
 
 TEST(Outputs, OtherProgramsGetAllThereIs) {

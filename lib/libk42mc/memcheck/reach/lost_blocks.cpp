@@ -2,9 +2,11 @@
 
 #include "base/locks.h"
 #include "base/printing.h"
+#include "base/sequence.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/reach/loss.h"
 #include "memcheck/registry.h"
+#include "platform/handed_words.h"
 #include "platform/process_copy.h"
 #include "platform/stack.h"
 
@@ -49,6 +51,20 @@ void learn_control_blocks() {
             return;
 }
 
+// In memory that is as good a root as any.
+using HandedWords = Sequence<uintptr_t>;
+
+// On 32 bits, a program may have put a pointer into either half.
+bool take_handed_word(void *words, uint64_t word) {
+    for (; word != 0; word = sizeof(uintptr_t) < sizeof word ? word >> 32 : 0) {
+        uintptr_t *const taken = static_cast<HandedWords *>(words)->add();
+        if (taken == nullptr)
+            return false;
+        *taken = static_cast<uintptr_t>(word);
+    }
+    return true;
+}
+
 } // namespace
 
 LostBlocks::~LostBlocks() {
@@ -74,6 +90,9 @@ const char *LostBlocks::start_search(const Caller &caller, uint32_t limit,
         return stop.outcome() == platform::StopOutcome::partial
                    ? "a thread does not stop, so that its registers are not known"
                    : "the system does not tell what threads there are";
+    HandedWords handed;
+    if (!platform::each_handed_word(take_handed_word, &handed))
+        return "the system does not tell what it keeps for the process";
     const Moment moment = {caller, stop.threads(), most, caches};
     Task task = {moment, limit, *list_};
     if (!stop.threads().empty())

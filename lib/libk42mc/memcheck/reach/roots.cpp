@@ -1,6 +1,7 @@
 #include "memcheck/reach/roots.h"
 
 #include "base/gate.h"
+#include "memcheck/reach/annotations.h"
 #include "platform/signal_context.h"
 #include "platform/stack.h"
 #include "platform/trace_cache.h"
@@ -42,6 +43,8 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
              platform::GuardedCopies &copies)
     : left_out_(memory.take<Range>(most_left_out(moment))), gaps_(memory, moment, blocks, copies) {
     left_out_.add(memory.begin(), memory.end());
+    const Range noted = memory_of_added_roots();
+    left_out_.add(noted.begin, noted.end);
     const std::span<const std::byte> caches = platform::TraceCache::memory();
     left_out_.add(reinterpret_cast<uintptr_t>(caches.data()),
                   reinterpret_cast<uintptr_t>(caches.data() + caches.size()));
@@ -84,11 +87,28 @@ void Roots::visit_mapping(const platform::Mapping &mapping, VisitRange visit) {
     left_out_.each_piece_outside(in_use(mapping), [&](Range piece) { gaps_.each(piece, visit_range); });
 }
 
+// Whatever else lies there. They are in order.
+void Roots::visit_added(const platform::Mapping &mapping, VisitRange visit) {
+    for (const Range &root : added_roots()) {
+        if (root.begin >= mapping.end)
+            break;
+        const Range range = {std::max(root.begin, mapping.begin), std::min(root.end, mapping.end)};
+        if (range.begin < range.end)
+            visit(range, mapping);
+    }
+}
+
 bool Roots::each(VisitRange visit) {
+    const std::span<Range> added = added_roots();
+    std::sort(added.begin(), added.end(),
+              [](const Range &a, const Range &b) { return a.begin < b.begin; });
     platform::MemoryMap map;
-    for (platform::Mapping mapping; map.next(mapping);)
+    for (platform::Mapping mapping; map.next(mapping);) {
         if (counts(mapping))
             visit_mapping(mapping, visit);
+        if (mapping.readable)
+            visit_added(mapping, visit);
+    }
     return map.is_whole();
 }
 

@@ -18,13 +18,15 @@ public:
     Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
           platform::GuardedCopies &copies);
 
-    // Each range outside of blocks. False where the system does not tell what is mapped.
+    // Each range outside of blocks, and those that the program has added. False where the system does not tell what is
+    // mapped.
     bool each(VisitRange visit);
 
 private:
     void leave_out_below(uintptr_t stack_in_use, uintptr_t control_block);
     Range in_use(const platform::Mapping &mapping) const;
     void visit_mapping(const platform::Mapping &mapping, VisitRange visit);
+    static void visit_added(const platform::Mapping &mapping, VisitRange visit);
 
     RangeSet left_out_;
     HeapGaps gaps_;

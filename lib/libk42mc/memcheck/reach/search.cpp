@@ -21,8 +21,9 @@ bool Search::run() {
     if (!memory_ || !copies_)
         return false;
     for (uint32_t i = 0; i < blocks_.size(); ++i)
-        if (record_at(blocks_[i].number).is_in_hand())
-            reach(i); // somebody is moving it
+        if (const Record &record = record_at(blocks_[i].number);
+            record.is_kept() || record.is_in_hand()) // which somebody is moving
+            reach(i);
     reach_from_threads();
     auto visit = [this](Range range, const platform::Mapping &mapping) { reach_from(range, mapping); };
     if (!roots_.each(visit))
