@@ -14,6 +14,9 @@ public:
     explicit Walk(const Registers &start) : registers(start), stack(stack_of(start[Registers::sp])) {}
 
     uintptr_t return_address() const { return registers[Registers::ra]; }
+    const Registers &at() const { return registers; }
+    uintptr_t stack_pointer() const { return registers[Registers::sp]; }
+    uintptr_t place() const { return return_address() + was_interrupted; }
 
     // Goes to the caller. Returns false where there is none, or it cannot be told.
     bool step() {
@@ -100,6 +103,25 @@ private:
     Walk walk(start);
     while (trace.room() > 0 && walk.step())
         trace.add(walk.return_address());
+}
+
+bool step_out(Registers &registers) {
+    Walk walk(registers);
+    if (!walk.step())
+        return false;
+    registers = walk.at();
+    return true;
+}
+
+FrameSearch find_frame(const Registers &start, uintptr_t address) {
+    Walk walk(start);
+    for (;;) {
+        const uintptr_t place = walk.place(), begin = walk.stack_pointer();
+        if (!walk.step())
+            return {0, begin};
+        if (address >= begin && address < walk.stack_pointer())
+            return {place, walk.stack_pointer()};
+    }
 }
 
 } // namespace k42mc::internal::platform

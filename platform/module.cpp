@@ -30,14 +30,15 @@ bool is_local(const Symbol &symbol) {
     return ELF64_ST_BIND(symbol.st_info) == STB_LOCAL;
 }
 
-bool covers(const Symbol &symbol, uintptr_t value) {
+bool covers(Named kind, const Symbol &symbol, uintptr_t value) {
     const auto type = ELF64_ST_TYPE(symbol.st_info);
-    return (type == STT_FUNC || type == STT_GNU_IFUNC) && symbol.st_shndx != SHN_UNDEF &&
-           value - symbol.st_value < symbol.st_size;
+    const bool is_wanted =
+        kind == Named::variable ? type == STT_OBJECT : type == STT_FUNC || type == STT_GNU_IFUNC;
+    return is_wanted && symbol.st_shndx != SHN_UNDEF && value - symbol.st_value < symbol.st_size;
 }
 
 // The first global symbol that covers the value, else the first local one.
-bool find_symbol(const SymbolTable &table, uintptr_t value, Symbol &best) {
+bool find_symbol(Named kind, const SymbolTable &table, uintptr_t value, Symbol &best) {
     Symbol chunk[4096 / sizeof(Symbol)]; // a page: threads may have small stacks
     bool found = false;
     for (size_t done = 0; done < table.count; done += std::size(chunk)) {
@@ -45,7 +46,7 @@ bool find_symbol(const SymbolTable &table, uintptr_t value, Symbol &best) {
         const uint64_t offset = table.symbols + uint64_t{done} * sizeof(Symbol);
         const size_t got = fetch(table.source, offset, chunk, wanted * sizeof(Symbol)) / sizeof(Symbol);
         for (const Symbol &symbol : std::span(chunk, got)) {
-            if (!covers(symbol, value) || (found && is_local(symbol)))
+            if (!covers(kind, symbol, value) || (found && is_local(symbol)))
                 continue;
             best = symbol;
             found = true;
@@ -58,9 +59,10 @@ bool find_symbol(const SymbolTable &table, uintptr_t value, Symbol &best) {
     return found;
 }
 
-size_t find_in_table(const SymbolTable &table, uintptr_t value, std::span<char> name, uintptr_t &start) {
+size_t find_in_table(Named kind, const SymbolTable &table, uintptr_t value, std::span<char> name,
+                     uintptr_t &start) {
     Symbol symbol;
-    if (!find_symbol(table, value, symbol) || symbol.st_name >= table.string_bytes)
+    if (!find_symbol(kind, table, value, symbol) || symbol.st_name >= table.string_bytes)
         return 0;
     const size_t most = std::min<size_t>(name.size(), table.string_bytes - symbol.st_name);
     const size_t got = fetch(table.source, table.strings + symbol.st_name, name.data(), most);
@@ -200,14 +202,14 @@ bool defines(const Module &module, const char *name) {
     return false;
 }
 
-size_t find_function(const Module &module, int file, uintptr_t address, std::span<char> name,
-                     uintptr_t &function) {
+size_t find_named(Named kind, const Module &module, int file, uintptr_t address, std::span<char> name,
+                  uintptr_t &begin) {
     const uintptr_t value = address - module.base;
     uintptr_t start = 0;
-    size_t length = find_in_table(file_symbols(module, file), value, name, start);
+    size_t length = find_in_table(kind, file_symbols(module, file), value, name, start);
     if (length == 0)
-        length = find_in_table(memory_symbols(module), value, name, start);
-    function = module.base + start;
+        length = find_in_table(kind, memory_symbols(module), value, name, start);
+    begin = module.base + start;
     return length;
 }
 

@@ -1,4 +1,4 @@
-// A module that the loader has mapped, and the functions that its symbol tables name.
+// A module that the loader has mapped, and what its symbol tables name.
 #pragma once
 
 #include <stddef.h>
@@ -24,10 +24,11 @@ bool has_segment_at(const Module &module, uintptr_t address);
 // Whether a module defines a symbol of a name for others.
 bool defines(const Module &module, const char *name);
 
-// Finds the function that covers the address and puts its name, cut to the room there is, without a
+// Finds the function or variable that covers the address and puts its name, cut to the room there is, without a
 // terminator. The file is searched if it is the one that was loaded (a descriptor; -1 for none), then
 // the symbols that are in memory. Returns the length of the name, 0 if there is none.
-size_t find_function(const Module &module, int file, uintptr_t address, std::span<char> name,
-                     uintptr_t &function);
+enum class Named { function, variable };
+size_t find_named(Named kind, const Module &module, int file, uintptr_t address, std::span<char> name,
+                  uintptr_t &begin);
 
 } // namespace k42mc::internal::platform

@@ -39,6 +39,9 @@ size_t module_place(const void *address, std::span<char> path, uintptr_t &offset
 // length, 0 where none is known. As free of locks and allocations; keeps errno.
 size_t function_name(const void *address, std::span<char> name);
 
+// The same for the variable that lies at an address.
+size_t variable_name(const void *address, std::span<char> name);
+
 // Keeps the library loaded for good. May wait for the loader's lock.
 void stay_loaded();
 

@@ -2,6 +2,8 @@
 
 #include "platform/platform.h"
 
+#include <iterator>
+
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -11,11 +13,21 @@ namespace {
 
 #if defined(__x86_64__)
 constexpr int place = REG_RIP, stack_pointer = REG_RSP;
+constexpr int saved_at[] = {REG_RAX, REG_RDX, REG_RCX, REG_RBX, REG_RSI, REG_RDI,
+                            REG_RBP, REG_RSP, REG_R8,  REG_R9,  REG_R10, REG_R11,
+                            REG_R12, REG_R13, REG_R14, REG_R15, REG_RIP};
+constexpr const char *names[] = {"rax", "rdx", "rcx", "rbx", "rsi", "rdi", "rbp", "rsp", "r8",
+                                 "r9",  "r10", "r11", "r12", "r13", "r14", "r15", "rip"};
 constexpr uintptr_t legacy_bytes = 0; // ahead of what both widths have
 #else
 constexpr int place = REG_EIP, stack_pointer = REG_ESP;
+constexpr int saved_at[] = {REG_EAX, REG_ECX, REG_EDX, REG_EBX, REG_ESP,
+                            REG_EBP, REG_ESI, REG_EDI, REG_EIP};
+constexpr const char *names[] = {"eax", "ecx", "edx", "ebx", "esp", "ebp", "esi", "edi", "eip"};
 constexpr uintptr_t legacy_bytes = 112;
 #endif
+
+static_assert(std::size(saved_at) == Registers::count && std::size(names) == Registers::count);
 
 constexpr uintptr_t extended_bytes = 512, described_at = 464; // of what both widths have
 
@@ -42,6 +54,28 @@ SavedRegisters saved_registers(const void *context) {
         vectors != 0 ? vectors + size_of_vectors(vectors) : 0,
         stack,
         stack - reinterpret_cast<uintptr_t>(interrupted.uc_stack.ss_sp) < interrupted.uc_stack.ss_size};
+}
+
+Registers registers_of(const void *context) {
+    const auto &saved = static_cast<const ucontext_t *>(context)->uc_mcontext.gregs;
+    Registers registers;
+    for (int number = 0; number < Registers::count; ++number)
+        registers[number] = static_cast<uintptr_t>(saved[saved_at[number]]);
+    return registers;
+}
+
+const char *saved_register_name(const void *context, uintptr_t at) {
+    const SavedRegisters saved = saved_registers(context);
+    if (at >= saved.vectors_begin && at < saved.vectors_end)
+        return "vector register";
+    for (int number = 0; number < Registers::count; ++number)
+        if ((at - saved.begin) / sizeof(greg_t) == static_cast<uintptr_t>(saved_at[number]))
+            return names[number];
+    return "other register";
+}
+
+const char *register_name(int number) {
+    return names[number];
 }
 
 bool is_on_signal_stack() {

@@ -1,7 +1,7 @@
 // What a signal handler's third argument says of the thread that it has interrupted.
 #pragma once
 
-#include <stdint.h>
+#include "platform/registers.h"
 
 namespace k42mc::internal::platform {
 
@@ -14,7 +14,14 @@ struct SavedRegisters {
 
 SavedRegisters saved_registers(const void *context);
 
-// The same for the calling thread. May change errno.
+// Those that a frame is found by.
+Registers registers_of(const void *context);
+
+// Of the register that lies at an address in the saved ones; "vector register" for one of those.
+const char *saved_register_name(const void *context, uintptr_t at);
+const char *register_name(int number);
+
+// Whether the calling thread is on such a stack. May change errno.
 bool is_on_signal_stack();
 
 } // namespace k42mc::internal::platform

@@ -135,6 +135,13 @@ Stack find_stack(uintptr_t stack_pointer) {
     return {low, high};
 }
 
+uintptr_t thread_local_bytes() {
+    const auto control_block = static_cast<uintptr_t>(pthread_self());
+    const auto own = reinterpret_cast<uintptr_t>(&own_stack),
+               libcs = reinterpret_cast<uintptr_t>(&errno);
+    return control_block - std::min(own, libcs);
+}
+
 // The first thread's stack grows as long as it is used, and one of the process's own making nobody knows.
 bool has_stack_room(size_t bytes) {
     const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));

@@ -39,6 +39,10 @@ struct StackMemory {
 // Of size 0 for the first thread, and where it is not known. May change errno.
 StackMemory stack_memory_of(uintptr_t control_block);
 
+// How much thread-local memory there is below each thread's control block, as far as is known: to that of the C library,
+// which is among the last.
+uintptr_t thread_local_bytes();
+
 // Learns from a thread's control block, in use or not, what a copy of the process cannot find out, in which threads have
 // other numbers. Returns whether there is no more to learn. May change errno.
 bool know_control_blocks(uintptr_t control_block);

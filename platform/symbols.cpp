@@ -88,7 +88,7 @@ void put_place(Line &line, uintptr_t address) {
         line.put("(");
         uintptr_t function = 0;
         const auto name = line.room().first(line.room().size() - 64); // the rest of the line
-        const size_t length = find_function(module, file, address - 1, name, function);
+        const size_t length = find_named(Named::function, module, file, address - 1, name, function);
         line.length += length;
         line.put("+");
         line.put_hexadecimal(address - (length != 0 ? function : module.base));
@@ -131,21 +131,32 @@ size_t module_place(const void *address, std::span<char> path, uintptr_t &offset
     return length;
 }
 
-size_t function_name(const void *address, std::span<char> name) {
+namespace {
+
+size_t name_at(Named kind, uintptr_t place, std::span<char> name) {
     const int kept_errno = errno;
-    const auto place = reinterpret_cast<uintptr_t>(address);
     Module module;
     Line line;
-    uintptr_t path = 0, function = 0;
+    uintptr_t path = 0, begin = 0;
     size_t length = 0;
-    if (find_module(place - 1, module, path)) {
+    if (find_module(place, module, path)) {
         const int file = put_path(line, module, path);
-        length = find_function(module, file, place - 1, name, function);
+        length = find_named(kind, module, file, place, name, begin);
         if (file >= 0)
             close(file);
     }
     errno = kept_errno;
     return length;
+}
+
+} // namespace
+
+size_t function_name(const void *address, std::span<char> name) {
+    return name_at(Named::function, reinterpret_cast<uintptr_t>(address) - 1, name);
+}
+
+size_t variable_name(const void *address, std::span<char> name) {
+    return name_at(Named::variable, reinterpret_cast<uintptr_t>(address), name);
 }
 
 void stay_loaded() {

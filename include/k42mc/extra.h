@@ -55,6 +55,21 @@ unsigned k42mcx_verify(void);
  */
 size_t k42mcx_lost(__UINT32_TYPE__ limit);
 
+/*
+ * Says on the report sink what holds the recorded block at an address, or around it: the shortest chain of pointers that
+ * leads there. It begins with what the first pointer lies in, "variable `sessions` in server+0x40c0 leads to", the stack
+ * of a thread with the function whose frame it is, a register, thread-local memory, or other memory; then come the blocks
+ * on the way as "file:line:HB:type:0xADDRESS:size:cycles", each with the byte at which the pointer to the next one lies,
+ * and the trace of the last one's allocation. Of a chain of more than 32 blocks, the first and the last 16 are listed. A
+ * block that nothing leads to has LB in place of HB.
+ *
+ * What the calling thread has on its stack and in its registers counts where nothing else holds the block. Looks at the
+ * process as k42mcx_lost does. Returns 0 for a block that is held, 1 for one that is lost; -1, with a message on standard
+ * error, where no recorded block is there, or for what makes k42mcx_lost return 0. Takes the checker's lock; allocates
+ * nothing but memory mapped for the search.
+ */
+int k42mcx_why(const void *address);
+
 /* ---- What a search for lost blocks cannot know ----
  *
  * A program says it of blocks whose addresses stand nowhere as they are: encoded, or kept by a device, another process

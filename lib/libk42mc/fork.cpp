@@ -5,7 +5,7 @@
 #include "fdcheck/state.h"
 #include "linkage/linkage.h"
 #include "memcheck/debug_stream.h"
-#include "memcheck/reach/lost_blocks.h"
+#include "memcheck/reach/inspection.h"
 #include "memcheck/report_signal.h"
 #include "memcheck/sink.h"
 #include "platform/platform.h"
@@ -43,7 +43,7 @@ void after_fork_in_child() {
     gMCLock = unlocked_checker;
     gFDLock = PTHREAD_MUTEX_INITIALIZER;
     forget_locks();
-    forget_searches();
+    forget_inspections();
     forget_other_visitors();
     platform::renew_stream_list();
     if (forked_among_threads)

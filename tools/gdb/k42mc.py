@@ -376,6 +376,12 @@ def lost(limit="0"):
     print(f"{count} lost block{'s'[:count != 1]}")
 
 
+@command("k42mc why", "<ADDRESS>")
+def why(address):
+    """Shows by which pointers the recorded block at an address is held, or around it."""
+    call(f"((int (*)(const void *)) k42mcx_why)((void *) {number_of(address)})")
+
+
 @command("k42mc filter", "<in|out> <TEXT>", most=2)
 def filter_site(way, text):
     """Asks for traces of an allocation site, or for none: a line of a report names it."""

@@ -28,6 +28,10 @@ inline Record &record_at(uint32_t number) {
     return gMCChunks[number / Chunk::room]->records[number % Chunk::room];
 }
 
+inline size_t most_records() {
+    return size_t{gMCChunkCount} * Chunk::room;
+}
+
 // The free records of one thread, which takes and gives them back without a lock. What it has too many of,
 // others get.
 class FreeRecords {

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <functional>
 #include <pthread.h>
+#include <regex>
 #include <semaphore.h>
 #include <set>
 #include <sys/epoll.h>
@@ -68,6 +69,11 @@ std::string lost_lines(uint32_t limit = 0) {
     EXPECT_EQ(count, listed);
     EXPECT_FALSE(contains(text, "ERROR")) << text;
     return lines;
+}
+
+std::string why(uintptr_t inverted, int expected) {
+    wipe();
+    return captured_stderr([&] { EXPECT_EQ(k42mcx_why(shown(inverted)), expected); });
 }
 
 // ---- Roots, each of which is all that leads to a block ----
@@ -159,6 +165,14 @@ void on_stack_of_handler(uintptr_t inverted) {
     sigaltstack(&none, nullptr);
 }
 
+[[gnu::noinline]] void on_stack_in_use(uintptr_t inverted) {
+    [[maybe_unused]] void *volatile local = shown(inverted);
+    wipe();
+    for (sem_post(&held); !let_go;)
+        usleep(1000);
+    local = nullptr;
+}
+
 ucontext_t coroutine, outside;
 uintptr_t for_coroutine;
 void run_coroutine() {
@@ -173,28 +187,36 @@ int epoll, watched[500]; // more than are read at a time
 constexpr int high_half = sizeof(void *) == 4 ? 32 : 0;
 timer_t timer;
 
+// What k42mcx_why should say of each.
+constexpr const char *by_data = "variable `[^`]*in_data[^`]*` in lost_test\\+0x[0-9a-f]+",
+                     *by_memory = "memory at 0x[0-9A-F]+ in a mapping of [0-9]+ KiB",
+                     *by_register = "[a-z0-9]+ of thread [0-9]+",
+                     *by_system = "data of an epoll instance, or the value of a timer,";
+
 struct Root {
-    const char *name;
+    const char *name, *why;
     std::function<void(uintptr_t inverted)> hold;
     std::function<void()> drop;
     bool waits = false; // inside of hold
 };
 
 const Root roots[] = {
-    {"data", [](uintptr_t p) { in_data = shown(p); }, [] { in_data = nullptr; }},
-    {"inside", [](uintptr_t p) { in_data = static_cast<char *>(shown(p)) + 99; },
+    {"data", by_data, [](uintptr_t p) { in_data = shown(p); }, [] { in_data = nullptr; }},
+    {"inside", by_data, [](uintptr_t p) { in_data = static_cast<char *>(shown(p)) + 99; },
      [] { in_data = static_cast<char *>(in_data) + 5; }}, // behind it, and so without its tags
-    {"low tags", [](uintptr_t p) { in_data = static_cast<char *>(shown(p)) + 7; },
+    {"low tags", by_data, [](uintptr_t p) { in_data = static_cast<char *>(shown(p)) + 7; },
      [] { in_data = nullptr; }},
 #if defined(__x86_64__)
-    {"high tags", [](uintptr_t p) { in_data = reinterpret_cast<void *>(~p | uintptr_t{0xbeef} << 48); },
+    {"high tags", by_data,
+     [](uintptr_t p) { in_data = reinterpret_cast<void *>(~p | uintptr_t{0xbeef} << 48); },
      [] { in_data = nullptr; }},
 #endif
-    {"thread-local", [](uintptr_t p) { in_thread_local = shown(p); }, [] { in_thread_local = nullptr; }},
-    {"thread-specific", [](uintptr_t p) { pthread_setspecific(last_key, shown(p)); },
+    {"thread-local", "thread-local memory of thread [0-9]+",
+     [](uintptr_t p) { in_thread_local = shown(p); }, [] { in_thread_local = nullptr; }},
+    {"thread-specific", by_memory, [](uintptr_t p) { pthread_setspecific(last_key, shown(p)); },
      [] { pthread_setspecific(last_key, nullptr); }},
-    {"page", [](uintptr_t p) { in_page[100] = shown(p); }, [] { in_page[100] = nullptr; }},
-    {"read-only page",
+    {"page", by_memory, [](uintptr_t p) { in_page[100] = shown(p); }, [] { in_page[100] = nullptr; }},
+    {"read-only page", by_memory,
      [](uintptr_t p) {
          in_page[100] = shown(p);
          mprotect(in_page, 4096, PROT_READ);
@@ -203,8 +225,8 @@ const Root roots[] = {
          mprotect(in_page, 4096, PROT_READ | PROT_WRITE);
          in_page[100] = nullptr;
      }},
-    {"former stack", on_former_stack, [] { in_page[100] = nullptr; }},
-    {"foreign block",
+    {"former stack", by_memory, on_former_stack, [] { in_page[100] = nullptr; }},
+    {"foreign block", by_memory,
      [](uintptr_t p) {
          in_foreign_block = static_cast<void **>(malloc(100));
          in_foreign_block[3] = shown(p);
@@ -213,7 +235,7 @@ const Root roots[] = {
          free(in_foreign_block);
          in_foreign_block = nullptr;
      }},
-    {"held block",
+    {"held block", "variable `[^`]*in_held_block[^`]*` in .*",
      [](uintptr_t p) {
          in_held_block = static_cast<void **>(k42MC_malloc("held.c", 1, 5000));
          in_held_block[600] = shown(p);
@@ -222,13 +244,13 @@ const Root roots[] = {
          k42MC_free("held.c", 2, in_held_block);
          in_held_block = nullptr;
      }},
-    {"large held block",
+    {"large held block", "variable `[^`]*in_held_block[^`]*` in .*",
      [](uintptr_t p) {
          in_held_block = static_cast<void **>(k42MC_malloc("held.c", 1, 1'000'000));
          in_held_block[100'000] = shown(p);
      },
      [] { in_held_block[100'000] = nullptr; }},
-    {"coroutine",
+    {"coroutine", by_memory,
      [](uintptr_t p) {
          for_coroutine = p;
          getcontext(&coroutine);
@@ -238,7 +260,7 @@ const Root roots[] = {
          swapcontext(&outside, &coroutine);
      },
      [] { swapcontext(&outside, &coroutine); }},
-    {"epoll",
+    {"epoll", by_system,
      [](uintptr_t p) {
          epoll = epoll_create1(0);
          for (int &descriptor : watched) {
@@ -256,7 +278,7 @@ const Root roots[] = {
          }
          close(epoll);
      }},
-    {"timer",
+    {"timer", by_system,
      [](uintptr_t p) {
          sigevent event = {};
          event.sigev_notify = SIGEV_SIGNAL;
@@ -266,10 +288,12 @@ const Root roots[] = {
          event = {};
      },
      [] { timer_delete(timer); }},
-    {"stack on which a handler's stack lies", on_stack_of_handler, [] {}, true},
-    {"register", in_register, [] {}, true},
-    {"vector register", in_vector, [] {}, true},
-    {"register of a thread that waits", in_register_of_waiting, [] {}, true},
+    {"stack on which a handler's stack lies", "stack of thread [0-9]+.*", on_stack_of_handler, [] {},
+     true},
+    {"stack", "stack of thread [0-9]+, frame `[^`]*on_stack_in_use[^`]*`", on_stack_in_use, [] {}, true},
+    {"register", by_register, in_register, [] {}, true},
+    {"vector register", "vector register of thread [0-9]+", in_vector, [] {}, true},
+    {"register of a thread that waits", by_register, in_register_of_waiting, [] {}, true},
 };
 
 // One thread holds, and drops when it is let go; then it stays until the search is over.
@@ -282,6 +306,7 @@ public:
         EXPECT_EQ(pipe(waiting_pipe), 0);
         thread_ = std::thread([this, &root, inverted] {
             root.hold(inverted);
+            wipe();
             if (!root.waits) {
                 sem_post(&held);
                 sem_wait(&go_on_);
@@ -325,8 +350,12 @@ TEST_F(Lost, IsWhatNoRootLeadsTo) {
         {
             Holder holder(root, block);
             EXPECT_EQ(lost_lines(), "");
+            EXPECT_TRUE(std::regex_search(why(block, 0),
+                                          std::regex(std::string("^") + root.why + " leads to\n")))
+                << why(block, 0);
             holder.drop();
             EXPECT_EQ(lost_lines(), "root.c:1:LB\n");
+            EXPECT_TRUE(contains(why(block, 1), "Nothing that is held leads to\nroot.c:1:LB:STD:"));
         }
         aside([&] {
             k42MC_free("root.c", 2, shown(block));
@@ -603,6 +632,41 @@ std::string expected_lines(const Edges &leads_to, const std::set<int> &held) {
     return lines;
 }
 
+// How many blocks there are on the shortest way to each node, from those that are held by themselves; 0 for none.
+std::vector<size_t> lengths_of_ways(const Edges &edges, const std::set<int> &first) {
+    std::vector<size_t> lengths(edges.size());
+    std::set<int> reached = first;
+    for (size_t length = 1; !reached.empty(); ++length) {
+        std::set<int> next;
+        for (const int node : reached)
+            if (lengths[size_t(node)] == 0) {
+                lengths[size_t(node)] = length;
+                next.insert(edges[size_t(node)].begin(), edges[size_t(node)].end());
+            }
+        reached = next;
+    }
+    return lengths;
+}
+
+// Every pointer stands where the chain has it, and leads into the block behind it.
+void expect_chain(const std::string &text, size_t length) {
+    static const std::regex link(
+        "HB:STD:(0x[0-9A-F]+):([0-9]+):[0-9]+\n(?:  from its byte ([0-9]+) on)?");
+    uintptr_t pointer = 0;
+    size_t links = 0;
+    EXPECT_TRUE(contains(text, "graph_roots")) << text;
+    for (auto at = std::sregex_iterator(text.begin(), text.end(), link); at != std::sregex_iterator();
+         ++at) {
+        const uintptr_t begin = std::stoul((*at)[1], nullptr, 16);
+        if (links++ != 0) {
+            EXPECT_LT(pointer - begin, std::stoul((*at)[2])) << text;
+        }
+        if ((*at)[3].matched)
+            pointer = *reinterpret_cast<uintptr_t *>(begin + std::stoul((*at)[3]));
+    }
+    EXPECT_EQ(links, length) << text;
+}
+
 TEST_F(Lost, AgreesWithAModelOnRandomGraphs) {
     Random random;
     static void *graph_roots[3];
@@ -626,6 +690,7 @@ TEST_F(Lost, AgreesWithAModelOnRandomGraphs) {
                 held.insert(int(node));
             }
         });
+        const auto lengths = lengths_of_ways(edges, held);
         take_closure(edges);
         for (const int root : std::set<int>(held))
             held.insert(edges[size_t(root)].begin(), edges[size_t(root)].end());
@@ -640,6 +705,9 @@ TEST_F(Lost, AgreesWithAModelOnRandomGraphs) {
         }
         EXPECT_EQ(leaders, expected_lines(edges, held));
         EXPECT_EQ(all.size() + held.size(), size_t(nodes));
+        for (size_t node = 0; node < nodes; node += 7)
+            if (const std::string text = why(blocks[node], lengths[node] == 0); lengths[node] != 0)
+                expect_chain(text, lengths[node]);
         aside([&] {
             for (const uintptr_t block : blocks)
                 k42MC_free("node.c", 0, shown(block));

@@ -246,6 +246,7 @@ K42MC_HIDDEN_NAME(k42mcx_plain_realpath)
 K42MC_HIDDEN_NAME(k42mcx_plain_getcwd)
 
 K42MC_HIDDEN_NAME(k42mcx_lost)
+K42MC_HIDDEN_NAME(k42mcx_why)
 K42MC_HIDDEN_NAME(k42mcx_keep)
 K42MC_HIDDEN_NAME(k42mcx_root)
 K42MC_HIDDEN_NAME(k42mcx_unroot)

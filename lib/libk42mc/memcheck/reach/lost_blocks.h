@@ -1,7 +1,7 @@
 // The blocks that nothing in the process leads to any more.
 #pragma once
 
-#include "memcheck/reach/moment.h"
+#include "memcheck/reach/inspection.h"
 #include "memcheck/record_store.h"
 #include "memcheck/state.h"
 
@@ -46,16 +46,12 @@ public:
     }
 
 private:
-    const char *start_search(const Caller &caller, uint32_t limit, platform::ThreadCaches caches);
+    bool make_list(uint32_t limit);
 
     LostBlockList *list_ = nullptr;
     size_t list_bytes_ = 0;
     uint32_t generation_ = 0; // of the registry
     bool held_threads_ = false;
-    pid_t copy_ = -1;
 };
-
-// In the child of a fork, where nobody searches.
-void forget_searches();
 
 } // namespace k42mc::internal

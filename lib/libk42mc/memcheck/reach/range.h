@@ -9,6 +9,10 @@ namespace k42mc::internal {
 
 struct Range {
     uintptr_t begin, end;
+
+    template <class Element> static Range of(const Element *first, size_t count) {
+        return {reinterpret_cast<uintptr_t>(first), reinterpret_cast<uintptr_t>(first + count)};
+    }
 };
 
 // Ranges that are left out of others. They may overlap.

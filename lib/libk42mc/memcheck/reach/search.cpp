@@ -4,18 +4,24 @@
 
 namespace k42mc::internal {
 
-size_t Search::bytes_for(const Moment &moment) {
+size_t Search::bytes_for(const Moment &moment, Note note) {
     constexpr size_t alignments = 64;
+    const size_t noted = note == Note::origins ? moment.block_count * sizeof(Origin) : 0;
     return BlockMap::bytes_for(moment.block_count) + Roots::bytes_for(moment) +
            moment.block_count * (sizeof(bool) + sizeof(uint32_t)) + pages_at_a_time * sizeof(uint64_t) +
-           most_words * word + alignments;
+           most_words * word + noted + alignments;
 }
 
-Search::Search(const Moment &moment)
-    : moment_(moment), memory_(bytes_for(moment)), pages_(memory_.take<uint64_t>(pages_at_a_time)),
+Search::Search(const Moment &moment, Note note)
+    : moment_(moment), memory_(bytes_for(moment, note)), pages_(memory_.take<uint64_t>(pages_at_a_time)),
       blocks_(memory_, moment.block_count), roots_(memory_, moment, blocks_, copies_),
       reached_(memory_.take<bool>(moment.block_count)),
-      queue_(memory_.take<uint32_t>(moment.block_count)), words_(memory_.take<uintptr_t>(most_words)) {}
+      origins_(memory_.take<Origin>(note == Note::origins ? moment.block_count : 0)),
+      queue_(memory_.take<uint32_t>(moment.block_count)), words_(memory_.take<uintptr_t>(most_words)),
+      callers_stack_(platform::stack_memory_of(moment.caller.control_block)) {
+    if (callers_stack_.end != 0)
+        callers_stack_.end = moment.caller.control_block & -smallest_page;
+}
 
 bool Search::run() {
     if (!memory_ || !copies_)
@@ -23,10 +29,18 @@ bool Search::run() {
     for (uint32_t i = 0; i < blocks_.size(); ++i)
         if (const Record &record = record_at(blocks_[i].number);
             record.is_kept() || record.is_in_hand()) // which somebody is moving
-            reach(i);
+            reach(i, {record.is_kept() ? Origin::Kind::kept : Origin::Kind::moving, 0, 0});
+    bool callers_own = false;
+    auto visit = [&](Range range, const platform::Mapping &mapping) {
+        reach_from(range, mapping, callers_own);
+    };
     reach_from_threads();
-    auto visit = [this](Range range, const platform::Mapping &mapping) { reach_from(range, mapping); };
     if (!roots_.each(visit))
+        return false;
+    reach_from_blocks();
+    callers_own = true;
+    reach_from_caller();
+    if (!origins_.empty() && !roots_.each(visit))
         return false;
     reach_from_blocks();
     return true;
@@ -53,43 +67,55 @@ uint32_t Search::next_pointer(uintptr_t &at, uintptr_t end) {
 }
 
 // With a block, all that it lies in.
-void Search::reach(uint32_t index) {
+void Search::reach(uint32_t index, const Origin &origin) {
     for (; index != Block::none && !reached_[index]; index = blocks_[index].outer) {
         reached_[index] = true;
+        if (!origins_.empty())
+            origins_[index] = origin;
         queue_[queued_++] = index;
     }
 }
 
-void Search::reach_from(Range range) {
+void Search::reach_from(Range range, Origin::Kind kind, uint32_t holder) {
     for (uint32_t index; (index = next_pointer(range.begin, range.end)) != Block::none;)
-        reach(index);
+        reach(index, {kind, holder, range.begin - word});
 }
 
-void Search::reach_from(Range range, const platform::Mapping &mapping) {
+bool Search::is_callers_own(uintptr_t at, const platform::Mapping &mapping) const {
+    const platform::StackMemory &stack = callers_stack_;
+    return stack.end == 0 ? mapping.is_first_stack : at >= stack.begin && at < stack.end;
+}
+
+void Search::reach_from(Range range, const platform::Mapping &mapping, bool callers_own) {
     for (uintptr_t at = range.begin; at < range.end;) {
         const uintptr_t end = std::min((at & -smallest_page) + smallest_page, range.end);
-        if (pages_.is_own(at, mapping))
-            reach_from({at, end});
+        const bool is_turn = origins_.empty() || is_callers_own(at, mapping) == callers_own;
+        if (is_turn && pages_.is_own(at, mapping))
+            reach_from({at, end}, Origin::Kind::memory, 0);
         at = end;
     }
 }
 
+void Search::reach_from_caller() {
+    for (int number = 0; number < platform::Registers::count; ++number)
+        reach(blocks_.find(moment_.caller.registers[number]),
+              {Origin::Kind::caller, 0, static_cast<uintptr_t>(number)});
+}
+
 void Search::reach_from_threads() {
-    for (const uintptr_t value : moment_.caller.registers.values)
-        reach(blocks_.find(value));
-    for (const platform::StoppedThread &thread : moment_.threads) {
-        if (thread.context == nullptr)
+    for (uint32_t i = 0; i < moment_.threads.size(); ++i) {
+        if (moment_.threads[i].context == nullptr)
             continue;
-        const platform::SavedRegisters saved = platform::saved_registers(thread.context);
-        reach_from({saved.begin, saved.end});
-        reach_from({saved.vectors_begin, saved.vectors_end});
+        const platform::SavedRegisters saved = platform::saved_registers(moment_.threads[i].context);
+        reach_from({saved.begin, saved.end}, Origin::Kind::thread, i);
+        reach_from({saved.vectors_begin, saved.vectors_end}, Origin::Kind::thread, i);
     }
 }
 
 void Search::reach_from_blocks() {
     for (; next_ < queued_; ++next_) {
         const Block &block = blocks_[queue_[next_]];
-        reach_from({block.begin, block.end});
+        reach_from({block.begin, block.end}, Origin::Kind::block, queue_[next_]);
     }
 }
 

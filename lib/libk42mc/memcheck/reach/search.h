@@ -5,12 +5,27 @@
 #include "memcheck/reach/block_map.h"
 #include "memcheck/reach/moment.h"
 #include "memcheck/reach/roots.h"
+#include "platform/stack.h"
 
 namespace k42mc::internal {
 
+// By what a block was reached first.
+struct Origin {
+    enum class Kind : uint8_t { memory, block, caller, thread, kept, moving };
+
+    Kind kind;
+    uint32_t holder; // the block that the word lies in, or the thread whose registers have it
+    uintptr_t at;    // where the word lies; of the caller's registers, the number
+};
+
 class Search {
 public:
-    explicit Search(const Moment &moment);
+    // What to say where run() returns false.
+    static constexpr const char *no_result =
+        "memory has run out, or the system does not tell what memory there is";
+
+    enum class Note : bool { nothing, origins };
+    explicit Search(const Moment &moment, Note note = Note::nothing);
 
     // False where memory has run out, or where the system does not tell what is mapped.
     bool run();
@@ -18,18 +33,25 @@ public:
     const BlockMap &blocks() const { return blocks_; }
     bool is_reached(uint32_t index) const { return reached_[index]; }
 
+    // Of a block that is reached, where that is noted. Followed from block to block, they are the shortest way from a root:
+    // of what the asking thread has on its stack and in its registers only where there is no other, as it has the address
+    // that it asks for.
+    const Origin &origin(uint32_t index) const { return origins_[index]; }
+
     // The next block that is pointed to from a range of memory, of which all up to `at` has been looked at; else none.
     uint32_t next_pointer(uintptr_t &at, uintptr_t end);
 
 private:
     static constexpr size_t pages_at_a_time = 4096;
 
-    static size_t bytes_for(const Moment &moment);
+    static size_t bytes_for(const Moment &moment, Note note);
 
-    void reach(uint32_t index);
-    void reach_from(Range range);
-    void reach_from(Range range, const platform::Mapping &mapping);
+    void reach(uint32_t index, const Origin &origin);
+    void reach_from(Range range, Origin::Kind kind, uint32_t holder);
+    void reach_from(Range range, const platform::Mapping &mapping, bool callers_own);
     void reach_from_threads();
+    void reach_from_caller();
+    bool is_callers_own(uintptr_t at, const platform::Mapping &mapping) const;
     void reach_from_blocks();
     void fill_window(uintptr_t at, uintptr_t end);
 
@@ -40,6 +62,7 @@ private:
     BlockMap blocks_;
     Roots roots_;
     std::span<bool> reached_;
+    std::span<Origin> origins_;
     std::span<uint32_t> queue_; // blocks that are reached, and looked into as far as next_
     uint32_t queued_ = 0, next_ = 0;
 
@@ -47,6 +70,9 @@ private:
     static constexpr uintptr_t word = sizeof(uintptr_t), most_words = smallest_page / word;
     Range window_ = {0, 0};
     const std::span<uintptr_t> words_;
+
+    platform::StackMemory
+        callers_stack_; // without the page where its thread-local memory is; none of the first thread
 };
 
 } // namespace k42mc::internal
