@@ -1,9 +1,8 @@
 #!/bin/bash
-# usage: headers.sh <source directory> [<compiler flags>, such as -m32]
-# Compiles every public header alone, twice over, in each language that it is for, with each compiler
-# that is installed.
+# usage: headers.sh <source directory> <C compiler> <C++ compiler> [<flags of both, such as -m32>]
+# Compiles every public header alone, twice over, in each language that it is for.
 set -euo pipefail
-include=$1/include flags=("${@:2}")
+include=$1/include cc=$2 cxx=$3 flags=("${@:4}")
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -21,14 +20,10 @@ compile() { # compiler, language and standard, header
 
 # What the redirect folders hold stands in for system headers and is not included by its own name.
 for header in $(cd "$include" && find k42mc k42mc/algorithms -maxdepth 1 -name '*.h' -o -name '*.hpp'); do
-    for compilers in "gcc g++" "clang clang++"; do
-        read -r cc cxx <<<"$compilers"
-        [[ $(type -P "$cc") && $(type -P "$cxx") ]] || continue
-        compile "$cxx" "-x c++ -std=c++20" "$header"
-        [[ $header == *.hpp ]] && continue
-        compile "$cxx" "-x c++ -std=c++11" "$header"
-        compile "$cc" "-x c -std=c99" "$header"
-    done
+    compile "$cxx" "-x c++ -std=c++20" "$header"
+    [[ $header == *.hpp ]] && continue
+    compile "$cxx" "-x c++ -std=c++11" "$header"
+    compile "$cc" "-x c -std=c99" "$header"
 done
 ((count)) || { echo "no headers found"; exit 1; }
 exit $faults

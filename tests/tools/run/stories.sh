@@ -63,7 +63,7 @@ as_shown() { # file of the lines shown, command
 
 check() { # command line, file of the lines shown
     local -a words
-    read -ra words <<<"${1//build\/demo\/examples\/planted/$planted}"
+    read -ra words <<<"${1//build\/m64\/examples\/planted/$planted}"
     count=$((count + 1))
     # The braces keep the shell's own notice of an abort quiet.
     { (cd "$work" && as_shown "$2" "$k42mc" "${words[2]}" --output "$work/reports$count" "${words[@]:3}") \
