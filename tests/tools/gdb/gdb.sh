@@ -21,7 +21,7 @@ commands=(
     'k42mc list single uint32_t' 'k42mc list pair' 'k42mc list *tree uint32_t' 'k42mc list patricia uint32_t'
     'k42mc list prefixes uint32_t' 'k42mc list heap uint32_t' 'k42mc list items' 'k42mc list'
     'k42mc block live' 'k42mc block live + 3' 'k42mc block released' 'k42mc block damaged' 'k42mc block &items'
-    'k42mc check live' 'k42mc verify' 'k42mc report' 'k42mc report 2' 'k42mc lost'
+    'k42mc check live' 'k42mc verify' 'k42mc report' 'k42mc report 2' 'k42mc lost' 'k42mc why live' 'k42mc why &items'
     'k42mc filter in "subject.c:1:LK:STD:0x0:2:1"' 'k42mc filter in "nonsense"' 'k42mc filter on x'
     'k42mc descriptor 4' 'k42mc descriptors' 'k42mc descriptors closed' 'k42mc descriptors shut'
     'break busy' 'continue' 'k42mc report' 'k42mc descriptors' 'k42mc block live'
