@@ -600,6 +600,30 @@ TEST_F(Lost, AgreesWithAModelOnManyRegions) {
     release(holder);
 }
 
+// ---- Why a block is held ----
+
+// The first line, once the address has been asked for by a function that has it on the stack.
+[[gnu::noinline]] std::string first_reason(uintptr_t inverted) {
+    [[maybe_unused]] void *volatile local = shown(inverted);
+    const std::string text = why(inverted, 0);
+    local = nullptr;
+    return text.substr(0, text.find('\n'));
+}
+
+TEST_F(Lost, IsNotForWhatTheAskingThreadHasIfAnythingElseLeadsThere) {
+    const uintptr_t block = new_block("asked.c", 1, 100);
+    const std::string of_thread = first_reason(block);
+    EXPECT_TRUE(contains(of_thread, "stack of this thread, frame `")) << of_thread;
+    EXPECT_TRUE(contains(of_thread, "first_reason")) << of_thread;
+    aside([&] { in_data = shown(block); });
+    EXPECT_TRUE(contains(first_reason(block), "in_data"));
+    aside([] { in_data = nullptr; });
+    aside([&] { k42mcx_keep(shown(block)); });
+    EXPECT_EQ(first_reason(block), "the program, which has asked to keep it, leads to");
+    release(block);
+    EXPECT_TRUE(contains(why(block, -1), "k42mcx_why: ERROR: no recorded block is there\n"));
+}
+
 // ---- Graphs ----
 
 constexpr int nodes = 60;
