@@ -114,14 +114,19 @@ bool step_out(Registers &registers) {
 }
 
 FrameSearch find_frame(const Registers &start, uintptr_t address) {
+    // A signal frame may lead down again, on a damaged stack in circles.
+    constexpr int most_frames = 100'000;
     Walk walk(start);
-    for (;;) {
-        const uintptr_t place = walk.place(), begin = walk.stack_pointer();
+    uintptr_t begin = 0;
+    for (int i = 0; i < most_frames; ++i) {
+        const uintptr_t place = walk.place();
+        begin = walk.stack_pointer();
         if (!walk.step())
-            return {0, begin};
+            break;
         if (address >= begin && address < walk.stack_pointer())
             return {place, walk.stack_pointer()};
     }
+    return {0, begin};
 }
 
 } // namespace k42mc::internal::platform
