@@ -24,8 +24,9 @@ struct Link {
     uintptr_t offset;
 };
 
-// Room for as many links as there are blocks, which a copy of the process fills in.
 struct Chain {
+    using Element = Link;
+
     bool is_complete;
     bool is_recorded, is_held;
     Root root;

@@ -54,10 +54,14 @@ bool take_handed_word(void *words, uint64_t word) {
     return true;
 }
 
-} // namespace
+// What a look at the process is done in.
+struct Place {
+    bool is_process = false; // itself, while its threads stand still
+    pid_t copy = -1;
+};
 
-const char *Inspection::start(const Caller &caller, platform::ThreadCaches caches,
-                              FunctionRef<void(const Moment &)> look) {
+const char *start(const Caller &caller, platform::ThreadCaches caches,
+                  FunctionRef<void(const Moment &)> look, Place &place) {
     learn_control_blocks();
     const platform::ThreadStop stop;
     if (stop.outcome() != platform::StopOutcome::whole)
@@ -71,30 +75,36 @@ const char *Inspection::start(const Caller &caller, platform::ThreadCaches cache
                            Range::of(handed.records, handed.size)};
     Task task = {moment, look};
     if (!stop.threads().empty())
-        copy_ = platform::start_copy(carry_out, &task);
-    held_threads_ = !stop.threads().empty() && copy_ < 0;
-    if (copy_ < 0)
+        place.copy = platform::start_copy(carry_out, &task);
+    place.is_process = !stop.threads().empty() && place.copy < 0;
+    if (place.copy < 0)
         carry_out(&task);
     return nullptr;
 }
 
-const char *Inspection::run(const char *function, const Caller &caller, FunctionRef<bool()> is_needed,
-                            FunctionRef<void(const Moment &)> look) {
+} // namespace
+
+const char *inspect(const char *function, const Caller &caller, FunctionRef<bool()> is_needed,
+                    FunctionRef<void(const Moment &)> look) {
     if (platform::borrows_memory())
         return "the process runs on its parent's memory";
     const Printing printing;
     const SearchLock one_at_a_time;
     const auto caches = platform::ThreadCaches::learn();
+    Place place;
     const char *obstacle;
     {
         const ControlLock lock(function);
         obstacle = !lock                ? "the checker's lock cannot be had"
                    : !registry_exists() ? "MC not currently initialized"
-                   : is_needed()        ? start(caller, caches, look)
+                   : is_needed()        ? start(caller, caches, look, place)
                                         : nullptr;
     }
-    if (copy_ > 0)
-        platform::wait_for_copy(copy_);
+    if (place.copy > 0)
+        platform::wait_for_copy(place.copy);
+    if (place.is_process)
+        StandardErrorText()->print("%s: no copy of the process can be made: its threads stood still\n",
+                                   function);
     return obstacle;
 }
 

@@ -29,9 +29,6 @@ size_t put_lost_blocks(TextOutput &out, const LostBlocks &lost) {
         StandardErrorText()->print("%s: ERROR: %s\n", function_name, obstacle);
         return 0;
     }
-    if (lost.held_threads())
-        StandardErrorText()->print("%s: no copy of the process can be made: its threads stood still\n",
-                                   function_name);
     const ControlLock lock(function_name);
     return lock && registry_exists() ? put_lost_blocks(*SinkText(), lost) : 0;
 }

@@ -2,10 +2,9 @@
 #include "memcheck/block_line.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/reach/chain.h"
+#include "memcheck/reach/findings.h"
 #include "memcheck/reach/inspection.h"
-#include "memcheck/registry.h"
 #include "memcheck/sink.h"
-#include "platform/full_walk.h"
 
 namespace k42mc::internal {
 namespace {
@@ -124,64 +123,35 @@ void put_chain(TextOutput &out, const Chain &chain) {
 
 // ---- The search ----
 
-// Memory for the chain, which a copy of the process fills in.
-class SharedChain {
-public:
-    SharedChain() = default;
-    ~SharedChain() {
-        if (chain_ != nullptr)
-            platform::unmap_memory(chain_, bytes_);
-    }
-    SharedChain(const SharedChain &) = delete;
-    SharedChain &operator=(const SharedChain &) = delete;
-
-    // With gMCLock held.
-    bool make() {
-        generation_ = gMCGeneration;
-        bytes_ = sizeof *chain_ + most_records() * sizeof *chain_->links;
-        chain_ = static_cast<Chain *>(platform::map_shared_memory(bytes_));
-        return chain_ != nullptr;
-    }
-
-    Chain *get() const { return chain_; }
-
-    // Whether the records are still those that were looked at.
-    bool is_of_registry() const { return registry_exists() && generation_ == gMCGeneration; }
-
-private:
-    Chain *chain_ = nullptr;
-    size_t bytes_ = 0;
-    uint32_t generation_ = 0;
-};
-
-const char *search(const Caller &caller, uintptr_t address, SharedChain &shared) {
-    auto is_needed = [&] { return shared.make(); };
+const char *search(const Caller &caller, uintptr_t address, Findings<Chain> &chain) {
+    auto is_needed = [&] { return chain.make(); };
     auto look = [&](const Moment &moment) {
         Search search(moment, Search::Note::origins);
         if (search.run())
-            find_chain(search, moment, address, *shared.get());
+            find_chain(search, moment, address, *chain);
     };
-    Inspection inspection;
-    const char *const obstacle = inspection.run(function_name, caller, is_needed, look);
+    const char *const obstacle = inspect(function_name, caller, is_needed, look);
     if (obstacle != nullptr)
         return obstacle;
-    if (shared.get() == nullptr || !shared.get()->is_complete)
+    if (!chain || !chain->is_complete)
         return Search::no_result;
-    return shared.get()->is_recorded ? nullptr : "no recorded block is there";
+    return chain->is_recorded ? nullptr : "no recorded block is there";
 }
 
 // Apart, so that nothing of it lies on the part of the stack that counts as the caller's.
 [[gnu::noinline]] int report_why(const Caller &caller, uintptr_t address) {
-    SharedChain shared;
-    if (const char *obstacle = search(caller, address, shared)) {
-        StandardErrorText()->print("%s: ERROR: %s\n", function_name, obstacle);
-        return -1;
+    Findings<Chain> chain;
+    const char *obstacle = search(caller, address, chain);
+    if (obstacle == nullptr) {
+        const ControlLock lock(function_name);
+        if (lock && chain.are_current()) {
+            put_chain(*SinkText(), *chain);
+            return chain->is_held ? 0 : 1;
+        }
+        obstacle = "MC has been switched off meanwhile";
     }
-    const ControlLock lock(function_name);
-    if (!lock || !shared.is_of_registry())
-        return -1;
-    put_chain(*SinkText(), *shared.get());
-    return shared.get()->is_held ? 0 : 1;
+    StandardErrorText()->print("%s: ERROR: %s\n", function_name, obstacle);
+    return -1;
 }
 
 } // namespace
