@@ -26,9 +26,18 @@ public:
             room_[count_++] = {begin, end};
     }
 
+    // Puts them in order, and those that touch together.
     void sort() {
         std::sort(room_.begin(), room_.begin() + static_cast<ptrdiff_t>(count_),
                   [](const Range &a, const Range &b) { return a.begin < b.begin; });
+        size_t kept = 0;
+        for (const Range &range : room_.first(count_)) {
+            if (kept != 0 && range.begin <= room_[kept - 1].end)
+                room_[kept - 1].end = std::max(room_[kept - 1].end, range.end);
+            else
+                room_[kept++] = range;
+        }
+        count_ = kept;
     }
 
     // Calls action with each piece of a range that lies in none of them.

@@ -2,6 +2,7 @@
 
 #include "base/gate.h"
 #include "memcheck/reach/annotations.h"
+#include "memcheck/site_table.h"
 #include "platform/signal_context.h"
 #include "platform/stack.h"
 #include "platform/trace_cache.h"
@@ -28,9 +29,14 @@ bool begins_with_guard(const platform::StackMemory &stack) {
                                1); // NOLINT(performance-no-int-to-ptr)
 }
 
+size_t site_chunk_count() {
+    const auto behind = std::find(std::begin(gMCSites), std::end(gMCSites), nullptr);
+    return static_cast<size_t>(behind - gMCSites);
+}
+
 size_t most_left_out(const Moment &moment) {
     constexpr size_t kept_stacks = 1024;
-    return moment.threads.size() + gMCChunkCount + kept_stacks;
+    return moment.threads.size() + gMCChunkCount + site_chunk_count() + kept_stacks;
 }
 
 } // namespace
@@ -51,6 +57,10 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
     for (uint32_t i = 0; i < gMCChunkCount; ++i)
         left_out_.add(reinterpret_cast<uintptr_t>(gMCChunks[i]),
                       reinterpret_cast<uintptr_t>(gMCChunks[i] + 1));
+    // On 32 bits, a site's hash may look like an address.
+    for (const AllocationSite *sites : std::span(gMCSites).first(site_chunk_count()))
+        left_out_.add(reinterpret_cast<uintptr_t>(sites),
+                      reinterpret_cast<uintptr_t>(sites + sites_a_chunk));
     if (!platform::is_on_signal_stack())
         leave_out_below(moment.caller.stack_pointer, moment.caller.control_block);
     for (const platform::StoppedThread &thread : moment.threads) {
