@@ -103,6 +103,8 @@ TEST(ReportOnSignal, StartsAnewInAChildOfWhoeverAskedFirst) {
     const Ended end = ended([] {
         alarm(60);
         k42mcx_report_on_signal(SIGUSR1, 1);
+        usleep(
+            100'000); // past the thread's start, at which the address sanitizer takes locks that it forks with
         if (child_reports && fork() == 0) {
             MCInit(0, 0);
             k42mcx_report_on_signal(SIGUSR1, 1);
