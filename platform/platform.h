@@ -74,7 +74,11 @@ bool readable(const void *address, size_t size);
 void *map_memory(size_t size);
 void unmap_memory(void *memory, size_t size);
 
-// The same, which a copy of the process shares.
+// Gives whole pages back to the system; they read as zeros then. False where they do not, with what is in them changed
+// or not. Keeps errno.
+bool discard(void *memory, size_t size);
+
+// The same as map_memory, which a copy of the process shares.
 void *map_shared_memory(size_t size);
 
 // What an address belongs to, as far as the system and the loader know: nothing is mapped there; the stack of

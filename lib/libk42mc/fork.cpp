@@ -5,6 +5,7 @@
 #include "fdcheck/state.h"
 #include "linkage/linkage.h"
 #include "memcheck/debug_stream.h"
+#include "memcheck/quarantine.h"
 #include "memcheck/reach/inspection.h"
 #include "memcheck/report_signal.h"
 #include "memcheck/sink.h"
@@ -24,12 +25,14 @@ void before_fork() {
     lock(gFDLock, LockRank::descriptors);
     take_checker_lock();
     lock(gMCDebugLock, LockRank::debug_messages);
+    lock_quarantine();
     forked_among_threads = !platform::single_threaded();
     thread_is_forking = true;
 }
 
 void after_fork_in_parent() {
     thread_is_forking = false;
+    unlock_quarantine();
     unlock(gMCDebugLock, LockRank::debug_messages);
     release_checker_lock();
     unlock(gFDLock, LockRank::descriptors);
@@ -43,6 +46,7 @@ void after_fork_in_child() {
     gMCLock = unlocked_checker;
     gFDLock = PTHREAD_MUTEX_INITIALIZER;
     forget_locks();
+    renew_quarantine();
     forget_inspections();
     forget_other_visitors();
     platform::renew_stream_list();

@@ -38,14 +38,15 @@ void write_defect(const StopNotice &notice) {
     if (file < 0)
         return;
     StackTrace here;
-    here.capture(StackTrace::deepest);
+    if (notice.release.empty())
+        here.capture(StackTrace::deepest);
     static JsonOutput out(file); // once in a process, and the stack may be small
     out->print("{\"kind\":\"defect\",\"pid\":%d,\"text\":", getpid());
     out.string(k42mc_panic_string);
     out->print(",\"words\":");
     out.string(notice.words);
     out->print(",");
-    out.chain("chain", here.innermost(StackTrace::deepest));
+    out.chain("chain", notice.release.empty() ? here.innermost(StackTrace::deepest) : notice.release);
     out->print(",");
     out.chain("block", notice.trace());
     out->print("}\n");

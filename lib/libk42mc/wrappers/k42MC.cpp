@@ -5,6 +5,8 @@
 #include "k42mc_debug.h"
 #include "memcheck/registry.h"
 #include "platform/memory_manager.h"
+#include "wrappers/fill.h"
+#include "wrappers/keep_back.h"
 #include "wrappers/notice.h"
 
 #include <algorithm>
@@ -44,10 +46,11 @@ constexpr uint32_t arena_of(uint16_t type) {
     return type + 1u;
 }
 
-template <class Family> void *wrap_malloc(Site site, size_t size) {
+// The most frequent of all calls has one frame.
+template <class Family> [[gnu::always_inline]] inline void *wrap_malloc(Site site, size_t size) {
     const size_t raw_size = with_guards(size);
-    void *raw = raw_size != 0 ? Family::allocate(raw_size) : out_of_memory();
-    return hand_out(site, Family::type, 1, raw, raw_size, size);
+    void *raw = allocate_raw(raw_size, Family::allocate);
+    return filled(hand_out(site, Family::type, 1, raw, raw_size, size), size);
 }
 
 template <class Family> void *wrap_calloc(Site site, size_t nmemb, size_t size) {
@@ -55,7 +58,7 @@ template <class Family> void *wrap_calloc(Site site, size_t nmemb, size_t size) 
     if (__builtin_mul_overflow(nmemb, size, &user_size))
         user_size = std::numeric_limits<size_t>::max();
     const size_t raw_size = with_guards(user_size);
-    void *raw = raw_size != 0 ? Family::allocate_zeroed(raw_size) : out_of_memory();
+    void *raw = allocate_raw(raw_size, Family::allocate_zeroed);
     return hand_out(site, Family::type, 1, raw, raw_size, user_size);
 }
 
@@ -78,29 +81,49 @@ void slide(void *to, const void *from, size_t size) {
         memmove(to, from, size);
 }
 
+template <class Family>
+void *replace_block(const RecordInHand &record, Site site, void *raw, size_t raw_size, size_t size) {
+    const ErrnoKeeper keep_errno;
+    StackTrace trace;
+    trace.capture(trace_depth());
+    void *user = guard_alloc(arena_of(Family::type), 1, raw, raw_size, trace);
+    replace_record(record, site, Family::type, user, size, trace);
+    return user;
+}
+
 // The old record is in hand while the underlying allocator moves the block: the old address may belong
 // to another thread before this one has the lock again. That allocator keeps raw bytes where they are,
 // so the user bytes of an aligned block have to slide to where a plain block has them.
 template <class Family> void *resize_block(Site site, void *ptr, size_t size) {
     const RecordInHand record = take_record(ptr);
-    const ReleasedBlock old = guard_release(arena_of(Family::type), ptr, record.known, explain_stop);
+    GuardTrace allocation;
+    const ReleasedBlock old =
+        guard_release(arena_of(Family::type), ptr, record.known, explain_stop, &allocation);
     const size_t kept = std::min(old.user_size, size);
-    slide(plain_user(old.raw), ptr, kept);
     const size_t raw_size = with_guards(size);
-    void *raw = raw_size != 0 ? Family::resize(old.raw, raw_size) : out_of_memory();
-    const ErrnoKeeper keep_errno;
-    StackTrace trace;
+    if (has_to_move(Family::type, old, size)) [[unlikely]] {
+        if (void *raw = allocate_raw(raw_size, Family::allocate)) {
+            void *user = replace_block<Family>(record, site, raw, raw_size, size);
+            memcpy(user, ptr, kept);
+            filled(user, size, kept);
+            Family::release(keep_back(site, Family::type, ptr, old, allocation));
+            return user;
+        }
+    }
+    slide(plain_user(old.raw), ptr, kept);
+    const auto resize = [&](size_t wanted) { return Family::resize(old.raw, wanted); };
+    void *raw = allocate_raw(raw_size, resize);
     if (raw == nullptr) {
+        const ErrnoKeeper keep_errno;
         slide(ptr, plain_user(old.raw), kept);
+        StackTrace trace;
         trace.capture(K42MC_GUARD_TRACE);
         guard_alloc(arena_of(Family::type), old.alignment, old.raw, old.raw_size, trace);
         put_record_back(record);
         return nullptr;
     }
-    trace.capture(trace_depth());
-    void *user = guard_alloc(arena_of(Family::type), 1, raw, raw_size, trace);
-    replace_record(record, site, Family::type, user, size, trace);
-    return user;
+    void *user = replace_block<Family>(record, site, raw, raw_size, size);
+    return filled(user, size, kept);
 }
 
 template <class Family> void *wrap_realloc(Site site, void *ptr, size_t size) {
@@ -153,8 +176,7 @@ void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t r
 }
 
 void *take_back(Site site, uint16_t type, void *ptr) {
-    const KnownBlock known = forget_block(site, type, ptr);
-    return guard_release(arena_of(type), ptr, known, explain_stop).raw;
+    return release_block(site, type, ptr, forget_block(site, type, ptr));
 }
 
 } // namespace k42mc::internal
@@ -177,8 +199,9 @@ int k42MC_posix_memalign(const char *file, int line, void **memptr, size_t align
     const ErrnoKeeper keep_errno;
     const bool valid = valid_alignment(alignment);
     const size_t raw_size = valid ? with_guards(size, alignment) : 0;
-    void *raw = raw_size != 0 ? malloc(raw_size) : nullptr;
-    *memptr = hand_out({file, line}, MC_STD, static_cast<uint32_t>(alignment), raw, raw_size, size);
+    void *raw = allocate_raw(raw_size, malloc);
+    *memptr = filled(
+        hand_out({file, line}, MC_STD, static_cast<uint32_t>(alignment), raw, raw_size, size), size);
     if (!valid)
         return EINVAL;
     return raw != nullptr ? 0 : ENOMEM;
@@ -191,8 +214,9 @@ void *k42MC_valloc(const char *file, int line, size_t size) {
                                    "&& alignment <= K42MC_ALIGN_MAX",
                                    "lib/libk42mc/k42MC", 194, "k42MC_valloc");
     const size_t raw_size = with_guards(size, page);
-    void *raw = raw_size != 0 ? malloc(raw_size) : out_of_memory();
-    return hand_out({file, line}, MC_STD, static_cast<uint32_t>(page), raw, raw_size, size);
+    void *raw = allocate_raw(raw_size, malloc);
+    return filled(hand_out({file, line}, MC_STD, static_cast<uint32_t>(page), raw, raw_size, size),
+                  size);
 }
 
 void k42MC_free(const char *file, int line, void *ptr) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "k42mc_debug.h"
+#include "memcheck/retired_block.h"
 
 #include <span>
 
@@ -14,6 +15,9 @@ struct StopNotice {
     void *frames[16];
     size_t frame_count;
 
+    // Of the release, where that was not now.
+    std::span<void *const> release = {};
+
     std::span<void *const> trace() const { return {frames, frame_count}; }
 };
 
@@ -24,5 +28,8 @@ extern constinit StopRecorder record_stop;
 // Writes past all streams. Allocates nothing, takes on trust nothing that it reads, and waits for nobody
 // without end.
 void explain_stop(const Stop &stop);
+
+// The same of a block that was written to after its release.
+void explain_late_write(const RetiredBlock &block, ptrdiff_t change);
 
 } // namespace k42mc::internal

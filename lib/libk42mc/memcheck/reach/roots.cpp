@@ -1,6 +1,7 @@
 #include "memcheck/reach/roots.h"
 
 #include "base/gate.h"
+#include "memcheck/quarantine.h"
 #include "memcheck/reach/annotations.h"
 #include "memcheck/site_table.h"
 #include "platform/signal_context.h"
@@ -36,7 +37,8 @@ size_t site_chunk_count() {
 
 size_t most_left_out(const Moment &moment) {
     constexpr size_t kept_stacks = 1024;
-    return moment.threads.size() + gMCChunkCount + site_chunk_count() + kept_stacks;
+    return moment.threads.size() + gMCChunkCount + site_chunk_count() + quarantine_chunk_count() +
+           kept_stacks;
 }
 
 } // namespace
@@ -61,6 +63,10 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
     for (const AllocationSite *sites : std::span(gMCSites).first(site_chunk_count()))
         left_out_.add(reinterpret_cast<uintptr_t>(sites),
                       reinterpret_cast<uintptr_t>(sites + sites_a_chunk));
+    auto leave_out = [&](const void *begin, size_t size) {
+        left_out_.add(reinterpret_cast<uintptr_t>(begin), reinterpret_cast<uintptr_t>(begin) + size);
+    };
+    each_quarantine_chunk(leave_out);
     if (!platform::is_on_signal_stack())
         leave_out_below(moment.caller.stack_pointer, moment.caller.control_block);
     for (const platform::StoppedThread &thread : moment.threads) {
