@@ -52,6 +52,8 @@ void add_distance(Words &words, uintptr_t address, const Allocation &block) {
     const uintptr_t offset = address - block.address;
     if (address < block.address)
         words.add_bytes(block.address - address), words.add(" before ");
+    else if (offset == 0 && block.size != 0)
+        words.add("at the start of ");
     else if (offset < block.size)
         words.add_bytes(offset), words.add(" inside ");
     else if (offset == block.size)
