@@ -670,16 +670,16 @@ public:
     explicit GraphOfBlocks(Random &random) : graph(random) {
         aside([&] {
             for (int node = 0; node < nodes; ++node)
-                blocks.push_back(
-                    hidden(k42MC_calloc("node.c", node, PointerGraph::slots, sizeof(void *))));
+                blocks[size_t(node)] =
+                    hidden(k42MC_calloc("node.c", node, PointerGraph::slots, sizeof(void *)));
             for (size_t node = 0; node < nodes; ++node)
                 for (size_t slot = 0; slot < graph.edges[node].size(); ++slot)
                     static_cast<char **>(shown(blocks[node]))[slot] =
                         static_cast<char *>(shown(blocks[graph.edges[node][slot]])) +
                         random() % (PointerGraph::slots * sizeof(void *));
-            for (void *&root : graph_roots) {
-                roots.push_back(random() % nodes);
-                root = shown(blocks[roots.back()]);
+            for (size_t i = 0; i < std::size(roots); ++i) {
+                roots[i] = random() % nodes;
+                graph_roots[i] = shown(blocks[roots[i]]);
             }
         });
     }
@@ -693,8 +693,9 @@ public:
     }
 
     const PointerGraph graph;
-    std::vector<uintptr_t> blocks;
-    std::vector<size_t> roots;
+    // Not in memory that blocks of former graphs may have been in.
+    uintptr_t blocks[nodes];
+    size_t roots[3];
 
 private:
     static inline void *graph_roots[3];
@@ -708,7 +709,7 @@ TEST_F(Lost, AgreesWithAModelOnRandomGraphs) {
         for (size_t node = 0; node < nodes; ++node)
             edges[node] = std::set<int>(graph.graph.edges[node].begin(), graph.graph.edges[node].end());
         take_closure(edges);
-        std::set<int> held(graph.roots.begin(), graph.roots.end());
+        std::set<int> held(std::begin(graph.roots), std::end(graph.roots));
         for (const size_t root : graph.roots)
             held.insert(edges[root].begin(), edges[root].end());
         std::string lines = lost_lines(), leaders;
