@@ -39,8 +39,16 @@ size_t module_place(const void *address, std::span<char> path, uintptr_t &offset
 // length, 0 where none is known. As free of locks and allocations; keeps errno.
 size_t function_name(const void *address, std::span<char> name);
 
-// The same for the variable that lies at an address.
-size_t variable_name(const void *address, std::span<char> name);
+// The same for the variable that lies at an address, and where it lies.
+struct Variable {
+    size_t name_length;
+    uintptr_t begin, end;
+};
+Variable variable_at(uintptr_t address, std::span<char> name);
+
+// The same in the thread-local memory of the thread with that control block, which stands still or is the calling one: of
+// modules that were loaded with the program.
+Variable thread_local_variable_at(uintptr_t address, uintptr_t control_block, std::span<char> name);
 
 // Keeps the library loaded for good. May wait for the loader's lock.
 void stay_loaded();

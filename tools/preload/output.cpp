@@ -109,7 +109,8 @@ constinit LostBlocks *settled = nullptr;
 
 // Returns whether there was a search.
 bool search_and_write_json(int file, uint32_t limit, LostBlocks &lost) {
-    const char *const obstacle = lost.search("k42mc run", Caller::here(), limit);
+    const char *const obstacle =
+        lost.search("k42mc run", Caller::here(), limit, LostBlocks::Wanted::lost_and_holders);
     report_json(file, limit, obstacle == nullptr ? &lost : nullptr);
     if (obstacle == nullptr)
         return true;

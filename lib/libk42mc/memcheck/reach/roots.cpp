@@ -31,8 +31,7 @@ bool begins_with_guard(const platform::StackMemory &stack) {
 }
 
 size_t site_chunk_count() {
-    const auto behind = std::find(std::begin(gMCSites), std::end(gMCSites), nullptr);
-    return static_cast<size_t>(behind - gMCSites);
+    return most_sites() / sites_a_chunk;
 }
 
 size_t most_left_out(const Moment &moment) {
