@@ -175,10 +175,6 @@ void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t r
     return user;
 }
 
-void *take_back(Site site, uint16_t type, void *ptr) {
-    return release_block(site, type, ptr, forget_block(site, type, ptr));
-}
-
 } // namespace k42mc::internal
 
 using namespace k42mc::internal;

@@ -48,12 +48,9 @@ constinit pthread_once_t exit_hooked = PTHREAD_ONCE_INIT;
 
 } // namespace
 
-void *release_block(Site site, uint16_t type, void *user, const KnownBlock &known) {
-    const uint32_t arena = type + 1u;
-    if (!quarantine_on()) [[likely]]
-        return guard_release(arena, user, known, explain_stop).raw;
+void *release_and_keep(Site site, uint16_t type, void *user, KnownBlock known) {
     GuardTrace allocation;
-    const ReleasedBlock block = guard_release(arena, user, known, explain_stop, &allocation);
+    const ReleasedBlock block = guard_release(type + 1u, user, known, explain_stop, &allocation);
     return keep_back(site, type, user, block, allocation);
 }
 

@@ -4,12 +4,28 @@
 #include "base/site.h"
 #include "k42mc_debug.h"
 #include "memcheck/quarantine.h"
+#include "memcheck/registry.h"
 #include "wrappers/k42MC.h"
+#include "wrappers/notice.h"
 
 namespace k42mc::internal {
 
+// As release_block does while there is a quarantine.
+void *release_and_keep(Site site, uint16_t type, void *user, KnownBlock known);
+
 // Checks and marks a block that is forgotten already. Returns the raw memory that is to go to the allocator, or null.
-void *release_block(Site site, uint16_t type, void *user, const KnownBlock &known);
+[[gnu::always_inline]] inline void *release_block(Site site, uint16_t type, void *user,
+                                                  KnownBlock known) {
+    if (quarantine_on()) [[unlikely]]
+        return release_and_keep(site, type, user, known);
+    return guard_release(type + 1u, user, known, explain_stop).raw;
+}
+
+// Forgets and checks a block that is not null. Returns the raw memory.
+// Has no frame of its own, which each walk up the stack would have to pass.
+[[gnu::always_inline]] inline void *take_back(Site site, uint16_t type, void *ptr) {
+    return release_block(site, type, ptr, forget_block(site, type, ptr));
+}
 
 // Offers the quarantine a block that is marked. Returns as release_block does.
 void *keep_back(Site site, uint16_t type, void *user, const ReleasedBlock &block,
