@@ -2,9 +2,9 @@
 
 #include "platform/platform.h"
 
-#include <inttypes.h>
+#include <charconv>
 #include <limits.h>
-#include <stdio.h>
+#include <string.h>
 
 namespace k42mc::internal {
 namespace {
@@ -46,15 +46,16 @@ void JsonOutput::string(const char *text, size_t size) {
     text_.put("\"", 1);
 }
 
+// Without printf, which takes more of a small stack.
 void JsonOutput::frame(const void *address) {
     char place[PATH_MAX + 32];
     uintptr_t offset = 0;
-    size_t length = platform::module_place(address, std::span(place, PATH_MAX), offset);
+    const size_t length = platform::module_place(address, std::span(place, PATH_MAX), offset);
     if (length == 0)
         offset = reinterpret_cast<uintptr_t>(address);
-    length += static_cast<size_t>(snprintf(place + length, sizeof place - length, "%s0x%" PRIxPTR,
-                                           length != 0 ? "+" : "", offset));
-    string(place, length);
+    char *end = stpcpy(place + length, length != 0 ? "+0x" : "0x");
+    end = std::to_chars(end, std::end(place), offset, 16).ptr;
+    string(place, static_cast<size_t>(end - place));
 }
 
 void JsonOutput::chain(const char *name, std::span<void *const> frames) {

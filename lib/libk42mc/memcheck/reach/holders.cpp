@@ -2,6 +2,7 @@
 
 #include "memcheck/registry.h"
 #include "memcheck/site_table.h"
+#include "platform/platform.h"
 
 namespace k42mc::internal {
 namespace {
@@ -225,7 +226,9 @@ void HolderSearch::run(HeldSites &held) {
 } // namespace
 
 void find_holders(const Search &search, const Moment &moment, uint32_t limit, HeldSites &held) {
-    HolderSearch(search, moment, limit).run(held);
+    constexpr size_t enough = 24 << 10; // for the paths and symbols of what has a name
+    if (platform::has_stack_room(enough))
+        HolderSearch(search, moment, limit).run(held);
 }
 
 } // namespace k42mc::internal

@@ -30,7 +30,7 @@ struct HeldSites {
 };
 
 // Of those blocks that reports would list and that have survived so many of them, by a search that has noted origins. Tells
-// of nothing where memory runs out.
+// of nothing where memory runs out, or where the stack has little room.
 void find_holders(const Search &search, const Moment &moment, uint32_t limit, HeldSites &held);
 
 } // namespace k42mc::internal
