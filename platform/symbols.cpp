@@ -2,6 +2,7 @@
 
 #include "platform/bytes.h"
 #include "platform/module.h"
+#include "platform/startup_modules.h"
 #include "platform/thread_local_memory.h"
 
 #include <algorithm>
@@ -177,9 +178,12 @@ Variable thread_local_variable_at(uintptr_t address, uintptr_t control_block, st
     return {found.name_length, found.begin, found.end};
 }
 
+// What was loaded with the program stays in any case. Once the loader has begun to take all down, a call would have it
+// initialise all anew.
 void stay_loaded() {
     dl_find_object found;
-    if (_dl_find_object(reinterpret_cast<void *>(&stay_loaded), &found) == 0)
+    if (_dl_find_object(reinterpret_cast<void *>(&stay_loaded), &found) == 0 &&
+        !is_startup_module(found.dlfo_link_map))
         dlopen(found.dlfo_link_map->l_name, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 }
 

@@ -179,20 +179,22 @@ bool blocks_signal(uint32_t id) {
     return false;
 }
 
-// Whether it is the system's own, which works for the process but has no registers and no stack there.
-// "7 (name) S 1 7 7 0 -1 4194304 ..."
-bool is_of_system(uint32_t id) {
+// Whether it has no registers any more, as the first thread that has ended ahead of others, or none at all, being the
+// system's own, which works for the process. "7 (name) S 1 7 7 0 -1 4194304 ..."
+bool is_beyond_answers(uint32_t id) {
     constexpr uint64_t io_worker = 0x10, user_worker = 0x4000;
-    constexpr int flags_behind_name = 7;
+    constexpr int state_behind_name = 1, flags_behind_name = 7;
     char path[64];
     snprintf(path, sizeof path, "/proc/self/task/%u/stat", id);
     ProcFile file(path);
-    int last = 0;
+    int last = 0, state = 0;
     for (int field = 0; last >= 0 && field < flags_behind_name;) {
         last = file.get();
+        state = field == state_behind_name && last != ' ' ? last : state;
         field = last == ')' ? 0 : field + (last == ' ' ? 1 : 0);
     }
-    return last >= 0 && (file.decimal(last) & (io_worker | user_worker)) != 0;
+    return last >= 0 &&
+           (state == 'Z' || state == 'X' || (file.decimal(last) & (io_worker | user_worker)) != 0);
 }
 
 void sleep_for(Moment time) {
@@ -231,7 +233,7 @@ bool stays_silent(uint32_t id) {
 // A thread that did not wait when it was noted may do so now.
 Told tell(StoppedThread &thread) {
     for (const Moment end = now() + patience; stays_silent(thread.id); sleep_briefly()) {
-        if (is_of_system(thread.id))
+        if (is_beyond_answers(thread.id))
             return Told::needless;
         if (now() >= end)
             return Told::no;
@@ -249,13 +251,14 @@ Told tell(StoppedThread &thread) {
     return errno == ESRCH ? Told::needless : Told::no;
 }
 
-// What has not answered need not, since it has ended or is the system's, or blocks the signal after all, or still may.
+// What has not answered need not, since it has ended or is the system's own, or blocks the signal after all, or still may.
 enum class Silence { right, deaf, other };
 
 Silence look_at_silent() {
     Silence silence = Silence::right;
     for (StoppedThread &thread : std::span(all_threads, thread_count.load())) {
-        if (!thread.is_told || has_answered(thread) || has_ended(thread.id) || is_of_system(thread.id))
+        if (!thread.is_told || has_answered(thread) || has_ended(thread.id) ||
+            is_beyond_answers(thread.id))
             continue;
         if (!blocks_signal(thread.id))
             return Silence::other;

@@ -82,6 +82,27 @@ void end_child() {
     waitpid(child, nullptr, 0);
 }
 
+// Ends the process where it finds more or less than the one block that is lost.
+void *search_alone(void *first) {
+    pthread_join(*static_cast<pthread_t *>(first), nullptr);
+    k42MC_malloc("limits.c", 4, 10);
+    const size_t lost = k42mcx_lost(0);
+    exit(lost == 1 ? 0 : 1);
+}
+
+bool goes_on_without_first_thread() {
+    const pid_t child = fork();
+    if (child == 0) {
+        static pthread_t first = pthread_self();
+        pthread_t other;
+        pthread_create(&other, nullptr, search_alone, &first);
+        pthread_exit(nullptr);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status == 0;
+}
+
 bool is(const char *what, bool good, const std::string &text) {
     if (!good)
         printf("%s: %s\n", what, text.c_str());
@@ -99,6 +120,7 @@ int main() {
     text = said_among(3, end_child);
     good = is("a forked child", text.find("limits.c:2:LB:STD:0x") != std::string::npos, text) && good;
     MCInit(0, K42MC_BE32(MC_TYPE_LK_RESET));
+    good = is("without the first thread", goes_on_without_first_thread(), "") && good;
     if (geteuid() == 0 && setuid(65534) != 0)
         return 77;
     text = said_among(3, search_at_the_limit);
