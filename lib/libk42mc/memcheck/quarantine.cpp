@@ -332,22 +332,27 @@ bool find_retired(const void *user, RetiredBlock &found) {
 }
 
 QuarantineLock::QuarantineLock() {
-    lock_quarantine();
-}
-
-QuarantineLock::~QuarantineLock() {
-    unlock_quarantine();
-}
-
-void lock_quarantine() {
     lock(gMCQuarantineLock, LockRank::quarantine);
 }
 
-void unlock_quarantine() {
+QuarantineLock::~QuarantineLock() {
     unlock(gMCQuarantineLock, LockRank::quarantine);
 }
 
+// A handler that forks in the midst of an operation may have interrupted the lock's owner: that goes on in both processes.
+void lock_quarantine() {
+    if (!self.is_at_quarantine)
+        lock(gMCQuarantineLock, LockRank::quarantine);
+}
+
+void unlock_quarantine() {
+    if (!self.is_at_quarantine)
+        unlock(gMCQuarantineLock, LockRank::quarantine);
+}
+
 void renew_quarantine() {
+    if (self.is_at_quarantine)
+        return;
     gMCQuarantineLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
     for (Batch *batch = owned.first(), *next; batch != nullptr; batch = next) {
         next = batch->next;
