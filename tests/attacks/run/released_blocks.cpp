@@ -1,6 +1,8 @@
 // k42mc run --quarantine 1M --fill
 // Uses of released blocks stop the process with a finding; programs that do nothing wrong, whatever else they do with
 // blocks, end as they would.
+#include "said_by.h"
+
 #include <array>
 #include <atomic>
 #include <csignal>
@@ -19,35 +21,10 @@ namespace {
 
 int failures = 0;
 
-// What the child says on both outputs together, and its end.
-std::string said_by(const std::function<void()> &action, int &status) {
-    int output[2];
-    if (pipe(output) != 0)
-        abort();
-    fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(output[1], STDOUT_FILENO);
-        dup2(output[1], STDERR_FILENO);
-        close(output[0]);
-        close(output[1]);
-        action();
-        exit(0);
-    }
-    close(output[1]);
-    std::string said;
-    char piece[1000];
-    for (ssize_t got; (got = read(output[0], piece, sizeof piece)) > 0;)
-        said.append(piece, size_t(got));
-    close(output[0]);
-    waitpid(child, &status, 0);
-    return said;
-}
-
 void expect(const char *name, const std::function<void()> &action, const std::string &line,
             const std::string &words) {
     int status = 0;
-    const std::string said = said_by(action, status);
+    const std::string said = said_by(action, status, exit);
     const bool stopped = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
     if (stopped == !line.empty() && said.starts_with(line) && said.find(words) != std::string::npos &&
         (stopped || (status == 0 && said.empty())))

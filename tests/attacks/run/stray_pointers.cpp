@@ -1,6 +1,8 @@
 // k42mc run
 // Releases of addresses that are no block's start, and of blocks whose headers were overwritten: each stops the
 // process with a finding that says what the address is.
+#include "said_by.h"
+
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -41,29 +43,6 @@ struct Way {
 };
 constexpr Way ways[] = {
     {"free", "STD", by_free}, {"realloc", "STD", by_realloc}, {"delete", "FIX", by_delete}};
-
-// What the child says on both outputs together.
-std::string said_by(const std::function<void()> &action, int &status) {
-    int output[2];
-    if (pipe(output) != 0)
-        abort();
-    fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(output[1], STDOUT_FILENO);
-        dup2(output[1], STDERR_FILENO);
-        action();
-        _exit(0);
-    }
-    close(output[1]);
-    std::string said;
-    char piece[1000];
-    for (ssize_t got; (got = read(output[0], piece, sizeof piece)) > 0;)
-        said.append(piece, size_t(got));
-    close(output[0]);
-    waitpid(child, &status, 0);
-    return said;
-}
 
 // Expects the line to begin so, and the words behind it, "*" standing for any.
 void expect(const std::string &name, const std::function<void()> &action, const std::string &line,
