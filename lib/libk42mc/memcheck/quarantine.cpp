@@ -228,6 +228,18 @@ bool take_from_owned(RetiredBlock &taken) {
     return true;
 }
 
+// The last of all locks. Not noted as held: a handler that forks meanwhile takes the others.
+void take_lock() {
+    check_lock_order(LockRank::quarantine);
+    if (!thread_is_forking)
+        pthread_mutex_lock(&gMCQuarantineLock);
+}
+
+void let_lock_go() {
+    if (!thread_is_forking)
+        pthread_mutex_unlock(&gMCQuarantineLock);
+}
+
 bool lock_in_time() {
     constexpr int most_tries = 1000;
     if (thread_is_forking)
@@ -239,7 +251,6 @@ bool lock_in_time() {
             return false;
         platform::sleep_briefly();
     }
-    note_locked(LockRank::quarantine);
     return true;
 }
 
@@ -327,27 +338,27 @@ bool find_retired(const void *user, RetiredBlock &found) {
     };
     if (each_in(waiting, is_other))
         each_in(owned, is_other);
-    unlock_quarantine();
+    let_lock_go();
     return is_found;
 }
 
 QuarantineLock::QuarantineLock() {
-    lock(gMCQuarantineLock, LockRank::quarantine);
+    take_lock();
 }
 
 QuarantineLock::~QuarantineLock() {
-    unlock(gMCQuarantineLock, LockRank::quarantine);
+    let_lock_go();
 }
 
 // A handler that forks in the midst of an operation may have interrupted the lock's owner: that goes on in both processes.
 void lock_quarantine() {
     if (!self.is_at_quarantine)
-        lock(gMCQuarantineLock, LockRank::quarantine);
+        take_lock();
 }
 
 void unlock_quarantine() {
     if (!self.is_at_quarantine)
-        unlock(gMCQuarantineLock, LockRank::quarantine);
+        let_lock_go();
 }
 
 void renew_quarantine() {
