@@ -8,6 +8,7 @@
 #include "memcheck/reach/inspection.h"
 #include "memcheck/report_signal.h"
 #include "memcheck/sink.h"
+#include "pages/pool.h"
 #include "platform/platform.h"
 
 namespace k42mc::internal {
@@ -24,12 +25,14 @@ void before_fork() {
     lock(gFDLock, LockRank::descriptors);
     take_checker_lock();
     lock(gMCDebugLock, LockRank::debug_messages);
+    hold_page_pool();
     forked_among_threads = !platform::single_threaded();
     thread_is_forking = true;
 }
 
 void after_fork_in_parent() {
     thread_is_forking = false;
+    release_page_pool();
     unlock(gMCDebugLock, LockRank::debug_messages);
     release_checker_lock();
     unlock(gFDLock, LockRank::descriptors);
@@ -39,6 +42,7 @@ void after_fork_in_parent() {
 // The child's only thread is not the one that took the locks, as the system counts threads.
 void after_fork_in_child() {
     thread_is_forking = false;
+    renew_page_pool();
     gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
     gMCLock = unlocked_checker;
     gFDLock = PTHREAD_MUTEX_INITIALIZER;

@@ -199,42 +199,14 @@ Defect examine(uint32_t arena, uintptr_t user, KnownBlock known, Layout &layout)
     return {};
 }
 
-// Appends to the panic string. `length` counts what the text would have been in full: once it is past
-// the room, nothing more is added.
-[[gnu::format(printf, 2, 3)]] void append(size_t &length, const char *format, ...) {
-    constexpr size_t room = sizeof k42mc_panic_string;
-    if (length >= room)
-        return;
-    va_list arguments;
-    va_start(arguments, format);
-    length +=
-        static_cast<size_t>(vsnprintf(k42mc_panic_string + length, room - length, format, arguments));
-    va_end(arguments);
-}
-
 void describe(const Stop &stop) {
     const Defect &defect = stop.defect;
     size_t length = 0;
-    append(length, "k42mc detected %s: alloc(%s) free(%s) usrPtr(%p) usrSize(%zu)",
-           k42mc_defect_desc[defect.code], k42mc_arena_desc[defect.arena],
-           k42mc_arena_desc[known_arena(stop.arena)], stop.user, static_cast<size_t>(defect.size));
-    append(length, " trace buffer:");
-    for (const uintptr_t frame : defect.trace)
-        append(length, " %#lx", static_cast<unsigned long>(frame));
-}
-
-// Past the stream's buffer, so that nothing is allocated for it in a process whose heap is damaged.
-void print_defect_line() {
-    fflush(stdout);
-    char line[sizeof k42mc_panic_string + 2];
-    const auto length = static_cast<size_t>(snprintf(line, sizeof line, "%s\r\n", k42mc_panic_string));
-    const int descriptor = fileno(stdout);
-    if (descriptor >= 0) {
-        platform::write_all(descriptor, line, length);
-    } else {
-        fputs(line, stdout);
-        fflush(stdout);
-    }
+    append_to_panic_string(length, "k42mc detected %s: alloc(%s) free(%s) usrPtr(%p) usrSize(%zu)",
+                           k42mc_defect_desc[defect.code], k42mc_arena_desc[defect.arena],
+                           k42mc_arena_desc[known_arena(stop.arena)], stop.user,
+                           static_cast<size_t>(defect.size));
+    append_frames_to_panic_string(length, defect.trace);
 }
 
 void mark_as_freed(uintptr_t user, const Layout &layout) {
@@ -250,13 +222,49 @@ void mark_as_freed(uintptr_t user, const Layout &layout) {
 
 } // namespace
 
+// `length` counts what the text would have been in full: once it is past the room, nothing more is added.
+void append_to_panic_string(size_t &length, const char *format, ...) {
+    constexpr size_t room = sizeof k42mc_panic_string;
+    if (length >= room)
+        return;
+    va_list arguments;
+    va_start(arguments, format);
+    length +=
+        static_cast<size_t>(vsnprintf(k42mc_panic_string + length, room - length, format, arguments));
+    va_end(arguments);
+}
+
+void append_frames_to_panic_string(size_t &length, std::span<const uintptr_t> frames) {
+    append_to_panic_string(length, " trace buffer:");
+    for (const uintptr_t frame : frames)
+        append_to_panic_string(length, " %#lx", static_cast<unsigned long>(frame));
+}
+
+// Past the stream's buffer, so that nothing is allocated for it in a process whose heap is damaged.
+void write_panic_string() {
+    char line[sizeof k42mc_panic_string + 2];
+    const auto length = static_cast<size_t>(snprintf(line, sizeof line, "%s\r\n", k42mc_panic_string));
+    const int descriptor = fileno_unlocked(stdout);
+    if (descriptor >= 0) {
+        platform::write_all(descriptor, line, length);
+    } else {
+        fputs(line, stdout);
+        fflush(stdout);
+    }
+}
+
+void stop_here() {
+    platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");
+}
+
 void stop_process(const Stop &stop, StopListener listener) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // nothing runs after the report
     describe(stop);
-    print_defect_line();
+    fflush(stdout);
+    write_panic_string();
     if (listener != nullptr)
         listener(stop);
-    platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");
+    stop_here();
 }
 
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,

@@ -48,6 +48,12 @@ using StopListener = void (*)(const Stop &stop);
 
 [[noreturn]] void stop_process(const Stop &stop, StopListener listener);
 
+// Its parts, for whoever has another line to print. Appending begins at the length 0, and cuts what finds no room.
+[[gnu::format(printf, 2, 3)]] void append_to_panic_string(size_t &length, const char *format, ...);
+void append_frames_to_panic_string(size_t &length, std::span<const uintptr_t> frames);
+void write_panic_string();
+[[noreturn]] void stop_here();
+
 // As k42mc_guard_alloc, with a trace that was captured before.
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,
                   const StackTrace &trace);

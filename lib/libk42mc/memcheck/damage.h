@@ -17,6 +17,7 @@ public:
     int defect(const Record &record);
 
 private:
+    int defect_in_pages(const Record &record);
     bool readable(uintptr_t address, size_t size);
     bool page_readable(uintptr_t page);
 

@@ -1,4 +1,5 @@
-// What is said of a release that stops the process, beside the line that is the same everywhere.
+// What is said of a defect, beside the line that is the same everywhere: of a release that stops the process, or of an
+// access to what cannot be touched.
 #pragma once
 
 #include "k42mc_debug.h"
@@ -13,6 +14,10 @@ struct StopNotice {
     // The stack trace behind the block, innermost first: of its allocation, or of the first of two releases.
     void *frames[16];
     size_t frame_count;
+
+    // Of an access: where it was, and the block's release, if it was released. Empty for anything else.
+    std::span<void *const> access = {}, release = {};
+    bool goes_on = false; // the process is not stopped
 
     std::span<void *const> trace() const { return {frames, frame_count}; }
 };

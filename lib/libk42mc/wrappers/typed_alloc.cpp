@@ -1,6 +1,7 @@
 // Blocks of a type that the caller chooses, over the standard allocator.
 #include "base/errno_keeper.h"
 #include "wrappers/k42MC.h"
+#include "wrappers/page_blocks.h"
 
 #include <stdlib.h>
 
@@ -11,6 +12,8 @@ void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_
         errno = EINVAL;
         return nullptr;
     }
+    if (void *const user = try_pages({file, line}, static_cast<uint16_t>(type), alignment, size))
+        return user;
     const size_t raw_size = with_guards(size, alignment);
     void *raw = raw_size != 0 ? malloc(raw_size) : out_of_memory();
     return hand_out({file, line}, static_cast<uint16_t>(type), static_cast<uint32_t>(alignment), raw,
