@@ -29,7 +29,7 @@ int switch_page_guards(uint32_t one_in, uint32_t flags, size_t memory) {
         return EINVAL;
     if (one_in != 0) {
         hook_fork();
-        if (!reserve_pages(memory))
+        if (!reserve_pages(memory != 0 ? memory : usual_memory(one_in)))
             return ENOMEM;
         if (!take_faults(tell_page_fault))
             return EPERM;
@@ -43,7 +43,7 @@ int switch_page_guards(uint32_t one_in, uint32_t flags, size_t memory) {
 
 int k42mcx_page_guards(uint32_t one_in, uint32_t flags) {
     using namespace k42mc::internal;
-    return switch_page_guards(one_in, flags, usual_memory(one_in));
+    return switch_page_guards(one_in, flags, 0);
 }
 
 K42MC_EXPORT(k42mcx_page_guards);
