@@ -85,4 +85,14 @@ void unmap_memory(void *memory, size_t size) {
     errno = kept_errno;
 }
 
+// Pages that are shared or locked stay as they are, whatever the system says.
+bool discard(void *memory, size_t size) {
+    const int kept_errno = errno;
+    auto *const first = static_cast<volatile char *>(memory);
+    *first = 1;
+    const bool discarded = madvise(memory, size, MADV_DONTNEED) == 0 && *first == 0;
+    errno = kept_errno;
+    return discarded;
+}
+
 } // namespace k42mc::internal::platform

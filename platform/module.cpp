@@ -30,15 +30,26 @@ bool is_local(const Symbol &symbol) {
     return ELF64_ST_BIND(symbol.st_info) == STB_LOCAL;
 }
 
-bool covers(Named kind, const Symbol &symbol, uintptr_t value) {
+bool is_of_kind(Named kind, const Symbol &symbol) {
     const auto type = ELF64_ST_TYPE(symbol.st_info);
-    const bool is_wanted =
-        kind == Named::variable ? type == STT_OBJECT : type == STT_FUNC || type == STT_GNU_IFUNC;
-    return is_wanted && symbol.st_shndx != SHN_UNDEF && value - symbol.st_value < symbol.st_size;
+    switch (kind) {
+    case Named::variable:
+        return type == STT_OBJECT;
+    case Named::thread_local_variable:
+        return type == STT_TLS;
+    case Named::function:
+        break;
+    }
+    return type == STT_FUNC || type == STT_GNU_IFUNC;
 }
 
-// The first global symbol that covers the value, else the first local one.
-bool find_symbol(Named kind, const SymbolTable &table, uintptr_t value, Symbol &best) {
+bool covers(Named kind, const Symbol &symbol, uintptr_t place) {
+    return is_of_kind(kind, symbol) && symbol.st_shndx != SHN_UNDEF &&
+           place - symbol.st_value < symbol.st_size;
+}
+
+// The first global symbol that covers the place, else the first local one.
+bool find_symbol(Named kind, const SymbolTable &table, uintptr_t place, Symbol &best) {
     Symbol chunk[4096 / sizeof(Symbol)]; // a page: threads may have small stacks
     bool found = false;
     for (size_t done = 0; done < table.count; done += std::size(chunk)) {
@@ -46,7 +57,7 @@ bool find_symbol(Named kind, const SymbolTable &table, uintptr_t value, Symbol &
         const uint64_t offset = table.symbols + uint64_t{done} * sizeof(Symbol);
         const size_t got = fetch(table.source, offset, chunk, wanted * sizeof(Symbol)) / sizeof(Symbol);
         for (const Symbol &symbol : std::span(chunk, got)) {
-            if (!covers(kind, symbol, value) || (found && is_local(symbol)))
+            if (!covers(kind, symbol, place) || (found && is_local(symbol)))
                 continue;
             best = symbol;
             found = true;
@@ -59,15 +70,13 @@ bool find_symbol(Named kind, const SymbolTable &table, uintptr_t value, Symbol &
     return found;
 }
 
-size_t find_in_table(Named kind, const SymbolTable &table, uintptr_t value, std::span<char> name,
-                     uintptr_t &start) {
+NamedPlace find_in_table(Named kind, const SymbolTable &table, uintptr_t place, std::span<char> name) {
     Symbol symbol;
-    if (!find_symbol(kind, table, value, symbol) || symbol.st_name >= table.string_bytes)
-        return 0;
+    if (!find_symbol(kind, table, place, symbol) || symbol.st_name >= table.string_bytes)
+        return {};
     const size_t most = std::min<size_t>(name.size(), table.string_bytes - symbol.st_name);
     const size_t got = fetch(table.source, table.strings + symbol.st_name, name.data(), most);
-    start = symbol.st_value;
-    return strnlen(name.data(), got);
+    return {strnlen(name.data(), got), symbol.st_value, symbol.st_value + symbol.st_size};
 }
 
 // ---- The file ----
@@ -202,15 +211,10 @@ bool defines(const Module &module, const char *name) {
     return false;
 }
 
-size_t find_named(Named kind, const Module &module, int file, uintptr_t address, std::span<char> name,
-                  uintptr_t &begin) {
-    const uintptr_t value = address - module.base;
-    uintptr_t start = 0;
-    size_t length = find_in_table(kind, file_symbols(module, file), value, name, start);
-    if (length == 0)
-        length = find_in_table(kind, memory_symbols(module), value, name, start);
-    begin = module.base + start;
-    return length;
+NamedPlace find_named(Named kind, const Module &module, int file, uintptr_t place,
+                      std::span<char> name) {
+    const NamedPlace found = find_in_table(kind, file_symbols(module, file), place, name);
+    return found.name_length != 0 ? found : find_in_table(kind, memory_symbols(module), place, name);
 }
 
 } // namespace k42mc::internal::platform

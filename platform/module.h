@@ -24,11 +24,16 @@ bool has_segment_at(const Module &module, uintptr_t address);
 // Whether a module defines a symbol of a name for others.
 bool defines(const Module &module, const char *name);
 
-// Finds the function or variable that covers the address and puts its name, cut to the room there is, without a
-// terminator. The file is searched if it is the one that was loaded (a descriptor; -1 for none), then
-// the symbols that are in memory. Returns the length of the name, 0 if there is none.
-enum class Named { function, variable };
-size_t find_named(Named kind, const Module &module, int file, uintptr_t address, std::span<char> name,
-                  uintptr_t &begin);
+// What a symbol names, by where its file has it: thread-local variables by where they lie in the module's thread-local
+// memory.
+enum class Named { function, variable, thread_local_variable };
+struct NamedPlace {
+    size_t name_length; // 0: there is none
+    uintptr_t begin, end;
+};
+
+// Finds what covers a place in the module, and puts its name, cut to the room there is, without a terminator. The file is
+// searched if it is the one that was loaded (a descriptor; -1 for none), then the symbols that are in memory.
+NamedPlace find_named(Named kind, const Module &module, int file, uintptr_t place, std::span<char> name);
 
 } // namespace k42mc::internal::platform

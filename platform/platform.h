@@ -42,8 +42,16 @@ size_t module_place(const void *address, std::span<char> path, uintptr_t &offset
 // length, 0 where none is known. As free of locks and allocations; keeps errno.
 size_t function_name(const void *address, std::span<char> name);
 
-// The same for the variable that lies at an address.
-size_t variable_name(const void *address, std::span<char> name);
+// The same for the variable that lies at an address, and where it lies.
+struct Variable {
+    size_t name_length;
+    uintptr_t begin, end;
+};
+Variable variable_at(uintptr_t address, std::span<char> name);
+
+// The same in the thread-local memory of the thread with that control block, which stands still or is the calling one: of
+// modules that were loaded with the program.
+Variable thread_local_variable_at(uintptr_t address, uintptr_t control_block, std::span<char> name);
 
 // Keeps the library loaded for good. May wait for the loader's lock.
 void stay_loaded();
@@ -77,7 +85,11 @@ bool readable(const void *address, size_t size);
 void *map_memory(size_t size);
 void unmap_memory(void *memory, size_t size);
 
-// The same, which a copy of the process shares.
+// Gives whole pages back to the system; they read as zeros then. False where they do not, with what is in them changed
+// or not. Keeps errno.
+bool discard(void *memory, size_t size);
+
+// The same as map_memory, which a copy of the process shares.
 void *map_shared_memory(size_t size);
 
 // What an address belongs to, as far as the system and the loader know: nothing is mapped there; the stack of

@@ -2,6 +2,7 @@
 
 #include "platform/bytes.h"
 #include "platform/module.h"
+#include "platform/thread_local_memory.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -86,12 +87,12 @@ void put_place(Line &line, uintptr_t address) {
     const int file = put_path(line, module, path);
     if (line.length != 0) {
         line.put("(");
-        uintptr_t function = 0;
         const auto name = line.room().first(line.room().size() - 64); // the rest of the line
-        const size_t length = find_named(Named::function, module, file, address - 1, name, function);
-        line.length += length;
+        const NamedPlace function =
+            find_named(Named::function, module, file, address - 1 - module.base, name);
+        line.length += function.name_length;
         line.put("+");
-        line.put_hexadecimal(address - (length != 0 ? function : module.base));
+        line.put_hexadecimal(address - module.base - function.begin);
         line.put(") ");
     }
     if (file >= 0)
@@ -133,30 +134,47 @@ size_t module_place(const void *address, std::span<char> path, uintptr_t &offset
 
 namespace {
 
-size_t name_at(Named kind, uintptr_t place, std::span<char> name) {
+// Of what lies at a place in the module that is mapped at an address.
+NamedPlace name_at(Named kind, uintptr_t address, const uintptr_t *place, std::span<char> name) {
     const int kept_errno = errno;
     Module module;
     Line line;
-    uintptr_t path = 0, begin = 0;
-    size_t length = 0;
-    if (find_module(place, module, path)) {
+    uintptr_t path = 0;
+    NamedPlace found = {};
+    if (find_module(address, module, path)) {
         const int file = put_path(line, module, path);
-        length = find_named(kind, module, file, place, name, begin);
+        found = find_named(kind, module, file, place != nullptr ? *place : address - module.base, name);
         if (file >= 0)
             close(file);
+        if (place == nullptr)
+            found = {found.name_length, found.begin + module.base, found.end + module.base};
     }
     errno = kept_errno;
-    return length;
+    return found;
 }
 
 } // namespace
 
 size_t function_name(const void *address, std::span<char> name) {
-    return name_at(Named::function, reinterpret_cast<uintptr_t>(address) - 1, name);
+    return name_at(Named::function, reinterpret_cast<uintptr_t>(address) - 1, nullptr, name).name_length;
 }
 
-size_t variable_name(const void *address, std::span<char> name) {
-    return name_at(Named::variable, reinterpret_cast<uintptr_t>(address), name);
+Variable variable_at(uintptr_t address, std::span<char> name) {
+    const NamedPlace found = name_at(Named::variable, address, nullptr, name);
+    return {found.name_length, found.begin, found.end};
+}
+
+Variable thread_local_variable_at(uintptr_t address, uintptr_t control_block, std::span<char> name) {
+    const int kept_errno = errno;
+    ThreadLocalPlace place;
+    NamedPlace found = {};
+    if (find_thread_local_place(address, control_block, place)) {
+        found = name_at(Named::thread_local_variable, place.module, &place.offset, name);
+        const uintptr_t block = address - place.offset;
+        found = {found.name_length, found.begin + block, found.end + block};
+    }
+    errno = kept_errno;
+    return {found.name_length, found.begin, found.end};
 }
 
 void stay_loaded() {

@@ -151,11 +151,12 @@ int k42mcx_report_folder(const char *path);
 
 /* ---- Pages of their own ---- */
 
-#define K42MCX_PAGES_END   0  /* the block's last byte at the end of a page */
-#define K42MCX_PAGES_START 1  /* its first byte at the start of one */
-#define K42MCX_PAGES_MIXED 2  /* now this, now that, at random */
-#define K42MCX_PAGES_GO_ON 4  /* tell of each block once, and let the process go on */
-#define K42MCX_PAGES_EXACT 8  /* at the end: the very last byte, whatever that does to the block's alignment */
+#define K42MCX_PAGES_END   0 /* the block's last byte at the end of a page */
+#define K42MCX_PAGES_START 1 /* its first byte at the start of one */
+#define K42MCX_PAGES_MIXED 2 /* now this, now that, at random */
+#define K42MCX_PAGES_GO_ON 4 /* tell of each block once, and let the process go on */
+#define K42MCX_PAGES_EXACT                                                                              \
+    8 /* at the end: the very last byte, whatever that does to the block's alignment */
 
 /*
  * From now on one of so many allocations of the standard family, chosen at random in each thread, gets pages of its own,
@@ -176,6 +177,39 @@ int k42mcx_report_folder(const char *path);
  * Returns 0 or an errno value: EINVAL for other flags, ENOMEM without addresses, EPERM where the signals cannot be had.
  */
 int k42mcx_page_guards(__UINT32_TYPE__ one_in, __UINT32_TYPE__ flags);
+
+/* ---- What shows the use of memory at the wrong time ---- */
+
+/*
+ * Keeps released blocks from their allocator, up to so many bytes in all, guards and the quarantine's own memory
+ * counted. They go in the order of their release, roughly: each thread gathers its own in between. Until then, another
+ * release of a block is a DF, however much was allocated meanwhile, and its user bytes are filled with 0xfb. What
+ * was written there shows when the block goes, at exit, and when this function makes it go: the process stops, as at a
+ * release that finds a defect, with a line "k42mc detected WF: alloc(STD) usrPtr(0x...) usrSize(100) access(0x...+8)
+ * trace buffer: ..." on standard output, which has the trace of the allocation, and the traces of both allocation
+ * and release on standard error. k42mcx_verify lists such blocks, "file:line:WF:type:0xADDRESS:size" by the site of their
+ * release, counts them, and stops nothing.
+ *
+ * Reallocations move, so that the old address is a released block's, but for changes of less than an eighth of a block
+ * beyond 4096 bytes. Of blocks beyond 32 KiB, only the first and the last 4 KiB are filled, up to the page's border, and
+ * the pages between go back to the system. Blocks that take more than an eighth of `bytes`, and those of the memory
+ * manager, which other processes share, are released at once; pages of a block's own wait by themselves. When an
+ * allocation fails, all that is kept is released, and it is tried again. The quarantine stays as it is while the checker is
+ * switched on or off. A forked child goes on with its own copy.
+ *   bytes  0 releases all and ends it; else 65536 at least.
+ * Returns 0 or EINVAL. What another thread is releasing at the moment of a call with 0 may be kept until the next one. Takes
+ * a lock of its own, which releases take for a moment now and then; memory is mapped for lists of the blocks. The library
+ * stays loaded from then on.
+ */
+int k42mcx_quarantine(size_t bytes);
+
+/*
+ * Fills new blocks, but those of calloc and its like, and what a reallocation adds, with a byte, so that code that uses
+ * memory which was never written to does the same wrong thing each time.
+ *   byte  0 to 255; -1 ends it.
+ * Returns 0 or EINVAL. Takes no lock.
+ */
+int k42mcx_fill(int byte);
 
 /* ---- Descriptors ---- */
 

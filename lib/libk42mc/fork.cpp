@@ -5,6 +5,7 @@
 #include "fdcheck/state.h"
 #include "linkage/linkage.h"
 #include "memcheck/debug_stream.h"
+#include "memcheck/quarantine.h"
 #include "memcheck/reach/inspection.h"
 #include "memcheck/report_signal.h"
 #include "memcheck/sink.h"
@@ -25,6 +26,7 @@ void before_fork() {
     lock(gFDLock, LockRank::descriptors);
     take_checker_lock();
     lock(gMCDebugLock, LockRank::debug_messages);
+    lock_quarantine();
     hold_page_pool();
     forked_among_threads = !platform::single_threaded();
     thread_is_forking = true;
@@ -33,6 +35,7 @@ void before_fork() {
 void after_fork_in_parent() {
     thread_is_forking = false;
     release_page_pool();
+    unlock_quarantine();
     unlock(gMCDebugLock, LockRank::debug_messages);
     release_checker_lock();
     unlock(gFDLock, LockRank::descriptors);
@@ -42,11 +45,12 @@ void after_fork_in_parent() {
 // The child's only thread is not the one that took the locks, as the system counts threads.
 void after_fork_in_child() {
     thread_is_forking = false;
-    renew_page_pool();
     gMCDebugLock = PTHREAD_MUTEX_INITIALIZER;
     gMCLock = unlocked_checker;
     gFDLock = PTHREAD_MUTEX_INITIALIZER;
     forget_locks();
+    renew_quarantine();
+    renew_page_pool();
     forget_inspections();
     forget_other_visitors();
     platform::renew_stream_list();

@@ -16,6 +16,7 @@ struct MallocCalls {
     inline static int allocations = 0;
     inline static int releases = 0; // of mappings, too
     inline static void (*during_allocation)() = nullptr;
+    inline static void (*during_release)(void *) = nullptr;
 
     static bool fails() {
         ++allocations;
@@ -54,6 +55,8 @@ void __libc_free(void *);
 
 void free(void *ptr) noexcept {
     MallocCalls::releases += ptr != nullptr;
+    if (MallocCalls::during_release != nullptr)
+        MallocCalls::during_release(ptr);
     __libc_free(ptr);
 }
 void *malloc(size_t size) noexcept {

@@ -136,16 +136,8 @@ std::string bare_name(const char *name) {
     return std::string(text.substr(0, text.find('@')));
 }
 
-// Only names of C++: to the demangler, "f" is the type float.
-std::string demangled(const char *name) {
-    if (name == nullptr)
-        return {};
-    std::string bare = bare_name(name);
-    if (!bare.starts_with("_Z"))
-        return bare;
-    int status = 0;
-    const std::unique_ptr<char, Free> text(abi::__cxa_demangle(bare.c_str(), nullptr, nullptr, &status));
-    return status == 0 ? text.get() : bare;
+std::string readable(const char *name) {
+    return name == nullptr ? "" : demangled(bare_name(name));
 }
 
 GElf_Addr first_page_of(Elf *elf) {
@@ -194,7 +186,7 @@ struct Place {
 };
 
 std::string symbol_at(const Place &place) {
-    return demangled(dwfl_module_addrname(place.module.module, place.address));
+    return readable(dwfl_module_addrname(place.module.module, place.address));
 }
 
 void list_functions(Module &module) {
@@ -229,7 +221,7 @@ std::string name_of(Dwarf_Die *scope) {
     Dwarf_Attribute attribute;
     for (const unsigned which : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name})
         if (dwarf_attr_integrate(scope, which, &attribute) != nullptr)
-            return demangled(dwarf_formstring(&attribute));
+            return readable(dwarf_formstring(&attribute));
     const char *name = dwarf_diename(scope);
     return name != nullptr ? name : "";
 }
@@ -352,6 +344,15 @@ const typename Known::mapped_type &remembered(Known &known, std::string_view tex
 }
 
 } // namespace
+
+// Only names of C++: to the demangler, "f" is the type float.
+std::string demangled(std::string name) {
+    if (!name.starts_with("_Z"))
+        return name;
+    int status = 0;
+    const std::unique_ptr<char, Free> text(abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status));
+    return status == 0 ? text.get() : name;
+}
 
 Symbolizer::Symbolizer() : modules_(std::make_unique<Modules>()) {}
 

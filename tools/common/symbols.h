@@ -44,5 +44,8 @@ bool is_trace_line(std::string_view line);
 // "function at file:line", as far as they are known.
 std::string describe(std::string_view pc, const SourceFrame &frame);
 
+// A symbol's name as its source has it.
+std::string demangled(std::string name);
+
 // The module of a return address.
 std::string_view module_of(std::string_view pc);

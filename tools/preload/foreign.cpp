@@ -8,6 +8,7 @@
 #include "tools/preload/depth.h"
 #include "tools/preload/own_allocator.h"
 #include "wrappers/k42MC.h"
+#include "wrappers/keep_back.h"
 #include "wrappers/notice.h"
 #include "wrappers/stray_pointer.h"
 
@@ -60,7 +61,7 @@ void *take_back_unless_foreign(Site site, uint16_t type, void *pointer) {
         return take_back(site, type, pointer);
     const KnownBlock known = forget_block(site, type, pointer);
     if (known.tail != 0 || is_guarded(pointer))
-        return guard_release(type + 1u, pointer, known, explain_stop).raw;
+        return release_block(site, type, pointer, known);
     stop_unless_foreign(type, pointer);
     return pointer;
 }

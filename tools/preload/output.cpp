@@ -38,7 +38,8 @@ void write_defect(const StopNotice &notice) {
     if (file < 0)
         return;
     StackTrace here;
-    here.capture(StackTrace::deepest);
+    if (!notice.is_access)
+        here.capture(StackTrace::deepest);
     alignas(
         JsonOutput) static constinit std::byte place[sizeof(JsonOutput)] = {}; // the stack may be small
     JsonOutput &out = *new (place) JsonOutput(file);
@@ -47,7 +48,7 @@ void write_defect(const StopNotice &notice) {
     out->print(",\"words\":");
     out.string(notice.words);
     out->print(",");
-    out.chain("chain", notice.access.empty() ? here.innermost(StackTrace::deepest) : notice.access);
+    out.chain("chain", notice.is_access ? notice.access : here.innermost(StackTrace::deepest));
     out->print(",");
     out.chain("block", notice.trace());
     if (!notice.release.empty()) {
@@ -114,7 +115,8 @@ constinit LostBlocks *settled = nullptr;
 
 // Returns whether there was a search.
 bool search_and_write_json(int file, uint32_t limit, LostBlocks &lost) {
-    const char *const obstacle = lost.search("k42mc run", Caller::here(), limit);
+    const char *const obstacle =
+        lost.search("k42mc run", Caller::here(), limit, LostBlocks::Wanted::lost_and_holders);
     report_json(file, limit, obstacle == nullptr ? &lost : nullptr);
     if (obstacle == nullptr)
         return true;

@@ -10,6 +10,8 @@
 //   K42MC_RUN_BACKTRACE  0 for no stack traces
 //   K42MC_RUN_FILTERS    filter lines for traces, one a line
 //   K42MC_RUN_VERIFY     1 to examine the guards of the blocks that are left at exit
+//   K42MC_RUN_QUARANTINE how many bytes of released blocks to keep back
+//   K42MC_RUN_FILL       the byte that new blocks are filled with
 //   K42MC_RUN_FDS        1 to watch descriptors, too
 //   K42MC_RUN_PAGES      how many blocks come on one that gets pages of its own; nothing for none
 //   K42MC_RUN_PAGE_FLAGS   K42MCX_PAGES_*
@@ -34,6 +36,7 @@
 #include "tools/preload/reporter.h"
 #include "tools/preload/settings.h"
 #include "tools/preload/suppressed.h"
+#include "wrappers/keep_back.h"
 #include "wrappers/page_guards.h"
 
 #include <k42mc/k42mc.h>
@@ -120,11 +123,12 @@ void finish() {
     if (!recording)
         return;
     recording = false;
-    if (!checker_on()) // the program may know the checker
-        return;
-    write_last_report(searches);
-    const MatterOfCourse said_by_reports;
-    MCDeinit();
+    if (checker_on()) { // the program may know the checker
+        write_last_report(searches);
+        const MatterOfCourse said_by_reports;
+        MCDeinit();
+    }
+    k42mc::internal::examine_quarantine(); // which may stop the process
 }
 
 // No more than the report: what switching off releases would enter the allocator.
@@ -179,6 +183,8 @@ void switch_on() {
     k42mc::internal::gMCExitHooked = true;
     MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(traces_off ? MC_TYPE_LKBF | MC_TYPE_BT_OFF : 0));
     add_filters(traces_off);
+    k42mc::internal::set_quarantine(static_cast<size_t>(number_in("K42MC_RUN_QUARANTINE", 0)));
+    k42mcx_fill(static_cast<int>(number_in("K42MC_RUN_FILL", -1)));
 }
 
 void heed_program(bool search_wanted) {

@@ -41,8 +41,10 @@ Finding finding_of(const Stop &stop) {
     Finding finding = {.kind = stop.goes_on ? Finding::Kind::went_on : Finding::Kind::stopped,
                        .what = stop.goes_on ? "went on" : "stopped",
                        .title = std::move(title),
-                       .trails = {{deed, stop.trace}},
+                       .trails = {},
                        .process = stop.process};
+    if (!stop.trace.empty() || !stop.is_access())
+        finding.trails.push_back({deed, stop.trace});
     if (!stop.block.empty())
         finding.trails.push_back(
             {stop.is_double_free() ? "released before by" : "allocated by", stop.block});

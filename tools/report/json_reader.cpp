@@ -1,5 +1,6 @@
 #include "tools/report/complaints.h"
 #include "tools/report/reader.h"
+#include "tools/report/site_name.h"
 
 #include <algorithm>
 #include <charconv>
@@ -224,8 +225,28 @@ private:
         Counter lost;
         for (const char *way : {"lost", "indirect"})
             if (has(line, way))
-                lost += counter_of(value_in<simdjson::dom::element>(line, way));
+                lost += counter_of(value_in<Json>(line, way));
         return lost;
+    }
+
+    HeldLink link_in(Json link) {
+        if (!has(link, "file")) // it was released meanwhile
+            return {};
+        return {site_in(link), number_in<uint64_t>(link, "size"), number_in<uint64_t>(link, "offset")};
+    }
+
+    HeldBy held_by_in(Json line) {
+        const auto json = value_in<Json>(line, "held_by");
+        HeldBy held_by;
+        for (const Json root : value_in<simdjson::dom::array>(json, "roots"))
+            held_by.roots.push_back(
+                {report_.text(readable_root(text_in(root, "root"))), counter_of(root)});
+        if (has(json, "others"))
+            held_by.others = counter_of(value_in<Json>(json, "others"));
+        for (const Json link : value_in<simdjson::dom::array>(json, "path"))
+            held_by.path.push_back(link_in(link));
+        held_by.left_out = number_in<uint64_t>(json, "left_out");
+        return held_by;
     }
 
     void add_site(Json line) {
@@ -234,7 +255,10 @@ private:
             return;
         const Holding holding = {site_in(line), number_in<uint32_t>(line, "oldest"), counter_of(line),
                                  number_in<uint64_t>(line, "largest"), lost_in(line)};
-        process().cycles.back().holdings.push_back(holding);
+        Cycle &cycle = process().cycles.back();
+        if (has(line, "held_by"))
+            cycle.held_by[holding.site] = held_by_in(line);
+        cycle.holdings.push_back(holding);
     }
 
     void add_damage(Json line) {

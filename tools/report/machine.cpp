@@ -36,9 +36,41 @@ void put_place(JsonWriter &out, const Site &site, Symbolizer &symbolizer) {
     put_trace(out, site.trace, symbolizer);
 }
 
-void put_site(JsonWriter &out, const SiteHistory &history, const Site &site, Symbolizer &symbolizer) {
-    put_place(out, site, symbolizer);
+void put_lines(JsonWriter &out, std::string_view name, const std::vector<std::string> &lines) {
+    out.open(name, '[');
+    for (const std::string &line : lines)
+        out.value(line);
+    out.close(']');
+}
+
+void put_holders(JsonWriter &out, const HeldBy &held_by, const Report &report, Symbolizer &symbolizer) {
+    out.open("held_by", '{');
+    out.open("roots", '[');
+    for (const Holder &holder : held_by.roots) {
+        out.open('{');
+        out.member("root", holder.root);
+        put_counter(out, holder.held);
+        out.close('}');
+    }
+    out.close(']');
+    out.open("others", '{');
+    put_counter(out, held_by.others);
+    out.close('}');
+    put_lines(out, "path", describe_path(held_by, report, symbolizer));
+    out.close('}');
+}
+
+void put_site(JsonWriter &out, const SiteHistory &history, const Report &report, bool searched,
+              Symbolizer &symbolizer) {
+    put_place(out, report.site(history.site), symbolizer);
     put_counter(out, history.held);
+    if (searched) {
+        out.open("lost", '{');
+        put_counter(out, history.lost);
+        out.close('}');
+    }
+    if (history.held_by != nullptr)
+        put_holders(out, *history.held_by, report, symbolizer);
     out.member("oldest", history.oldest);
     out.member("largest", history.largest);
     out.member("growth", history.growth);
@@ -191,9 +223,11 @@ void put_json(const Put &put, const Report &report, Order order, Symbolizer &sym
     put_counter(out, total_of(report));
     out.close('}');
     out.member("cycles", histories.cycles());
+    if (histories.were_searched())
+        out.member("searched", true);
     out.open("sites", '[');
     for (const SiteHistory &history : histories.sites())
-        put_line(out, [&] { put_site(out, history, report.site(history.site), symbolizer); });
+        put_line(out, [&] { put_site(out, history, report, histories.were_searched(), symbolizer); });
     out.close(']');
     out.open("processes", '[');
     for (const Process &process : report.processes)

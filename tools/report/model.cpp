@@ -73,6 +73,13 @@ int64_t growth_of(std::span<const Point> bytes, uint32_t cycles) {
     return static_cast<int64_t>(growth);
 }
 
+Counter sum_of(const HeldBy &held_by) {
+    Counter sum = held_by.others;
+    for (const Holder &holder : held_by.roots)
+        sum += holder.held;
+    return sum;
+}
+
 } // namespace
 
 // All points lie in one row, where each site gets a part that has room for what it was seen in.
@@ -114,6 +121,23 @@ void Histories::add_cycle(const Cycle &cycle, uint32_t index, bool is_last) {
     }
 }
 
+// Of the process where a site holds most.
+void Histories::find_holders(const Report &report) {
+    std::map<uint32_t, uint64_t> most;
+    for (const Process &process : report.processes) {
+        if (process.cycles.empty())
+            continue;
+        for (const auto &[site, held_by] : process.cycles.back().held_by) {
+            const Counter held = sum_of(held_by);
+            const auto [known, is_new] = most.try_emplace(site, held.bytes);
+            if (!is_new && held.bytes <= known->second)
+                continue;
+            known->second = held.bytes;
+            sites_[site].held_by = &held_by;
+        }
+    }
+}
+
 Histories::Histories(const Report &report, Order order) {
     count_points(report);
     const std::vector<const Process *> processes = by_length(report);
@@ -125,6 +149,7 @@ Histories::Histories(const Report &report, Order order) {
                 break;
             add_cycle(process->cycles[i], i, i + 1 == process->cycles.size());
         }
+    find_holders(report);
     std::erase_if(sites_,
                   [](const SiteHistory &site) { return site.largest == 0 && site.held.blocks == 0; });
     for (SiteHistory &site : sites_)

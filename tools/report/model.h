@@ -6,6 +6,7 @@
 #include <compare>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -49,11 +50,33 @@ struct Holding {
     Counter lost = {};    // of what it held, by itself or with other blocks, where a search was made
 };
 
+// Something that leads to blocks, and to how many of a site's.
+struct Holder {
+    std::string_view root; // "variable `sessions` in server+0x40c0"
+    Counter held;
+};
+
+// A block on the way from a root.
+struct HeldLink {
+    std::optional<uint32_t> site; // in Report; none of a block that was released meanwhile
+    uint64_t size = 0;
+    uint64_t offset = 0; // where in it the pointer to the next is
+};
+
+// What holds a site's blocks.
+struct HeldBy {
+    std::vector<Holder> roots;  // of most bytes first
+    Counter others;             // what other roots hold
+    std::vector<HeldLink> path; // from the first root to one of the blocks
+    uint64_t left_out = 0;      // of the path, from its middle
+};
+
 struct Cycle {
     uint32_t number = 0;
     Counter live;          // listed or not
     bool searched = false; // for lost blocks
     std::vector<Holding> holdings = {};
+    std::map<uint32_t, HeldBy> held_by = {}; // of the largest sites, where a search was made
 };
 
 struct Damage {
@@ -154,8 +177,9 @@ struct SiteHistory {
     Counter held; // in the last cycle of each process
     Counter lost; // of those, where a search was made
     uint64_t largest = 0;
-    int64_t growth = 0;           // from the first cycle to the last
-    std::span<const Point> bytes; // of the cycles that it was seen in
+    const HeldBy *held_by = nullptr; // in the last cycle of the process where it holds most
+    int64_t growth = 0;              // from the first cycle to the last
+    std::span<const Point> bytes;    // of the cycles that it was seen in
 };
 
 enum class Order { bytes, growth, blocks, age };
@@ -173,6 +197,7 @@ public:
 private:
     void count_points(const Report &report);
     void add_cycle(const Cycle &cycle, uint32_t index, bool is_last);
+    void find_holders(const Report &report);
 
     uint32_t cycles_ = 0;
     bool searched_ = false;

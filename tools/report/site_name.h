@@ -1,4 +1,4 @@
-// Sites in one line.
+// Sites in one line, and what holds their blocks.
 #pragma once
 
 #include "tools/common/symbols.h"
@@ -6,3 +6,13 @@
 
 // "net.c:14 (STD)"; where the report has no line, the functions that led to the call.
 std::string name_of(const Site &site, Symbolizer &symbolizer);
+
+// What a process says of a root, with the names in it demangled: "variable `sessions` in server+0x40c0".
+std::string readable_root(std::string_view root);
+
+// "variable `sessions` in server+0x40c0: 2000 bytes in 4 blocks".
+std::string describe(std::string_view root, const Counter &held);
+
+// One a line: the blocks from a root to one that it holds, and where in them the pointers lie.
+std::vector<std::string> describe_path(const HeldBy &held_by, const Report &report,
+                                       Symbolizer &symbolizer);

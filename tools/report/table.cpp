@@ -95,6 +95,23 @@ private:
              << counted(site.held.bytes, "byte") << " in " << counted(site.held.blocks, "block")
              << " from\n";
         print_trace(trace);
+        if (site.held_by != nullptr)
+            print_holders(*site.held_by);
+    }
+
+    void print_holders(const HeldBy &held_by) {
+        const auto print = [this](const std::string &line) {
+            out_ << "    " << printable(line) << '\n';
+        };
+        out_ << "  held by\n";
+        for (const Holder &holder : held_by.roots)
+            print(describe(holder.root, holder.held));
+        if (held_by.others.blocks != 0)
+            print(describe("others", held_by.others));
+        if (held_by.path.size() < 2)
+            return;
+        out_ << "  which leads, for one, to\n";
+        std::ranges::for_each(describe_path(held_by, report_, symbolizer_), print);
     }
 
     void print_total() {

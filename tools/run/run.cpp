@@ -13,6 +13,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <iostream>
@@ -35,6 +37,8 @@ struct Options {
     bool no_backtrace = false;
     std::vector<std::string> filters;
     bool verify = false;
+    uint64_t quarantine = 16 << 20;
+    std::string fill; // a number; empty for none
     bool fds = false;
     bool follow = true;
     uint32_t page_guards = 0; // one in so many
@@ -89,6 +93,22 @@ uint32_t page_flags(const Options &options) {
     return flags;
 }
 
+std::string fault_of_quarantine(const std::string &size) {
+    constexpr unsigned long long least = 64 << 10;
+    const unsigned long long bytes = strtoull(size.c_str(), nullptr, 10);
+    return bytes == 0 || bytes >= least ? "" : "too small to keep anything: less than 64K";
+}
+
+// Puts the decimal number in the place of any. Returns what is wrong with it.
+std::string take_byte(std::string &byte) {
+    char *end = nullptr;
+    const unsigned long number = strtoul(byte.c_str(), &end, 0);
+    if (!isdigit(static_cast<unsigned char>(byte[0])) || *end != '\0' || number > UCHAR_MAX)
+        return "no byte: " + byte;
+    byte = std::to_string(number);
+    return {};
+}
+
 // But for the folder.
 std::vector<Setting> environment(const Options &options) {
     std::string preload = preload_path(options.program);
@@ -102,6 +122,8 @@ std::vector<Setting> environment(const Options &options) {
                                      {"K42MC_RUN_TEXT", options.text ? "1" : "0"},
                                      {"K42MC_RUN_SIGNAL", std::to_string(options.signal)},
                                      {"K42MC_RUN_VERIFY", options.verify ? "1" : "0"},
+                                     {"K42MC_RUN_QUARANTINE", std::to_string(options.quarantine)},
+                                     {"K42MC_RUN_FILL", options.fill.empty() ? "-1" : options.fill},
                                      {"K42MC_RUN_FDS", options.fds ? "1" : "0"},
                                      {"K42MC_RUN_FOLLOW", options.follow ? "1" : "0"}};
     if (options.page_guards != 0) {
@@ -310,6 +332,16 @@ void add_run(CLI::App &app, std::vector<std::string> &words) {
         ->allow_extra_args(false)
         ->check(fault_of_filter);
     command->add_flag("--verify", options->verify, "Damaged blocks among the text, too");
+    command
+        ->add_option("--quarantine", options->quarantine,
+                     "Keep so much of released blocks back (default 16M); 0 for none")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(fault_of_quarantine);
+    command
+        ->add_flag("--fill{0xcb}", options->fill,
+                   "Fill new blocks; with =BYTE, 0 to 255, by another one than 0xcb")
+        ->transform(CLI::Validator(take_byte, ""));
     command->add_flag("--fds", options->fds, "Watch descriptors, too");
     command->add_flag("--follow,!--no-follow", options->follow, "Check programs it starts (default)");
     command

@@ -1,5 +1,6 @@
 #include "k42mc_debug.h"
 
+#include <algorithm>
 #include <bit>
 #include <errno.h>
 #include <stdarg.h>
@@ -104,8 +105,8 @@ void store_trace(Word *words, std::span<void *const> frames) {
         words[i].value = i < frames.size() ? address_of(frames[i]) : 0;
 }
 
-std::array<uintptr_t, K42MC_GUARD_TRACE> load_trace(const Word *words) {
-    std::array<uintptr_t, K42MC_GUARD_TRACE> trace;
+GuardTrace load_trace(const Word *words) {
+    GuardTrace trace;
     for (size_t i = 0; i < trace.size(); ++i)
         trace[i] = words[i].value;
     return trace;
@@ -199,31 +200,9 @@ Defect examine(uint32_t arena, uintptr_t user, KnownBlock known, Layout &layout)
     return {};
 }
 
-void describe(const Stop &stop) {
-    const Defect &defect = stop.defect;
-    size_t length = 0;
-    append_to_panic_string(length, "k42mc detected %s: alloc(%s) free(%s) usrPtr(%p) usrSize(%zu)",
-                           k42mc_defect_desc[defect.code], k42mc_arena_desc[defect.arena],
-                           k42mc_arena_desc[known_arena(stop.arena)], stop.user,
-                           static_cast<size_t>(defect.size));
-    append_frames_to_panic_string(length, defect.trace);
-}
-
-void mark_as_freed(uintptr_t user, const Layout &layout) {
-    StackTrace trace;
-    trace.capture(K42MC_GUARD_TRACE);
-    Word *header = words_at(user - guard_bytes);
-    store_pattern<marked_words>(header, free_words);
-    header[freed_tail_word].value = layout.tail;
-    Word *tail = words_at(layout.tail);
-    store_pattern<freed_trace_word>(tail, free_words);
-    store_trace(tail + freed_trace_word, trace.innermost(K42MC_GUARD_TRACE));
-}
-
-} // namespace
-
-// `length` counts what the text would have been in full: once it is past the room, nothing more is added.
-void append_to_panic_string(size_t &length, const char *format, ...) {
+// Appends to the panic string. `length` counts what the text would have been in full: once it is past
+// the room, nothing more is added.
+[[gnu::format(printf, 2, 3)]] void append(size_t &length, const char *format, ...) {
     constexpr size_t room = sizeof k42mc_panic_string;
     if (length >= room)
         return;
@@ -234,10 +213,27 @@ void append_to_panic_string(size_t &length, const char *format, ...) {
     va_end(arguments);
 }
 
-void append_frames_to_panic_string(size_t &length, std::span<const uintptr_t> frames) {
-    append_to_panic_string(length, " trace buffer:");
-    for (const uintptr_t frame : frames)
-        append_to_panic_string(length, " %#lx", static_cast<unsigned long>(frame));
+void append_trace(size_t &length, const GuardTrace &trace) {
+    append(length, " trace buffer:");
+    for (const uintptr_t frame : trace)
+        append(length, " %#lx", static_cast<unsigned long>(frame));
+}
+
+void describe(const Stop &stop) {
+    const Defect &defect = stop.defect;
+    size_t length = 0;
+    append(length, "k42mc detected %s: alloc(%s) free(%s) usrPtr(%p) usrSize(%zu)",
+           k42mc_defect_desc[defect.code], k42mc_arena_desc[defect.arena],
+           k42mc_arena_desc[known_arena(stop.arena)], stop.user, static_cast<size_t>(defect.size));
+    append_trace(length, defect.trace);
+}
+
+void describe(const BadAccess &access) {
+    size_t length = 0;
+    append(length, "k42mc detected %s: alloc(%s) usrPtr(%p) usrSize(%zu) access(%p%+td)", access.code,
+           k42mc_arena_desc[known_arena(access.arena)], access.user, access.size, access.user,
+           access.offset);
+    append_trace(length, access.allocation);
 }
 
 // Past the stream's buffer, so that nothing is allocated for it in a process whose heap is damaged.
@@ -253,6 +249,29 @@ void write_panic_string() {
     }
 }
 
+void mark_as_freed(uintptr_t user, const Layout &layout) {
+    StackTrace trace;
+    trace.capture(K42MC_GUARD_TRACE);
+    Word *header = words_at(user - guard_bytes);
+    store_pattern<marked_words>(header, free_words);
+    header[freed_tail_word].value = layout.tail;
+    Word *tail = words_at(layout.tail);
+    store_pattern<freed_trace_word>(tail, free_words);
+    store_trace(tail + freed_trace_word, trace.innermost(K42MC_GUARD_TRACE));
+}
+
+// Where two pieces of memory differ first; `size` where they do not.
+size_t first_difference(const void *memory, const void *expected, size_t size) {
+    const auto *a = static_cast<const unsigned char *>(memory);
+    const auto *b = static_cast<const unsigned char *>(expected);
+    size_t at = 0;
+    while (at < size && a[at] == b[at])
+        ++at;
+    return at;
+}
+
+} // namespace
+
 void stop_here() {
     platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");
 }
@@ -265,6 +284,11 @@ void stop_process(const Stop &stop, StopListener listener) {
     if (listener != nullptr)
         listener(stop);
     stop_here();
+}
+
+void print_bad_access(const BadAccess &access) {
+    describe(access);
+    write_panic_string();
 }
 
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,
@@ -284,13 +308,16 @@ void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size
     return pointer_to(user);
 }
 
-ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known, StopListener listener) {
+ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known, StopListener listener,
+                            GuardTrace *allocation) {
     const int saved_errno = errno;
     Layout layout{};
     const uintptr_t address = address_of(user);
     const Defect defect = examine(arena, address, known, layout);
     if (defect.code != K42MC_DEFECT_NONE) [[unlikely]]
         stop_process({defect, arena, user, known}, listener);
+    if (allocation != nullptr)
+        *allocation = load_trace(words_at(address - guard_bytes) + trace_word);
     mark_as_freed(address, layout);
     errno = saved_errno;
     return {.raw = pointer_to(layout.raw),
@@ -310,6 +337,29 @@ int live_defect(uint32_t arena, const void *user, size_t size) {
     if (header[magic_word].value == magic || carries_pattern(words_at(tail), tail_words))
         return K42MC_DEFECT_WU;
     return K42MC_DEFECT_NONE;
+}
+
+bool has_freed_guards(uint32_t arena, const void *user, size_t size, ptrdiff_t &change) {
+    const uintptr_t address = address_of(user), header = address - guard_bytes, tail = address + size;
+    uintptr_t expected[K42MC_GUARD_WORDS];
+    std::copy(free_words.begin(), free_words.end(), expected);
+    expected[freed_tail_word] = tail;
+    size_t at = first_difference(pointer_to(header), expected, guard_bytes);
+    if (at != guard_bytes) {
+        change = static_cast<ptrdiff_t>(at) - static_cast<ptrdiff_t>(guard_bytes);
+        return false;
+    }
+    const Word *words = words_at(tail);
+    for (int i = freed_trace_word; i < arena_word; ++i)
+        expected[i] = words[i].value; // the trace: nobody knows what it was
+    expected[arena_word] = arena;
+    at = first_difference(words, expected, guard_bytes);
+    change = static_cast<ptrdiff_t>(size + at);
+    return at == guard_bytes;
+}
+
+GuardTrace release_trace_of(const void *user, size_t size) {
+    return load_trace(words_at(address_of(user) + size) + freed_trace_word);
 }
 
 // The header may lie in the page ahead of the block's, which need not be there.

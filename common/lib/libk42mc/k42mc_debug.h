@@ -11,6 +11,9 @@ namespace k42mc::internal {
 // Pages are at least as large: what can be read of one can be read to its end.
 inline constexpr uintptr_t smallest_page = 4096;
 
+// The frames that a block's own guards have room for, innermost first; zeros behind the last.
+using GuardTrace = std::array<uintptr_t, K42MC_GUARD_TRACE>;
+
 // What is known of a block before its guards are examined. What is not known to be readable is probed
 // first, at the price of a system call.
 struct KnownBlock {
@@ -32,7 +35,7 @@ struct Defect {
     int code = K42MC_DEFECT_NONE;
     uintptr_t arena = K42MC_ARENA_UNKNOWN; // that the block was allocated in
     uintptr_t size = 0;
-    std::array<uintptr_t, K42MC_GUARD_TRACE> trace{};
+    GuardTrace trace{};
 };
 
 // A release that stops the process.
@@ -48,18 +51,37 @@ using StopListener = void (*)(const Stop &stop);
 
 [[noreturn]] void stop_process(const Stop &stop, StopListener listener);
 
-// Its parts, for whoever has another line to print. Appending begins at the length 0, and cuts what finds no room.
-[[gnu::format(printf, 2, 3)]] void append_to_panic_string(size_t &length, const char *format, ...);
-void append_frames_to_panic_string(size_t &length, std::span<const uintptr_t> frames);
-void write_panic_string();
+// Its end, for whoever has said the rest.
 [[noreturn]] void stop_here();
 
 // As k42mc_guard_alloc, with a trace that was captured before.
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,
                   const StackTrace &trace);
 
-// As k42mc_guard_free, and tells what the block's header said before it was marked as freed.
-ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known, StopListener listener);
+// As k42mc_guard_free, and tells what the block's header said before it was marked as freed: the trace of the
+// allocation, too, where somebody wants it.
+ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known, StopListener listener,
+                            GuardTrace *allocation = nullptr);
+
+// Whether the guards of a block are as its release has left them, but for the trace in them. Else puts where the first
+// byte lies that is not, from the user pointer. Both guards must be readable.
+bool has_freed_guards(uint32_t arena, const void *user, size_t size, ptrdiff_t &change);
+
+// What the tail of a freed block says.
+GuardTrace release_trace_of(const void *user, size_t size);
+
+// An access to a block's memory that the block did not allow.
+struct BadAccess {
+    const char *code; // of the defect line
+    uint32_t arena;
+    const void *user;
+    size_t size;
+    ptrdiff_t offset; // of the access, from the user pointer
+    GuardTrace allocation;
+};
+
+// Prints the defect line. What the process has buffered is the caller's to flush: it may be a signal handler.
+void print_bad_access(const BadAccess &access);
 
 // What the words ahead of a block of anybody's say: where guarded blocks and the system allocator's meet.
 // The block itself must be readable.

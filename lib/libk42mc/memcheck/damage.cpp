@@ -29,9 +29,11 @@ int GuardInspector::defect_in_pages(const Record &record) {
 }
 
 bool GuardInspector::readable(uintptr_t address, size_t size) {
-    const uintptr_t first = address / smallest_page;
     const uintptr_t last = (address + size - 1) / smallest_page;
-    return page_readable(first) && (last == first || page_readable(last));
+    uintptr_t page = address / smallest_page;
+    while (page < last && page_readable(page))
+        ++page;
+    return page == last && page_readable(page);
 }
 
 bool GuardInspector::page_readable(uintptr_t page) {

@@ -16,9 +16,11 @@ public:
     // K42MC_DEFECT_NONE, _WO or _WU.
     int defect(const Record &record);
 
+    // Not of no bytes.
+    bool readable(uintptr_t address, size_t size);
+
 private:
     int defect_in_pages(const Record &record);
-    bool readable(uintptr_t address, size_t size);
     bool page_readable(uintptr_t page);
 
     uintptr_t pages_[256] = {}; // by the lowest bits of their number; 0: none

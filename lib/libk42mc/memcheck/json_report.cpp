@@ -14,6 +14,7 @@
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
+#include <utility>
 
 namespace k42mc::internal {
 namespace {
@@ -39,7 +40,36 @@ void put_counter(JsonOutput &out, const char *name, const MCCounter &counter) {
     out->print(",\"%s\":{\"blocks\":%llu,\"bytes\":%llu}", name, counter.count, counter.bytes);
 }
 
-void put_site(JsonOutput &out, const SiteSummary &site, uint32_t cycle, bool searched) {
+void put_link(JsonOutput &out, const HeldLink &link) {
+    put_site_key(out, link.key);
+    out.chain("chain", link.key.trace());
+    out->print(",\"size\":%zu,\"offset\":%" PRIuPTR, link.size, link.offset);
+}
+
+void put_holders(JsonOutput &out, const HeldSite &holders, std::span<const HeldLink> links) {
+    const char *separator = "";
+    out->print(",\"held_by\":{\"roots\":[");
+    for (const Holder &holder : std::span(holders.holders).first(holders.holder_count)) {
+        out->print("%s{\"root\":", std::exchange(separator, ","));
+        out.string(holder.root);
+        out->print(",\"blocks\":%llu,\"bytes\":%llu}", holder.held.count, holder.held.bytes);
+    }
+    out->print("]");
+    if (holders.others.count != 0)
+        put_counter(out, "others", holders.others);
+    out->print(",\"path\":[");
+    separator = "";
+    for (const HeldLink &link : links) {
+        out->print("%s{", std::exchange(separator, ","));
+        if (link.key.file != nullptr)
+            put_link(out, link);
+        out->print("}");
+    }
+    out->print("],\"left_out\":%zu}", holders.left_out);
+}
+
+void put_site(JsonOutput &out, const SiteSummary &site, const Snapshot &state, bool searched) {
+    const uint32_t cycle = state.cycle;
     out->print("{\"kind\":\"site\",\"cycle\":%u,", cycle);
     put_site_key(out, site.key);
     out.chain("chain", site.key.trace());
@@ -49,6 +79,8 @@ void put_site(JsonOutput &out, const SiteSummary &site, uint32_t cycle, bool sea
         put_counter(out, "lost", site.lost);
         put_counter(out, "indirect", site.indirectly_lost);
     }
+    if (site.holders != nullptr)
+        put_holders(out, *site.holders, state.links(site));
     out->print("}\n");
 }
 
@@ -66,7 +98,7 @@ int write_snapshot(int descriptor, const Snapshot &state, uint32_t limit, bool s
     JsonOutput out(descriptor);
     put_cycle(out, state, limit, searched);
     for (const SiteSummary &site : state.sites())
-        put_site(out, site, state.cycle, searched);
+        put_site(out, site, state, searched);
     for (const DamagedBlock &block : state.damaged())
         put_damage(out, block, state.cycle);
     out->print("{\"kind\":\"end\",\"sites\":%zu,\"damaged\":%zu}\n", state.sites().size(),
@@ -107,7 +139,8 @@ int report_json(int descriptor, uint32_t limit, const LostBlocks *lost) {
 [[gnu::noinline]] int search_and_report_json(int descriptor, uint32_t limit) {
     static constexpr const char *name = "k42mcx_report_json";
     LostBlocks lost;
-    const char *const obstacle = lost.search(name, Caller::here(), limit);
+    const char *const obstacle =
+        lost.search(name, Caller::here(), limit, LostBlocks::Wanted::lost_and_holders);
     if (obstacle != nullptr)
         StandardErrorText()->print("%s: ERROR: no search for lost blocks: %s\n", name, obstacle);
     return report_json(descriptor, limit, obstacle == nullptr ? &lost : nullptr);

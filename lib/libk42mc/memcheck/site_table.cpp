@@ -178,6 +178,11 @@ template <class Action> void for_each_number(Action action) {
 
 } // namespace
 
+uint32_t most_sites() {
+    const auto behind = std::find(std::begin(gMCSites), std::end(gMCSites), nullptr);
+    return static_cast<uint32_t>(behind - gMCSites) * sites_a_chunk;
+}
+
 uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames) {
     const WantedSite site{file, line, type, frames};
     const uint32_t number = find(*current_table.load(std::memory_order_acquire), site);

@@ -32,6 +32,9 @@ inline AllocationSite &site_at(uint32_t number) {
     return gMCSites[number / sites_a_chunk][number % sites_a_chunk];
 }
 
+// How many numbers there may be, from 0.
+uint32_t most_sites();
+
 // The number of a site, which is entered if there is none. Takes no lock where there is. Returns 0 when
 // memory runs out.
 uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames);

@@ -67,14 +67,7 @@ bool Snapshot::take(uint32_t limit, const LostBlocks *lost) {
         if (complete && record.age(cycle) >= limit)
             complete = take_block(record);
     });
-    if (complete && lost != nullptr)
-        lost->each([&](const Record &record, bool is_indirect) {
-            SiteSummary *summary = complete ? summary_of(site_at(record.site)) : nullptr;
-            complete = summary != nullptr;
-            if (complete)
-                (is_indirect ? summary->indirectly_lost : summary->lost).add(record.size);
-        });
-    if (!complete || !take_damage())
+    if (!complete || (lost != nullptr && !take_search(*lost)) || !take_damage())
         return false;
     std::sort(sites_.records, sites_.records + sites_.size, comes_first);
     return true;
@@ -82,8 +75,43 @@ bool Snapshot::take(uint32_t limit, const LostBlocks *lost) {
 
 void Snapshot::release() {
     sites_.release();
+    links_.release();
     damaged_.release();
     release_slots();
+}
+
+bool Snapshot::take_search(const LostBlocks &lost) {
+    bool complete = true;
+    lost.each([&](const Record &record, bool is_indirect) {
+        SiteSummary *summary = complete ? summary_of(site_at(record.site)) : nullptr;
+        complete = summary != nullptr;
+        if (complete)
+            (is_indirect ? summary->indirectly_lost : summary->lost).add(record.size);
+    });
+    return complete && std::ranges::all_of(lost.held_sites(), [this](const HeldSite &holders) {
+               return take_holders(holders);
+           });
+}
+
+// A site is known by the last link of its sample.
+bool Snapshot::take_holders(const HeldSite &holders) {
+    const std::span<const Link> links = std::span(holders.links).first(holders.link_count);
+    if (links.empty() || record_at(links.back().number).order() != links.back().order)
+        return true;
+    SiteSummary *const summary = summary_of(site_at(record_at(links.back().number).site));
+    if (summary == nullptr)
+        return false;
+    summary->holders = &holders;
+    summary->first_link = links_.size;
+    for (const Link &link : links) {
+        HeldLink *const taken = links_.add();
+        if (taken == nullptr)
+            return false;
+        const Record &record = record_at(link.number);
+        if (record.order() == link.order)
+            *taken = {key_of(site_at(record.site)), record.size, link.offset};
+    }
+    return true;
 }
 
 bool Snapshot::take_block(const Record &record) {
@@ -110,7 +138,7 @@ SiteSummary *Snapshot::summary_of(AllocationSite &site) {
         SiteSummary *created = sites_.add();
         if (created == nullptr)
             return nullptr;
-        *created = {key, {}, 0, 0, {}, {}};
+        *created = {key, {}, 0, 0, {}, {}, nullptr, 0};
         slots_[at] = static_cast<uint32_t>(sites_.size);
     }
     site.summary = slots_[at];

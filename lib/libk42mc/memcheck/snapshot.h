@@ -26,6 +26,15 @@ struct SiteSummary {
     uint32_t oldest;
     size_t largest;
     MCCounter lost, indirectly_lost; // of those that are held, where a search was made
+    const HeldSite *holders;         // of the search's; null for most sites
+    size_t first_link;               // of its sample, in the snapshot
+};
+
+// A block on the way from a root.
+struct HeldLink {
+    SiteKey key; // without a file: it has been released since
+    size_t size;
+    uintptr_t offset; // of the pointer in it to the next
 };
 
 struct DamagedBlock {
@@ -44,12 +53,15 @@ public:
     Snapshot &operator=(const Snapshot &) = delete;
 
     // Takes in every block, and the sites of those that have survived `limit` cycles, with what a search, if there was
-    // one, has found of them. With gMCLock held. Returns false when memory runs out.
+    // one, has found of them, which has to stay. With gMCLock held. Returns false when memory runs out.
     bool take(uint32_t limit, const LostBlocks *lost);
     void release();
 
     // Most bytes first.
     std::span<const SiteSummary> sites() const { return {sites_.records, sites_.size}; }
+    std::span<const HeldLink> links(const SiteSummary &site) const {
+        return {links_.records + site.first_link, site.holders->link_count};
+    }
     std::span<const DamagedBlock> damaged() const { return {damaged_.records, damaged_.size}; }
 
     uint32_t cycle = 0;
@@ -60,11 +72,14 @@ public:
 private:
     bool take_block(const Record &record);
     SiteSummary *summary_of(AllocationSite &site);
+    bool take_search(const LostBlocks &lost);
+    bool take_holders(const HeldSite &holders);
     bool take_damage();
     bool grow_slots();
     void release_slots();
 
     Sequence<SiteSummary> sites_;
+    Sequence<HeldLink> links_;
     Sequence<DamagedBlock> damaged_;
     uint32_t *slots_ = nullptr; // open addressing: the number of a site, from 1
     size_t slot_count_ = 0;     // a power of two

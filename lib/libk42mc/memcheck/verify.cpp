@@ -2,6 +2,8 @@
 #include "memcheck/by_age.h"
 #include "memcheck/control_lock.h"
 #include "memcheck/damage.h"
+#include "memcheck/late_write.h"
+#include "memcheck/quarantine.h"
 #include "memcheck/sink.h"
 
 namespace k42mc::internal {
@@ -26,6 +28,20 @@ unsigned put_damaged_blocks(TextOutput &out) {
     return damaged;
 }
 
+unsigned put_late_writes(TextOutput &out) {
+    GuardInspector inspector;
+    unsigned written = 0;
+    auto look_at = [&](const RetiredBlock &block) {
+        if (ptrdiff_t change; is_changed(block, change, inspector)) {
+            put_late_write(out, block);
+            ++written;
+        }
+        return true;
+    };
+    each_retired(look_at);
+    return written;
+}
+
 } // namespace
 } // namespace k42mc::internal
 
@@ -40,7 +56,9 @@ unsigned k42mcx_verify() {
         say_not_initialized(name);
         return 0;
     }
-    return put_damaged_blocks(*SinkText());
+    SinkText out;
+    const unsigned damaged = put_damaged_blocks(*out);
+    return damaged + put_late_writes(*out);
 }
 
 K42MC_EXPORT(k42mcx_verify);

@@ -5,6 +5,8 @@
 #include "k42mc_debug.h"
 #include "memcheck/registry.h"
 #include "platform/memory_manager.h"
+#include "wrappers/fill.h"
+#include "wrappers/keep_back.h"
 #include "wrappers/notice.h"
 #include "wrappers/page_blocks.h"
 
@@ -21,7 +23,6 @@ namespace {
 struct StandardAllocator {
     static constexpr uint16_t type = MC_STD;
     static constexpr bool null_release_is_reported = false;
-
     static constexpr bool may_have_pages = true;
 
     static void *allocate(size_t size) { return malloc(size); }
@@ -53,12 +54,13 @@ template <class Family> void *try_pages(Site site, size_t size) {
     return Family::may_have_pages ? try_pages(site, Family::type, 1, size) : nullptr;
 }
 
-template <class Family> void *wrap_malloc(Site site, size_t size) {
-    if (void *const user = try_pages<Family>(site, size))
-        return user;
+// The most frequent of all calls has one frame.
+template <class Family> [[gnu::always_inline]] inline void *wrap_malloc(Site site, size_t size) {
+    if (void *const user = try_pages<Family>(site, size)) [[unlikely]]
+        return filled(user, size);
     const size_t raw_size = with_guards(size);
-    void *raw = raw_size != 0 ? Family::allocate(raw_size) : out_of_memory();
-    return hand_out(site, Family::type, 1, raw, raw_size, size);
+    void *raw = allocate_raw(raw_size, Family::allocate);
+    return filled(hand_out(site, Family::type, 1, raw, raw_size, size), size);
 }
 
 template <class Family> void *wrap_calloc(Site site, size_t nmemb, size_t size) {
@@ -68,7 +70,7 @@ template <class Family> void *wrap_calloc(Site site, size_t nmemb, size_t size) 
     if (void *const user = try_pages<Family>(site, user_size))
         return user;
     const size_t raw_size = with_guards(user_size);
-    void *raw = raw_size != 0 ? Family::allocate_zeroed(raw_size) : out_of_memory();
+    void *raw = allocate_raw(raw_size, Family::allocate_zeroed);
     return hand_out(site, Family::type, 1, raw, raw_size, user_size);
 }
 
@@ -100,7 +102,7 @@ template <class Family> void *move_out_of_pages(Site site, void *ptr, size_t siz
     void *user = pages != nullptr ? pages->user() : nullptr;
     if (user == nullptr) {
         const size_t raw_size = with_guards(size);
-        void *raw = raw_size != 0 ? Family::allocate(raw_size) : out_of_memory();
+        void *raw = allocate_raw(raw_size, Family::allocate);
         if (raw == nullptr) {
             take_claim_back(old);
             put_record_back(record);
@@ -109,7 +111,9 @@ template <class Family> void *move_out_of_pages(Site site, void *ptr, size_t siz
         user = guard_alloc(arena_of(Family::type), 1, raw, raw_size, trace);
     }
     const ErrnoKeeper keep_errno;
-    memcpy(user, ptr, std::min(old.size, size));
+    const size_t kept = std::min(old.size, size);
+    memcpy(user, ptr, kept);
+    filled(user, size, kept);
     end_page_block(old, trace);
     replace_record(record, site, Family::type, user, size, trace);
     return user;
@@ -118,13 +122,27 @@ template <class Family> void *move_out_of_pages(Site site, void *ptr, size_t siz
 template <class Family> void *move_into_pages(Site site, void *ptr, size_t size, PageBlock &pages) {
     const ErrnoKeeper keep_errno;
     const RecordInHand record = take_record(ptr);
-    const ReleasedBlock old = guard_release(arena_of(Family::type), ptr, record.known, explain_stop);
-    memcpy(pages.user(), ptr, std::min(old.user_size, size));
-    Family::release(old.raw);
+    GuardTrace allocation;
+    const ReleasedBlock old =
+        guard_release(arena_of(Family::type), ptr, record.known, explain_stop, &allocation);
+    const size_t kept = std::min(old.user_size, size);
+    memcpy(pages.user(), ptr, kept);
+    filled(pages.user(), size, kept);
+    Family::release(keep_back(site, Family::type, ptr, old, allocation));
     StackTrace trace;
     trace.capture(trace_depth());
     replace_record(record, site, Family::type, pages.user(), size, trace);
     return pages.user();
+}
+
+template <class Family>
+void *replace_block(const RecordInHand &record, Site site, void *raw, size_t raw_size, size_t size) {
+    const ErrnoKeeper keep_errno;
+    StackTrace trace;
+    trace.capture(trace_depth());
+    void *user = guard_alloc(arena_of(Family::type), 1, raw, raw_size, trace);
+    replace_record(record, site, Family::type, user, size, trace);
+    return user;
 }
 
 // The old record is in hand while the underlying allocator moves the block: the old address may belong
@@ -132,24 +150,34 @@ template <class Family> void *move_into_pages(Site site, void *ptr, size_t size,
 // so the user bytes of an aligned block have to slide to where a plain block has them.
 template <class Family> void *resize_block(Site site, void *ptr, size_t size) {
     const RecordInHand record = take_record(ptr);
-    const ReleasedBlock old = guard_release(arena_of(Family::type), ptr, record.known, explain_stop);
+    GuardTrace allocation;
+    const ReleasedBlock old =
+        guard_release(arena_of(Family::type), ptr, record.known, explain_stop, &allocation);
     const size_t kept = std::min(old.user_size, size);
-    slide(plain_user(old.raw), ptr, kept);
     const size_t raw_size = with_guards(size);
-    void *raw = raw_size != 0 ? Family::resize(old.raw, raw_size) : out_of_memory();
-    const ErrnoKeeper keep_errno;
-    StackTrace trace;
+    if (has_to_move(Family::type, old, size)) [[unlikely]] {
+        if (void *raw = allocate_raw(raw_size, Family::allocate)) {
+            void *user = replace_block<Family>(record, site, raw, raw_size, size);
+            memcpy(user, ptr, kept);
+            filled(user, size, kept);
+            Family::release(keep_back(site, Family::type, ptr, old, allocation));
+            return user;
+        }
+    }
+    slide(plain_user(old.raw), ptr, kept);
+    const auto resize = [&](size_t wanted) { return Family::resize(old.raw, wanted); };
+    void *raw = allocate_raw(raw_size, resize);
     if (raw == nullptr) {
+        const ErrnoKeeper keep_errno;
         slide(ptr, plain_user(old.raw), kept);
+        StackTrace trace;
         trace.capture(K42MC_GUARD_TRACE);
         guard_alloc(arena_of(Family::type), old.alignment, old.raw, old.raw_size, trace);
         put_record_back(record);
         return nullptr;
     }
-    trace.capture(trace_depth());
-    void *user = guard_alloc(arena_of(Family::type), 1, raw, raw_size, trace);
-    replace_record(record, site, Family::type, user, size, trace);
-    return user;
+    void *user = replace_block<Family>(record, site, raw, raw_size, size);
+    return filled(user, size, kept);
 }
 
 template <class Family> void *wrap_realloc(Site site, void *ptr, size_t size) {
@@ -220,15 +248,6 @@ bool is_live(const void *ptr, size_t *size) {
     return state_of(ptr) == BlockState::live && guarded_size(ptr, size);
 }
 
-void *take_back(Site site, uint16_t type, void *ptr) {
-    if (in_page_range(ptr)) {
-        take_back_pages(site, type, ptr);
-        return nullptr;
-    }
-    const KnownBlock known = forget_block(site, type, ptr);
-    return guard_release(arena_of(type), ptr, known, explain_stop).raw;
-}
-
 } // namespace k42mc::internal
 
 using namespace k42mc::internal;
@@ -250,12 +269,13 @@ int k42MC_posix_memalign(const char *file, int line, void **memptr, size_t align
     const bool valid = valid_alignment(alignment);
     if (valid)
         if (void *const user = try_pages({file, line}, MC_STD, alignment, size)) {
-            *memptr = user;
+            *memptr = filled(user, size);
             return 0;
         }
     const size_t raw_size = valid ? with_guards(size, alignment) : 0;
-    void *raw = raw_size != 0 ? malloc(raw_size) : nullptr;
-    *memptr = hand_out({file, line}, MC_STD, static_cast<uint32_t>(alignment), raw, raw_size, size);
+    void *raw = allocate_raw(raw_size, malloc);
+    *memptr = filled(
+        hand_out({file, line}, MC_STD, static_cast<uint32_t>(alignment), raw, raw_size, size), size);
     if (!valid)
         return EINVAL;
     return raw != nullptr ? 0 : ENOMEM;
@@ -268,10 +288,11 @@ void *k42MC_valloc(const char *file, int line, size_t size) {
                                    "&& alignment <= K42MC_ALIGN_MAX",
                                    "lib/libk42mc/k42MC", 194, "k42MC_valloc");
     if (void *const user = try_pages({file, line}, MC_STD, page, size))
-        return user;
+        return filled(user, size);
     const size_t raw_size = with_guards(size, page);
-    void *raw = raw_size != 0 ? malloc(raw_size) : out_of_memory();
-    return hand_out({file, line}, MC_STD, static_cast<uint32_t>(page), raw, raw_size, size);
+    void *raw = allocate_raw(raw_size, malloc);
+    return filled(hand_out({file, line}, MC_STD, static_cast<uint32_t>(page), raw, raw_size, size),
+                  size);
 }
 
 void k42MC_free(const char *file, int line, void *ptr) {

@@ -27,7 +27,4 @@ bool is_live(const void *ptr, size_t *size);
 void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t raw_size,
                size_t user_size);
 
-// Forgets and checks a block that is not null. Returns the raw memory, null for pages of its own.
-void *take_back(Site site, uint16_t type, void *ptr);
-
 } // namespace k42mc::internal

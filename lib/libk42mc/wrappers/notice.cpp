@@ -1,6 +1,8 @@
 #include "wrappers/notice.h"
 
 #include "base/printing.h"
+#include "memcheck/late_write.h"
+#include "memcheck/quarantine.h"
 #include "memcheck/sink.h"
 #include "wrappers/stray_pointer.h"
 #include "wrappers/words.h"
@@ -63,6 +65,13 @@ void explain_stray(Words &words, const void *pointer, Explanation &explanation) 
     }
 }
 
+void add_release(Words &words, const RetiredBlock &block) {
+    words.add(" released at %s", SiteName(block.release).text());
+    if (block.release.line != 0)
+        words.add(":%d", block.release.line);
+    words.add(" by thread %u", block.thread);
+}
+
 // A block that was recorded, or whose header still says that it is one.
 void explain_underrun(Words &words, const Stop &stop) {
     words.add("a write before the start of ");
@@ -81,6 +90,8 @@ void explain(Words &words, const Stop &stop, Explanation &explanation) {
             words.add_block(defect.size);
         else
             words.add("a block");
+        if (RetiredBlock first; find_retired(stop.user, first))
+            words.add(", already"), add_release(words, first);
         break;
     case K42MC_DEFECT_WO:
         words.add("a write past the end of ");
@@ -130,6 +141,19 @@ void put_traces(TextOutput &out, const Stop &stop, const StopNotice &notice) {
 
 constinit StopRecorder record_stop = nullptr;
 
+void give_notice(const StopNotice &notice, FunctionRef<void(TextOutput &)> put_traces) {
+    const Printing printing;
+    char buffer[512];
+    TextOutput out(buffer, STDERR_FILENO);
+    out.print("k42mc: %s\n", notice.words);
+    constexpr size_t most_for_traces = 16 << 10; // of stack
+    if (record_stop == nullptr && platform::has_stack_room(most_for_traces))
+        put_traces(out);
+    out.flush();
+    if (record_stop != nullptr)
+        record_stop(notice);
+}
+
 void explain_stop(const Stop &stop) {
     Explanation explanation;
     explanation.has_site = find_site(stop.known.site, explanation.site);
@@ -139,16 +163,27 @@ void explain_stop(const Stop &stop) {
     if (explanation.has_site)
         words.add_site({explanation.site.file, explanation.site.line});
     take_trace(notice, stop, explanation);
-    const Printing printing;
-    char buffer[512];
-    TextOutput out(buffer, STDERR_FILENO);
-    out.print("k42mc: %s\n", notice.words);
-    constexpr size_t most_for_traces = 16 << 10; // of stack
-    if (record_stop == nullptr && platform::has_stack_room(most_for_traces))
-        put_traces(out, stop, notice);
-    out.flush();
-    if (record_stop != nullptr)
-        record_stop(notice);
+    auto put = [&](TextOutput &out) { put_traces(out, stop, notice); };
+    give_notice(notice, put);
+}
+
+void explain_late_write(const RetiredBlock &block, ptrdiff_t change) {
+    const RetiredTraces traces(block);
+    StopNotice notice = {
+        .words = {}, .frames = {}, .frame_count = 0, .is_access = true, .release = traces.release()};
+    for (void *const frame : traces.allocation())
+        notice.frames[notice.frame_count++] = frame;
+    Words words(notice.words);
+    const auto user = reinterpret_cast<uintptr_t>(block.user);
+    words.add("a write after the release of a block, ");
+    words.add_distance(user + static_cast<uintptr_t>(change), user, block.size);
+    words.add(", where there is 0x%02x now;", static_cast<const unsigned char *>(block.user)[change]);
+    add_release(words, block);
+    auto put = [&](TextOutput &out) {
+        put_trace(out, "Backtrace of the allocation:\n", notice.trace());
+        put_trace(out, "Backtrace of the release:\n", notice.release);
+    };
+    give_notice(notice, put);
 }
 
 } // namespace k42mc::internal

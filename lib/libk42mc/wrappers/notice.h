@@ -2,7 +2,10 @@
 // access to what cannot be touched.
 #pragma once
 
+#include "base/function_ref.h"
+#include "base/text_output.h"
 #include "k42mc_debug.h"
+#include "memcheck/retired_block.h"
 
 #include <span>
 
@@ -15,7 +18,8 @@ struct StopNotice {
     void *frames[16];
     size_t frame_count;
 
-    // Of an access: where it was, and the block's release, if it was released. Empty for anything else.
+    // Of an access: where it was, if that is known, and the block's release, if it was released.
+    bool is_access = false;
     std::span<void *const> access = {}, release = {};
     bool goes_on = false; // the process is not stopped
 
@@ -26,8 +30,14 @@ struct StopNotice {
 using StopRecorder = void (*)(const StopNotice &notice);
 extern constinit StopRecorder record_stop;
 
+// Says the words on standard error. The traces go where somebody keeps them, else behind the words.
+void give_notice(const StopNotice &notice, FunctionRef<void(TextOutput &)> put_traces);
+
 // Writes past all streams. Allocates nothing, takes on trust nothing that it reads, and waits for nobody
 // without end.
 void explain_stop(const Stop &stop);
+
+// The same of a block that was written to after its release.
+void explain_late_write(const RetiredBlock &block, ptrdiff_t change);
 
 } // namespace k42mc::internal

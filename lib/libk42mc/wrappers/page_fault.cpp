@@ -13,8 +13,6 @@
 #include <algorithm>
 #include <stdio.h>
 #include <stdio_ext.h>
-#include <string.h>
-#include <unistd.h>
 
 namespace k42mc::internal {
 namespace {
@@ -68,17 +66,13 @@ const char *code_of(const Access &access) {
     return codes[access.is_write ? 1 : 0][kind];
 }
 
-void describe(const Access &access) {
+void print_line(const Access &access) {
     const PageBlock &block = access.block;
-    const uint32_t arena = block.arena < K42MC_ARENAS ? block.arena : uint32_t{K42MC_ARENA_UNKNOWN};
-    uintptr_t frames[K42MC_GUARD_TRACE] = {};
-    for (size_t i = 0; i < std::min<size_t>(std::size(frames), block.allocation.frame_count); ++i)
-        frames[i] = reinterpret_cast<uintptr_t>(block.allocation.frames[i]);
-    size_t length = 0;
-    append_to_panic_string(length, "k42mc detected %s: alloc(%s) usrPtr(%p) usrSize(%zu) access(%p%+td)",
-                           code_of(access), k42mc_arena_desc[arena], block.user(), block.size,
-                           block.user(), static_cast<ptrdiff_t>(access.address - block.address));
-    append_frames_to_panic_string(length, frames);
+    GuardTrace allocation{};
+    for (size_t i = 0; i < std::min<size_t>(allocation.size(), block.allocation.frame_count); ++i)
+        allocation[i] = reinterpret_cast<uintptr_t>(block.allocation.frames[i]);
+    print_bad_access({code_of(access), block.arena, block.user(), block.size,
+                      static_cast<ptrdiff_t>(access.address - block.address), allocation});
 }
 
 // What the process has buffered comes first, unless somebody is at it, which may be what has faulted.
@@ -105,30 +99,24 @@ void explain(const Access &access, bool goes_on) {
     const auto frames = block.allocation.trace();
     std::copy(frames.begin(), frames.end(), notice.frames);
     notice.frame_count = frames.size();
+    notice.is_access = true;
     notice.access = access.trace;
     if (block.is_released())
         notice.release = block.release.trace();
     notice.goes_on = goes_on;
-    char buffer[512];
-    TextOutput out(buffer, STDERR_FILENO);
-    out.print("k42mc: %s\n", notice.words);
-    constexpr size_t most_for_traces = 16 << 10; // of stack
-    if (record_stop == nullptr && platform::has_stack_room(most_for_traces)) {
+    auto put = [&](TextOutput &out) {
         put_deed(out, "access", access.thread, access.trace);
         put_deed(out, "allocation", block.allocation.thread, frames);
         if (block.is_released())
             put_deed(out, "release", block.release.thread, notice.release);
-    }
-    out.flush();
-    if (record_stop != nullptr)
-        record_stop(notice);
+    };
+    give_notice(notice, put);
 }
 
 void tell(const Access &access, bool goes_on) {
     const Printing printing;
-    describe(access);
     flush_standard_output();
-    write_panic_string();
+    print_line(access);
     explain(access, goes_on);
 }
 

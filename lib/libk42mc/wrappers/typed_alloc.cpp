@@ -1,6 +1,8 @@
 // Blocks of a type that the caller chooses, over the standard allocator.
 #include "base/errno_keeper.h"
+#include "wrappers/fill.h"
 #include "wrappers/k42MC.h"
+#include "wrappers/keep_back.h"
 #include "wrappers/page_blocks.h"
 
 #include <stdlib.h>
@@ -13,11 +15,12 @@ void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_
         return nullptr;
     }
     if (void *const user = try_pages({file, line}, static_cast<uint16_t>(type), alignment, size))
-        return user;
+        return filled(user, size);
     const size_t raw_size = with_guards(size, alignment);
-    void *raw = raw_size != 0 ? malloc(raw_size) : out_of_memory();
-    return hand_out({file, line}, static_cast<uint16_t>(type), static_cast<uint32_t>(alignment), raw,
-                    raw_size, size);
+    void *raw = allocate_raw(raw_size, malloc);
+    return filled(hand_out({file, line}, static_cast<uint16_t>(type), static_cast<uint32_t>(alignment),
+                           raw, raw_size, size),
+                  size);
 }
 
 void k42mcx_free(const char *file, int line, int type, void *ptr) {

@@ -31,6 +31,8 @@ void Words::add_distance(uintptr_t address, uintptr_t block, size_t size, bool i
     const uintptr_t offset = address - block;
     if (address < block)
         add_bytes(block - address), add(" before ");
+    else if (offset == 0 && size != 0)
+        add("at the start of ");
     else if (offset < size)
         add_bytes(offset), add(" inside ");
     else if (offset == size)

@@ -3,6 +3,7 @@
 #include "ended.h"
 #include "random.h"
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <csetjmp>
@@ -119,21 +120,21 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(PageGuards, TellOfReleasedBlocks) {
     for (const size_t size : {size_t{1}, size_t{96}, page + 1, size_t{1} << 20}) {
         const std::string rest =
-            "inside a released block of " + std::to_string(size) + " byte" + (size == 1 ? "" : "s");
+            "a released block of " + std::to_string(size) + " byte" + (size == 1 ? "" : "s");
+        const std::string last = std::to_string(size - 1) + " byte" + (size == 2 ? "" : "s");
         const Ended read = ended_with_pages(0, [&] {
             char *block = allocate(size);
             release(block);
             read_at(block);
         });
-        expect_access(read, "RF", size, 0, "read 0 bytes " + rest);
+        expect_access(read, "RF", size, 0, "read at the start of " + rest);
         const Ended write = ended_with_pages(K42MCX_PAGES_START, [&] {
             char *block = allocate(size);
             release(block);
             write_at(block + size - 1);
         });
         expect_access(write, "WF", size, long(size) - 1,
-                      "write " + std::to_string(size - 1) + " byte" + (size == 2 ? "" : "s") + " " +
-                          rest);
+                      "write " + (size == 1 ? "at the start of " : last + " inside ") + rest);
     }
 }
 
@@ -452,7 +453,7 @@ TEST(PageGuards, AgreeWithAModelOnOlderSystems) {
         release(block);
         read_at(block);
     });
-    expect_access(use, "RF", 64, 0, "read 0 bytes inside a released block of 64 bytes");
+    expect_access(use, "RF", 64, 0, "read at the start of a released block of 64 bytes");
 }
 
 // Far more live blocks than mappings, or memory: the rest is guarded as usual, and nothing else fails.
@@ -565,7 +566,7 @@ TEST(PageGuards, TellOfAnAccessInASignalHandler) {
         signal(SIGUSR1, [](int) { read_at(barred); });
         raise(SIGUSR1);
     });
-    expect_access(end, "RF", 64, 0, "read 0 bytes inside a released block of 64 bytes");
+    expect_access(end, "RF", 64, 0, "read at the start of a released block of 64 bytes");
 }
 
 TEST(PageGuards, TellOfAnAccessWhileTheCheckersLockIsHeld) {
@@ -576,7 +577,7 @@ TEST(PageGuards, TellOfAnAccessWhileTheCheckersLockIsHeld) {
         if (MCLock() != 0)
             read_at(block);
     });
-    expect_access(end, "RF", 64, 0, "read 0 bytes inside a released block of 64 bytes");
+    expect_access(end, "RF", 64, 0, "read at the start of a released block of 64 bytes");
 }
 
 // libc's own functions are where such pointers are used; here with the stream that the line goes past.
@@ -598,6 +599,55 @@ TEST(PageGuards, LeaveSystemCallsTheirError) {
         std::_Exit(testing::Test::HasFailure());
     });
     EXPECT_TRUE(end.exited(0));
+}
+
+// A block's own pages wait by themselves; the quarantine has what a reallocation leaves behind for them.
+TEST(PageGuards, WorkBesideTheQuarantine) {
+    const auto prepare = [](uint32_t one_in) {
+        expect_zero(k42mcx_quarantine(1 << 20));
+        expect_zero(k42mcx_fill(0xcb));
+        expect_zero(k42mcx_page_guards(one_in, 0));
+    };
+    const Ended uses = ended([&] {
+        prepare(1);
+        const auto is_new = [](const char *block, size_t from, size_t to) {
+            return std::all_of(block + from, block + to, [](char byte) { return byte == '\xcb'; });
+        };
+        char *block = allocate(100);
+        EXPECT_TRUE(is_new(block, 0, 100));
+        memset(block, 1, 100);
+        block = static_cast<char *>(k42MC_realloc(site, 7, block, 200));
+        EXPECT_TRUE(block[99] == 1 && is_new(block, 100, 200));
+        auto *const zeros = static_cast<char *>(k42MC_calloc(site, 7, 1, 100));
+        EXPECT_EQ(zeros[99], 0);
+        expect_zero(k42mcx_page_guards(0, 0));
+        block = static_cast<char *>(k42MC_realloc(site, 7, block, 300));
+        EXPECT_TRUE(block[99] == 1 && is_new(block, 200, 300));
+        EXPECT_EQ(k42mcx_verify(), 0);
+        expect_zero(k42mcx_quarantine(0));
+        release(zeros), release(block);
+        std::_Exit(testing::Test::HasFailure());
+    });
+    EXPECT_TRUE(uses.exited(0)) << uses.out << uses.err;
+    expect_access(ended([&] {
+                      prepare(1);
+                      char *block = allocate(64);
+                      release(block);
+                      expect_zero(k42mcx_quarantine(0));
+                      read_at(block);
+                  }),
+                  "RF", 64, 0, "read at the start of a released block of 64 bytes");
+    const Ended second = ended([&] {
+        prepare(0);
+        char *block = allocate(64);
+        expect_zero(k42mcx_page_guards(1, 0));
+        static_cast<void>(!k42MC_realloc(site, 8, block, 128));
+        release(block);
+    });
+    EXPECT_STARTS(second.out, "k42mc detected DF: alloc(STD) free(STD)");
+    EXPECT_STARTS(
+        second.err,
+        "k42mc: a second release of a block of 64 bytes, already released at pages.c:8 by thread ");
 }
 
 TEST(PageGuards, GoOnInForkedChildren) {

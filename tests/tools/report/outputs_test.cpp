@@ -175,6 +175,8 @@ k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x
         R"({"kind":"site","file":"b.c","line":2,"type":"STD","chain":[],"blocks":1,"bytes":5,"oldest":1,)"
         R"("largest":5,"lost":{"blocks":0,"bytes":0},"indirect":{"blocks":0,"bytes":0}})"
         "\n{\"kind\":\"end\"}\n");
+    EXPECT_TRUE(contains(as_json(searched), R"("bytes":50,"lost":{"blocks":3,"bytes":30},"oldest")"));
+    EXPECT_TRUE(contains(as_json(searched), R"("cycles":1,"searched":true,"sites")"));
     const std::string held = "k42mc: held to the end: ", listed = "; --leak-check=held lists them\n";
     EXPECT_EQ(summary(searched, LeakCheck::lost),
               "k42mc: 3 blocks, 30 bytes at 1 site in 1 process\n  lost: 3 blocks, 30 bytes\n    a.c\n" +
@@ -198,6 +200,48 @@ k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x
               "k42mc: 2 blocks, 9 bytes at 2 sites in 1 process\n"
               "  written past the end (WO): 1 block, 5 bytes\n    b\n"
               "  written past the end (WO): 1 block, 4 bytes\n    a\n");
+}
+
+// Of the process where a site holds most, whatever was released meanwhile.
+TEST(Outputs, TellWhatHoldsASite) {
+    const auto process = [](const std::string &pid, const std::string &roots, const std::string &path) {
+        return R"({"kind":"cycle","program":"p","pid":)" + pid +
+               R"(,"cycle":1,"blocks":5,"bytes":50,"searched":true})"
+               "\n"
+               R"({"kind":"site","file":"a.c","line":1,"type":"STD","chain":["/no/p+0x1"],"blocks":5,)"
+               R"("bytes":50,"oldest":1,"largest":10,"lost":{"blocks":0,"bytes":0},)"
+               R"("indirect":{"blocks":0,"bytes":0},"held_by":{"roots":[)" +
+               roots + "],\"path\":[" + path + "}}\n{\"kind\":\"end\"}\n";
+    };
+    const auto root = [](const std::string &name, const std::string &bytes) {
+        return R"({"root":")" + name + R"(","blocks":1,"bytes":)" + bytes + "}";
+    };
+    const std::string
+        a = R"({"file":"a.c","line":1,"type":"STD","chain":["/no/p+0x1"],"size":10,"offset":0})",
+        b = R"({"file":"b.c","line":2,"type":"FIX","chain":[],"size":1,"offset":8})";
+    const Report report =
+        json(process("7", root("one", "9"), a + "],\"left_out\":0") +
+             process("8",
+                     root("variable `_ZN3app8sessionsE` in p+0x8", "9") + "," +
+                         root("stack of thread 9, frame `main`", "5"),
+                     b + ",{}," + a + R"(],"left_out":7,"others":{"blocks":2,"bytes":3})") +
+             process("9", root("other", "16"), "],\"left_out\":0"));
+    EXPECT_EQ(problems(report), "");
+    const std::string path[] = {"1 byte from b.c:2 (FIX), from byte 8 on", "... 7 more blocks ...",
+                                "a block that was released meanwhile", "10 bytes from a.c:1 (STD)"};
+    std::string lines = "  held by\n"
+                        "    variable `app::sessions` in p+0x8: 9 bytes in 1 block\n"
+                        "    stack of thread 9, frame `main`: 5 bytes in 1 block\n"
+                        "    others: 3 bytes in 2 blocks\n"
+                        "  which leads, for one, to\n";
+    for (const std::string &line : path)
+        lines += "    " + line + "\n";
+    EXPECT_TRUE(contains(table(report), "from\n    /no/p+0x1\n" + lines + "\n")) << table(report);
+    EXPECT_TRUE(contains(
+        as_json(report),
+        R"("held_by":{"roots":[{"root":"variable `app::sessions` in p+0x8","blocks":1,"bytes":9},)"
+        R"({"root":"stack of thread 9, frame `main`","blocks":1,"bytes":5}],)"
+        R"("others":{"blocks":2,"bytes":3},"path":["1 byte from b.c:2 (FIX), from byte 8 on",)"));
 }
 
 // Of two processes that lost the same, one says that it knows.

@@ -42,8 +42,12 @@ function showTotals() {
   const names = report.processes.map((process) => process.name);
   at("#programs").textContent =
     names.slice(0, 6).join(", ") + (names.length > 6 ? ` and ${names.length - 6} more` : "");
-  const totals = [["bytes", number(report.total.bytes)], ["blocks", number(report.total.blocks)],
-    ["sites", number(report.sites.length)], ["cycles", number(cycles)], ["processes", number(names.length)]];
+  const totals = [["bytes", number(report.total.bytes)], ["blocks", number(report.total.blocks)]];
+  if (report.searched) {
+    const lost = report.sites.reduce((sum, site) => sum + site.lost.bytes, 0);
+    totals.push(["bytes lost", number(lost)]);
+  }
+  totals.push(["sites", number(report.sites.length)], ["cycles", number(cycles)], ["processes", number(names.length)]);
   for (const [name, value] of totals)
     at("#totals").append(make("div", {}, make("dt", {}, name), make("dd", {}, value)));
 }
@@ -59,6 +63,33 @@ function showFindings() {
     process.findings.map((finding) => findingItem(finding, process)));
   at("#findings").hidden = items.length === 0;
   at("#findings ul").append(...items);
+}
+
+// ---- Lost or held ----
+
+// What is shown of a site's blocks: all of them, or those that are lost, or those that are not.
+const views = {
+  all: (site) => ({ bytes: site.bytes, blocks: site.blocks }),
+  lost: (site) => site.lost,
+  held: (site) => ({ bytes: site.bytes - site.lost.bytes, blocks: site.blocks - site.lost.blocks }),
+};
+let part = views.all;
+
+const shown = () => part === views.all ? report.sites : report.sites.filter((site) => part(site).blocks > 0);
+
+function showViews() {
+  at("#views").hidden = !report.searched;
+  for (const button of document.querySelectorAll("#views button"))
+    button.addEventListener("click", () => view(button.value));
+}
+
+function view(name) {
+  part = views[name];
+  for (const button of document.querySelectorAll("#views button"))
+    button.setAttribute("aria-pressed", String(button.value === name));
+  buildFlame();
+  look(root);
+  showTable();
 }
 
 // ---- Growth ----
@@ -139,16 +170,19 @@ function choose(site) {
 const root = { name: "all", bytes: 0, children: new Map(), parent: null, depth: 0 };
 
 function buildFlame() {
-  for (const site of report.sites) {
+  root.bytes = 0;
+  root.children.clear();
+  for (const site of shown()) {
+    const { bytes } = part(site);
     const names = site.chain.map(frameName).reverse();
     if (site.line !== 0 || names.length === 0) names.push(`${site.file}:${site.line}`);
-    root.bytes += site.bytes;
+    root.bytes += bytes;
     let node = root;
     for (const name of names) {
       if (!node.children.has(name))
         node.children.set(name, { name, bytes: 0, children: new Map(), parent: node, depth: node.depth + 1 });
       node = node.children.get(name);
-      node.bytes += site.bytes;
+      node.bytes += bytes;
     }
   }
 }
@@ -210,8 +244,8 @@ function look(node) {
 // ---- Table ----
 
 const columns = [
-  { name: "Bytes", key: (site) => site.bytes, show: number },
-  { name: "Blocks", key: (site) => site.blocks, show: number },
+  { name: "Bytes", key: (site) => part(site).bytes, show: number },
+  { name: "Blocks", key: (site) => part(site).blocks, show: number },
   { name: "Age", key: (site) => site.oldest, show: number },
   { name: "Largest", key: (site) => site.largest, show: number },
   { name: "Growth", key: (site) => site.growth, show: signed },
@@ -231,6 +265,23 @@ function sortBy(column) {
   showTable();
 }
 
+function held(name, counter) {
+  return `${name}: ${number(counter.bytes)} bytes in ${number(counter.blocks)} blocks`;
+}
+
+function lineList(heading, lines) {
+  return make("ul", { class: "trace" }, make("li", { class: "heading" }, heading),
+    ...lines.map((line) => make("li", {}, line)));
+}
+
+function holderLists({ roots, others, path }) {
+  const lines = roots.map((holder) => held(holder.root, holder));
+  if (others.blocks > 0) lines.push(held("others", others));
+  const lists = [lineList("held by", lines)];
+  if (path.length > 1) lists.push(lineList("which leads, for one, to", path));
+  return lists;
+}
+
 function toggleTrace(row, site) {
   const next = row.nextElementSibling;
   if (next && next.classList.contains("trace-row")) {
@@ -238,7 +289,8 @@ function toggleTrace(row, site) {
     return;
   }
   const heading = site.chain.length ? null : "No stack trace was recorded.";
-  row.after(make("tr", { class: "trace-row" }, make("td", { colspan: columns.length }, traceList(site.chain, heading))));
+  const lists = [traceList(site.chain, heading), ...site.held_by ? holderLists(site.held_by) : []];
+  row.after(make("tr", { class: "trace-row" }, make("td", { colspan: columns.length }, ...lists)));
 }
 
 function siteRow(site) {
@@ -263,7 +315,7 @@ function showTable() {
     return header;
   }));
   const sign = order.descending ? -1 : 1;
-  const sites = [...report.sites].sort((a, b) => {
+  const sites = [...shown()].sort((a, b) => {
     const left = order.column.key(a), right = order.column.key(b);
     return sign * (left < right ? -1 : left > right ? 1 : 0);
   });
@@ -273,6 +325,7 @@ function showTable() {
 // ---- All of it ----
 
 showTotals();
+showViews();
 showFindings();
 showGrowth();
 buildFlame();

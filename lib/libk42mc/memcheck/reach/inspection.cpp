@@ -4,6 +4,7 @@
 #include "base/printing.h"
 #include "base/sequence.h"
 #include "memcheck/control_lock.h"
+#include "memcheck/quarantine.h"
 #include "memcheck/record_store.h"
 #include "memcheck/registry.h"
 #include "platform/handed_words.h"
@@ -63,6 +64,7 @@ struct Place {
 const char *start(const Caller &caller, platform::ThreadCaches caches,
                   FunctionRef<void(const Moment &)> look, Place &place) {
     learn_control_blocks();
+    const QuarantineLock quarantine_lock;
     const platform::ThreadStop stop;
     if (stop.outcome() != platform::StopOutcome::whole)
         return stop.outcome() == platform::StopOutcome::partial

@@ -25,7 +25,7 @@ size_t put_lost_blocks(TextOutput &out, const LostBlocks &lost) {
 // Apart, so that nothing of it lies on the part of the stack that counts as the caller's.
 [[gnu::noinline]] size_t report_lost(const Caller &caller, uint32_t limit) {
     LostBlocks lost;
-    if (const char *obstacle = lost.search(function_name, caller, limit)) {
+    if (const char *obstacle = lost.search(function_name, caller, limit, LostBlocks::Wanted::lost)) {
         StandardErrorText()->print("%s: ERROR: %s\n", function_name, obstacle);
         return 0;
     }

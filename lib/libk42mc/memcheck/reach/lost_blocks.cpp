@@ -16,16 +16,21 @@ bool nothing_to_find(uint32_t limit) {
 
 } // namespace
 
-const char *LostBlocks::search(const char *function, const Caller &caller, uint32_t limit) {
+const char *LostBlocks::search(const char *function, const Caller &caller, uint32_t limit,
+                               Wanted wanted) {
     auto is_needed = [&] {
         if (list_.make())
             list_->is_complete = nothing_to_find(limit);
         return list_ && !list_->is_complete;
     };
     auto look = [&](const Moment &moment) {
-        Search search(moment);
-        if (search.run())
-            list_lost_blocks(search, limit, *list_);
+        const bool wants_holders = wanted == Wanted::lost_and_holders;
+        Search search(moment, wants_holders ? Search::Note::origins : Search::Note::nothing);
+        if (!search.run())
+            return;
+        if (wants_holders)
+            find_holders(search, moment, limit, list_->held);
+        list_lost_blocks(search, limit, *list_);
     };
     const char *const obstacle = inspect(function, caller, is_needed, look);
     const bool is_done = list_ && list_->is_complete;

@@ -1,6 +1,7 @@
 #include "memcheck/reach/roots.h"
 
 #include "base/gate.h"
+#include "memcheck/quarantine.h"
 #include "memcheck/reach/annotations.h"
 #include "memcheck/site_table.h"
 #include "pages/pool.h"
@@ -31,13 +32,13 @@ bool begins_with_guard(const platform::StackMemory &stack) {
 }
 
 size_t site_chunk_count() {
-    const auto behind = std::find(std::begin(gMCSites), std::end(gMCSites), nullptr);
-    return static_cast<size_t>(behind - gMCSites);
+    return most_sites() / sites_a_chunk;
 }
 
 size_t most_left_out(const Moment &moment) {
     constexpr size_t kept_stacks = 1024, of_page_blocks = 2;
-    return of_page_blocks + moment.threads.size() + gMCChunkCount + site_chunk_count() + kept_stacks;
+    return of_page_blocks + moment.threads.size() + gMCChunkCount + site_chunk_count() +
+           quarantine_chunk_count() + kept_stacks;
 }
 
 } // namespace
@@ -67,6 +68,10 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
     for (const AllocationSite *sites : std::span(gMCSites).first(site_chunk_count()))
         left_out_.add(reinterpret_cast<uintptr_t>(sites),
                       reinterpret_cast<uintptr_t>(sites + sites_a_chunk));
+    auto leave_out = [&](const void *begin, size_t size) {
+        left_out_.add(reinterpret_cast<uintptr_t>(begin), reinterpret_cast<uintptr_t>(begin) + size);
+    };
+    each_quarantine_chunk(leave_out);
     if (!platform::is_on_signal_stack())
         leave_out_below(moment.caller.stack_pointer, moment.caller.control_block);
     for (const platform::StoppedThread &thread : moment.threads) {

@@ -6,17 +6,18 @@ namespace k42mc::internal {
 
 size_t Search::bytes_for(const Moment &moment, Note note) {
     constexpr size_t alignments = 64;
-    const size_t noted = note == Note::origins ? moment.block_count * sizeof(Origin) : 0;
+    const size_t noted = note == Note::nothing ? 0 : moment.block_count * sizeof(Origin);
     return BlockMap::bytes_for(moment.block_count) + Roots::bytes_for(moment) +
            moment.block_count * (sizeof(bool) + sizeof(uint32_t)) + pages_at_a_time * sizeof(uint64_t) +
            most_words * word + noted + alignments;
 }
 
 Search::Search(const Moment &moment, Note note)
-    : moment_(moment), memory_(bytes_for(moment, note)), pages_(memory_.take<uint64_t>(pages_at_a_time)),
+    : moment_(moment), callers_last_(note == Note::origins_callers_last),
+      memory_(bytes_for(moment, note)), pages_(memory_.take<uint64_t>(pages_at_a_time)),
       blocks_(memory_, moment.block_count), roots_(memory_, moment, blocks_, copies_),
       reached_(memory_.take<bool>(moment.block_count)),
-      origins_(memory_.take<Origin>(note == Note::origins ? moment.block_count : 0)),
+      origins_(memory_.take<Origin>(note == Note::nothing ? 0 : moment.block_count)),
       queue_(memory_.take<uint32_t>(moment.block_count)), words_(memory_.take<uintptr_t>(most_words)),
       callers_stack_(platform::stack_memory_of(moment.caller.control_block)) {
     if (callers_stack_.end != 0)
@@ -40,7 +41,7 @@ bool Search::run() {
     reach_from_blocks();
     callers_own = true;
     reach_from_caller();
-    if (!origins_.empty() && !roots_.each(visit))
+    if (callers_last_ && !roots_.each(visit))
         return false;
     reach_from_blocks();
     return true;
@@ -89,7 +90,7 @@ bool Search::is_callers_own(uintptr_t at, const platform::Mapping &mapping) cons
 void Search::reach_from(Range range, const platform::Mapping &mapping, bool callers_own) {
     for (uintptr_t at = range.begin; at < range.end;) {
         const uintptr_t end = std::min((at & -smallest_page) + smallest_page, range.end);
-        const bool is_turn = origins_.empty() || is_callers_own(at, mapping) == callers_own;
+        const bool is_turn = !callers_last_ || is_callers_own(at, mapping) == callers_own;
         if (is_turn && pages_.is_own(at, mapping))
             reach_from({at, end}, Origin::Kind::memory, 0);
         at = end;

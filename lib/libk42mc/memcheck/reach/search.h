@@ -24,7 +24,9 @@ public:
     static constexpr const char *no_result =
         "memory has run out, or the system does not tell what memory there is";
 
-    enum class Note : bool { nothing, origins };
+    // With callers_last, of what the asking thread has on its stack and in its registers only where there is no other
+    // origin: it may have the address that it asks for.
+    enum class Note : uint8_t { nothing, origins, origins_callers_last };
     explicit Search(const Moment &moment, Note note = Note::nothing);
 
     // False where memory has run out, or where the system does not tell what is mapped.
@@ -33,10 +35,11 @@ public:
     const BlockMap &blocks() const { return blocks_; }
     bool is_reached(uint32_t index) const { return reached_[index]; }
 
-    // Of a block that is reached, where that is noted. Followed from block to block, they are the shortest way from a root:
-    // of what the asking thread has on its stack and in its registers only where there is no other, as it has the address
-    // that it asks for.
+    // Of a block that is reached, where that is noted. Followed from block to block, they are the shortest way from a root.
     const Origin &origin(uint32_t index) const { return origins_[index]; }
+
+    // The blocks that are reached, each behind the one that it was reached from.
+    std::span<const uint32_t> reached_in_order() const { return queue_.first(queued_); }
 
     // The next block that is pointed to from a range of memory, of which all up to `at` has been looked at; else none.
     uint32_t next_pointer(uintptr_t &at, uintptr_t end);
@@ -56,6 +59,7 @@ private:
     void fill_window(uintptr_t at, uintptr_t end);
 
     const Moment &moment_;
+    const bool callers_last_;
     WorkMemory memory_;
     platform::GuardedCopies copies_;
     platform::PageContents pages_;

@@ -13,82 +13,6 @@ constexpr const char *function_name = "k42mcx_why";
 
 // ---- What is printed ----
 
-struct Name {
-    char text[512];
-    size_t length;
-
-    explicit operator bool() const { return length != 0; }
-    int width() const { return static_cast<int>(length); }
-};
-
-Name name_of_function(uintptr_t place) {
-    Name name;
-    name.length = place == 0 ? 0 : platform::function_name(reinterpret_cast<void *>(place), name.text);
-    return name;
-}
-
-Name name_of_variable(uintptr_t at) {
-    Name name;
-    name.length = platform::variable_name(reinterpret_cast<void *>(at), name.text);
-    return name;
-}
-
-// The last part of its path. The offset is that of the byte ahead of what is asked for.
-Name module_at(uintptr_t at, uintptr_t &offset) {
-    char path[4096];
-    Name name;
-    const size_t length = platform::module_place(reinterpret_cast<void *>(at + 1), path, offset);
-    const auto *const slash = static_cast<const char *>(memrchr(path, '/', length));
-    const char *const last = slash == nullptr ? path : slash + 1;
-    name.length = std::min(sizeof name.text, static_cast<size_t>(path + length - last));
-    memcpy(name.text, last, name.length);
-    return name;
-}
-
-void put_thread(TextOutput &out, uint32_t thread) {
-    if (thread == 0)
-        out.put("this thread");
-    else
-        out.print("thread %u", thread);
-}
-
-void put_memory(TextOutput &out, const Root &root) {
-    uintptr_t offset = 0;
-    if (const Name module = module_at(root.at, offset)) {
-        if (const Name variable = name_of_variable(root.at))
-            out.print("variable `%.*s` in ", variable.width(), variable.text);
-        out.print("%.*s+0x%lx", module.width(), module.text, static_cast<unsigned long>(offset - 1));
-    } else {
-        out.print("memory at 0x%lX in a mapping of %zu KiB", static_cast<unsigned long>(root.at),
-                  root.mapping_bytes >> 10);
-    }
-}
-
-void put_root(TextOutput &out, const Root &root) {
-    switch (root.kind) {
-    case Root::Kind::memory:
-        return put_memory(out, root);
-    case Root::Kind::stack:
-        out.put("stack of ");
-        put_thread(out, root.thread);
-        if (const Name function = name_of_function(root.frame))
-            out.print(", frame `%.*s`", function.width(), function.text);
-        return;
-    case Root::Kind::thread_local_memory:
-        out.put("thread-local memory of ");
-        return put_thread(out, root.thread);
-    case Root::Kind::one_register:
-        out.print("%s of ", root.register_name);
-        return put_thread(out, root.thread);
-    case Root::Kind::handed:
-        return out.put("data of an epoll instance, or the value of a timer,");
-    case Root::Kind::kept:
-        return out.put("the program, which has asked to keep it,");
-    case Root::Kind::moving:
-        return out.put("a thread that is moving it");
-    }
-}
-
 // Of a long chain, both ends.
 void put_links(TextOutput &out, const Chain &chain) {
     constexpr size_t most_at_end = 16;
@@ -110,8 +34,7 @@ void put_links(TextOutput &out, const Chain &chain) {
 
 void put_chain(TextOutput &out, const Chain &chain) {
     if (chain.is_held) {
-        put_root(out, chain.root);
-        out.put(" leads to\n");
+        out.print("%s leads to\n", chain.root);
     } else {
         out.put("Nothing that is held leads to\n");
     }
@@ -126,7 +49,7 @@ void put_chain(TextOutput &out, const Chain &chain) {
 const char *search(const Caller &caller, uintptr_t address, Findings<Chain> &chain) {
     auto is_needed = [&] { return chain.make(); };
     auto look = [&](const Moment &moment) {
-        Search search(moment, Search::Note::origins);
+        Search search(moment, Search::Note::origins_callers_last);
         if (search.run())
             find_chain(search, moment, address, *chain);
     };
