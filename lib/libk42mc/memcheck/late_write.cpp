@@ -24,6 +24,7 @@ SiteName::SiteName(Site site) {
     text_[length] = '\0';
 }
 
+// cppcheck-suppress uninitMemberVar ; frames behind the last are never read
 RetiredTraces::RetiredTraces(const RetiredBlock &block)
     : allocation_count_(take_frames(block.allocation, allocation_)),
       release_count_(take_frames(release_trace_of(block.user, block.size), release_)) {}
