@@ -2,6 +2,8 @@
 
 #include "platform/cfi.h"
 #include "platform/cfi_expression.h"
+#include "platform/platform.h"
+#include "platform/signal_context.h"
 #include "platform/stack.h"
 
 namespace k42mc::internal::platform {
@@ -103,6 +105,15 @@ private:
     Walk walk(start);
     while (trace.room() > 0 && walk.step())
         trace.add(walk.return_address());
+}
+
+int backtrace_of_interrupted(const void *context, void **frames, int most) {
+    TraceBuffer trace(frames, most);
+    Walk walk(registers_of(context));
+    trace.add(walk.place());
+    while (trace.room() > 0 && walk.step())
+        trace.add(walk.return_address());
+    return most - trace.room();
 }
 
 bool step_out(Registers &registers) {

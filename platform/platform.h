@@ -25,6 +25,9 @@ int backtrace_skip(void **frames, int most);
 // Where the thread was that a signal handler has interrupted, by the handler's third argument.
 void *interrupted_at(const void *context);
 
+// The stack trace from there. Readers look for the call ahead of an address: so the first is the one behind the place.
+int backtrace_of_interrupted(const void *context, void **frames, int most);
+
 // Writes one line a frame to a descriptor: "module(function+0xoffset) [0xaddress]", static functions
 // included; without the function where no symbol covers the address, without the module where none is
 // loaded there. Allocates nothing and never waits for the loader's lock; keeps errno.
@@ -145,6 +148,9 @@ uint64_t descriptor_limit();
 // read. May change errno.
 bool is_open_stream(const FILE *stream);
 bool is_open_directory(const DIR *directory);
+
+// Holds a stream that no thread is using, this one neither: for funlockfile to let go. Waits for nobody.
+bool hold_if_idle(FILE *stream);
 
 // Holds libc's list of streams, which fork takes after its handlers have run and fflush(NULL) keeps
 // while it waits for each stream. To be taken ahead of locks that are held across a fork; let go by

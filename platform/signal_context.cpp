@@ -83,6 +83,11 @@ bool is_on_signal_stack() {
     return syscall(SYS_sigaltstack, nullptr, &stack) != 0 || (stack.ss_flags & SS_ONSTACK) != 0;
 }
 
+bool was_write(const void *context) {
+    constexpr greg_t written = 2; // of the processor's code for a page fault
+    return (static_cast<const ucontext_t *>(context)->uc_mcontext.gregs[REG_ERR] & written) != 0;
+}
+
 void *interrupted_at(const void *context) {
     return reinterpret_cast<void *>(static_cast<const ucontext_t *>(context)->uc_mcontext.gregs[place]);
 }

@@ -21,6 +21,9 @@ Registers registers_of(const void *context);
 const char *saved_register_name(const void *context, uintptr_t at);
 const char *register_name(int number);
 
+// At a fault of memory: whether it was a write.
+bool was_write(const void *context);
+
 // Whether the calling thread is on such a stack. May change errno.
 bool is_on_signal_stack();
 

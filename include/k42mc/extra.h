@@ -149,6 +149,35 @@ int k42mcx_report_on_signal(int signo, __UINT32_TYPE__ limit);
  */
 int k42mcx_report_folder(const char *path);
 
+/* ---- Pages of their own ---- */
+
+#define K42MCX_PAGES_END   0 /* the block's last byte at the end of a page */
+#define K42MCX_PAGES_START 1 /* its first byte at the start of one */
+#define K42MCX_PAGES_MIXED 2 /* now this, now that, at random */
+#define K42MCX_PAGES_GO_ON 4 /* tell of each block once, and let the process go on */
+#define K42MCX_PAGES_EXACT                                                                              \
+    8 /* at the end: the very last byte, whatever that does to the block's alignment */
+
+/*
+ * From now on one of so many allocations of the standard family, chosen at random in each thread, gets pages of its own,
+ * of up to 1 MiB and aligned to a page at most. The page behind it cannot be touched, nor can the one ahead, nor, once
+ * the block is released, its own: an access there ends the process at that moment, with a line on standard output that
+ * has the code RO, RU or RF for a read past the end, ahead of the start, or of a released block, and WO, WU or WF for a
+ * write, and with the traces of the access, the allocation and the release on standard error. The rest of the block's
+ * pages is filled and compared as guards are. Records, reports and releases are as for every block.
+ *   one_in  1 for every block; 0 for none from now on.
+ *   flags   K42MCX_PAGES_*. The alignment is what was asked for, else 16 bytes (8 on 32 bits), or for a smaller block the
+ *           largest power of two that fits into it.
+ *
+ * The first call takes addresses for good: for 512 MiB of memory in all, from one in 1,000 on for 64 MiB (on 32 bits,
+ * 256 and 64 MiB of addresses). Blocks that find no room there are guarded as usual. Released pages are used again in
+ * the order of their release. The first call also takes over SIGSEGV and SIGBUS: other faults go to the handler that was
+ * there, or to what the system does. A handler that is set later, past k42mc run, takes their place.
+ *
+ * Returns 0 or an errno value: EINVAL for other flags, ENOMEM without addresses, EPERM where the signals cannot be had.
+ */
+int k42mcx_page_guards(__UINT32_TYPE__ one_in, __UINT32_TYPE__ flags);
+
 /* ---- What shows the use of memory at the wrong time ---- */
 
 /*
@@ -164,9 +193,9 @@ int k42mcx_report_folder(const char *path);
  * Reallocations move, so that the old address is a released block's, but for changes of less than an eighth of a block
  * beyond 4096 bytes. Of blocks beyond 32 KiB, only the first and the last 4 KiB are filled, up to the page's border, and
  * the pages between go back to the system. Blocks that take more than an eighth of `bytes`, and those of the memory
- * manager, which other processes share, are released at once. When an allocation fails, all that is kept is released, and
- * it is tried again. The quarantine stays as it is while the checker is switched on or off. A forked child goes on with
- * its own copy.
+ * manager, which other processes share, are released at once; pages of a block's own wait by themselves. When an
+ * allocation fails, all that is kept is released, and it is tried again. The quarantine stays as it is while the checker is
+ * switched on or off. A forked child goes on with its own copy.
  *   bytes  0 releases all and ends it; else 65536 at least.
  * Returns 0 or EINVAL. What another thread is releasing at the moment of a call with 0 may be kept until the next one. Takes
  * a lock of its own, which releases take for a moment now and then; memory is mapped for lists of the blocks. The library

@@ -9,6 +9,7 @@
 #include "memcheck/reach/inspection.h"
 #include "memcheck/report_signal.h"
 #include "memcheck/sink.h"
+#include "pages/pool.h"
 #include "platform/platform.h"
 
 namespace k42mc::internal {
@@ -26,12 +27,14 @@ void before_fork() {
     take_checker_lock();
     lock(gMCDebugLock, LockRank::debug_messages);
     lock_quarantine();
+    hold_page_pool();
     forked_among_threads = !platform::single_threaded();
     thread_is_forking = true;
 }
 
 void after_fork_in_parent() {
     thread_is_forking = false;
+    release_page_pool();
     unlock_quarantine();
     unlock(gMCDebugLock, LockRank::debug_messages);
     release_checker_lock();
@@ -47,6 +50,7 @@ void after_fork_in_child() {
     gFDLock = PTHREAD_MUTEX_INITIALIZER;
     forget_locks();
     renew_quarantine();
+    renew_page_pool();
     forget_inspections();
     forget_other_visitors();
     platform::renew_stream_list();

@@ -34,6 +34,7 @@ layer() { # sets REPLY
     platform/*) REPLY=platform ;;
     common/*) REPLY=common ;;
     lib/libk42mc/base/*) REPLY=base ;;
+    lib/libk42mc/pages/*) REPLY=pages ;;
     lib/libk42mc/memcheck/*) REPLY=memcheck ;;
     lib/libk42mc/fdcheck/*) REPLY=fdcheck ;;
     lib/libk42mc/wrappers/*) REPLY=wrappers ;;
@@ -51,12 +52,13 @@ declare -A allowed=(
     [platform]=''
     [common]='include platform'
     [base]='include platform common'
-    [memcheck]='include platform common base'
+    [pages]='include platform common base'
+    [memcheck]='include platform common base pages'
     [fdcheck]='include platform common base'
-    [wrappers]='include platform common base memcheck'
-    [fork]='platform common base memcheck fdcheck'
+    [wrappers]='include platform common base pages memcheck'
+    [fork]='platform common base pages memcheck fdcheck'
     [shared]=''
-    [preload]='include platform common base memcheck fdcheck wrappers shared'
+    [preload]='include platform common base pages memcheck fdcheck wrappers shared'
     [tools]='include shared'
 )
 

@@ -5,6 +5,7 @@
 #include "tools/preload/exported.h"
 #include "tools/preload/next.h"
 #include "tools/preload/reporter.h"
+#include "wrappers/fault_actions.h"
 
 #include <algorithm>
 #include <array>
@@ -109,13 +110,19 @@ struct sigaction default_action() {
     return action;
 }
 
+int set_next_action(int number, const struct sigaction *action, struct sigaction *former) {
+    return k42mc::internal::is_taken_fault(number)
+               ? k42mc::internal::exchange_fault_action(number, action, former)
+               : NEXT(sigaction)(number, action, former);
+}
+
 // To the program, the default is what it set and what it finds.
 int set_action(int number, const struct sigaction *action, struct sigaction *former) {
     const struct sigaction own = own_action();
     const bool to_default =
         action != nullptr && (action->sa_flags & SA_SIGINFO) == 0 && action->sa_handler == SIG_DFL;
     const bool watched = write_last_report != nullptr && is_ending(number);
-    const int result = NEXT(sigaction)(number, to_default && watched ? &own : action, former);
+    const int result = set_next_action(number, to_default && watched ? &own : action, former);
     if (result == 0 && former != nullptr && is_own(*former))
         *former = default_action();
     if (result == 0 && action != nullptr)
@@ -123,15 +130,17 @@ int set_action(int number, const struct sigaction *action, struct sigaction *for
     return result;
 }
 
-// A way of setting a handler that names no flags.
-template <class Next> sighandler_t set_simply(Next next, int number, sighandler_t handler) {
+// A way of setting a handler that names no flags, but implies some.
+template <class Next> sighandler_t set_simply(Next next, int flags, int number, sighandler_t handler) {
     struct sigaction former {};
-    if (handler != SIG_DFL) {
+    if (handler != SIG_DFL && !k42mc::internal::is_taken_fault(number)) {
         const sighandler_t replaced = next(number, handler);
         signal_is_taken(number);
         return replaced == own_action().sa_handler ? SIG_DFL : replaced;
     }
-    const struct sigaction action = default_action();
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
     return set_action(number, &action, &former) == 0 ? former.sa_handler : SIG_ERR;
 }
 
@@ -155,6 +164,8 @@ void report_ahead_of_endings(LastReport last_report) {
     std::ranges::for_each(requests, watch);
 }
 
+constexpr int one_shot = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+
 extern "C" {
 
 sighandler_t bsd_signal(int number, sighandler_t handler) noexcept; // which newer headers leave out
@@ -164,23 +175,23 @@ EXPORTED int sigaction(int number, const struct sigaction *action, struct sigact
 }
 
 EXPORTED sighandler_t signal(int number, sighandler_t handler) noexcept {
-    return set_simply(NEXT(signal), number, handler);
+    return set_simply(NEXT(signal), SA_RESTART, number, handler);
 }
 
 EXPORTED sighandler_t ssignal(int number, sighandler_t handler) noexcept {
-    return set_simply(NEXT(ssignal), number, handler);
+    return set_simply(NEXT(ssignal), SA_RESTART, number, handler);
 }
 
 EXPORTED sighandler_t bsd_signal(int number, sighandler_t handler) noexcept {
-    return set_simply(NEXT(bsd_signal), number, handler);
+    return set_simply(NEXT(bsd_signal), SA_RESTART, number, handler);
 }
 
 EXPORTED sighandler_t __sysv_signal(int number, sighandler_t handler) noexcept {
-    return set_simply(NEXT(__sysv_signal), number, handler);
+    return set_simply(NEXT(__sysv_signal), one_shot, number, handler);
 }
 
 EXPORTED sighandler_t sysv_signal(int number, sighandler_t handler) noexcept {
-    return set_simply(NEXT(sysv_signal), number, handler);
+    return set_simply(NEXT(sysv_signal), one_shot, number, handler);
 }
 
 // Ahead of a signal that is let through, what it does is set: it may be there already.

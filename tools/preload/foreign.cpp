@@ -4,6 +4,7 @@
 #include "tools/preload/foreign.h"
 
 #include "memcheck/registry.h"
+#include "pages/pool.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/own_allocator.h"
 #include "wrappers/k42MC.h"
@@ -56,6 +57,8 @@ void stop_unless_foreign(uint16_t type, const void *pointer) {
 }
 
 void *take_back_unless_foreign(Site site, uint16_t type, void *pointer) {
+    if (in_page_range(pointer))
+        return take_back(site, type, pointer);
     const KnownBlock known = forget_block(site, type, pointer);
     if (known.tail != 0 || is_guarded(pointer))
         return release_block(site, type, pointer, known);

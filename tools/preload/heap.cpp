@@ -1,7 +1,6 @@
 // The malloc family, over guarded blocks. The wrappers' own calls of these names come back here, from
 // inside the checker, and go to the next allocator; so does what libc allocates while the checker prints.
 #include "base/errno_keeper.h"
-#include "k42mc_debug.h"
 #include "platform/platform.h"
 #include "platform/trace_buffer.h"
 #include "tools/preload/depth.h"
@@ -83,7 +82,8 @@ void release(const void *caller, void *ptr) {
     if (ptr == nullptr)
         return;
     if (for_checker(caller)) {
-        if (called_by_checker(caller) || state_of(ptr) != BlockState::live)
+        size_t size;
+        if (called_by_checker(caller) || !is_live(ptr, &size))
             next_free(ptr);
         return;
     }
@@ -166,7 +166,7 @@ EXPORTED size_t malloc_usable_size(void *ptr) {
     if (ptr == nullptr)
         return 0;
     size_t size;
-    if (state_of(ptr) == BlockState::live && guarded_size(ptr, &size))
+    if (is_live(ptr, &size))
         return size;
     return NEXT(malloc_usable_size)(ptr);
 }

@@ -29,27 +29,33 @@ using namespace k42mc::internal;
 constinit bool stopped_by_defect = false;
 constinit bool text_wanted = false;
 
-// The process is about to stop in the midst of an operation: nothing here allocates or takes a lock.
+// The process is in the midst of an operation, and about to stop as a rule: nothing here allocates or takes a lock.
 void write_defect(const StopNotice &notice) {
     const InsideChecker inside;
     const Printing printing;
     const int file = json_file.descriptor();
-    stopped_by_defect = true;
+    stopped_by_defect = !notice.goes_on;
     if (file < 0)
         return;
     StackTrace here;
-    if (notice.release.empty())
+    if (!notice.is_access)
         here.capture(StackTrace::deepest);
-    static JsonOutput out(file); // once in a process, and the stack may be small
+    alignas(
+        JsonOutput) static constinit std::byte place[sizeof(JsonOutput)] = {}; // the stack may be small
+    JsonOutput &out = *new (place) JsonOutput(file);
     out->print("{\"kind\":\"defect\",\"pid\":%d,\"text\":", getpid());
     out.string(k42mc_panic_string);
     out->print(",\"words\":");
     out.string(notice.words);
     out->print(",");
-    out.chain("chain", notice.release.empty() ? here.innermost(StackTrace::deepest) : notice.release);
+    out.chain("chain", notice.is_access ? notice.access : here.innermost(StackTrace::deepest));
     out->print(",");
     out.chain("block", notice.trace());
-    out->print("}\n");
+    if (!notice.release.empty()) {
+        out->print(",");
+        out.chain("release", notice.release);
+    }
+    out->print("%s}\n", notice.goes_on ? ",\"goes_on\":true" : "");
     out->flush();
 }
 

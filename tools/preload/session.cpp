@@ -13,12 +13,16 @@
 //   K42MC_RUN_QUARANTINE how many bytes of released blocks to keep back
 //   K42MC_RUN_FILL       the byte that new blocks are filled with
 //   K42MC_RUN_FDS        1 to watch descriptors, too
+//   K42MC_RUN_PAGES      how many blocks come on one that gets pages of its own; nothing for none
+//   K42MC_RUN_PAGE_FLAGS   K42MCX_PAGES_*
+//   K42MC_RUN_PAGE_MEMORY  bytes for all of that; nothing for as many as usual
 //   K42MC_RUN_FOLLOW     0 to leave programs that this one starts alone
 // Without a folder that files can be made in, blocks are guarded and nothing is recorded.
 #include "tools/preload/session.h"
 #include "base/checker_lock.h"
 #include "memcheck/registry.h"
 #include "memcheck/state.h"
+#include "pages/pool.h"
 #include "platform/libc_heap.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/descriptors.h"
@@ -33,11 +37,13 @@
 #include "tools/preload/settings.h"
 #include "tools/preload/suppressed.h"
 #include "wrappers/keep_back.h"
+#include "wrappers/page_guards.h"
 
 #include <k42mc/k42mc.h>
 
 #include <errno.h>
 #include <pthread.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -88,8 +94,20 @@ void add_filters(bool traces_off) {
 
 // ---- The end: behind the destructors of all libraries. What is allocated later still is guarded. ----
 
+void tell_of_blocks_without_pages() {
+    const size_t count = k42mc::internal::blocks_without_pages();
+    if (count == 0)
+        return;
+    char text[150];
+    snprintf(text, sizeof text,
+             "%zu block%s found no room for pages of %s own (--page-guards-memory), and had guards",
+             count, count == 1 ? "" : "s", count == 1 ? "its" : "their");
+    write_note(text);
+}
+
 void write_last_report(bool with_search) {
     const MatterOfCourse said_by_reports;
+    tell_of_blocks_without_pages();
     if (verifies)
         k42mcx_verify();
     write_report(limit, with_search);
@@ -178,6 +196,20 @@ void heed_program(bool search_wanted) {
                                                   "has that turned off (__lsan_is_turned_off)");
 }
 
+// Behind whoever else wants the signals of faults.
+void switch_on_page_guards() {
+    const auto one_in = static_cast<uint32_t>(number_in("K42MC_RUN_PAGES", 0));
+    const int failure = one_in == 0
+                            ? 0
+                            : k42mc::internal::switch_page_guards(
+                                  one_in, static_cast<uint32_t>(number_in("K42MC_RUN_PAGE_FLAGS", 0)),
+                                  static_cast<size_t>(number_in("K42MC_RUN_PAGE_MEMORY", 0)));
+    if (failure == ENOMEM)
+        write_note("no block has pages of its own: there are no addresses for them");
+    else if (failure != 0)
+        write_note("no block has pages of its own: the signals of faults cannot be had");
+}
+
 // They may have the shim linked in.
 void leave_started_programs_alone() {
     unsetenv("LD_PRELOAD");
@@ -207,6 +239,7 @@ void leave_started_programs_alone() {
     pthread_atfork(nullptr, nullptr, after_fork_in_child);
     __cxa_atexit(finish_at_exit, nullptr, nullptr);
     report_ahead_of_endings(finish_by_signal);
+    switch_on_page_guards();
     (void)at_quick_exit(finish);
     start_reporter(report);
     errno = saved_errno;

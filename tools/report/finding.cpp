@@ -35,14 +35,21 @@ Finding finding_of(const Stop &stop) {
     std::string title(stop.text.substr(0, stop.text.find(" trace buffer")));
     if (!stop.words.empty())
         title.append(": ").append(stop.words);
-    Finding finding = {.kind = Finding::Kind::stopped,
-                       .what = "stopped",
+    const char *const deed = !stop.is_access() ? "released by"
+                             : stop.is_read()  ? "read by"
+                                               : "written by";
+    Finding finding = {.kind = stop.goes_on ? Finding::Kind::went_on : Finding::Kind::stopped,
+                       .what = stop.goes_on ? "went on" : "stopped",
                        .title = std::move(title),
-                       .trails = {{"released by", stop.trace}},
+                       .trails = {},
                        .process = stop.process};
+    if (!stop.trace.empty() || !stop.is_access())
+        finding.trails.push_back({deed, stop.trace});
     if (!stop.block.empty())
         finding.trails.push_back(
             {stop.is_double_free() ? "released before by" : "allocated by", stop.block});
+    if (!stop.release.empty())
+        finding.trails.push_back({"released by", stop.release});
     return finding;
 }
 

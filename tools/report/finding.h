@@ -14,7 +14,17 @@ struct Trail {
 };
 
 struct Finding {
-    enum class Kind { unchecked, note, stopped, crashed, ended, damaged, misused_descriptor, left_open };
+    enum class Kind {
+        unchecked,
+        note,
+        stopped,
+        went_on,
+        crashed,
+        ended,
+        damaged,
+        misused_descriptor,
+        left_open
+    };
 
     // The first two and an ending that somebody asked for are for the reader to know: nothing is wrong.
     bool is_fault() const {
@@ -27,7 +37,7 @@ struct Finding {
     std::vector<Trail> trails; // oldest first, but those of a stop
     uint64_t count = 1;        // of blocks or descriptors
     uint64_t bytes = 0;
-    int process = 0;            // of a stop: who it was
+    int process = 0;            // of a stop, or of what went on: who it was
     const Site *site = nullptr; // of a damaged block
 };
 

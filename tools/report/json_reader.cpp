@@ -272,6 +272,10 @@ private:
                                    has(line, "words") ? report_.text(text_in(line, "words")) : "",
                                    report_.trace(trace_in(line)),
                                    report_.trace(trace_in(line, "block"))});
+        Stop &stop = process().stops.back();
+        if (has(line, "release"))
+            stop.release = report_.trace(trace_in(line, "release"));
+        stop.goes_on = has(line, "goes_on");
     }
 
     void add_ending(Json line) {

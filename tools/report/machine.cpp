@@ -92,6 +92,8 @@ const char *name_of(Finding::Kind kind) {
         return "note";
     case Finding::Kind::stopped:
         return "stopped";
+    case Finding::Kind::went_on:
+        return "went on";
     case Finding::Kind::crashed:
         return "crashed";
     case Finding::Kind::ended:

@@ -109,16 +109,20 @@ struct Descriptor {
     }
 };
 
-// What stopped a process: a defect, or a signal.
+// What stopped a process, or was told of one that goes on: a defect, or a signal.
 struct Stop {
     int process = 0;
     std::string_view text;
-    std::string_view words;       // the same for people; empty in older reports
-    Trace trace;                  // of the release that found it, or of where the signal struck
-    Trace block;                  // of the allocation, or of the release before
+    std::string_view words; // the same for people; empty in older reports
+    Trace trace;            // of the release or the access that found it, or of where the signal struck
+    Trace block;            // of the allocation, or of the release before
     std::string_view signal = {}; // its name, where it was one
+    Trace release = {};           // of the block that was accessed, if it was released
+    bool goes_on = false;
 
     bool is_double_free() const { return text.starts_with("k42mc detected DF"); }
+    bool is_access() const { return text.find(" access(") != std::string_view::npos; }
+    bool is_read() const { return text.starts_with("k42mc detected R"); }
 };
 
 // One run of a program under the checker.

@@ -116,6 +116,8 @@ void print_remark(std::ostream &out, std::string_view process, const Finding &re
                   Symbolizer &symbolizer) {
     if (remark.kind == Finding::Kind::stopped)
         out << "k42mc: process " << remark.process << " was stopped: ";
+    else if (remark.kind == Finding::Kind::went_on)
+        out << "k42mc: process " << remark.process << " went on after: ";
     else
         out << "k42mc: " << printable(process) << ": ";
     out << printable(remark.title) << '\n';

@@ -9,6 +9,8 @@
 #include "tools/run/signals.h"
 #include "tools/run/verdicts.h"
 
+#include <k42mc/extra.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
@@ -39,6 +41,10 @@ struct Options {
     std::string fill; // a number; empty for none
     bool fds = false;
     bool follow = true;
+    uint32_t page_guards = 0; // one in so many
+    std::string page_side = "end", page_alignment = "natural";
+    uint64_t page_memory = 0; // as much as usual
+    bool go_on = false;
     std::string suppressions;
     int error_exitcode = 0;
     std::vector<std::string> only, skip; // names of programs
@@ -76,6 +82,17 @@ std::string fault_of_filter(const std::string &line) {
     return is_filter_line(line) ? "" : "not file:line:LK:type:address:size, as reports have it: " + line;
 }
 
+uint32_t page_flags(const Options &options) {
+    uint32_t flags = options.go_on ? K42MCX_PAGES_GO_ON : 0;
+    if (options.page_alignment == "exact")
+        flags |= K42MCX_PAGES_EXACT;
+    if (options.page_side == "start")
+        flags |= K42MCX_PAGES_START;
+    else if (options.page_side == "mixed")
+        flags |= K42MCX_PAGES_MIXED;
+    return flags;
+}
+
 std::string fault_of_quarantine(const std::string &size) {
     constexpr unsigned long long least = 64 << 10;
     const unsigned long long bytes = strtoull(size.c_str(), nullptr, 10);
@@ -109,6 +126,11 @@ std::vector<Setting> environment(const Options &options) {
                                      {"K42MC_RUN_FILL", options.fill.empty() ? "-1" : options.fill},
                                      {"K42MC_RUN_FDS", options.fds ? "1" : "0"},
                                      {"K42MC_RUN_FOLLOW", options.follow ? "1" : "0"}};
+    if (options.page_guards != 0) {
+        settings.push_back({"K42MC_RUN_PAGES", std::to_string(options.page_guards)});
+        settings.push_back({"K42MC_RUN_PAGE_FLAGS", std::to_string(page_flags(options))});
+        settings.push_back({"K42MC_RUN_PAGE_MEMORY", std::to_string(options.page_memory)});
+    }
     std::string filters;
     for (const std::string &line : options.filters)
         filters += line + '\n';
@@ -255,6 +277,8 @@ void run(const Options &options) {
     pass_on(ended.status);
 }
 
+constexpr std::string_view page_guards_option = "--page-guards";
+
 // How many words, after the subcommand's own, belong to it: up to the program's name.
 size_t count_own_words(const CLI::App &command, const std::vector<std::string> &words) {
     size_t i = 1;
@@ -273,6 +297,9 @@ std::vector<std::string> take_arguments(const CLI::App &command, std::vector<std
     if (words.empty() || words.front() != command.get_name())
         return {};
     const auto first = words.begin() + static_cast<ptrdiff_t>(count_own_words(command, words));
+    // Without a value of its own, it would take the program's name for one.
+    std::replace(words.begin(), first, std::string(page_guards_option),
+                 std::string(page_guards_option) + "=1");
     std::vector<std::string> arguments(first, words.end());
     words.erase(first, words.end());
     return arguments;
@@ -317,6 +344,25 @@ void add_run(CLI::App &app, std::vector<std::string> &words) {
         ->transform(CLI::Validator(take_byte, ""));
     command->add_flag("--fds", options->fds, "Watch descriptors, too");
     command->add_flag("--follow,!--no-follow", options->follow, "Check programs it starts (default)");
+    command
+        ->add_option(std::string(page_guards_option), options->page_guards,
+                     "Pages of their own for one block in so many, or each")
+        ->type_name("[ONE_IN]")
+        ->expected(0, 1)
+        ->check(CLI::PositiveNumber);
+    command->add_option("--page-guards-side", options->page_side, "Where in them the block lies")
+        ->type_name("end|start|mixed")
+        ->check(CLI::IsMember({"end", "start", "mixed"}));
+    command
+        ->add_option("--page-guards-align", options->page_alignment,
+                     "The last byte at the very end, whatever the block's alignment")
+        ->type_name("natural|exact")
+        ->check(CLI::IsMember({"natural", "exact"}));
+    command
+        ->add_option("--page-guards-memory", options->page_memory, "How much memory they take at most")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false));
+    command->add_flag("--go-on", options->go_on, "Tell of each block once, and let the program go on");
     command->add_option("--only", options->only, "Sum up programs of this name alone")
         ->type_name("NAME")
         ->allow_extra_args(false);

@@ -237,11 +237,10 @@ void describe(const BadAccess &access) {
 }
 
 // Past the stream's buffer, so that nothing is allocated for it in a process whose heap is damaged.
-void print_defect_line() {
-    fflush(stdout);
+void write_panic_string() {
     char line[sizeof k42mc_panic_string + 2];
     const auto length = static_cast<size_t>(snprintf(line, sizeof line, "%s\r\n", k42mc_panic_string));
-    const int descriptor = fileno(stdout);
+    const int descriptor = fileno_unlocked(stdout);
     if (descriptor >= 0) {
         platform::write_all(descriptor, line, length);
     } else {
@@ -261,16 +260,6 @@ void mark_as_freed(uintptr_t user, const Layout &layout) {
     store_trace(tail + freed_trace_word, trace.innermost(K42MC_GUARD_TRACE));
 }
 
-template <class Finding> void print_line_of(const Finding &finding) {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // nothing runs after the report
-    describe(finding);
-    print_defect_line();
-}
-
-[[noreturn]] void fail() {
-    platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");
-}
-
 // Where two pieces of memory differ first; `size` where they do not.
 size_t first_difference(const void *memory, const void *expected, size_t size) {
     const auto *a = static_cast<const unsigned char *>(memory);
@@ -283,19 +272,23 @@ size_t first_difference(const void *memory, const void *expected, size_t size) {
 
 } // namespace
 
+void stop_here() {
+    platform::assertion_failed("0", "common/lib/libk42mc/k42mc_debug", 369, "k42mc_guard_free");
+}
+
 void stop_process(const Stop &stop, StopListener listener) {
-    print_line_of(stop);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // nothing runs after the report
+    describe(stop);
+    fflush(stdout);
+    write_panic_string();
     if (listener != nullptr)
         listener(stop);
-    fail();
+    stop_here();
 }
 
 void print_bad_access(const BadAccess &access) {
-    print_line_of(access);
-}
-
-void stop_at_bad_access() {
-    fail();
+    describe(access);
+    write_panic_string();
 }
 
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,

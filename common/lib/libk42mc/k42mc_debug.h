@@ -51,6 +51,9 @@ using StopListener = void (*)(const Stop &stop);
 
 [[noreturn]] void stop_process(const Stop &stop, StopListener listener);
 
+// Its end, for whoever has said the rest.
+[[noreturn]] void stop_here();
+
 // As k42mc_guard_alloc, with a trace that was captured before.
 void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size,
                   const StackTrace &trace);
@@ -77,10 +80,8 @@ struct BadAccess {
     GuardTrace allocation;
 };
 
-// Prints the defect line. The caller says the rest, and stops the process then. Nothing else of the thread runs from
-// here on.
+// Prints the defect line. What the process has buffered is the caller's to flush: it may be a signal handler.
 void print_bad_access(const BadAccess &access);
-[[noreturn]] void stop_at_bad_access();
 
 // What the words ahead of a block of anybody's say: where guarded blocks and the system allocator's meet.
 // The block itself must be readable.

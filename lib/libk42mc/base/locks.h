@@ -6,7 +6,15 @@
 namespace k42mc::internal {
 
 // From the first to the last.
-enum class LockRank : unsigned { searches, descriptors, checker, debug_messages, records, quarantine };
+enum class LockRank : unsigned {
+    searches,
+    descriptors,
+    checker,
+    debug_messages,
+    records,
+    quarantine,
+    pages
+};
 
 // Builds with assertions stop where a lock is taken out of order, or where something that is not ours is
 // waited for while one is held: libc's list of streams, its time zone.

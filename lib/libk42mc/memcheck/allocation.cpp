@@ -4,6 +4,7 @@
 #include "k42mc_debug.h"
 #include "memcheck/block_index.h"
 #include "memcheck/registry.h"
+#include "pages/block.h"
 
 namespace k42mc::internal {
 namespace {
@@ -12,9 +13,12 @@ constexpr uintptr_t guard_bytes = K42MC_GUARD_OVERHEAD / 2;
 
 // A record may be of a block that went away unseen.
 bool is_live(const Record &record) {
-    return has_guards(
-        reinterpret_cast<const void *>(record.address), // NOLINT(performance-no-int-to-ptr)
-        record.size);
+    const auto *user =
+        reinterpret_cast<const void *>(record.address); // NOLINT(performance-no-int-to-ptr)
+    if (!in_page_range(user))
+        return has_guards(user, record.size);
+    const PageBlock *const block = page_block_at(user);
+    return block != nullptr && block->is_live();
 }
 
 } // namespace

@@ -20,6 +20,7 @@ public:
     bool readable(uintptr_t address, size_t size);
 
 private:
+    int defect_in_pages(const Record &record);
     bool page_readable(uintptr_t page);
 
     uintptr_t pages_[256] = {}; // by the lowest bits of their number; 0: none

@@ -8,6 +8,7 @@
 #include "wrappers/fill.h"
 #include "wrappers/keep_back.h"
 #include "wrappers/notice.h"
+#include "wrappers/page_blocks.h"
 
 #include <algorithm>
 #include <limits>
@@ -22,6 +23,7 @@ namespace {
 struct StandardAllocator {
     static constexpr uint16_t type = MC_STD;
     static constexpr bool null_release_is_reported = false;
+    static constexpr bool may_have_pages = true;
 
     static void *allocate(size_t size) { return malloc(size); }
     static void *allocate_zeroed(size_t size) { return calloc(1, size); }
@@ -32,6 +34,7 @@ struct StandardAllocator {
 struct MemoryManager {
     static constexpr uint16_t type = MC_SHM;
     static constexpr bool null_release_is_reported = true;
+    static constexpr bool may_have_pages = false; // other processes may share its memory
 
     static void *allocate(size_t size) { return MM_malloc ? MM_malloc(size) : nullptr; }
     static void *allocate_zeroed(size_t size) { return MM_calloc ? MM_calloc(1, size) : nullptr; }
@@ -46,8 +49,15 @@ constexpr uint32_t arena_of(uint16_t type) {
     return type + 1u;
 }
 
+// Null for most blocks: then nothing has been done.
+template <class Family> void *try_pages(Site site, size_t size) {
+    return Family::may_have_pages ? try_pages(site, Family::type, 1, size) : nullptr;
+}
+
 // The most frequent of all calls has one frame.
 template <class Family> [[gnu::always_inline]] inline void *wrap_malloc(Site site, size_t size) {
+    if (void *const user = try_pages<Family>(site, size)) [[unlikely]]
+        return filled(user, size);
     const size_t raw_size = with_guards(size);
     void *raw = allocate_raw(raw_size, Family::allocate);
     return filled(hand_out(site, Family::type, 1, raw, raw_size, size), size);
@@ -57,6 +67,8 @@ template <class Family> void *wrap_calloc(Site site, size_t nmemb, size_t size) 
     size_t user_size;
     if (__builtin_mul_overflow(nmemb, size, &user_size))
         user_size = std::numeric_limits<size_t>::max();
+    if (void *const user = try_pages<Family>(site, user_size))
+        return user;
     const size_t raw_size = with_guards(user_size);
     void *raw = allocate_raw(raw_size, Family::allocate_zeroed);
     return hand_out(site, Family::type, 1, raw, raw_size, user_size);
@@ -79,6 +91,48 @@ void *plain_user(void *raw) {
 void slide(void *to, const void *from, size_t size) {
     if (to != from)
         memmove(to, from, size);
+}
+
+// A block with pages of its own cannot be resized: it moves, into others or out of them.
+template <class Family> void *move_out_of_pages(Site site, void *ptr, size_t size, PageBlock *pages) {
+    const RecordInHand record = take_record(ptr);
+    PageBlock &old = claim_page_block(arena_of(Family::type), ptr, record.known);
+    StackTrace trace;
+    trace.capture(StackTrace::deepest);
+    void *user = pages != nullptr ? pages->user() : nullptr;
+    if (user == nullptr) {
+        const size_t raw_size = with_guards(size);
+        void *raw = allocate_raw(raw_size, Family::allocate);
+        if (raw == nullptr) {
+            take_claim_back(old);
+            put_record_back(record);
+            return nullptr;
+        }
+        user = guard_alloc(arena_of(Family::type), 1, raw, raw_size, trace);
+    }
+    const ErrnoKeeper keep_errno;
+    const size_t kept = std::min(old.size, size);
+    memcpy(user, ptr, kept);
+    filled(user, size, kept);
+    end_page_block(old, trace);
+    replace_record(record, site, Family::type, user, size, trace);
+    return user;
+}
+
+template <class Family> void *move_into_pages(Site site, void *ptr, size_t size, PageBlock &pages) {
+    const ErrnoKeeper keep_errno;
+    const RecordInHand record = take_record(ptr);
+    GuardTrace allocation;
+    const ReleasedBlock old =
+        guard_release(arena_of(Family::type), ptr, record.known, explain_stop, &allocation);
+    const size_t kept = std::min(old.user_size, size);
+    memcpy(pages.user(), ptr, kept);
+    filled(pages.user(), size, kept);
+    Family::release(keep_back(site, Family::type, ptr, old, allocation));
+    StackTrace trace;
+    trace.capture(trace_depth());
+    replace_record(record, site, Family::type, pages.user(), size, trace);
+    return pages.user();
 }
 
 template <class Family>
@@ -129,8 +183,14 @@ template <class Family> void *resize_block(Site site, void *ptr, size_t size) {
 template <class Family> void *wrap_realloc(Site site, void *ptr, size_t size) {
     if (ptr == nullptr && size != 0)
         return wrap_malloc<Family>(site, size);
-    if (size != 0)
-        return resize_block<Family>(site, ptr, size);
+    if (size != 0) {
+        PageBlock *pages =
+            Family::may_have_pages ? try_page_block(site, Family::type, 1, size) : nullptr;
+        if (in_page_range(ptr))
+            return move_out_of_pages<Family>(site, ptr, size, pages);
+        return pages != nullptr ? move_into_pages<Family>(site, ptr, size, *pages)
+                                : resize_block<Family>(site, ptr, size);
+    }
     const ErrnoKeeper keep_errno;
     Family::release(ptr != nullptr ? take_back(site, Family::type, ptr) : nullptr);
     return nullptr;
@@ -157,6 +217,8 @@ bool valid_alignment(size_t alignment) {
 
 // What is recorded is asked first: only what is not may lie in no memory.
 bool is_guarded(const void *ptr) {
+    if (in_page_range(ptr))
+        return true;
     if (!checker_on())
         return state_of(ptr) != BlockState::none;
     return is_recorded(ptr) || probed_state_of(ptr) != BlockState::none;
@@ -173,6 +235,17 @@ void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t r
     }
     record_block(site, type, user, user_size, trace);
     return user;
+}
+
+bool is_live(const void *ptr, size_t *size) {
+    if (in_page_range(ptr)) {
+        const PageBlock *const block = page_block_at(ptr);
+        if (block == nullptr || !block->is_live())
+            return false;
+        *size = block->size;
+        return true;
+    }
+    return state_of(ptr) == BlockState::live && guarded_size(ptr, size);
 }
 
 } // namespace k42mc::internal
@@ -194,6 +267,11 @@ void *k42MC_realloc(const char *file, int line, void *ptr, size_t size) {
 int k42MC_posix_memalign(const char *file, int line, void **memptr, size_t alignment, size_t size) {
     const ErrnoKeeper keep_errno;
     const bool valid = valid_alignment(alignment);
+    if (valid)
+        if (void *const user = try_pages({file, line}, MC_STD, alignment, size)) {
+            *memptr = filled(user, size);
+            return 0;
+        }
     const size_t raw_size = valid ? with_guards(size, alignment) : 0;
     void *raw = allocate_raw(raw_size, malloc);
     *memptr = filled(
@@ -209,6 +287,8 @@ void *k42MC_valloc(const char *file, int line, size_t size) {
         platform::assertion_failed("alignment >= sizeof(void *) && 0 == (alignment & (alignment - 1)) "
                                    "&& alignment <= K42MC_ALIGN_MAX",
                                    "lib/libk42mc/k42MC", 194, "k42MC_valloc");
+    if (void *const user = try_pages({file, line}, MC_STD, page, size))
+        return filled(user, size);
     const size_t raw_size = with_guards(size, page);
     void *raw = allocate_raw(raw_size, malloc);
     return filled(hand_out({file, line}, MC_STD, static_cast<uint32_t>(page), raw, raw_size, size),

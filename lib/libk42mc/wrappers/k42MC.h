@@ -15,9 +15,12 @@ void *out_of_memory();
 // Whether a guarded block can have this alignment.
 bool valid_alignment(size_t alignment);
 
-// Whether a block is one of the wrappers'. One whose header an underrun has destroyed is still known by its
-// address, while it is recorded.
+// Whether a block is one of the wrappers', or lies where only theirs do. One whose header an underrun has destroyed is
+// still known by its address, while it is recorded.
 bool is_guarded(const void *ptr);
+
+// Whether a block of anybody's is a live one of the wrappers'; then its size is put.
+bool is_live(const void *ptr, size_t *size);
 
 // Turns raw memory, or null for none, into a recorded guarded block. Returns its user pointer or null;
 // keeps errno.

@@ -4,6 +4,7 @@
 #include "wrappers/notice.h"
 
 #include <algorithm>
+#include <stdio.h>
 #include <stdlib.h>
 
 namespace k42mc::internal {
@@ -17,9 +18,11 @@ bool may_be_kept(uint16_t type, size_t raw_size) {
 }
 
 [[noreturn]] void stop_at_late_write(const RetiredBlock &block, ptrdiff_t change) {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // nothing runs after the report
+    fflush(stdout);
     print_bad_access({"WF", block.arena, block.user, block.size, change, block.allocation});
     explain_late_write(block, change);
-    stop_at_bad_access();
+    stop_here();
 }
 
 // As many as the stack has room for. Returns whether there were any.

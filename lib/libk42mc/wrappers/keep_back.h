@@ -7,6 +7,7 @@
 #include "memcheck/registry.h"
 #include "wrappers/k42MC.h"
 #include "wrappers/notice.h"
+#include "wrappers/page_blocks.h"
 
 namespace k42mc::internal {
 
@@ -21,9 +22,13 @@ void *release_and_keep(Site site, uint16_t type, void *user, KnownBlock known);
     return guard_release(type + 1u, user, known, explain_stop).raw;
 }
 
-// Forgets and checks a block that is not null. Returns the raw memory.
-// Has no frame of its own, which each walk up the stack would have to pass.
+// Forgets and checks a block that is not null. Returns the raw memory; null for pages of its own, which wait for their
+// next use where they are. Has no frame of its own, which each walk up the stack would have to pass.
 [[gnu::always_inline]] inline void *take_back(Site site, uint16_t type, void *ptr) {
+    if (in_page_range(ptr)) [[unlikely]] {
+        take_back_pages(site, type, ptr);
+        return nullptr;
+    }
     return release_block(site, type, ptr, forget_block(site, type, ptr));
 }
 

@@ -1,6 +1,5 @@
 // libc's functions that hand out memory, over guarded blocks.
 #include "base/errno_keeper.h"
-#include "k42mc_debug.h"
 #include "wrappers/k42MC.h"
 
 #include <algorithm>
@@ -191,7 +190,7 @@ size_t k42mcx_malloc_usable_size(void *ptr) {
     size_t size;
     if (ptr == nullptr)
         return 0;
-    if (state_of(ptr) == BlockState::live && guarded_size(ptr, &size))
+    if (is_live(ptr, &size))
         return size;
     return malloc_usable_size(ptr);
 }

@@ -4,64 +4,21 @@
 #include "memcheck/late_write.h"
 #include "memcheck/quarantine.h"
 #include "memcheck/sink.h"
-#include "platform/bytes.h"
 #include "wrappers/stray_pointer.h"
+#include "wrappers/words.h"
 
 #include <algorithm>
-#include <stdarg.h>
-#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
 namespace k42mc::internal {
 namespace {
 
-class Words {
-public:
-    explicit Words(std::span<char> room) : room_(room) { room_[0] = '\0'; }
-
-    // What finds no room is left out.
-    [[gnu::format(printf, 2, 3)]] void add(const char *format, ...) {
-        const std::span<char> left = room_.subspan(length_);
-        va_list arguments;
-        va_start(arguments, format);
-        const int wanted = vsnprintf(left.data(), left.size(), format, arguments);
-        va_end(arguments);
-        length_ += std::min(static_cast<size_t>(std::max(wanted, 0)), left.size() - 1);
-    }
-
-    void add_bytes(size_t count) { add("%zu byte%s", count, count == 1 ? "" : "s"); }
-
-    void add_block(size_t size) {
-        add("a block of ");
-        add_bytes(size);
-    }
-
-private:
-    const std::span<char> room_;
-    size_t length_ = 0;
-};
-
 struct Explanation {
     StopNotice notice;
     AllocationSite site = {};
     bool has_site = false; // of the block, or of the one that the pointer leads into
 };
-
-void add_distance(Words &words, uintptr_t address, const Allocation &block) {
-    const uintptr_t offset = address - block.address;
-    if (address < block.address)
-        words.add_bytes(block.address - address), words.add(" before ");
-    else if (offset == 0 && block.size != 0)
-        words.add("at the start of ");
-    else if (offset < block.size)
-        words.add_bytes(offset), words.add(" inside ");
-    else if (offset == block.size)
-        words.add("at the end of ");
-    else
-        words.add_bytes(offset - block.size), words.add(" past the end of ");
-    words.add_block(block.size);
-}
 
 // The file's name alone: the path is in the stack traces. It may be too long for a small stack.
 void add_module(Words &words, const void *pointer) {
@@ -101,7 +58,8 @@ void explain_stray(Words &words, const void *pointer, Explanation &explanation) 
         words.add("in no memory");
         break;
     default:
-        add_distance(words, reinterpret_cast<uintptr_t>(pointer), stray.block);
+        words.add_distance(reinterpret_cast<uintptr_t>(pointer), stray.block.address, stray.block.size,
+                           stray.kind == Kind::in_released_block);
         explanation.site = stray.block.site;
         explanation.has_site = true;
     }
@@ -145,21 +103,11 @@ void explain(Words &words, const Stop &stop, Explanation &explanation) {
         words.add(" from %s", k42mc_arena_desc[defect.arena]);
         break;
     default:
-        if (stop.known.site != 0 || probed_state_of(stop.user) == BlockState::live)
+        if (stop.known.tail != 0 || probed_state_of(stop.user) == BlockState::live)
             explain_underrun(words, stop);
         else
             explain_stray(words, stop.user, explanation);
     }
-}
-
-// The module that the name is in may be gone.
-void add_site(Words &words, const AllocationSite &site) {
-    char file[256];
-    const size_t length =
-        platform::fetch(platform::own_memory, reinterpret_cast<uintptr_t>(site.file), file, sizeof file);
-    words.add(", allocated at %.*s", static_cast<int>(strnlen(file, length)), file);
-    if (site.line != 0)
-        words.add(":%d", site.line);
 }
 
 // What the registry has reaches further, and lies where no overrun does. Without it the words ahead of a block
@@ -189,7 +137,10 @@ void put_traces(TextOutput &out, const Stop &stop, const StopNotice &notice) {
                   notice.trace());
 }
 
-// The traces go where somebody keeps them, else behind the words.
+} // namespace
+
+constinit StopRecorder record_stop = nullptr;
+
 void give_notice(const StopNotice &notice, FunctionRef<void(TextOutput &)> put_traces) {
     const Printing printing;
     char buffer[512];
@@ -203,10 +154,6 @@ void give_notice(const StopNotice &notice, FunctionRef<void(TextOutput &)> put_t
         record_stop(notice);
 }
 
-} // namespace
-
-constinit StopRecorder record_stop = nullptr;
-
 void explain_stop(const Stop &stop) {
     Explanation explanation;
     explanation.has_site = find_site(stop.known.site, explanation.site);
@@ -214,7 +161,7 @@ void explain_stop(const Stop &stop) {
     Words words(notice.words);
     explain(words, stop, explanation);
     if (explanation.has_site)
-        add_site(words, explanation.site);
+        words.add_site({explanation.site.file, explanation.site.line});
     take_trace(notice, stop, explanation);
     auto put = [&](TextOutput &out) { put_traces(out, stop, notice); };
     give_notice(notice, put);
@@ -222,14 +169,14 @@ void explain_stop(const Stop &stop) {
 
 void explain_late_write(const RetiredBlock &block, ptrdiff_t change) {
     const RetiredTraces traces(block);
-    StopNotice notice = {.words = {}, .frames = {}, .frame_count = 0, .release = traces.release()};
+    StopNotice notice = {
+        .words = {}, .frames = {}, .frame_count = 0, .is_access = true, .release = traces.release()};
     for (void *const frame : traces.allocation())
         notice.frames[notice.frame_count++] = frame;
     Words words(notice.words);
     const auto user = reinterpret_cast<uintptr_t>(block.user);
     words.add("a write after the release of a block, ");
-    add_distance(words, user + static_cast<uintptr_t>(change),
-                 {.address = user, .size = block.size, .site = {}});
+    words.add_distance(user + static_cast<uintptr_t>(change), user, block.size);
     words.add(", where there is 0x%02x now;", static_cast<const unsigned char *>(block.user)[change]);
     add_release(words, block);
     auto put = [&](TextOutput &out) {

@@ -2,6 +2,9 @@
 
 #include "base/errno_keeper.h"
 #include "base/gate.h"
+#include "pages/pool.h"
+
+#include <algorithm>
 
 namespace k42mc::internal {
 namespace {
@@ -21,10 +24,29 @@ StrayPointer examine_memory(uintptr_t address, uintptr_t reach) {
     return pointer;
 }
 
+StrayPointer examine_pages(uintptr_t address) {
+    const PageBlock *const block = block_near(address);
+    if (block == nullptr)
+        return {.kind = Kind::nowhere};
+    StrayPointer pointer = {.kind = block->is_released() ? Kind::in_released_block : Kind::in_block};
+    pointer.block.address = block->address;
+    pointer.block.size = block->size;
+    AllocationSite &site = pointer.block.site;
+    const auto frames = block->allocation.trace();
+    site.file = block->site.file;
+    site.line = block->site.line;
+    site.type = static_cast<uint16_t>(block->arena - 1);
+    site.frame_count = static_cast<uint16_t>(frames.size());
+    std::copy(frames.begin(), frames.end(), site.frames);
+    return pointer;
+}
+
 } // namespace
 
 StrayPointer examine_pointer(const void *pointer, uintptr_t reach) {
     const ErrnoKeeper keep_errno;
+    if (in_page_range(pointer))
+        return examine_pages(reinterpret_cast<uintptr_t>(pointer));
     switch (platform::place_of(pointer)) {
     case platform::Place::this_stack:
         return {.kind = Kind::on_own_stack};

@@ -3,6 +3,7 @@
 #include "wrappers/fill.h"
 #include "wrappers/k42MC.h"
 #include "wrappers/keep_back.h"
+#include "wrappers/page_blocks.h"
 
 #include <stdlib.h>
 
@@ -13,6 +14,8 @@ void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_
         errno = EINVAL;
         return nullptr;
     }
+    if (void *const user = try_pages({file, line}, static_cast<uint16_t>(type), alignment, size))
+        return filled(user, size);
     const size_t raw_size = with_guards(size, alignment);
     void *raw = allocate_raw(raw_size, malloc);
     return filled(hand_out({file, line}, static_cast<uint16_t>(type), static_cast<uint32_t>(alignment),

@@ -4,6 +4,7 @@
 #include "memcheck/quarantine.h"
 #include "memcheck/reach/annotations.h"
 #include "memcheck/site_table.h"
+#include "pages/pool.h"
 #include "platform/signal_context.h"
 #include "platform/stack.h"
 #include "platform/trace_cache.h"
@@ -35,9 +36,9 @@ size_t site_chunk_count() {
 }
 
 size_t most_left_out(const Moment &moment) {
-    constexpr size_t kept_stacks = 1024;
-    return moment.threads.size() + gMCChunkCount + site_chunk_count() + quarantine_chunk_count() +
-           kept_stacks;
+    constexpr size_t kept_stacks = 1024, of_page_blocks = 2;
+    return of_page_blocks + moment.threads.size() + gMCChunkCount + site_chunk_count() +
+           quarantine_chunk_count() + kept_stacks;
 }
 
 } // namespace
@@ -48,7 +49,8 @@ size_t Roots::bytes_for(const Moment &moment) {
 
 Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
              platform::GuardedCopies &copies)
-    : left_out_(memory.take<Range>(most_left_out(moment))), gaps_(memory, moment, blocks, copies) {
+    : blocks_(blocks), left_out_(memory.take<Range>(most_left_out(moment))),
+      gaps_(memory, moment, blocks, copies) {
     left_out_.add(memory.begin(), memory.end());
     const Range noted = memory_of_added_roots();
     left_out_.add(noted.begin, noted.end);
@@ -58,6 +60,10 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
     for (uint32_t i = 0; i < gMCChunkCount; ++i)
         left_out_.add(reinterpret_cast<uintptr_t>(gMCChunks[i]),
                       reinterpret_cast<uintptr_t>(gMCChunks[i] + 1));
+    left_out_.add(page_range.begin, page_range.begin + page_range.size);
+    const std::span<const std::byte> known = memory_of_page_blocks();
+    left_out_.add(reinterpret_cast<uintptr_t>(known.data()),
+                  reinterpret_cast<uintptr_t>(known.data() + known.size()));
     // On 32 bits, a site's hash may look like an address.
     for (const AllocationSite *sites : std::span(gMCSites).first(site_chunk_count()))
         left_out_.add(reinterpret_cast<uintptr_t>(sites),
@@ -113,6 +119,23 @@ void Roots::visit_added(const platform::Mapping &mapping, VisitRange visit) {
     }
 }
 
+// Blocks that have pages of their own, and that nobody has recorded. Between them there is nothing.
+void Roots::visit_page_blocks(VisitRange visit) const {
+    for_each_page_block([&](const PageBlock &block) {
+        const Range range = {block.address, block.address + block.size};
+        const uint32_t next = blocks_.first_from(range.begin);
+        if (next == blocks_.size() || blocks_[next].begin != range.begin)
+            visit(range, {.begin = block.open_begin,
+                          .end = block.open_end,
+                          .readable = true,
+                          .writable = true,
+                          .shared = false,
+                          .from_file = false,
+                          .is_first_stack = false,
+                          .is_apart = false});
+    });
+}
+
 bool Roots::each(VisitRange visit) {
     const std::span<Range> added = added_roots();
     std::sort(added.begin(), added.end(),
@@ -124,6 +147,7 @@ bool Roots::each(VisitRange visit) {
         if (mapping.readable)
             visit_added(mapping, visit);
     }
+    visit_page_blocks(visit);
     return map.is_whole();
 }
 

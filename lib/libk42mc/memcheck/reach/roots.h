@@ -27,7 +27,9 @@ private:
     Range in_use(const platform::Mapping &mapping) const;
     void visit_mapping(const platform::Mapping &mapping, VisitRange visit);
     static void visit_added(const platform::Mapping &mapping, VisitRange visit);
+    void visit_page_blocks(VisitRange visit) const;
 
+    const BlockMap &blocks_;
     RangeSet left_out_;
     HeapGaps gaps_;
     uintptr_t first_stack_in_use_ = 0; // the first thread's, from there up; 0: not known

@@ -1,0 +1,144 @@
+#include "wrappers/page_fault.h"
+
+#include "base/errno_keeper.h"
+#include "base/printing.h"
+#include "memcheck/sink.h"
+#include "pages/choice.h"
+#include "pages/pool.h"
+#include "platform/signal_context.h"
+#include "platform/threads.h"
+#include "wrappers/notice.h"
+#include "wrappers/words.h"
+
+#include <algorithm>
+#include <stdio.h>
+#include <stdio_ext.h>
+
+namespace k42mc::internal {
+namespace {
+
+struct Access {
+    uintptr_t address;
+    bool is_write;
+    const PageBlock &block;
+    uint32_t thread;
+    std::span<void *const> trace;
+};
+
+uint32_t own_number() {
+    return static_cast<uint32_t>(platform::own_thread());
+}
+
+// One at a time, by the number of its thread; others wait for the end, or until it goes on.
+constinit std::atomic<uint32_t> teller = 0;
+
+class Turn {
+public:
+    Turn() {
+        const uint32_t self = own_number();
+        uint32_t holder = 0;
+        while (!teller.compare_exchange_weak(holder, self, std::memory_order_acquire)) {
+            if (holder == self)
+                return;
+            if (holder != 0)
+                platform::sleep_briefly();
+            holder = 0;
+        }
+        is_ours_ = true;
+    }
+    ~Turn() {
+        if (is_ours_)
+            teller.store(0, std::memory_order_release);
+    }
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+
+    // False for a fault in the midst of telling of another.
+    explicit operator bool() const { return is_ours_; }
+
+private:
+    bool is_ours_ = false;
+};
+
+const char *code_of(const Access &access) {
+    static constexpr const char *codes[2][3] = {{"RO", "RU", "RF"}, {"WO", "WU", "WF"}};
+    const int kind = access.block.is_released() ? 2 : access.address < access.block.address ? 1 : 0;
+    return codes[access.is_write ? 1 : 0][kind];
+}
+
+void print_line(const Access &access) {
+    const PageBlock &block = access.block;
+    GuardTrace allocation{};
+    for (size_t i = 0; i < std::min<size_t>(allocation.size(), block.allocation.frame_count); ++i)
+        allocation[i] = reinterpret_cast<uintptr_t>(block.allocation.frames[i]);
+    print_bad_access({code_of(access), block.arena, block.user(), block.size,
+                      static_cast<ptrdiff_t>(access.address - block.address), allocation});
+}
+
+// What the process has buffered comes first, unless somebody is at it, which may be what has faulted.
+void flush_standard_output() {
+    if (__fpending(stdout) == 0 || !platform::hold_if_idle(stdout))
+        return;
+    fflush_unlocked(stdout);
+    funlockfile(stdout);
+}
+
+void put_deed(TextOutput &out, const char *deed, uint32_t thread, std::span<void *const> trace) {
+    char title[100];
+    snprintf(title, sizeof title, "Backtrace of the %s by thread %u:\n", deed, thread);
+    put_trace(out, title, trace);
+}
+
+void explain(const Access &access, bool goes_on) {
+    const PageBlock &block = access.block;
+    StopNotice notice;
+    Words words(notice.words);
+    words.add("a %s ", access.is_write ? "write" : "read");
+    words.add_distance(access.address, block.address, block.size, block.is_released());
+    words.add_site(block.site);
+    const auto frames = block.allocation.trace();
+    std::copy(frames.begin(), frames.end(), notice.frames);
+    notice.frame_count = frames.size();
+    notice.is_access = true;
+    notice.access = access.trace;
+    if (block.is_released())
+        notice.release = block.release.trace();
+    notice.goes_on = goes_on;
+    auto put = [&](TextOutput &out) {
+        put_deed(out, "access", access.thread, access.trace);
+        put_deed(out, "allocation", block.allocation.thread, frames);
+        if (block.is_released())
+            put_deed(out, "release", block.release.thread, notice.release);
+    };
+    give_notice(notice, put);
+}
+
+void tell(const Access &access, bool goes_on) {
+    const Printing printing;
+    flush_standard_output();
+    print_line(access);
+    explain(access, goes_on);
+}
+
+} // namespace
+
+bool tell_page_fault(const siginfo_t &info, const void *context) {
+    const auto address = reinterpret_cast<uintptr_t>(info.si_addr);
+    PageBlock *const block = in_page_range(address) ? block_near(address) : nullptr;
+    const Turn turn;
+    if (block == nullptr || !turn)
+        return false;
+    const bool goes_on = (page_choice.flags.load(std::memory_order_relaxed) & K42MCX_PAGES_GO_ON) != 0;
+    if (!block->is_told.exchange(true) || !goes_on) {
+        void *frames[StackTrace::deepest];
+        const int count = platform::backtrace_of_interrupted(context, frames, StackTrace::deepest);
+        tell({address, platform::was_write(context), *block, own_number(),
+              std::span(frames, static_cast<size_t>(count))},
+             goes_on);
+    }
+    if (goes_on && open_bar(address))
+        return true;
+    stop_here();
+}
+
+} // namespace k42mc::internal
