@@ -114,9 +114,9 @@ alignas(LostBlocks) constinit std::byte settled_place[sizeof(LostBlocks)] = {};
 constinit LostBlocks *settled = nullptr;
 
 // Returns whether there was a search.
-bool search_and_write_json(int file, uint32_t limit, LostBlocks &lost) {
+bool search_and_write_json(int file, uint32_t limit, const Caller &searcher, LostBlocks &lost) {
     const char *const obstacle =
-        lost.search("k42mc run", Caller::here(), limit, LostBlocks::Wanted::lost_and_holders);
+        lost.search("k42mc run", searcher, limit, LostBlocks::Wanted::lost_and_holders);
     report_json(file, limit, obstacle == nullptr ? &lost : nullptr);
     if (obstacle == nullptr)
         return true;
@@ -141,9 +141,9 @@ bool has_leaks(const LostBlocks &lost) {
     });
 }
 
-bool search_and_settle(int file, uint32_t limit) {
+bool search_and_settle(int file, uint32_t limit, const Caller &searcher) {
     auto *const lost = new (settled_place) LostBlocks;
-    if (!search_and_write_json(file, limit, *lost)) {
+    if (!search_and_write_json(file, limit, searcher, *lost)) {
         lost->~LostBlocks();
         return false;
     }
@@ -151,9 +151,9 @@ bool search_and_settle(int file, uint32_t limit) {
     return has_leaks(*lost);
 }
 
-bool search_once(int file, uint32_t limit) {
+bool search_once(int file, uint32_t limit, const Caller &searcher) {
     LostBlocks lost;
-    return search_and_write_json(file, limit, lost) && has_leaks(lost);
+    return search_and_write_json(file, limit, searcher, lost) && has_leaks(lost);
 }
 
 // Returns the descriptor of the JSON, or -1.
@@ -205,24 +205,25 @@ void write_with_reports(const char *suppressions, const char *note) {
     note_for_reports = note;
 }
 
-void write_report(uint32_t limit, bool searches) {
+void write_report(uint32_t limit, const Caller *searcher) {
     const int file = begin_report(limit);
     if (file < 0)
         return;
-    if (LostBlocks lost; searches && settled == nullptr)
-        search_and_write_json(file, limit, lost);
+    if (LostBlocks lost; searcher != nullptr && settled == nullptr)
+        search_and_write_json(file, limit, *searcher, lost);
     else
         report_json(file, limit, settled);
     end_report(file);
 }
 
-bool write_leak_report(uint32_t limit, bool settles) {
+bool write_leak_report(uint32_t limit, const Caller &searcher, bool settles) {
     if (settles && settled != nullptr)
         return false;
     const int file = begin_report(limit);
     if (file < 0)
         return false;
-    const bool leaks = settles ? search_and_settle(file, limit) : search_once(file, limit);
+    const bool leaks =
+        settles ? search_and_settle(file, limit, searcher) : search_once(file, limit, searcher);
     end_report(file);
     platform::clear_unused_stack(); // addresses of lost blocks must not hold them the next time
     return leaks;

@@ -1,6 +1,7 @@
 // What this process has to say, and the defect that stops it.
 #pragma once
 
+#include "memcheck/reach/moment.h"
 #include "tools/preload/endings.h"
 
 #include <stdint.h>
@@ -12,12 +13,13 @@ bool open_outputs();
 // In a child of fork: files of its own.
 void renew_outputs();
 
-// One more report, as lines of JSON and, where they are wanted, of text. With a search, it says what is lost.
-void write_report(uint32_t limit, bool searches);
+// One more report, as lines of JSON and, where they are wanted, of text. It says what is lost where somebody searches:
+// whom the program called, since what lies on the stack below holds nothing.
+void write_report(uint32_t limit, const k42mc::internal::Caller *searcher);
 
 // One with a search. Returns whether blocks are lost that the program does not suppress. Once `settles`, its search
 // stands for those of later reports.
-bool write_leak_report(uint32_t limit, bool settles);
+bool write_leak_report(uint32_t limit, const k42mc::internal::Caller &searcher, bool settles);
 
 // What each process's file says ahead of its first report; null for nothing: the program's suppressions, and a note.
 void write_with_reports(const char *suppressions, const char *note);

@@ -52,6 +52,7 @@ extern "C" int __cxa_atexit(void (*function)(void *), void *argument, void *libr
 
 namespace {
 
+using k42mc::internal::Caller;
 using k42mc::internal::checker_on;
 
 constinit uint32_t limit = 1;
@@ -72,11 +73,12 @@ public:
 };
 
 bool report() {
+    const Caller self = Caller::here();
     const InsideChecker inside;
     const int saved_errno = errno;
     const ReportLock lock;
     if (recording && checker_on())
-        write_report(limit, searches);
+        write_report(limit, searches ? &self : nullptr);
     errno = saved_errno;
     return recording;
 }
@@ -105,17 +107,17 @@ void tell_of_blocks_without_pages() {
     write_note(text);
 }
 
-void write_last_report(bool with_search) {
+void write_last_report(const Caller *searcher) {
     const MatterOfCourse said_by_reports;
     tell_of_blocks_without_pages();
     if (verifies)
         k42mcx_verify();
-    write_report(limit, with_search);
+    write_report(limit, searcher);
 }
 
 // Where a signal handler has interrupted the checker there is no way to a report, nor where the thread of the
 // reports is the one that ends the process: both may hold what a report needs.
-void finish() {
+void finish(const Caller &caller) {
     if (checker_depth != 0)
         return;
     const InsideChecker inside;
@@ -124,7 +126,7 @@ void finish() {
         return;
     recording = false;
     if (checker_on()) { // the program may know the checker
-        write_last_report(searches);
+        write_last_report(searches ? &caller : nullptr);
         const MatterOfCourse said_by_reports;
         MCDeinit();
     }
@@ -137,23 +139,28 @@ void finish_by_signal(const Ending &ending) {
         write_ending(ending);
         return;
     }
+    const Caller self = Caller::here();
     const ReportLock lock;
     if (!recording)
         return;
     recording = false;
     write_ending(ending);
     if (checker_on())
-        write_last_report(searches && !ending.is_fault);
+        write_last_report(searches && !ending.is_fault ? &self : nullptr);
 }
 
 void finish_at_exit(void *) {
-    finish();
+    finish(Caller::here());
+}
+
+void finish_quickly() {
+    finish(Caller::here());
 }
 
 // A child that ends this way has nothing to report: most blocks are its parent's.
 void finish_in_haste() {
     if (getpid() == first_process) {
-        finish();
+        finish(Caller::here());
     } else if (checker_depth == 0 && recording) {
         const InsideChecker inside;
         remove_unused_report_files();
@@ -240,7 +247,7 @@ void leave_started_programs_alone() {
     __cxa_atexit(finish_at_exit, nullptr, nullptr);
     report_ahead_of_endings(finish_by_signal);
     switch_on_page_guards();
-    (void)at_quick_exit(finish);
+    (void)at_quick_exit(finish_quickly);
     start_reporter(report);
     errno = saved_errno;
 }
@@ -250,11 +257,12 @@ void leave_started_programs_alone() {
 bool report_leaks(bool settles) {
     if (checker_depth != 0 || !searches)
         return false;
+    const Caller self = Caller::here();
     const InsideChecker inside;
     const int saved_errno = errno;
     find_demangler();
     const ReportLock lock;
-    const bool leaks = recording && checker_on() && write_leak_report(limit, settles);
+    const bool leaks = recording && checker_on() && write_leak_report(limit, self, settles);
     errno = saved_errno;
     return leaks;
 }

@@ -37,7 +37,7 @@ constinit thread_local Dice dice;
 
 // From 1 to twice as many less one, so that it is as many on average.
 uint32_t until_next_turn(uint32_t one_in) {
-    return static_cast<uint32_t>(uint64_t{dice.throw_once()} * (2 * uint64_t{one_in} - 1) >> 32) + 1;
+    return static_cast<uint32_t>(uint64_t{dice.throw_once()} * (uint64_t{one_in} * 2 - 1) >> 32) + 1;
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 namespace k42mc::internal {
 
@@ -34,20 +35,34 @@ constinit size_t open_count = 0, most_open_count = 0;
 constinit std::atomic<size_t> refused = 0;
 
 constinit pthread_mutex_t gMCPagesLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
-constinit thread_local bool thread_has_pool = false;
+constinit thread_local bool thread_is_at_pool = false; // it has the lock, or is about to
 
-// Held for moments, and last of all. A signal handler that has interrupted its holder goes without.
+// The last of all locks. Not noted as held: a handler that forks meanwhile takes the others.
+void take_lock() {
+    check_lock_order(LockRank::pages);
+    if (!thread_is_forking)
+        pthread_mutex_lock(&gMCPagesLock);
+}
+
+void let_lock_go() {
+    if (!thread_is_forking)
+        pthread_mutex_unlock(&gMCPagesLock);
+}
+
+// Held for moments. A signal handler that has interrupted its holder goes without.
 class PoolLock {
 public:
-    PoolLock() : is_taken_(!thread_has_pool && lock(gMCPagesLock, LockRank::pages) == 0) {
+    PoolLock() : is_taken_(!std::exchange(thread_is_at_pool, true)) {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         if (is_taken_)
-            thread_has_pool = true;
+            take_lock();
     }
     ~PoolLock() {
         if (!is_taken_)
             return;
-        thread_has_pool = false;
-        unlock(gMCPagesLock, LockRank::pages);
+        let_lock_go();
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        thread_is_at_pool = false;
     }
     PoolLock(const PoolLock &) = delete;
     PoolLock &operator=(const PoolLock &) = delete;
@@ -306,16 +321,20 @@ PageBlock *page_blocks_of(size_t index) {
     return classes[index].blocks;
 }
 
+// A handler that forks may have interrupted the lock's holder: that goes on in both processes.
 void hold_page_pool() {
-    lock(gMCPagesLock, LockRank::pages);
+    if (!thread_is_at_pool)
+        take_lock();
 }
 
 void release_page_pool() {
-    unlock(gMCPagesLock, LockRank::pages);
+    if (!thread_is_at_pool)
+        let_lock_go();
 }
 
 void renew_page_pool() {
-    gMCPagesLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+    if (!thread_is_at_pool)
+        gMCPagesLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
 }
 
 } // namespace k42mc::internal

@@ -1,6 +1,7 @@
 // Blocks with pages of their own. Each test switches them on in a child process: they stay.
 #include "checker.h"
 #include "ended.h"
+#include "forking_handler.h"
 #include "random.h"
 
 #include <algorithm>
@@ -674,6 +675,16 @@ TEST(PageGuards, GoOnInForkedChildren) {
     });
     EXPECT_TRUE(end.exited(0));
     EXPECT_STARTS(end.out, "k42mc detected RF: ");
+}
+
+TEST(PageGuards, LetHandlersFork) {
+    const Ended end = ended_with_pages(0, [] {
+        work_while_handlers_fork([] {
+            for (int i = 0; i < 1000; ++i)
+                release(allocate(100));
+        });
+    });
+    EXPECT_TRUE(end.exited(0)) << end.err;
 }
 
 // Threads that release each other's blocks, while others fork.

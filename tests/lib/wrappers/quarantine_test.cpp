@@ -2,6 +2,7 @@
 #include "checker.h"
 #include "ended.h"
 #include "failing_malloc.h"
+#include "forking_handler.h"
 #include "random.h"
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <sys/time.h>
 #include <thread>
 #include <vector>
 
@@ -357,27 +357,8 @@ TEST_F(Quarantine, GoesOnInAForkedChild) {
     other.join();
 }
 
-// A handler may strike in the midst of a release; with other threads, libc itself could not fork there.
 TEST_F(Quarantine, LetsHandlersFork) {
-    const Ended end = ended([] {
-        static std::atomic<int> forks = 0;
-        alarm(60);
-        signal(SIGPROF, [](int) {
-            const pid_t child = fork();
-            if (child == 0)
-                _exit(0);
-            int status = -1;
-            waitpid(child, &status, 0);
-            if (status != 0)
-                abort();
-            ++forks;
-        });
-        const itimerval often = {{0, 100}, {0, 100}}, never = {};
-        setitimer(ITIMER_PROF, &often, nullptr);
-        while (forks < 500)
-            release_many(20000);
-        setitimer(ITIMER_PROF, &never, nullptr);
-    });
+    const Ended end = ended([] { work_while_handlers_fork([] { release_many(20000); }); });
     EXPECT_TRUE(end.exited(0)) << end.err;
 }
 
