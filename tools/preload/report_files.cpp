@@ -80,10 +80,29 @@ int move_up(int descriptor) {
     return high;
 }
 
+// "server.812.json".
+struct StartName {
+    explicit StartName(pid_t process) { snprintf(text, sizeof text, "%s.%d.json", program, process); }
+
+    char text[NAME_MAX];
+};
+
 void name_stem(unsigned number) {
     const int length = snprintf(stem, sizeof stem, "%s.%d", program, getpid());
     if (number != 0)
         snprintf(stem + length, sizeof stem - static_cast<size_t>(length), "-%u", number);
+}
+
+void put_run(JsonOutput &json) {
+    json->print("{\"kind\":\"run\",\"id\":");
+    json.string(run_id);
+    json->print("}\n");
+}
+
+void put_start(JsonOutput &json, const char *started) {
+    json->print("{\"kind\":\"exec\",\"program\":");
+    json.string(started);
+    json->print("}\n");
 }
 
 // The first lines, without which the files are none that the run would read or remove.
@@ -91,9 +110,7 @@ bool introduce() {
     if (*run_id == '\0')
         return true;
     JsonOutput json(json_file.descriptor());
-    json->print("{\"kind\":\"run\",\"id\":");
-    json.string(run_id);
-    json->print("}\n");
+    put_run(json);
     char line[sizeof run_id + 64];
     TextOutput text(line, text_file.descriptor());
     text.print("==========k42mc run %s==========\n", run_id);
@@ -240,6 +257,34 @@ bool create_report_files() {
         tell_of_missing_files(parents, errno);
     ::close(parents);
     return created;
+}
+
+bool write_start(int file, const char *started) {
+    JsonOutput json(file);
+    put_start(json, started);
+    return json->flush() == 0;
+}
+
+bool leave_start(pid_t process, const char *started) {
+    const OpenFolder folder;
+    const int file = *run_id == '\0'
+                         ? -1
+                         : openat(folder.descriptor(), StartName(process).text,
+                                  O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (file < 0)
+        return false;
+    JsonOutput json(file);
+    put_run(json);
+    put_start(json, started);
+    json->flush();
+    ::close(file);
+    return true;
+}
+
+void take_start_back(pid_t process) {
+    const OpenFolder folder;
+    if (folder.descriptor() >= 0)
+        unlinkat(folder.descriptor(), StartName(process).text, 0);
 }
 
 bool json_is_unused() {

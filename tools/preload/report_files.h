@@ -53,6 +53,14 @@ extern ReportFile json_file;
 // not possible; of a child, that stands in its parent's.
 bool create_report_files();
 
+// Says in an open file of JSON that the process goes on as another program. False where that cannot be written.
+bool write_start(int file, const char *program);
+
+// The same in a file for a process that has none: below this program's name and the process's number. Returns whether
+// there is one now.
+bool leave_start(pid_t process, const char *program);
+void take_start_back(pid_t process);
+
 // Whether nothing but its first line was written to this process's own JSON; and as if nothing had been.
 bool json_is_unused();
 void empty_json();

@@ -114,8 +114,7 @@ std::vector<Setting> environment(const Options &options) {
     std::string preload = preload_path(options.program);
     if (const char *others = getenv("LD_PRELOAD"); others != nullptr && *others != '\0')
         preload += std::string(":") + others;
-    std::vector<Setting> settings = {{"LD_PRELOAD", preload},
-                                     {"K42MC_RUN_LIMIT", std::to_string(options.limit)},
+    std::vector<Setting> settings = {{"K42MC_RUN_LIMIT", std::to_string(options.limit)},
                                      {"K42MC_RUN_SEARCH", options.leak_check == "lost" ? "1" : "0"},
                                      {"K42MC_RUN_EVERY", std::to_string(options.every)},
                                      {"K42MC_RUN_BACKTRACE", options.no_backtrace ? "0" : "1"},
@@ -126,6 +125,8 @@ std::vector<Setting> environment(const Options &options) {
                                      {"K42MC_RUN_FILL", options.fill.empty() ? "-1" : options.fill},
                                      {"K42MC_RUN_FDS", options.fds ? "1" : "0"},
                                      {"K42MC_RUN_FOLLOW", options.follow ? "1" : "0"}};
+    if (!stands_no_shim(options.program))
+        settings.push_back({"LD_PRELOAD", preload});
     if (options.page_guards != 0) {
         settings.push_back({"K42MC_RUN_PAGES", std::to_string(options.page_guards)});
         settings.push_back({"K42MC_RUN_PAGE_FLAGS", std::to_string(page_flags(options))});
@@ -214,7 +215,7 @@ Summary summarize(const Options &options, std::vector<Suppression> suppressions,
     Symbolizer symbolizer;
     const RunOutputs outputs = folder.collect();
     Report report = read_reports(outputs.reports);
-    const std::vector<Verdict> verdicts = verdicts_on(report, outputs.silent);
+    const std::vector<Verdict> verdicts = verdicts_on(report, outputs.silent, options.follow);
     const Verdict *const named = find_verdict(verdicts, ended.process);
     std::erase_if(report.processes,
                   [&](const Process &process) { return !is_wanted(options, process.name); });

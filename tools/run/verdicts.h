@@ -13,12 +13,16 @@ struct Verdict {
     bool is_told = true; // by its own report
 };
 
-// Of those that have a report, and of those that left none.
-std::vector<Verdict> verdicts_on(const Report &report, const std::vector<SilentProcess> &silent);
+// Of those that have a report, and of those that left none. Whether programs that others start were to be checked.
+std::vector<Verdict> verdicts_on(const Report &report, const std::vector<SilentProcess> &silent,
+                                 bool follows);
 
 // Of a program's file, as the shell finds it: why the loader would not let the shim in. Empty where nothing speaks
 // against it.
 std::string reason_against(const std::string &program);
+
+// Whether it could not even be started with the shim.
+bool stands_no_shim(const std::string &program);
 
 // A line for each, for a file.
 std::string list_of(const std::vector<Verdict> &verdicts);

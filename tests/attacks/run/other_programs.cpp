@@ -5,7 +5,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <iterator>
+#include <spawn.h>
 #include <sys/wait.h>
 
 namespace {
@@ -37,6 +39,7 @@ constexpr Way ways[] = {
     {[] { return execl(self, "self", "one", "two", nullptr); }, 43},
     {[] { return execlp(self, "self", "one", "two", nullptr); }, 43},
     {[] { return execle(self, "self", "one", "two", nullptr, variables); }, 42},
+    {[] { return fexecve(open(self, O_RDONLY | O_CLOEXEC), arguments, variables); }, 42},
 };
 
 int status_of(pid_t child) {
@@ -50,6 +53,37 @@ bool goes_on(const Way &way) {
     if (child == 0)
         _exit(way.go_on());
     return status_of(child) == way.status;
+}
+
+bool is_said(const std::string &report, const char *program) {
+    return report.find(std::string(R"({"kind":"exec","program":")") + program) != std::string::npos;
+}
+
+// Of children that have no file of their own, where nothing will be heard of them: the new variables leave the shim out.
+bool says_what_borrowed_memory_goes_on_as() {
+    const pid_t child = vfork();
+    if (child == 0) {
+        execve(self, arguments, variables);
+        _exit(1);
+    }
+    const pid_t none = vfork();
+    if (none == 0) {
+        execve("/no/such/program", arguments, variables);
+        _exit(errno == ENOENT ? 5 : 1);
+    }
+    return status_of(child) == 42 && is_said(report_of(child), self) && status_of(none) == 5 &&
+           report_of(none).empty();
+}
+
+bool says_what_was_spawned() {
+    pid_t child = 0;
+    pid_t same = 0;
+    const bool done =
+        posix_spawn(&child, self, nullptr, nullptr, arguments, variables) == 0 &&
+        posix_spawnp(&same, self, nullptr, nullptr, arguments, environ) == 0 &&
+        posix_spawn(&same, "/no/such/program", nullptr, nullptr, arguments, variables) == ENOENT;
+    return done && status_of(child) == 42 && status_of(same) == 43 && is_said(report_of(child), self) &&
+           !is_said(report_of(same), self);
 }
 
 bool goes_on_in_borrowed_memory() {
@@ -67,7 +101,7 @@ bool stays(const Way &way) {
     self = "/no/such/program";
     const pid_t child = fork();
     if (child == 0) {
-        const bool failed = way.go_on() == -1 && errno == ENOENT;
+        const bool failed = way.go_on() == -1 && (errno == ENOENT || errno == EINVAL);
         const bool unsaid = report_of(getpid()).find("exec") == std::string::npos;
         _exit(failed && unsaid ? 0 : 1);
     }
@@ -86,5 +120,9 @@ int main(int count, char **given) {
     for (const Way &way : ways)
         if (!goes_on(way) || !stays(way))
             return 1 + static_cast<int>(&way - ways);
-    return goes_on_in_borrowed_memory() ? 0 : 20;
+    if (!goes_on_in_borrowed_memory())
+        return 20;
+    if (!says_what_borrowed_memory_goes_on_as())
+        return 21;
+    return says_what_was_spawned() ? 0 : 22;
 }
