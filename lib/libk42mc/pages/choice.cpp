@@ -7,15 +7,18 @@
 namespace k42mc::internal {
 
 constinit PageChoice page_choice = {};
+constinit thread_local uint32_t blocks_to_pass = 0;
 
 namespace {
 
-// A thread's own random numbers (xorshift), and how many blocks are left until the next turn.
+// A thread's own random numbers (xorshift).
 struct Dice {
-    uint32_t state = 0, left = 0;
+    uint32_t state = 0;
+
+    bool was_thrown() const { return state != 0; }
 
     uint32_t throw_once() {
-        if (state == 0)
+        if (!was_thrown())
             state = seed();
         state ^= state << 13;
         state ^= state >> 17;
@@ -35,17 +38,17 @@ private:
 
 constinit thread_local Dice dice;
 
-// From 1 to twice as many less one, so that it is as many on average.
-uint32_t until_next_turn(uint32_t one_in) {
-    return static_cast<uint32_t>(uint64_t{dice.throw_once()} * (uint64_t{one_in} * 2 - 1) >> 32) + 1;
+// Up to twice as many as one in so many leaves out, so that it is as many on average.
+uint32_t blocks_until_next_turn(uint32_t one_in) {
+    return static_cast<uint32_t>(uint64_t{dice.throw_once()} * (uint64_t{one_in} * 2 - 1) >> 32);
 }
 
 } // namespace
 
-bool is_ones_turn(uint32_t one_in) {
-    if (dice.left == 0)
-        dice.left = until_next_turn(one_in);
-    return --dice.left == 0;
+bool begin_next_turn(uint32_t one_in) {
+    const bool is_first = !dice.was_thrown();
+    blocks_to_pass = blocks_until_next_turn(one_in);
+    return !is_first || one_in == 1;
 }
 
 bool is_turn_of_start() {

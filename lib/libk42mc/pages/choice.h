@@ -13,15 +13,22 @@ struct PageChoice {
 };
 extern constinit PageChoice page_choice;
 
-// Of the calling thread.
-bool is_ones_turn(uint32_t one_in);
+// Of the calling thread: how many blocks go by until the next one that gets pages.
+extern constinit thread_local uint32_t blocks_to_pass;
+
+// Whether the block at which none is left to pass gets pages: not a thread's first one, but where all do.
+bool begin_next_turn(uint32_t one_in);
 bool is_turn_of_start();
 
 inline bool wants_pages() {
     const uint32_t one_in = page_choice.one_in.load(std::memory_order_relaxed);
     if (one_in == 0) [[likely]]
         return false;
-    return one_in == 1 || is_ones_turn(one_in);
+    if (one_in != 1 && blocks_to_pass > 0) [[likely]] {
+        --blocks_to_pass;
+        return false;
+    }
+    return begin_next_turn(one_in);
 }
 
 } // namespace k42mc::internal
