@@ -33,6 +33,9 @@ int backtrace_of_interrupted(const void *context, void **frames, int most);
 // loaded there. Allocates nothing and never waits for the loader's lock; keeps errno.
 void backtrace_symbols_fd(void *const *frames, int count, int descriptor);
 
+// Puts the line of one frame. Returns its length, 0 for one that is longer than there is room.
+size_t symbol_line(const void *frame, std::span<char> text);
+
 // Puts where an address lies: the path of its module, cut to the room there is and without a terminator,
 // and the offset from the address that the module was loaded at. Returns the length of the path, 0 where
 // no module is. As free of locks and allocations; keeps errno.

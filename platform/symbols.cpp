@@ -100,22 +100,35 @@ void put_place(Line &line, uintptr_t address) {
         close(file);
 }
 
-void write_line(uintptr_t address, int descriptor) {
-    Line line;
+void put_frame(Line &line, const void *frame) {
+    const auto address = reinterpret_cast<uintptr_t>(frame);
     put_place(line, address);
     line.put("[");
     line.put_hexadecimal(address);
     line.put("]\n");
-    write_all(descriptor, line.text, line.length);
 }
 
 } // namespace
 
 void backtrace_symbols_fd(void *const *frames, int count, int descriptor) {
     const int kept_errno = errno;
-    for (int i = 0; i < count; ++i)
-        write_line(reinterpret_cast<uintptr_t>(frames[i]), descriptor);
+    for (int i = 0; i < count; ++i) {
+        Line line;
+        put_frame(line, frames[i]);
+        write_all(descriptor, line.text, line.length);
+    }
     errno = kept_errno;
+}
+
+size_t symbol_line(const void *frame, std::span<char> text) {
+    const int kept_errno = errno;
+    Line line;
+    put_frame(line, frame);
+    errno = kept_errno;
+    if (line.length > text.size())
+        return 0;
+    memcpy(text.data(), line.text, line.length);
+    return line.length;
 }
 
 size_t module_place(const void *address, std::span<char> path, uintptr_t &offset) {

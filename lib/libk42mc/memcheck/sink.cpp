@@ -127,15 +127,18 @@ SinkText::SinkText()
       text_(file_ == to_standard_error ? TextOutput(sink_buffer, terminal_)
                                        : TextOutput(sink_buffer, file_)) {}
 
-void put_trace(TextOutput &out, const char *title, std::span<void *const> frames) {
+void put_trace(TextOutput &out, const char *title, std::span<void *const> frames, SymbolLines *lines) {
     out.put(title);
-    out.symbols(frames);
+    if (lines != nullptr)
+        lines->put(out, frames);
+    else
+        out.symbols(frames);
     out.put("------\n");
 }
 
-void put_allocation_trace(TextOutput &out, std::span<void *const> frames) {
+void put_allocation_trace(TextOutput &out, std::span<void *const> frames, SymbolLines *lines) {
     if (!frames.empty())
-        put_trace(out, "Backtrace of the allocation:\n", frames);
+        put_trace(out, "Backtrace of the allocation:\n", frames, lines);
     else
         out.put("No backtrace available\n------\n");
 }

@@ -1,6 +1,7 @@
 // The report sink: what every line of the checker's reports goes to. All with gMCLock held.
 #pragma once
 
+#include "base/symbol_lines.h"
 #include "base/text_output.h"
 
 namespace k42mc::internal {
@@ -43,11 +44,12 @@ private:
     TextOutput text_;
 };
 
-// A trace below a line: the title, a line a frame, the closing line.
-void put_trace(TextOutput &out, const char *title, std::span<void *const> frames);
+// A trace below a line: the title, a line a frame, the closing line. Listings of many keep the lines of frames.
+void put_trace(TextOutput &out, const char *title, std::span<void *const> frames,
+               SymbolLines *lines = nullptr);
 
 // The same for a recorded block.
-void put_allocation_trace(TextOutput &out, std::span<void *const> frames);
+void put_allocation_trace(TextOutput &out, std::span<void *const> frames, SymbolLines *lines = nullptr);
 
 // The child of a fork.
 void leave_sink_to_parent();

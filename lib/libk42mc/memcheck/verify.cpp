@@ -9,20 +9,21 @@
 namespace k42mc::internal {
 namespace {
 
-void put_damage(TextOutput &out, const RecordedBlock &block, int defect) {
+void put_damage(TextOutput &out, const RecordedBlock &block, int defect, SymbolLines &lines) {
     put_block(out, block, k42mc_defect_desc[defect]);
-    put_allocation_trace(out, block.site.trace());
+    put_allocation_trace(out, block.site.trace(), &lines);
 }
 
 unsigned put_damaged_blocks(TextOutput &out) {
     GuardInspector inspector;
+    SymbolLines lines;
     unsigned damaged = 0;
     const auto is_damaged = [&](const Record &record) {
         return inspector.defect(record) != K42MC_DEFECT_NONE;
     };
     ChosenRecords records(is_damaged);
     while (const Record *record = records.next()) {
-        put_damage(out, RecordedBlock(*record, gMCCycle), inspector.defect(*record));
+        put_damage(out, RecordedBlock(*record, gMCCycle), inspector.defect(*record), lines);
         ++damaged;
     }
     return damaged;

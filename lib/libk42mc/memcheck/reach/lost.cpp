@@ -12,11 +12,12 @@ namespace {
 constexpr const char *function_name = "k42mcx_lost";
 
 size_t put_lost_blocks(TextOutput &out, const LostBlocks &lost) {
+    SymbolLines lines;
     size_t count = 0;
     lost.each([&](const Record &record, bool is_indirect) {
         const RecordedBlock block(record, gMCCycle);
         put_block(out, block, is_indirect ? "LI" : "LB");
-        put_allocation_trace(out, block.site.trace());
+        put_allocation_trace(out, block.site.trace(), &lines);
         ++count;
     });
     return count;
