@@ -49,13 +49,28 @@ bool is_executable(const Module &module) {
     return program_headers >= module.begin && program_headers < module.end;
 }
 
+// Paths are short as a rule. Returns the length of what there is room for.
+size_t fetch_string(uintptr_t from, std::span<char> text) {
+    constexpr size_t usual = 128;
+    size_t length = 0;
+    while (length < text.size()) {
+        const auto rest = text.subspan(length, std::min(usual, text.size() - length));
+        const size_t got = fetch(own_memory, from + length, rest.data(), rest.size());
+        const size_t piece = strnlen(rest.data(), got);
+        length += piece;
+        if (piece < rest.size())
+            break;
+    }
+    return length;
+}
+
 // Puts a module's path, given where the loader has it, and returns its length; `link`: the path was read
 // from the link to the executable. Without an interpreter the loader itself was run, by hand, with the
 // executable as its argument.
 size_t read_path(const Module &module, uintptr_t path, std::span<char> text, bool &link) {
     link = false;
     if (!is_executable(module))
-        return strnlen(text.data(), fetch(own_memory, path, text.data(), text.size()));
+        return fetch_string(path, text);
     if (getauxval(AT_BASE) != 0) {
         const ssize_t length = readlink(own_executable, text.data(), text.size());
         link = length > 0;
