@@ -1,5 +1,7 @@
 #include "tools/preload/closing.h"
 
+#include "base/errno_keeper.h"
+#include "platform/platform.h"
 #include "tools/preload/exported.h"
 #include "tools/preload/next.h"
 #include "tools/preload/report_files.h"
@@ -11,6 +13,16 @@
 
 bool is_kept_open(int descriptor) {
     return text_file.is_at(descriptor) || json_file.is_at(descriptor);
+}
+
+// A child that has its parent's memory has descriptors of its own: it leaves what is known of its parent's alone.
+void make_way(int descriptor) {
+    if (!is_kept_open(descriptor) || k42mc::internal::platform::borrows_memory())
+        return;
+    const k42mc::internal::ErrnoKeeper keep_errno;
+    for (ReportFile *const file : {&text_file, &json_file})
+        if (file->is_at(descriptor))
+            file->move();
 }
 
 namespace {

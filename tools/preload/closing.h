@@ -4,3 +4,6 @@
 
 // Whether a file for reports is open there.
 bool is_kept_open(int descriptor);
+
+// Ahead of something else of the program's being opened just there: a file for reports goes on under another number.
+void make_way(int descriptor);

@@ -174,10 +174,14 @@ EXPORTED int signalfd(int given, const sigset_t *mask, int flags) noexcept {
 }
 
 EXPORTED int dup2(int from, int to) noexcept {
+    make_way(to);
     return opened_another("dup2", from, NEXT(dup2)(from, to));
 }
 
-ROUTE(int, dup3, (int from, int to, int flags), noexcept, opened, from, to, flags)
+EXPORTED int dup3(int from, int to, int flags) noexcept {
+    make_way(to);
+    return opened("dup3", NEXT(dup3)(from, to, flags));
+}
 
 ROUTE_PAIR(pipe, (int *descriptors), descriptors, descriptors)
 ROUTE_PAIR(pipe2, (int *descriptors, int flags), descriptors, descriptors, flags)

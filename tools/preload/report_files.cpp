@@ -223,6 +223,11 @@ void ReportFile::remove(int folder) {
     unlinkat(folder, name, 0);
 }
 
+void ReportFile::move() {
+    if (const int another = dup(number_); another >= 0)
+        take(another);
+}
+
 int ReportFile::release() {
     const int released = file_.descriptor();
     number_ = -1; // lets it be closed

@@ -32,6 +32,9 @@ public:
     // Returns -1 when the file cannot be opened again.
     int descriptor();
 
+    // To another descriptor; the old one stays open.
+    void move();
+
     // Whether that descriptor is the one that is held open.
     bool is_at(int descriptor) const { return descriptor == number_ && file_.is_same(descriptor); }
     int number() const { return number_; }

@@ -68,6 +68,14 @@ void close_each() {
         close(descriptor);
 }
 
+// With something of the program's own in place of all.
+void replace_each() {
+    for (int descriptor = 3; descriptor < 1024; ++descriptor)
+        if (dup2(0, descriptor) != descriptor)
+            abort();
+    close_each();
+}
+
 // From either side of the first that stays open; what is inherited has lower numbers.
 void close_all() {
     unsigned stays = 100;
@@ -124,7 +132,8 @@ int main() {
     bool failed = false;
     const auto judge = [&](int result) { (result == 77 ? skipped : failed) |= result != 0; };
     for (bool (*const change)() : {keep_rights, change_user, change_root, change_both})
-        for (void (*const close_them)() : {close_others, close_each, close_all, close_from})
+        for (void (*const close_them)() :
+             {close_others, close_each, replace_each, close_all, close_from})
             for (const bool allocates_first : {false, true})
                 judge(run_one([&] { play(change, close_them, allocates_first); },
                               {R"("largest":1234)", R"("kind":"end")"}));
