@@ -178,6 +178,38 @@ int k42mcx_report_folder(const char *path);
  */
 int k42mcx_page_guards(__UINT32_TYPE__ one_in, __UINT32_TYPE__ flags);
 
+/* ---- Allocations that fail on purpose ---- */
+
+/*
+ * Which ones: those that any of the first group choose, of those that the second group leaves. Patterns may match anywhere
+ * in a frame's symbol line, "module(function+0xoffset) [0xaddress]", of the innermost 16, or in the name of the file that
+ * a wrapper was given; "*" stands for any text, "^" and "$" at the ends for the ends of the line. They have up to 255
+ * bytes and are copied.
+ */
+typedef struct {
+    __UINT64_TYPE__ nth;    /* the one that has this number, from 1; 0 for none */
+    __UINT32_TYPE__ one_in; /* one in so many, at random; 0 for none */
+    __UINT32_TYPE__ seed;   /* of that choice: the same numbers fail with the same seed */
+    size_t above;           /* those of more bytes than that; 0 for none */
+    const char *at;         /* those with a frame that matches; null for none */
+
+    const char *only;   /* none but those with a frame that matches; null for all */
+    const char *except; /* none of those with a frame that matches; null for all */
+} k42mcx_failures;
+
+/*
+ * From now on these allocations of the wrappers fail as they do when memory runs out: null with ENOMEM, ENOMEM of
+ * k42MC_posix_memalign, std::bad_alloc of new. While the checker is on, the report sink has the number and the trace of
+ * each, and an NA line. What the dynamic loader asks for, and memory for an exception that is thrown, does not fail and has
+ * no number.
+ *   which  Null for none from now on. Numbers begin anew with each call. Call it while no other thread does.
+ * Returns 0, or ENAMETOOLONG for a pattern that is too long; then none fail.
+ */
+int k42mcx_fail(const k42mcx_failures *which);
+
+/* How many have failed on purpose, since the process began. */
+size_t k42mcx_failed(void);
+
 /* ---- What shows the use of memory at the wrong time ---- */
 
 /*

@@ -57,7 +57,7 @@ declare -A allowed=(
     [fdcheck]='include platform common base'
     [wrappers]='include platform common base pages memcheck'
     [fork]='platform common base pages memcheck fdcheck'
-    [shared]=''
+    [shared]='base'
     [preload]='include platform common base pages memcheck fdcheck wrappers shared'
     [tools]='include shared'
 )

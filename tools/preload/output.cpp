@@ -83,7 +83,8 @@ void put_kind(JsonOutput &out, const char *kind) {
     out.string(program_name());
 }
 
-void write_remark(const char *kind, const char *member, const char *text) {
+void write_remark(const char *kind, const char *member, const char *text,
+                  std::span<void *const> trace = {}) {
     const int file = json_file.descriptor();
     if (file < 0)
         return;
@@ -91,6 +92,10 @@ void write_remark(const char *kind, const char *member, const char *text) {
     put_kind(out, kind);
     out->print(",\"%s\":", member);
     out.string(text);
+    if (!trace.empty()) {
+        out->print(",");
+        out.chain("chain", trace);
+    }
     out->print("}\n");
     out->flush();
 }
@@ -233,8 +238,8 @@ void write_unchecked(const char *reason) {
     write_remark("unchecked", "reason", reason);
 }
 
-void write_note(const char *text) {
-    write_remark("note", "text", text);
+void write_note(const char *text, std::span<void *const> trace) {
+    write_remark("note", "text", text, trace);
 }
 
 void write_ending(const Ending &ending) {

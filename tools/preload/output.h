@@ -4,6 +4,7 @@
 #include "memcheck/reach/moment.h"
 #include "tools/preload/endings.h"
 
+#include <span>
 #include <stdint.h>
 
 // Opens the files and lends the checker the text as its sink. False when there is no folder, or
@@ -40,5 +41,5 @@ void write_unchecked(const char *reason);
 // That a signal ends this process, and where it struck. Nothing for a process that a defect has stopped.
 void write_ending(const Ending &ending);
 
-// Something that a user of the report should know.
-void write_note(const char *text);
+// Something that a user of the report should know, and where it happened.
+void write_note(const char *text, std::span<void *const> trace = {});

@@ -16,6 +16,7 @@
 //   K42MC_RUN_PAGES      how many blocks come on one that gets pages of its own; nothing for none
 //   K42MC_RUN_PAGE_FLAGS   K42MCX_PAGES_*
 //   K42MC_RUN_PAGE_MEMORY  bytes for all of that; nothing for as many as usual
+//   K42MC_RUN_FAIL_NTH, _ONE_IN, _SEED, _ABOVE, _AT, _ONLY, _NOT   which allocations fail, as k42mcx_fail has it
 //   K42MC_RUN_FOLLOW     0 to leave programs that this one starts alone
 // Without a folder that files can be made in, blocks are guarded and nothing is recorded.
 #include "tools/preload/session.h"
@@ -28,6 +29,7 @@
 #include "tools/preload/descriptors.h"
 #include "tools/preload/endings.h"
 #include "tools/preload/exported.h"
+#include "tools/preload/failing.h"
 #include "tools/preload/leak_interface.h"
 #include "tools/preload/next.h"
 #include "tools/preload/output.h"
@@ -110,6 +112,7 @@ void tell_of_blocks_without_pages() {
 void write_last_report(const Caller *searcher) {
     const MatterOfCourse said_by_reports;
     tell_of_blocks_without_pages();
+    sum_up_failures();
     if (verifies)
         k42mcx_verify();
     write_report(limit, searcher);
@@ -247,6 +250,7 @@ void leave_started_programs_alone() {
     __cxa_atexit(finish_at_exit, nullptr, nullptr);
     report_ahead_of_endings(finish_by_signal);
     switch_on_page_guards();
+    choose_failures();
     (void)at_quick_exit(finish_quickly);
     start_reporter(report);
     errno = saved_errno;

@@ -115,6 +115,14 @@ Finding finding_of(const std::vector<const Descriptor *> &group) {
             .count = group.size()};
 }
 
+Finding finding_of(const Note &note) {
+    Finding finding = {
+        .kind = Finding::Kind::note, .what = "note", .title = std::string(note.text), .trails = {}};
+    if (!note.trace.empty())
+        finding.trails.push_back({"there", note.trace});
+    return finding;
+}
+
 } // namespace
 
 void each_finding(const Report &report, const Process &process, const TakeFinding &take) {
@@ -123,8 +131,8 @@ void each_finding(const Report &report, const Process &process, const TakeFindin
               .what = "not checked",
               .title = "not checked: " + std::string(process.unchecked),
               .trails = {}});
-    for (const std::string_view note : process.notes)
-        take({.kind = Finding::Kind::note, .what = "note", .title = std::string(note), .trails = {}});
+    for (const Note &note : process.notes)
+        take(finding_of(note));
     for (const Stop &stop : process.stops)
         take(finding_of(stop));
     for (const Damage &damage : process.damages)

@@ -167,7 +167,7 @@ private:
         } else if (kind == "unchecked") {
             process_in(line).unchecked = report_.text(text_in(line, "reason"));
         } else if (kind == "note") {
-            process_in(line).notes.push_back(report_.text(text_in(line, "text")));
+            add_note(line);
         } else if (kind == "suppressions") {
             process_in(line).suppressions = report_.text(text_in(line, "text"));
         } else if (kind == "site" || kind == "damage" || kind == "end") {
@@ -276,6 +276,11 @@ private:
         if (has(line, "release"))
             stop.release = report_.trace(trace_in(line, "release"));
         stop.goes_on = has(line, "goes_on");
+    }
+
+    void add_note(Json line) {
+        process_in(line).notes.push_back({report_.text(text_in(line, "text")),
+                                          has(line, "chain") ? report_.trace(trace_in(line)) : Trace{}});
     }
 
     void add_ending(Json line) {

@@ -125,6 +125,12 @@ struct Stop {
     bool is_read() const { return text.starts_with("k42mc detected R"); }
 };
 
+// Something to know of a process, and where it happened, if anywhere.
+struct Note {
+    std::string_view text;
+    Trace trace;
+};
+
 // One run of a program under the checker.
 struct Process {
     std::string_view name;
@@ -134,7 +140,7 @@ struct Process {
     std::vector<Descriptor> descriptors;
     std::vector<Stop> stops;
     std::string_view unchecked = {}; // why nobody looked after it, if so
-    std::vector<std::string_view> notes;
+    std::vector<Note> notes;
     std::string_view suppressions = {}; // the program's own, as lines
 };
 

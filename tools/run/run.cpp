@@ -45,6 +45,9 @@ struct Options {
     std::string page_side = "end", page_alignment = "natural";
     uint64_t page_memory = 0; // as much as usual
     bool go_on = false;
+    uint64_t fail_nth = 0, fail_above = 0;
+    uint32_t fail_one_in = 0, fail_seed = 0;
+    std::string fail_at, fail_only, fail_not; // patterns
     std::string suppressions;
     int error_exitcode = 0;
     std::vector<std::string> only, skip; // names of programs
@@ -109,6 +112,16 @@ std::string take_byte(std::string &byte) {
     return {};
 }
 
+std::vector<Setting> failures(const Options &options) {
+    return {{"K42MC_RUN_FAIL_NTH", std::to_string(options.fail_nth)},
+            {"K42MC_RUN_FAIL_ONE_IN", std::to_string(options.fail_one_in)},
+            {"K42MC_RUN_FAIL_SEED", std::to_string(options.fail_seed)},
+            {"K42MC_RUN_FAIL_ABOVE", std::to_string(options.fail_above)},
+            {"K42MC_RUN_FAIL_AT", options.fail_at},
+            {"K42MC_RUN_FAIL_ONLY", options.fail_only},
+            {"K42MC_RUN_FAIL_NOT", options.fail_not}};
+}
+
 // But for the folder.
 std::vector<Setting> environment(const Options &options) {
     std::string preload = preload_path(options.program);
@@ -132,6 +145,7 @@ std::vector<Setting> environment(const Options &options) {
         settings.push_back({"K42MC_RUN_PAGE_FLAGS", std::to_string(page_flags(options))});
         settings.push_back({"K42MC_RUN_PAGE_MEMORY", std::to_string(options.page_memory)});
     }
+    std::ranges::move(failures(options), std::back_inserter(settings));
     std::string filters;
     for (const std::string &line : options.filters)
         filters += line + '\n';
@@ -308,6 +322,31 @@ std::vector<std::string> take_arguments(const CLI::App &command, std::vector<std
 
 } // namespace
 
+// "1/N" as well.
+std::string take_rate(std::string &rate) {
+    if (rate.starts_with("1/"))
+        rate.erase(0, 2);
+    return {};
+}
+
+void add_failures(CLI::App &command, Options &options) {
+    const auto add = [&](const char *name, auto &option, const char *what, const char *type) {
+        return command.add_option(name, option, what)->type_name(type);
+    };
+    add("--fail-nth", options.fail_nth, "The allocation of this number fails", "N")
+        ->check(CLI::PositiveNumber);
+    add("--fail-rate", options.fail_one_in, "One allocation in so many fails, at random", "1/N")
+        ->transform(CLI::Validator(take_rate, ""))
+        ->check(CLI::PositiveNumber);
+    add("--fail-seed", options.fail_seed, "Choose others at random", "SEED");
+    add("--fail-above", options.fail_above, "Allocations of more bytes fail", "SIZE")
+        ->transform(CLI::AsSizeValue(false));
+    add("--fail-at", options.fail_at, "Allocations fail that have a frame of such a function or module",
+        "PATTERN");
+    add("--fail-only", options.fail_only, "... and none without such a frame", "PATTERN");
+    add("--fail-not", options.fail_not, "... and none with such a frame", "PATTERN");
+}
+
 void add_run(CLI::App &app, std::vector<std::string> &words) {
     const auto options = std::make_shared<Options>();
     CLI::App *command = app.add_subcommand("run", "Run a program with every block guarded and recorded");
@@ -364,6 +403,7 @@ void add_run(CLI::App &app, std::vector<std::string> &words) {
         ->type_name("SIZE")
         ->transform(CLI::AsSizeValue(false));
     command->add_flag("--go-on", options->go_on, "Tell of each block once, and let the program go on");
+    add_failures(*command, *options);
     command->add_option("--only", options->only, "Sum up programs of this name alone")
         ->type_name("NAME")
         ->allow_extra_args(false);

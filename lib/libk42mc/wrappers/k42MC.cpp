@@ -5,6 +5,7 @@
 #include "k42mc_debug.h"
 #include "memcheck/registry.h"
 #include "platform/memory_manager.h"
+#include "wrappers/failures.h"
 #include "wrappers/fill.h"
 #include "wrappers/keep_back.h"
 #include "wrappers/notice.h"
@@ -50,15 +51,15 @@ constexpr uint32_t arena_of(uint16_t type) {
 }
 
 // Null for most blocks: then nothing has been done.
-template <class Family> void *try_pages(Site site, size_t size) {
-    return Family::may_have_pages ? try_pages(site, Family::type, 1, size) : nullptr;
+template <class Family> void *try_pages(Site site, size_t size, size_t raw_size) {
+    return Family::may_have_pages && raw_size != 0 ? try_pages(site, Family::type, 1, size) : nullptr;
 }
 
 // The most frequent of all calls has one frame.
 template <class Family> [[gnu::always_inline]] inline void *wrap_malloc(Site site, size_t size) {
-    if (void *const user = try_pages<Family>(site, size)) [[unlikely]]
+    const size_t raw_size = raw_size_for(site, size);
+    if (void *const user = try_pages<Family>(site, size, raw_size)) [[unlikely]]
         return filled(user, size);
-    const size_t raw_size = with_guards(size);
     void *raw = allocate_raw(raw_size, Family::allocate);
     return filled(hand_out(site, Family::type, 1, raw, raw_size, size), size);
 }
@@ -67,9 +68,9 @@ template <class Family> void *wrap_calloc(Site site, size_t nmemb, size_t size) 
     size_t user_size;
     if (__builtin_mul_overflow(nmemb, size, &user_size))
         user_size = std::numeric_limits<size_t>::max();
-    if (void *const user = try_pages<Family>(site, user_size))
+    const size_t raw_size = raw_size_for(site, user_size);
+    if (void *const user = try_pages<Family>(site, user_size, raw_size))
         return user;
-    const size_t raw_size = with_guards(user_size);
     void *raw = allocate_raw(raw_size, Family::allocate_zeroed);
     return hand_out(site, Family::type, 1, raw, raw_size, user_size);
 }
@@ -184,6 +185,8 @@ template <class Family> void *wrap_realloc(Site site, void *ptr, size_t size) {
     if (ptr == nullptr && size != 0)
         return wrap_malloc<Family>(site, size);
     if (size != 0) {
+        if (is_to_fail(site, size)) [[unlikely]]
+            return out_of_memory();
         PageBlock *pages =
             Family::may_have_pages ? try_page_block(site, Family::type, 1, size) : nullptr;
         if (in_page_range(ptr))
@@ -267,12 +270,12 @@ void *k42MC_realloc(const char *file, int line, void *ptr, size_t size) {
 int k42MC_posix_memalign(const char *file, int line, void **memptr, size_t alignment, size_t size) {
     const ErrnoKeeper keep_errno;
     const bool valid = valid_alignment(alignment);
-    if (valid)
+    const size_t raw_size = valid ? raw_size_for({file, line}, size, alignment) : 0;
+    if (raw_size != 0)
         if (void *const user = try_pages({file, line}, MC_STD, alignment, size)) {
             *memptr = filled(user, size);
             return 0;
         }
-    const size_t raw_size = valid ? with_guards(size, alignment) : 0;
     void *raw = allocate_raw(raw_size, malloc);
     *memptr = filled(
         hand_out({file, line}, MC_STD, static_cast<uint32_t>(alignment), raw, raw_size, size), size);
@@ -287,9 +290,10 @@ void *k42MC_valloc(const char *file, int line, size_t size) {
         platform::assertion_failed("alignment >= sizeof(void *) && 0 == (alignment & (alignment - 1)) "
                                    "&& alignment <= K42MC_ALIGN_MAX",
                                    "lib/libk42mc/k42MC", 194, "k42MC_valloc");
-    if (void *const user = try_pages({file, line}, MC_STD, page, size))
-        return filled(user, size);
-    const size_t raw_size = with_guards(size, page);
+    const size_t raw_size = raw_size_for({file, line}, size, page);
+    if (raw_size != 0)
+        if (void *const user = try_pages({file, line}, MC_STD, page, size))
+            return filled(user, size);
     void *raw = allocate_raw(raw_size, malloc);
     return filled(hand_out({file, line}, MC_STD, static_cast<uint32_t>(page), raw, raw_size, size),
                   size);

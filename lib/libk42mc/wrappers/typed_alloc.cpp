@@ -1,5 +1,6 @@
 // Blocks of a type that the caller chooses, over the standard allocator.
 #include "base/errno_keeper.h"
+#include "wrappers/failures.h"
 #include "wrappers/fill.h"
 #include "wrappers/k42MC.h"
 #include "wrappers/keep_back.h"
@@ -14,9 +15,10 @@ void *k42mcx_alloc(const char *file, int line, int type, size_t alignment, size_
         errno = EINVAL;
         return nullptr;
     }
-    if (void *const user = try_pages({file, line}, static_cast<uint16_t>(type), alignment, size))
-        return filled(user, size);
-    const size_t raw_size = with_guards(size, alignment);
+    const size_t raw_size = raw_size_for({file, line}, size, alignment);
+    if (raw_size != 0)
+        if (void *const user = try_pages({file, line}, static_cast<uint16_t>(type), alignment, size))
+            return filled(user, size);
     void *raw = allocate_raw(raw_size, malloc);
     return filled(hand_out({file, line}, static_cast<uint16_t>(type), static_cast<uint32_t>(alignment),
                            raw, raw_size, size),

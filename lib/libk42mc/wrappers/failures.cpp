@@ -1,0 +1,174 @@
+#include "wrappers/failures.h"
+
+#include "base/checker_lock.h"
+#include "base/errno_keeper.h"
+#include "base/pattern.h"
+#include "base/printing.h"
+#include "memcheck/registry_lines.h"
+#include "memcheck/sink.h"
+#include "platform/module.h"
+#include "platform/platform.h"
+#include "stack_trace.h"
+
+#include <k42mc/extra.h>
+
+#include <iterator>
+#include <string.h>
+#include <sys/auxv.h>
+
+namespace k42mc::internal {
+
+constinit std::atomic<bool> failures_wanted = false;
+constinit FailureListener failure_listener = nullptr;
+
+namespace {
+
+struct Pattern {
+    char text[256];
+
+    bool is_any() const { return *text != '\0'; }
+    bool set(const char *wanted) {
+        *text = '\0';
+        const size_t size = wanted != nullptr ? strlen(wanted) : 0;
+        if (size >= sizeof text)
+            return false;
+        memcpy(text, wanted != nullptr ? wanted : "", size + 1);
+        return true;
+    }
+    bool matches(std::string_view place) const { return is_any() && matches_pattern(text, place); }
+};
+
+struct Choice {
+    uint64_t nth;
+    uint32_t one_in, seed;
+    size_t above;
+    Pattern at, only, except;
+};
+
+// What a place in the program is to the choice: bits.
+enum Verdict : uint32_t { never = 1, is_at = 2, is_only = 4 };
+
+// Of return addresses, as far as they have been judged: a few bits of each one's name with its verdict. That is one word,
+// which threads may read and write without a lock; a wrong one is as likely as two names that agree in 40 bits.
+constexpr size_t most_verdicts = 1 << 12;
+constexpr uint32_t is_known = 8, verdict_bits = never | is_at | is_only;
+constinit std::atomic<uint32_t> verdicts[most_verdicts] = {};
+
+// Read by allocations without a lock: so a new choice has a place of its own, until some more have come.
+constinit Choice choices[4] = {};
+constinit std::atomic<size_t> current = 0;
+constinit std::atomic<uint64_t> candidates = 0;
+constinit std::atomic<size_t> failed = 0;
+
+// The dynamic loader cannot do without what it asks for, nor can the C++ library without memory for an exception.
+bool is_indispensable(uintptr_t address, std::string_view place) {
+    platform::Module module;
+    platform::Module loader;
+    uintptr_t path;
+    return matches_pattern("(__cxa_allocate_exception+", place) ||
+           (platform::find_module(address - 1, module, path) &&
+            platform::find_module(getauxval(AT_BASE), loader, path) && module.begin == loader.begin);
+}
+
+uint32_t judge(const Choice &choice, void *frame) {
+    char line[1024];
+    const std::string_view place(line, platform::symbol_line(frame, line));
+    if (is_indispensable(reinterpret_cast<uintptr_t>(frame), place) || choice.except.matches(place))
+        return never;
+    return (choice.at.matches(place) ? is_at : 0u) | (choice.only.matches(place) ? is_only : 0u);
+}
+
+uint32_t verdict_on(const Choice &choice, void *frame) {
+    constexpr uint64_t spread = 0x9e3779b97f4a7c15;
+    const uint64_t name = uint64_t{reinterpret_cast<uintptr_t>(frame)} * spread;
+    const uint32_t tag = static_cast<uint32_t>(name >> 20) & ~(is_known | verdict_bits);
+    std::atomic<uint32_t> &place = verdicts[name >> 52];
+    const uint32_t known = place.load(std::memory_order_relaxed);
+    if ((known & ~verdict_bits) == (tag | is_known))
+        return known & verdict_bits;
+    const uint32_t verdict = judge(choice, frame);
+    place.store(tag | is_known | verdict, std::memory_order_relaxed);
+    return verdict;
+}
+
+uint32_t verdict_on(const Choice &choice, Site site, const StackTrace &trace) {
+    const std::string_view file = site.file != nullptr ? site.file : "";
+    uint32_t all = choice.except.matches(file) ? never : 0u;
+    all |= (choice.at.matches(file) ? is_at : 0u) | (choice.only.matches(file) ? is_only : 0u);
+    for (void *const frame : trace.innermost(StackTrace::deepest))
+        all |= verdict_on(choice, frame);
+    return all;
+}
+
+// The same for the same number and seed.
+bool is_drawn(const Choice &choice, uint64_t number) {
+    uint64_t mixed = number * 0x9e3779b97f4a7c15 ^ choice.seed * uint64_t{0xd1b54a32d192ed03};
+    mixed = (mixed ^ mixed >> 31) * 0xbf58476d1ce4e5b9;
+    return choice.one_in != 0 && (mixed ^ mixed >> 29) % choice.one_in == 0;
+}
+
+void print(const PurposefulFailure &failure) {
+    const CheckerLock lock(checker_on() && MCLock() != 0);
+    if (!lock)
+        return;
+    const Printing printing;
+    SinkText out;
+    out->print("%s:%d: allocation %llu fails on purpose\n", name_of(failure.site), failure.site.line,
+               static_cast<unsigned long long>(failure.number));
+    put_allocation_trace(*out, failure.trace);
+}
+
+void tell(const PurposefulFailure &failure) {
+    failure_listener != nullptr ? failure_listener(failure) : print(failure);
+}
+
+} // namespace
+
+bool fails_on_purpose(Site site, size_t size) {
+    const ErrnoKeeper keep_errno;
+    const Choice &choice = choices[current.load(std::memory_order_acquire)];
+    StackTrace trace;
+    trace.capture(StackTrace::deepest);
+    const uint32_t verdict = verdict_on(choice, site, trace);
+    if ((verdict & never) != 0 || (choice.only.is_any() && (verdict & is_only) == 0))
+        return false;
+    const uint64_t number = candidates.fetch_add(1, std::memory_order_relaxed) + 1;
+    const bool fails = number == choice.nth || (verdict & is_at) != 0 || is_drawn(choice, number) ||
+                       (choice.above != 0 && size > choice.above);
+    if (fails) {
+        failed.fetch_add(1, std::memory_order_relaxed);
+        tell({site, size, number, trace.innermost(StackTrace::deepest)});
+    }
+    return fails;
+}
+
+} // namespace k42mc::internal
+
+using namespace k42mc::internal;
+
+int k42mcx_fail(const k42mcx_failures *which) {
+    failures_wanted = false;
+    candidates = 0;
+    if (which == nullptr)
+        return 0;
+    const size_t next = (current.load(std::memory_order_relaxed) + 1) % std::size(choices);
+    Choice &choice = choices[next];
+    choice.nth = which->nth;
+    choice.one_in = which->one_in;
+    choice.seed = which->seed;
+    choice.above = which->above;
+    if (!choice.at.set(which->at) || !choice.only.set(which->only) || !choice.except.set(which->except))
+        return ENAMETOOLONG;
+    for (std::atomic<uint32_t> &verdict : verdicts)
+        verdict.store(0, std::memory_order_relaxed);
+    current.store(next, std::memory_order_release);
+    failures_wanted = true;
+    return 0;
+}
+
+size_t k42mcx_failed(void) {
+    return failed;
+}
+
+K42MC_EXPORT(k42mcx_fail);
+K42MC_EXPORT(k42mcx_failed);

@@ -1,0 +1,37 @@
+// Allocations that fail on purpose.
+#pragma once
+
+#include "base/site.h"
+#include "wrappers/k42MC.h"
+
+#include <atomic>
+#include <span>
+
+namespace k42mc::internal {
+
+extern constinit std::atomic<bool> failures_wanted;
+
+struct PurposefulFailure {
+    Site site;
+    size_t size;
+    uint64_t number; // of those that may fail
+    std::span<void *const> trace;
+};
+
+// Told of each, in the midst of the allocation; null for who reads it on the report sink.
+using FailureListener = void (*)(const PurposefulFailure &);
+extern constinit FailureListener failure_listener;
+
+// Whether this one is to be among them.
+bool fails_on_purpose(Site site, size_t size);
+
+inline bool is_to_fail(Site site, size_t size) {
+    return failures_wanted.load(std::memory_order_relaxed) && fails_on_purpose(site, size);
+}
+
+// As with_guards, and 0 for an allocation that is to fail.
+inline size_t raw_size_for(Site site, size_t size, size_t alignment = 1) {
+    return is_to_fail(site, size) ? 0 : with_guards(size, alignment);
+}
+
+} // namespace k42mc::internal

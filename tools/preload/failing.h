@@ -1,0 +1,7 @@
+// Allocations of the program that fail on purpose, as the environment chooses them.
+#pragma once
+
+void choose_failures();
+
+// Ahead of the last report: how many more there were than were told of.
+void sum_up_failures();
