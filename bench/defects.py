@@ -106,7 +106,8 @@ class Programs:
         yield when(kind, run([self.sanitized, kind], FOUND, {"ASAN_OPTIONS": f"exitcode={FOUND}"}))
         # For 32 bits it needs the symbols of that width's loader, which no package of Debian's for 64 bits has.
         yield self.by_valgrind(kind) if self.bits == 64 else ""
-        yield when(kind, run([self.plain, kind], -signal.SIGABRT, {"MALLOC_CHECK_": "3", "LD_PRELOAD": LIBC_DEBUG[self.bits]}))
+        checking = {"MALLOC_CHECK_": "3", "LD_PRELOAD": LIBC_DEBUG[self.bits]}
+        yield when(kind, run([self.plain, kind], -signal.SIGABRT, checking))
 
 
 def table(programs, row):
