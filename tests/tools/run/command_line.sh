@@ -33,7 +33,7 @@ wrong symbolize --nonsense
 
 # The manual page and the shell's completion know each option.
 sources=$(dirname "$0")/../../..
-# shellcheck source=tools/completion/k42mc
+# shellcheck source=/dev/null
 . "$sources/tools/completion/k42mc"
 completed() { # words, of which the last is begun
     COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) COMPREPLY=()
