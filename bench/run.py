@@ -15,6 +15,7 @@ import subprocess
 import tempfile
 
 import containers
+import defects
 import misses
 import programs
 import raw
@@ -291,6 +292,8 @@ def main():
     lines += report_table(min(rounds, 3))
     lines += trace_tables(rounds)
     lines += programs.tables(STATEMENTS, min(rounds, 1 if options.quick else 3), row)
+    if not options.quick:
+        lines += defects.tables(BUILDS[64].parent, row)
     if not options.no_containers:
         lines += containers.tables(BUILDS[64] / "containers/bench_containers", options.quick)
     text = "\n".join(lines) + "\n"

@@ -145,6 +145,25 @@ show out '^k42mc detected BF: alloc\(STD\) free\(SHM\) usrPtr\(0x[0-9a-f]+\) usr
 look "BF, bad free: malloc's family allocated the block and the memory manager's was to free it. The
       checker names the line and the stack trace of the free; then the guards stop the process."
 
+title "A block used after its release"
+late='^k42mc detected WF: alloc\(STD\) usrPtr\(0x[0-9a-f]+\) usrSize\(28\) access\(0x[0-9a-f]+\+24\) trace buffer: 0x'
+run 0 '' hunt
+indent <"$work/out"
+run $stopped '' hunt test
+show out "$late"
+look "Guards alone see nothing of it. WF, write to what was freed: released blocks were kept back, and byte
+      24 of one was no longer as it was left."
+run $stopped '' hunt hunt
+show out "$late"
+show_block err '^Backtrace of the access by' '^------$'
+expect err 'hunt\(serve\+0x[0-9a-f]+\) '
+look "With pages of its own for each block, the process stops in the act, and the trace is of who wrote."
+run 0 '' hunt production
+expect out "$late"
+expect out '^served'
+look "With pages for one block in 5,000, it is told of now and then, and the process goes on:
+      $(grep -ac 'detected WF' "$work/out") times in 100,000 sessions here."
+
 title "A descriptor closed twice"
 run 0 'guard\n' concordance --close-twice --descriptors "${few[@]}"
 show_block err '^Showing the last operator' '^-----------'

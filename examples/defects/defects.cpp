@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -13,6 +14,7 @@ namespace {
 char *volatile block;
 char *volatile kept;
 volatile char read_byte;
+volatile size_t length;
 volatile int descriptor;
 
 void reached(const char *where) {
@@ -31,14 +33,35 @@ void write_at(long offset) {
     block[offset] = 'x';
 }
 
-void double_free(int allocations_between) {
-    block = static_cast<char *>(malloc(13));
-    free(block);
-    for (int i = 0; i < allocations_between; ++i)
-        kept = static_cast<char *>(malloc(13));
+void double_free() {
     free(block);
     reached("defect");
     _exit(0); // whoever has it now still believes in it
+}
+
+void double_free_after(int allocations) {
+    block = static_cast<char *>(malloc(13));
+    free(block);
+    for (int i = 0; i < allocations; ++i)
+        kept = static_cast<char *>(malloc(13));
+    double_free();
+}
+
+// When all that was released is in use again.
+void double_free_late() {
+    static char *others[200'000];
+    const auto allocate_others = [] {
+        for (char *&other : others)
+            other = static_cast<char *>(malloc(13));
+    };
+    block = static_cast<char *>(malloc(13));
+    allocate_others();
+    free(block);
+    for (char *other : others)
+        free(other);
+    allocate_others();
+    kept = static_cast<char *>(malloc(13));
+    double_free();
 }
 
 void release_inside() {
@@ -54,20 +77,54 @@ void release_on_stack() {
     reached("defect");
 }
 
-void use_after_free(bool writes) {
+void make_released() {
     block = static_cast<char *>(malloc(200));
     free(block);
-    if (writes)
-        block[100] = 'x';
-    else
-        read_byte = block[100];
+}
+
+void write_after_free() {
+    make_released();
+    block[100] = 'x';
     reached("defect");
+}
+
+void read_after_free() {
+    make_released();
+    read_byte = block[100];
+    reached("defect");
+}
+
+void read_after_free_in_thread() {
+    make_released();
+    std::thread([] { read_byte = block[100]; }).join();
+    reached("defect");
+}
+
+void write_to_moved() {
+    block = static_cast<char *>(malloc(200));
+    kept = static_cast<char *>(realloc(block, 100'000));
+    block[100] = 'x';
+    reached("defect");
+    free(kept);
 }
 
 void read_at(long offset) {
     block = static_cast<char *>(malloc(13));
     memset(block, 0, 13);
     read_byte = block[offset];
+    release();
+}
+
+void copy_over_end() {
+    block = static_cast<char *>(malloc(13));
+    memcpy(block, "thirteen and ", 14);
+    release();
+}
+
+void measure_unterminated() {
+    block = static_cast<char *>(malloc(13));
+    memset(block, 'x', 13);
+    length = strlen(block);
     release();
 }
 
@@ -107,44 +164,42 @@ void close_twice() {
     reached("defect");
 }
 
+struct Kind {
+    std::string_view name;
+    void (*commit)();
+};
+
+constexpr Kind kinds[] = {
+    {"overrun", [] { write_at(13), release(); }},
+    {"overrun-kept", [] { write_at(13), kept = block, reached("defect"); }},
+    {"underrun", [] { write_at(-1), release(); }},
+    {"far-overrun", [] { write_at(300), release(); }},
+    {"copy-over-end", copy_over_end},
+    {"overread", [] { read_at(13); }},
+    {"underread", [] { read_at(-1); }},
+    {"unterminated", measure_unterminated},
+    {"write-after-free", write_after_free},
+    {"read-after-free", read_after_free},
+    {"read-in-thread", read_after_free_in_thread},
+    {"moved", write_to_moved},
+    {"double-free", [] { double_free_after(0); }},
+    {"double-free-reused", [] { double_free_after(1); }},
+    {"double-free-late", double_free_late},
+    {"mixed", mix_families},
+    {"free-inside", release_inside},
+    {"free-on-stack", release_on_stack},
+    {"garbage", decide_by_garbage},
+    {"lost", lose},
+    {"kept", keep},
+    {"open", leave_open},
+    {"close-twice", close_twice},
+};
+
 } // namespace
 
 int main(int, char **argv) {
-    const std::string_view kind = argv[1] != nullptr ? argv[1] : "";
-    if (kind == "overrun")
-        write_at(13), release();
-    else if (kind == "overrun-kept")
-        write_at(13), kept = block, reached("defect");
-    else if (kind == "underrun")
-        write_at(-1), release();
-    else if (kind == "far-overrun")
-        write_at(300), release();
-    else if (kind == "double-free")
-        double_free(0);
-    else if (kind == "double-free-reused")
-        double_free(1);
-    else if (kind == "mixed")
-        mix_families();
-    else if (kind == "free-inside")
-        release_inside();
-    else if (kind == "free-on-stack")
-        release_on_stack();
-    else if (kind == "write-after-free")
-        use_after_free(true);
-    else if (kind == "read-after-free")
-        use_after_free(false);
-    else if (kind == "overread")
-        read_at(13);
-    else if (kind == "garbage")
-        decide_by_garbage();
-    else if (kind == "lost")
-        lose();
-    else if (kind == "kept")
-        keep();
-    else if (kind == "open")
-        leave_open();
-    else if (kind == "close-twice")
-        close_twice();
-    else
-        return 2;
+    for (const Kind &kind : kinds)
+        if (argv[1] != nullptr && kind.name == argv[1])
+            return kind.commit(), 0;
+    return 2;
 }

@@ -53,24 +53,39 @@ Finding finding_of(const Stop &stop) {
     return finding;
 }
 
-std::string allocation_of(const Site &site) {
+std::string place_of(const char *deed, const Site &site) {
     const std::string type = "(" + std::string(site.type) + ")";
     if (site.line == 0 && !site.trace.empty())
-        return "allocated " + type + " by";
+        return std::string(deed) + " " + type + " by";
     const std::string line = site.line != 0 ? ":" + std::to_string(site.line) : "";
-    return "allocated at " + std::string(site.file) + line + " " + type;
+    return std::string(deed) + " at " + std::string(site.file) + line + " " + type;
+}
+
+// "past its end", or with another article.
+std::string place_of(Damage::Kind kind, const char *article) {
+    switch (kind) {
+    case Damage::Kind::past_end:
+        return std::string("past ") + article + " end";
+    case Damage::Kind::before_start:
+        return std::string("before ") + article + " start";
+    default:
+        return std::string("after ") + article + " release";
+    }
 }
 
 Finding finding_of(const Damage &damage, const Site &site) {
-    const std::string title = std::string(damage.past_end ? "WO" : "WU") + ": a block of " +
-                              counted(damage.size, "byte") + " at " + damage.address_text() +
-                              " was written " + (damage.past_end ? "past its end" : "before its start");
-    return {.kind = Finding::Kind::damaged,
-            .what = damage.past_end ? "written past the end (WO)" : "written before the start (WU)",
-            .title = title,
-            .trails = {{allocation_of(site), site.trace}},
-            .bytes = damage.size,
-            .site = &site};
+    const std::string code(damage.code());
+    const bool released = damage.kind == Damage::Kind::after_release;
+    Finding finding = {.kind = Finding::Kind::damaged,
+                       .what = "written " + place_of(damage.kind, "the") + " (" + code + ")",
+                       .title = code + ": a block of " + counted(damage.size, "byte") + " at " +
+                                damage.address_text() + " was written " + place_of(damage.kind, "its"),
+                       .trails = {{place_of(released ? "released" : "allocated", site), site.trace}},
+                       .bytes = damage.size,
+                       .site = &site};
+    if (!damage.allocation.empty())
+        finding.trails.push_back({"allocated by", damage.allocation});
+    return finding;
 }
 
 Finding misuse_of(const Descriptor &descriptor) {

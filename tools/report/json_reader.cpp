@@ -68,11 +68,11 @@ uint64_t address_in(Json line, const char *member) {
     return address;
 }
 
-bool is_past_end(Json line) {
+Damage::Kind damage_in(Json line) {
     const std::string_view defect = text_in(line, "defect");
     if (defect != "WO" && defect != "WU")
         refuse("defect", "neither WO nor WU");
-    return defect == "WO";
+    return defect == "WO" ? Damage::Kind::past_end : Damage::Kind::before_start;
 }
 
 Counter counter_of(Json line) {
@@ -262,9 +262,8 @@ private:
     }
 
     void add_damage(Json line) {
-        process().damages.push_back({is_past_end(line), site_in(line),
-                                     number_in<uint32_t>(line, "cycles"), address_in(line, "address"),
-                                     number_in<uint64_t>(line, "size")});
+        process().damages.push_back({damage_in(line), site_in(line), number_in<uint32_t>(line, "cycles"),
+                                     address_in(line, "address"), number_in<uint64_t>(line, "size")});
     }
 
     void add_stop(Json line) {

@@ -125,7 +125,7 @@ void put_finding(JsonWriter &out, const Finding &finding, Symbolizer &symbolizer
 
 void put_damage(JsonWriter &out, const Damage &damage, const Site &site, Symbolizer &symbolizer) {
     put_place(out, site, symbolizer);
-    out.member("defect", damage.past_end ? "WO" : "WU");
+    out.member("defect", damage.code());
     out.member("address", damage.address_text());
     out.member("size", damage.size);
     out.member("cycles", damage.cycles);

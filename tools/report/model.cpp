@@ -14,6 +14,10 @@ std::strong_ordering operator<=>(const Site &left, const Site &right) {
                                                   right.trace.begin(), right.trace.end());
 }
 
+std::string_view Damage::code() const {
+    return kind == Kind::past_end ? "WO" : kind == Kind::before_start ? "WU" : "WF";
+}
+
 std::string Damage::address_text() const {
     char text[20];
     std::snprintf(text, sizeof text, "0x%" PRIX64, address);

@@ -80,12 +80,17 @@ struct Cycle {
 };
 
 struct Damage {
-    bool past_end = false; // or before the start
-    uint32_t site = 0;
+    enum class Kind { past_end, before_start, after_release };
+
+    Kind kind = Kind::past_end;
+    uint32_t site =
+        0; // in Report: of the allocation; of the release, where the block was written after it
     uint32_t cycles = 0;
     uint64_t address = 0;
     uint64_t size = 0;
+    Trace allocation = {}; // of a block that was written after its release
 
+    std::string_view code() const;    // "WO", "WU", "WF"
     std::string address_text() const; // "0x55D0C0"
 };
 

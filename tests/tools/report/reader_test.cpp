@@ -1,5 +1,6 @@
 // What is read from reports, whole, damaged and hostile.
 #include "reports.h"
+#include "tools/report/finding.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -63,6 +64,97 @@ TEST(Reader, DamagedJsonIsToldAndTheRestShown) {
               "r.json:7: not a report line: pid: a number that is out of range\n");
     EXPECT_TRUE(report.processes[0].stops.size() == 1);
     EXPECT_EQ(Histories(report, Order::bytes).sites().size(), 2u);
+}
+
+std::string joined(Trace trace) {
+    std::string all;
+    for (const std::string_view pc : trace)
+        all += std::string(pc) + ";";
+    return all;
+}
+
+std::string all_of(const Stop &stop) {
+    return std::string(stop.text) + "|" + std::string(stop.words) + "|" + joined(stop.trace) + "|" +
+           joined(stop.block) + "|" + joined(stop.release) + (stop.goes_on ? "|goes on" : "|stops");
+}
+
+std::string stops_of(const Report &report) {
+    std::string all = problems(report);
+    for (const Process &process : report.processes)
+        for (const Stop &stop : process.stops)
+            all += all_of(stop) + "\n";
+    return all;
+}
+
+// In what a program and the checker have printed: an access that it survived, a write that was found late, a second
+// release, one that is cut off, and what other lines look like.
+TEST(Reader, TextTellsOfStopsAsJsonDoes) {
+    const std::string head = "k42mc detected ";
+    const std::string abort =
+        "assertion \"0\" failed: file \"common/lib/libk42mc/k42mc_debug\", line 369, "
+        "function \"k42mc_guard_free\"\n";
+    const std::string access =
+        head + "RF: alloc(STD) usrPtr(0x1) usrSize(9) access(0x1+8) trace buffer: 0x1";
+    const std::string late =
+        head + "WF: alloc(STD) usrPtr(0x1) usrSize(9) access(0x1+8) trace buffer: 0x1";
+    const std::string second =
+        head + "DF: alloc(STD) free(STD) usrPtr(0x1) usrSize(9) trace buffer: 0x1";
+    const std::string over =
+        head + "WO: alloc(UNKNOWN) free(STD) usrPtr(0x1) usrSize(9) trace buffer: 0x1";
+    const std::string contents =
+        "noise\nBacktrace of the access:\n/no/p(+0x99) [0x99]\n------\n" + access +
+        "\r\nk42mc: a read\nk42mc: more\n" +
+        "Backtrace of the access by thread 7:\n/no/p(+0x1) [0x1]\nnoise\n/no/p(+0x2) [0x2]\n------\n"
+        "Backtrace of the allocation by thread 7:\n/no/p(+0x3) [0x3]\n------\n"
+        "Backtrace of the release by thread 8:\n/no/p(+0x4) [0x4]\n------\n"
+        "a.c:1:STD:0xA0:10:1\nBacktrace of the allocation:\n/no/p(+0x99) [0x99]\n------\n" +
+        cycle(1, "a.c:1:LK:STD:0xA0:10:1\n", "10 bytes held by 1 allocations") + late +
+        "\nk42mc: a late write\nBacktrace of the allocation:\n/no/p(+0x5) [0x5]\n------\n"
+        "Backtrace of the release:\n/no/p(+0x6) [0x6]\n------\n" +
+        abort + second +
+        "\nk42mc: a second release\nBacktrace of the release:\n/no/p(+0x7) [0x7]\n------\n"
+        "Backtrace of the first release:\n/no/p(+0x8) [0x8]\n------\n" +
+        abort + over + "\nk42mc: a write\n";
+    const auto line = [](const std::string &text, const std::string &words, const std::string &chain,
+                         const std::string &block, const std::string &rest) {
+        return R"({"kind":"defect","pid":1,"text":")" + text + R"(","words":")" + words +
+               R"(","chain":[)" + chain + R"(],"block":[)" + block + "]" + rest + "}\n";
+    };
+    const auto frame = [](const std::string &n) { return "\"/no/p(+0x" + n + ") [0x" + n + "]\""; };
+    EXPECT_EQ(
+        stops_of(text(contents)),
+        stops_of(json(line(access, "a read", frame("1") + "," + frame("2"), frame("3"),
+                           R"(,"release":[)" + frame("4") + R"(],"goes_on":true)") +
+                      line(late, "a late write", "", frame("5"), R"(,"release":[)" + frame("6") + "]") +
+                      line(second, "a second release", frame("7"), frame("8"), "") +
+                      line(over, "a write", "", "", ""))));
+    EXPECT_EQ(text(contents).processes.size(), 1u);
+}
+
+TEST(Reader, TextTellsOfBlocksWrittenAfterTheirRelease) {
+    const std::string late = "a.c:7:WF:STD:0xA0:200\n";
+    const Report report = text(late +
+                               "Backtrace of the allocation:\n/no/p(+0x1) [0x1]\n------\n"
+                               "Backtrace of the release:\n/no/p(+0x2) [0x2]\n------\n"
+                               "Backtrace of the release:\n/no/p(+0x99) [0x99]\n------\n"
+                               "b:3:WO:SHM:0xB0:5:2\nNo backtrace available\n------\n"
+                               "Backtrace of the allocation:\n/no/p(+0x99) [0x99]\n------\n"
+                               "c.c:7:WF:STD:0xC0:200:1\nc.c:7:WO:STD:0xC0:200\n" +
+                               cycle(1, late, "0 bytes held by 0 allocations"));
+    EXPECT_EQ(problems(report), "r.txt:21: not a report line: a.c:7:WF:STD:0xA0:200\n");
+    std::string all;
+    each_finding(report, report.processes.at(0), [&](const Finding &finding) {
+        all += finding.what + " " + finding.title + "\n";
+        for (const Trail &trail : finding.trails)
+            all += "  " + trail.heading + " " + joined(trail.trace) + "\n";
+    });
+    EXPECT_EQ(
+        all,
+        "written after the release (WF) WF: a block of 200 bytes at 0xA0 was written after its release\n"
+        "  released at a.c:7 (STD) /no/p(+0x2) [0x2];\n"
+        "  allocated by /no/p(+0x1) [0x1];\n"
+        "written past the end (WO) WO: a block of 5 bytes at 0xB0 was written past its end\n"
+        "  allocated at b:3 (SHM) \n");
 }
 
 // A child that nobody told of its fork writes where its parent does.

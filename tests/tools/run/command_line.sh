@@ -31,6 +31,26 @@ wrong report --sort nonsense reports
 wrong diff reports
 wrong symbolize --nonsense
 
+# The manual page and the shell's completion know each option.
+sources=$(dirname "$0")/../../..
+# shellcheck source=/dev/null
+. "$sources/tools/completion/k42mc"
+completed() { # words, of which the last is begun
+    COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) COMPREPLY=()
+    _k42mc
+    printf '%s\n' "${COMPREPLY[@]}"
+}
+for command in run report diff; do
+    options=$("$k42mc" "$command" --help | grep -oE '^ +--[a-z-]+(,--[a-z-]+)?' | grep -oE -- '--[a-z-]+')
+    [[ $options ]] || fail "$command: no options"
+    for option in $options; do
+        completed k42mc "$command" "$option" | grep -qxe "$option" || fail "completion: $command $option"
+        grep -qE -- "^\.It .*(Fl|,) ?${option#-}( |$)" "$sources/docs/man/k42mc.1" || [[ $command == diff ]] ||
+            fail "manual page: $command $option"
+    done
+done
+completed k42mc run --quarantine 64M --suppress file print | grep -qx printf || fail 'completion: values'
+
 "$k42mc" --version >out 2>err || fail version
 grep -qE '^k42mc [0-9]+\.[0-9]+\.[0-9]+$' out || fail version
 
