@@ -217,7 +217,7 @@ TEST(Reader, TheDescriptionShowsLinesThatAreRead) {
     const Process &process = report.processes[0];
     EXPECT_EQ(process.cycles.size() + process.damages.size() + process.descriptors.size() +
                   process.stops.size() + process.notes.size() + process.cycles[0].holdings.size(),
-              8u);
+              9u);
     EXPECT_TRUE(process.stops[1].is_access() && process.stops[1].goes_on);
     EXPECT_EQ(process.stops[1].release.size(), 1u);
     EXPECT_EQ(process.unchecked, "it has a malloc of its own");
