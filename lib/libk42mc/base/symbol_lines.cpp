@@ -14,6 +14,8 @@ const SymbolLines::Line &SymbolLines::line_of(void *frame) {
 }
 
 void SymbolLines::put(TextOutput &out, std::span<void *const> frames) {
+    if (lines_ == nullptr)
+        lines_ = static_cast<Line *>(platform::map_memory(bytes));
     for (void *const &frame : frames) {
         const Line *line = lines_ != nullptr ? &line_of(frame) : nullptr;
         if (line != nullptr && line->length != 0)

@@ -10,7 +10,7 @@ namespace k42mc::internal {
 
 class SymbolLines {
 public:
-    SymbolLines() : lines_(static_cast<Line *>(platform::map_memory(bytes))) {}
+    SymbolLines() = default;
     ~SymbolLines() {
         if (lines_ != nullptr)
             platform::unmap_memory(lines_, bytes);
@@ -32,7 +32,7 @@ private:
 
     const Line &line_of(void *frame);
 
-    Line *const lines_; // null for no memory
+    Line *lines_ = nullptr; // until there is something to list; and where there is no memory
 };
 
 } // namespace k42mc::internal
