@@ -80,14 +80,22 @@ uint32_t judge(const Choice &choice, void *frame) {
 
 uint32_t verdict_on(const Choice &choice, void *frame) {
     constexpr uint64_t spread = 0x9e3779b97f4a7c15;
+    constexpr size_t most_tries = 4;
     const uint64_t name = uint64_t{reinterpret_cast<uintptr_t>(frame)} * spread;
-    const uint32_t tag = static_cast<uint32_t>(name >> 20) & ~(is_known | verdict_bits);
-    std::atomic<uint32_t> &place = verdicts[name >> 52];
-    const uint32_t known = place.load(std::memory_order_relaxed);
-    if ((known & ~verdict_bits) == (tag | is_known))
-        return known & verdict_bits;
+    const uint32_t entry = (static_cast<uint32_t>(name >> 20) & ~verdict_bits) | is_known;
+    const auto place = [name](size_t i) -> auto & {
+        return verdicts[((name >> 52) + i) % most_verdicts];
+    };
+    size_t i = 0;
+    for (; i < most_tries; ++i) {
+        const uint32_t known = place(i).load(std::memory_order_relaxed);
+        if ((known & ~verdict_bits) == entry)
+            return known & verdict_bits;
+        if (known == 0)
+            break;
+    }
     const uint32_t verdict = judge(choice, frame);
-    place.store(tag | is_known | verdict, std::memory_order_relaxed);
+    place(i % most_tries).store(entry | verdict, std::memory_order_relaxed);
     return verdict;
 }
 
