@@ -200,13 +200,13 @@ EXPORTED int execle(const char *program, const char *first, ...) noexcept {
 
 EXPORTED int posix_spawn(pid_t *child, const char *program, const posix_spawn_file_actions_t *actions,
                          const posix_spawnattr_t *attributes, char *const *arguments,
-                         char *const *variables) noexcept {
+                         char *const *variables) {
     return spawn(next_spawn(), Search::none, child, program, actions, attributes, arguments, variables);
 }
 
 EXPORTED int posix_spawnp(pid_t *child, const char *program, const posix_spawn_file_actions_t *actions,
                           const posix_spawnattr_t *attributes, char *const *arguments,
-                          char *const *variables) noexcept {
+                          char *const *variables) {
     return spawn(next_spawnp(), Search::path, child, program, actions, attributes, arguments, variables);
 }
 }
