@@ -72,21 +72,21 @@ PageBlock *make_page_block(Site site, uint32_t arena, size_t size, size_t alignm
     const PageSlot slot = take_slot((std::max(size, size_t{1}) + page - 1) / page);
     if (slot.block == nullptr)
         return nullptr;
-    PageBlock &block = *slot.block;
+    PageBlock *const block = slot.block;
     place(slot, size, alignment);
-    if (!platform::open_pages(block.open_begin, block.open_end - block.open_begin)) {
+    if (!platform::open_pages(block->open_begin, block->open_end - block->open_begin)) {
         give_back(slot);
         return nullptr;
     }
-    block.site = site;
-    block.arena = arena;
-    note(block.allocation, trace);
-    block.release = {};
-    block.is_told.store(false, std::memory_order_relaxed);
-    std::fill(bytes_at(block.open_begin), bytes_at(block.address), filling);
-    std::fill(bytes_at(block.address + size), bytes_at(block.open_end), filling);
-    block.state.store(PageBlock::State::live, std::memory_order_release);
-    return &block;
+    block->site = site;
+    block->arena = arena;
+    note(block->allocation, trace);
+    block->release = {};
+    block->is_told.store(false, std::memory_order_relaxed);
+    std::fill(bytes_at(block->open_begin), bytes_at(block->address), filling);
+    std::fill(bytes_at(block->address + size), bytes_at(block->open_end), filling);
+    block->state.store(PageBlock::State::live, std::memory_order_release);
+    return block;
 }
 
 PageBlock *page_block_at(const void *user) {

@@ -40,7 +40,8 @@ constinit thread_local Dice dice;
 
 // Up to twice as many as one in so many leaves out, so that it is as many on average.
 uint32_t blocks_until_next_turn(uint32_t one_in) {
-    return static_cast<uint32_t>(uint64_t{dice.throw_once()} * (uint64_t{one_in} * 2 - 1) >> 32);
+    const uint64_t range = uint64_t{one_in} * 2 - 1;
+    return static_cast<uint32_t>(range * dice.throw_once() >> 32);
 }
 
 } // namespace
