@@ -20,7 +20,7 @@ namespace {
 struct Access {
     uintptr_t address;
     bool is_write;
-    const PageBlock &block;
+    PageBlock &block;
     uint32_t thread;
     std::span<void *const> trace;
 };
@@ -120,6 +120,40 @@ void tell(const Access &access, bool goes_on) {
     explain(access, goes_on);
 }
 
+// Stops the process unless it is to go on: then each block is told of once.
+void report(const Access &access) {
+    const bool goes_on = (page_choice.flags.load(std::memory_order_relaxed) & K42MCX_PAGES_GO_ON) != 0;
+    if (!access.block.is_told.exchange(true) || !goes_on)
+        tell(access, goes_on);
+    if (!goes_on)
+        stop_here();
+}
+
+// 0 where each byte can be touched, or the buffer begins elsewhere.
+uintptr_t first_barred(uintptr_t begin, size_t size) {
+    for (uintptr_t at = begin; in_page_range(at) && at - begin < size;
+         at = (at & -smallest_page) + smallest_page)
+        if (!platform::readable(reinterpret_cast<void *>(at), 1)) // NOLINT(performance-no-int-to-ptr)
+            return at;
+    return 0;
+}
+
+// A handler might not come back.
+class SignalsHeld {
+public:
+    SignalsHeld() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &former_);
+    }
+    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+    SignalsHeld(const SignalsHeld &) = delete;
+    SignalsHeld &operator=(const SignalsHeld &) = delete;
+
+private:
+    sigset_t former_;
+};
+
 } // namespace
 
 bool tell_page_fault(const siginfo_t &info, const void *context) {
@@ -128,17 +162,28 @@ bool tell_page_fault(const siginfo_t &info, const void *context) {
     const Turn turn;
     if (block == nullptr || !turn)
         return false;
-    const bool goes_on = (page_choice.flags.load(std::memory_order_relaxed) & K42MCX_PAGES_GO_ON) != 0;
-    if (!block->is_told.exchange(true) || !goes_on) {
-        void *frames[StackTrace::deepest];
-        const int count = platform::backtrace_of_interrupted(context, frames, StackTrace::deepest);
-        tell({address, platform::was_write(context), *block, own_number(),
-              std::span(frames, static_cast<size_t>(count))},
-             goes_on);
-    }
-    if (goes_on && open_bar(address))
+    void *frames[StackTrace::deepest];
+    const int count = platform::backtrace_of_interrupted(context, frames, StackTrace::deepest);
+    report({address, platform::was_write(context), *block, own_number(),
+            std::span(frames, static_cast<size_t>(count))});
+    if (open_bar(address))
         return true;
     stop_here();
+}
+
+void tell_refused_buffer(const void *buffer, size_t size, bool is_write) {
+    const ErrnoKeeper keep_errno;
+    const uintptr_t address = first_barred(reinterpret_cast<uintptr_t>(buffer), size);
+    PageBlock *const block = address != 0 ? block_near(address) : nullptr;
+    if (block == nullptr)
+        return;
+    const SignalsHeld signals_held;
+    const Turn turn;
+    if (!turn)
+        return;
+    StackTrace trace;
+    trace.capture(StackTrace::deepest);
+    report({address, is_write, *block, own_number(), trace.innermost(StackTrace::deepest)});
 }
 
 } // namespace k42mc::internal

@@ -117,6 +117,13 @@ int main() {
     handles_by(sysv_signal, false, "sysv_signal");
     expect(said_by(uses_released, SIGABRT).starts_with("k42mc detected WF: alloc(STD) usrPtr(0x"),
            "a use after release is told beside the default");
+    const auto hands_over = [] {
+        char *volatile block = static_cast<char *>(malloc(100));
+        free(block);
+        static_cast<void>(!write(STDOUT_FILENO, block, 100));
+    };
+    expect(said_by(hands_over, SIGABRT).starts_with("k42mc detected RF: alloc(STD) usrPtr(0x"),
+           "a released buffer that the system refuses is told");
     const auto faults = [] { *barred() = 'x'; };
     expect(said_by(faults, SIGSEGV).empty(), "another fault is the program's");
     const auto overflow = [] { overflows("x"); };
