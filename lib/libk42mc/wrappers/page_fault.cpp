@@ -5,6 +5,7 @@
 #include "memcheck/sink.h"
 #include "pages/choice.h"
 #include "pages/pool.h"
+#include "platform/other_stack.h"
 #include "platform/signal_context.h"
 #include "platform/threads.h"
 #include "wrappers/notice.h"
@@ -120,12 +121,22 @@ void tell(const Access &access, bool goes_on) {
     explain(access, goes_on);
 }
 
+bool goes_on() {
+    return (page_choice.flags.load(std::memory_order_relaxed) & K42MCX_PAGES_GO_ON) != 0;
+}
+
+// A handler's stack may be too small for it. That of whose turn it is is nobody else's.
+void tell_on_own_stack(const Access &access) {
+    alignas(16) static constinit std::byte stack[64 << 10] = {};
+    const auto tell_of = [](void *given) { tell(*static_cast<const Access *>(given), goes_on()); };
+    platform::call_on(stack, tell_of, const_cast<Access *>(&access));
+}
+
 // Stops the process unless it is to go on: then each block is told of once.
 void report(const Access &access) {
-    const bool goes_on = (page_choice.flags.load(std::memory_order_relaxed) & K42MCX_PAGES_GO_ON) != 0;
-    if (!access.block.is_told.exchange(true) || !goes_on)
-        tell(access, goes_on);
-    if (!goes_on)
+    if (!access.block.is_told.exchange(true) || !goes_on())
+        tell_on_own_stack(access);
+    if (!goes_on())
         stop_here();
 }
 
