@@ -34,7 +34,7 @@ void write_defect(const StopNotice &notice) {
     const InsideChecker inside;
     const Printing printing;
     const int file = json_file.descriptor();
-    stopped_by_defect = !notice.goes_on;
+    stopped_by_defect = !notice.goes_on && !platform::borrows_memory();
     if (file < 0)
         return;
     StackTrace here;

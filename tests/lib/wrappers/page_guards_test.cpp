@@ -301,6 +301,24 @@ TEST(PageGuards, GoOnIfTheyAreTo) {
         "k42mc detected WO: alloc(STD) usrPtr(P) usrSize(64) access(P+64) trace buffer: P P P P P\r\n");
 }
 
+// Beyond the slots that are ready, and ahead of all of them.
+TEST(PageGuards, GoOnFarFromAllBlocks) {
+    const Ended end = ended_with_pages(K42MCX_PAGES_GO_ON | K42MCX_PAGES_START, [] {
+        char *first = allocate(64), *last = first;
+        write_at(first - 1);
+        for (int i = 0; i < 100; ++i) {
+            last = allocate(64);
+            write_at(last + 2 * page);
+        }
+        for (int i = 0; i < 100; ++i) {
+            char *block = static_cast<char *>(k42MC_calloc(site, 7, 1, 64));
+            EXPECT_EQ(std::string(block, 64), std::string(64, '\0'));
+        }
+        std::_Exit(testing::Test::HasFailure());
+    });
+    EXPECT_TRUE(end.exited(0)) << end.status << end.err;
+}
+
 // The order in which pages are used again, and that what they held is gone, with so few that it shows.
 TEST(PageGuards, UsePagesAgainInTheOrderOfRelease) {
     const Ended end = ended_with_pages(0, [] {
@@ -420,7 +438,7 @@ TEST(PageGuards, RefuseOtherFlags) {
     EXPECT_EQ(k42mcx_page_guards(1, ~0u), EINVAL);
 }
 
-// Linux before 6.13 knows no guards in page tables.
+// Linux before 6.13 knows no guards in page tables; a process may deny itself the call later, too.
 void deny_cheap_bars() {
     constexpr unsigned install_guards = 102, third_argument = offsetof(seccomp_data, args) + 16;
     sock_filter program[] = {
@@ -488,6 +506,44 @@ TEST(PageGuards, LeaveBlocksThatFindNoRoomToTheUsualGuards) {
         });
         EXPECT_TRUE(end.exited(0)) << end.out << end.err;
     }
+}
+
+// What is left of released blocks must not come back in new ones.
+void expect_zeros_in_new_blocks() {
+    for (int i = 0; i < 1000; ++i) {
+        char *block = static_cast<char *>(k42MC_calloc(site, 7, 1, 64));
+        EXPECT_EQ(std::string(block, 64), std::string(64, '\0'));
+        memset(block, 'x', 64);
+        release(block);
+    }
+}
+
+TEST(PageGuards, WorkInLockedMemory) {
+    const Ended end = ended_with_pages(K42MCX_PAGES_EXACT, [] {
+        char *block = allocate(64);
+        memset(block, 'x', 64);
+        if (mlockall(MCL_CURRENT | MCL_FUTURE) != 0)
+            std::_Exit(77);
+        EXPECT_TRUE(has_pages(allocate(33), 33));
+        release(block);
+        expect_zeros_in_new_blocks();
+        EXPECT_TRUE(has_pages(allocate(33), 33) && has_pages(allocate(33), 33));
+        if (testing::Test::HasFailure())
+            std::_Exit(1);
+        read_at(block);
+    });
+    if (end.exited(77))
+        GTEST_SKIP() << "this user may not lock memory";
+    expect_access(end, "RF", 64, 0, "read at the start of a released block of 64 bytes");
+}
+
+TEST(PageGuards, SurviveThatPagesCannotBeBarredAnyMore) {
+    const Ended end = ended_with_pages(0, [] {
+        deny_cheap_bars();
+        expect_zeros_in_new_blocks();
+        std::_Exit(testing::Test::HasFailure());
+    });
+    EXPECT_TRUE(end.exited(0)) << end.out << end.err;
 }
 
 // ---- Handlers of the process's own ----
