@@ -57,14 +57,17 @@ void release_addresses(uintptr_t begin, size_t size) {
     munmap(pages_at(begin), size);
 }
 
-// Without huge pages then: a page that is open must not bring the memory of its neighbours.
+// Without huge pages then: a page that is open must not bring the memory of its neighbours. And out of core files, until
+// there is something in it: such a mapping would be there in its full size.
 bool has_cheap_bars(uintptr_t begin, size_t size) {
     const ErrnoKept errno_kept;
     cheap_bars = madvise(pages_at(begin), page_size(), install_guards) == 0;
     range_begin = begin;
     range_size = size;
-    if (cheap_bars)
+    if (cheap_bars) {
         madvise(pages_at(begin), size, MADV_NOHUGEPAGE);
+        madvise(pages_at(begin), size, MADV_DONTDUMP);
+    }
     return cheap_bars;
 }
 
@@ -99,7 +102,8 @@ size_t most_mappings() {
 bool prepare_pages(uintptr_t begin, size_t size) {
     const ErrnoKept errno_kept;
     return !cheap_bars ||
-           (install(begin, size) && mprotect(pages_at(begin), size, PROT_READ | PROT_WRITE) == 0);
+           (install(begin, size) && mprotect(pages_at(begin), size, PROT_READ | PROT_WRITE) == 0 &&
+            madvise(pages_at(begin), size, MADV_DODUMP) == 0);
 }
 
 bool open_pages(uintptr_t begin, size_t size) {

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <cinttypes>
 #include <csetjmp>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <map>
@@ -436,6 +438,37 @@ TEST(PageGuards, AreForOneOfSoMany) {
 TEST(PageGuards, RefuseOtherFlags) {
     EXPECT_EQ(k42mcx_page_guards(1, 16), EINVAL);
     EXPECT_EQ(k42mcx_page_guards(1, ~0u), EINVAL);
+}
+
+bool has_cheap_bars() {
+    constexpr int install_guards = 102;
+    void *const mapped = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const bool has = madvise(mapped, page, install_guards) == 0;
+    munmap(mapped, page);
+    return has;
+}
+
+// A system that keeps bars in page tables would put all of the addresses into a core file.
+TEST(PageGuards, AreNotInCoreFilesButWhereBlocksAre) {
+    const Ended end = ended_with_pages(0, [] {
+        allocate(64);
+        std::ifstream maps("/proc/self/smaps");
+        std::string line, mapping;
+        int found = 0;
+        for (uintptr_t begin = 0, end = 0; std::getline(maps, line);) {
+            if (std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " ", &begin, &end) == 2)
+                mapping = line;
+            if (line.starts_with("VmFlags:") && contains(mapping, " ---p ") && end - begin > 64u << 20) {
+                EXPECT_CONTAINS(line, " dd");
+                ++found;
+            }
+        }
+        EXPECT_GE(found, 1);
+        std::_Exit(testing::Test::HasFailure());
+    });
+    if (!has_cheap_bars())
+        GTEST_SKIP() << "this system does not";
+    EXPECT_TRUE(end.exited(0)) << end.out << end.err;
 }
 
 // Linux before 6.13 knows no guards in page tables; a process may deny itself the call later, too.
