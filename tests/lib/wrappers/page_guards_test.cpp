@@ -572,6 +572,7 @@ TEST(PageGuards, WorkInLockedMemory) {
 
 TEST(PageGuards, SurviveThatPagesCannotBeBarredAnyMore) {
     const Ended end = ended_with_pages(0, [] {
+        release(allocate(64)); // there are slots that are ready
         deny_cheap_bars();
         expect_zeros_in_new_blocks();
         std::_Exit(testing::Test::HasFailure());
@@ -635,6 +636,21 @@ TEST(PageGuards, LetHandlersJumpAndEndAsTheyWouldHave) {
     });
     EXPECT_TRUE(WIFSIGNALED(end.status) && WTERMSIG(end.status) == SIGSEGV) << end.status << end.err;
     EXPECT_EQ(end.out + end.err, "");
+}
+
+TEST(PageGuards, LetTracesLeadOutOfHandlers) {
+    const Ended end = ended([] {
+        signal(SIGSEGV, [](int) {
+            char *block = allocate(100);
+            release(block), release(block);
+        });
+        expect_zero(k42mcx_page_guards(1, 0));
+        reads_here(map_barred());
+    });
+    EXPECT_STARTS(end.out, "k42mc detected DF: ");
+    EXPECT_TRUE(std::regex_search(end.err, std::regex("Backtrace of the release:\n(?:.*\n)*?"
+                                                      ".*reads_here.*\n(?:.*\n)*?------\n")))
+        << end.err;
 }
 
 TEST(PageGuards, LeaveTheDefaultAsItIs) {
