@@ -12,6 +12,14 @@ namespace k42mc::internal::platform {
 uintptr_t reserve_addresses(size_t size);
 void release_addresses(uintptr_t begin, size_t size);
 
+// How many addresses a process may have.
+size_t most_addresses();
+
+// Zeros that can be read, in whole pages; null where there are none. What is opened of them can be written to, and is
+// counted as memory from then on only.
+void *reserve_zeros(size_t size);
+bool open_zeros(void *begin, size_t size);
+
 // Whether the system keeps bars beside its list of mappings, so that they may be as many as there are pages. Found out
 // once, by reserved addresses.
 bool has_cheap_bars(uintptr_t begin, size_t size);

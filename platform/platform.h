@@ -22,10 +22,8 @@ namespace k42mc::internal::platform {
 // Returns the number stored, at most `most`. Allocates nothing, keeps errno.
 int backtrace_skip(void **frames, int most);
 
-// Where the thread was that a signal handler has interrupted, by the handler's third argument.
-void *interrupted_at(const void *context);
-
-// The stack trace from there. Readers look for the call ahead of an address: so the first is the one behind the place.
+// That of the thread that a signal handler has interrupted, by the handler's third argument. Readers look for the call
+// ahead of an address: so the first is the one behind the place.
 int backtrace_of_interrupted(const void *context, void **frames, int most);
 
 // Writes one line a frame to a descriptor: "module(function+0xoffset) [0xaddress]", static functions

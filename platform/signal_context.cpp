@@ -88,8 +88,4 @@ bool was_write(const void *context) {
     return (static_cast<const ucontext_t *>(context)->uc_mcontext.gregs[REG_ERR] & written) != 0;
 }
 
-void *interrupted_at(const void *context) {
-    return reinterpret_cast<void *>(static_cast<const ucontext_t *>(context)->uc_mcontext.gregs[place]);
-}
-
 } // namespace k42mc::internal::platform

@@ -1,5 +1,6 @@
 #include "tools/preload/endings.h"
 
+#include "platform/other_stack.h"
 #include "platform/platform.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/exported.h"
@@ -62,6 +63,20 @@ void wait_for_end() {
         platform::sleep_briefly();
 }
 
+void report_on_own_stack(const Ending &ending) {
+    alignas(16) static constinit std::byte stack[64 << 10] = {};
+    const auto report_of = [](void *given) { write_last_report(*static_cast<const Ending *>(given)); };
+    platform::call_on(stack, report_of, const_cast<Ending *>(&ending));
+}
+
+// At a fault the thread may be in a handler that has little stack. A search needs to see the one that it is on.
+void report(const Ending &ending) {
+    if (ending.is_fault)
+        report_on_own_stack(ending);
+    else
+        write_last_report(ending);
+}
+
 void end_by(int number, siginfo_t *info, const void *context) {
     const bool inside_checker = checker_depth != 0;
     const InsideChecker inside;
@@ -77,8 +92,7 @@ void end_by(int number, siginfo_t *info, const void *context) {
         return;
     }
     platform::freeze_utc_offset(); // libc's lock for it may be held
-    write_last_report({number, info, context != nullptr ? platform::interrupted_at(context) : nullptr,
-                       is_fault(number), inside_checker});
+    report({number, info, context, is_fault(number), inside_checker});
     die_of(number, info);
 }
 

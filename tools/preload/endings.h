@@ -6,9 +6,9 @@
 struct Ending {
     int signal_number;
     const siginfo_t *info; // null where it is not known any more
-    void *place;           // where the thread was, or null
-    bool is_fault;         // or somebody's request
-    bool inside_checker;   // which may hold what a report needs
+    const void *context; // of the thread that it has interrupted; null where that is not known any more
+    bool is_fault;       // or somebody's request
+    bool inside_checker; // which may hold what a report needs
 };
 
 // Writes the last of the report, without entering the allocator, and waiting for nothing that this thread may

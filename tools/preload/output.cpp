@@ -34,7 +34,7 @@ void write_defect(const StopNotice &notice) {
     const InsideChecker inside;
     const Printing printing;
     const int file = json_file.descriptor();
-    stopped_by_defect = !notice.goes_on;
+    stopped_by_defect = !notice.goes_on && !platform::borrows_memory();
     if (file < 0)
         return;
     StackTrace here;
@@ -64,18 +64,13 @@ bool is_fault_at_address(const Ending &ending) {
            (ending.signal_number == SIGSEGV || ending.signal_number == SIGBUS);
 }
 
-// Without the frames of a signal's handler and of what called it. Readers look for the call ahead of an
-// address; here it is the instruction itself.
-void put_trace_from(JsonOutput &out, void *place) {
-    StackTrace here;
-    here.capture(StackTrace::deepest);
-    std::span<void *> trace(here.frames, static_cast<size_t>(here.count));
-    const auto at = std::ranges::find(trace, place);
-    if (at != trace.end()) {
-        *at = static_cast<char *>(place) + 1;
-        trace = trace.subspan(static_cast<size_t>(at - trace.begin()));
-    }
-    out.chain("chain", trace);
+void put_trace_to(JsonOutput &out, const void *context) {
+    StackTrace trace;
+    if (context != nullptr)
+        trace.count = platform::backtrace_of_interrupted(context, trace.frames, StackTrace::deepest);
+    else
+        trace.capture(StackTrace::deepest);
+    out.chain("chain", trace.innermost(StackTrace::deepest));
 }
 
 void put_kind(JsonOutput &out, const char *kind) {
@@ -251,7 +246,7 @@ void write_ending(const Ending &ending) {
     out->print(",\"name\":\"SIG%s\",", sigabbrev_np(ending.signal_number));
     if (is_fault_at_address(ending))
         out->print("\"address\":\"%p\",", ending.info->si_addr);
-    put_trace_from(out, ending.place);
+    put_trace_to(out, ending.context);
     out->print("}\n");
     out->flush();
 }

@@ -109,9 +109,21 @@ void tell_of_blocks_without_pages() {
     write_note(text);
 }
 
+void tell_of_blocks_left_open() {
+    const size_t count = k42mc::internal::blocks_left_open();
+    if (count == 0)
+        return;
+    char text[150];
+    snprintf(text, sizeof text,
+             "%zu released block%s whose pages the system would not bar: nobody sees who uses %s", count,
+             count == 1 ? "" : "s", count == 1 ? "it" : "them");
+    write_note(text);
+}
+
 void write_last_report(const Caller *searcher) {
     const MatterOfCourse said_by_reports;
     tell_of_blocks_without_pages();
+    tell_of_blocks_left_open();
     sum_up_failures();
     if (verifies)
         k42mcx_verify();

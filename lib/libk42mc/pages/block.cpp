@@ -76,6 +76,7 @@ PageBlock *make_page_block(Site site, uint32_t arena, size_t size, size_t alignm
     place(slot, size, alignment);
     if (!platform::open_pages(block->open_begin, block->open_end - block->open_begin)) {
         give_back(slot);
+        count_block_without_pages();
         return nullptr;
     }
     block->site = site;

@@ -32,7 +32,7 @@ constinit std::span<std::byte> block_memory = {};
 constinit size_t open_bytes = 0, most_open_bytes = 0;
 constinit size_t open_count = 0, most_open_count = 0;
 
-constinit std::atomic<size_t> refused = 0;
+constinit std::atomic<size_t> refused = 0, left_open = 0;
 
 constinit pthread_mutex_t gMCPagesLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
 constinit thread_local bool thread_is_at_pool = false; // it has the lock, or is about to
@@ -112,7 +112,7 @@ static_assert(overhead_of(addresses_for(size_t{1} << 28)) <= size_t{1} << 27);
 
 bool map_blocks(size_t range) {
     const size_t size = (block_bytes(range) + page - 1) & -page;
-    auto *const memory = static_cast<std::byte *>(platform::map_memory(size));
+    auto *const memory = static_cast<std::byte *>(platform::reserve_zeros(size));
     if (memory != nullptr)
         block_memory = {memory, size};
     return memory != nullptr;
@@ -171,7 +171,9 @@ bool make_ready(size_t index) {
     const size_t bytes = slot_bytes(index);
     const auto more = static_cast<uint32_t>(
         std::min(std::max(usual / bytes, size_t{1}), size_t{size_class.room - size_class.ready}));
-    if (more == 0 || !platform::prepare_pages(size_class.begin + size_class.ready * bytes, more * bytes))
+    if (more == 0 ||
+        !platform::open_zeros(size_class.blocks + size_class.ready, more * sizeof(PageBlock)) ||
+        !platform::prepare_pages(size_class.begin + size_class.ready * bytes, more * bytes))
         return false;
     size_class.ready += more;
     return true;
@@ -215,12 +217,16 @@ PageSlot find_slot(size_t pages) {
     return {};
 }
 
-void bar(const PageSlot &slot) {
+bool bar(const PageSlot &slot) {
     PageBlock &block = *slot.block;
-    if (block.has_open_bars.exchange(false))
-        platform::bar_pages(slot.begin, slot.end + page - slot.begin);
-    else
-        platform::bar_pages(block.open_begin, block.open_end - block.open_begin);
+    return block.has_open_bars.exchange(false)
+               ? platform::bar_pages(slot.begin, slot.end + page - slot.begin)
+               : platform::bar_pages(block.open_begin, block.open_end - block.open_begin);
+}
+
+// The process may have limited its addresses.
+size_t addresses_to_take(size_t memory) {
+    return std::min(addresses_for(memory), platform::most_addresses() / 8 & -page);
 }
 
 } // namespace
@@ -230,7 +236,7 @@ bool reserve_pages(size_t memory) {
     const PoolLock lock;
     if (!lock)
         return false;
-    for (size_t range = addresses_for(memory); page_range.size == 0 && range >= least; range /= 2)
+    for (size_t range = addresses_to_take(memory); page_range.size == 0 && range >= least; range /= 2)
         if (reserve(range))
             most_open_bytes = memory / 2;
     return page_range.size != 0;
@@ -238,14 +244,20 @@ bool reserve_pages(size_t memory) {
 
 PageSlot take_slot(size_t pages) {
     const PageSlot slot = find_slot(pages);
-    if (slot.block == nullptr)
-        ++refused;
-    return slot;
+    const bool is_barred =
+        slot.block != nullptr && (!slot.block->has_open_bars || bar(slot)); // from before its first use
+    if (!is_barred)
+        count_block_without_pages();
+    return is_barred ? slot : PageSlot{};
 }
 
-// A handler that goes without the lock leaves the slot barred for good.
+// A slot whose pages stay open still has what was in them, and is not used again. A handler that goes without the lock
+// leaves the slot barred for good.
 void give_back(const PageSlot &slot) {
-    bar(slot);
+    if (!bar(slot)) {
+        ++left_open;
+        return;
+    }
     const PoolLock lock;
     if (!lock)
         return;
@@ -300,13 +312,23 @@ size_t blocks_without_pages() {
     return refused;
 }
 
-// The last page of a class's slots may be one that is not ready.
+void count_block_without_pages() {
+    ++refused;
+}
+
+size_t blocks_left_open() {
+    return left_open;
+}
+
+// Of a slot that may not be ready, or of none.
 bool open_bar(uintptr_t address) {
-    const PageSlot slot = slot_at(address);
-    if (slot.block == nullptr)
-        return false;
-    slot.block->has_open_bars = true;
-    return platform::open_pages(address & -page, page);
+    PageBlock *const block = slot_at(address).block;
+    if (block != nullptr) {
+        if (!platform::open_zeros(block, sizeof *block))
+            return false;
+        block->has_open_bars = true;
+    }
+    return platform::prepare_pages(address & -page, page) && platform::open_pages(address & -page, page);
 }
 
 std::span<const std::byte> memory_of_page_blocks() {

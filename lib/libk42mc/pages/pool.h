@@ -80,6 +80,10 @@ PageBlock *block_near(uintptr_t address);
 
 // Blocks that were guarded as others are, since no pages were to be had.
 size_t blocks_without_pages();
+void count_block_without_pages();
+
+// Released blocks whose pages the system did not bar.
+size_t blocks_left_open();
 
 // Opens one page. False where the system does not.
 bool open_bar(uintptr_t address);

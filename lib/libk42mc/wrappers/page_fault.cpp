@@ -5,6 +5,7 @@
 #include "memcheck/sink.h"
 #include "pages/choice.h"
 #include "pages/pool.h"
+#include "platform/other_stack.h"
 #include "platform/signal_context.h"
 #include "platform/threads.h"
 #include "wrappers/notice.h"
@@ -20,7 +21,7 @@ namespace {
 struct Access {
     uintptr_t address;
     bool is_write;
-    const PageBlock &block;
+    PageBlock &block;
     uint32_t thread;
     std::span<void *const> trace;
 };
@@ -29,29 +30,39 @@ uint32_t own_number() {
     return static_cast<uint32_t>(platform::own_thread());
 }
 
-// One at a time, by the number of its thread; others wait for the end, or until it goes on.
-constinit std::atomic<uint32_t> teller = 0;
+// One at a time, by its thread; others wait for the end, or until it goes on.
+constinit std::atomic<uint64_t> teller = 0;
+
+// What a forked child has inherited is of no thread of its own. A child of vfork waits for its parent's threads.
+bool is_gone(uint64_t thread) {
+    return platform::has_ended(thread) ||
+           (!platform::is_of_this_process(thread) && !platform::borrows_memory());
+}
 
 class Turn {
 public:
     Turn() {
-        const uint32_t self = own_number();
-        uint32_t holder = 0;
+        const uint64_t self = platform::own_thread();
+        uint64_t holder = 0;
         while (!teller.compare_exchange_weak(holder, self, std::memory_order_acquire)) {
             if (holder == self)
                 return;
-            if (holder != 0)
-                platform::sleep_briefly();
+            if (holder == 0 || is_gone(holder))
+                continue;
+            platform::sleep_briefly();
             holder = 0;
         }
         is_ours_ = true;
     }
-    ~Turn() {
-        if (is_ours_)
-            teller.store(0, std::memory_order_release);
-    }
+    ~Turn() { end(); }
     Turn(const Turn &) = delete;
     Turn &operator=(const Turn &) = delete;
+
+    void end() {
+        if (is_ours_)
+            teller.store(0, std::memory_order_release);
+        is_ours_ = false;
+    }
 
     // False for a fault in the midst of telling of another.
     explicit operator bool() const { return is_ours_; }
@@ -120,25 +131,90 @@ void tell(const Access &access, bool goes_on) {
     explain(access, goes_on);
 }
 
+bool goes_on() {
+    return (page_choice.flags.load(std::memory_order_relaxed) & K42MCX_PAGES_GO_ON) != 0;
+}
+
+// A handler's stack may be too small for it. That of whose turn it is is nobody else's.
+void tell_on_own_stack(const Access &access) {
+    alignas(16) static constinit std::byte stack[64 << 10] = {};
+    const auto tell_of = [](void *given) { tell(*static_cast<const Access *>(given), goes_on()); };
+    platform::call_on(stack, tell_of, const_cast<Access *>(&access));
+}
+
+// Nobody else gets a turn, but where the memory goes on without this process.
+[[noreturn]] void stop(Turn &turn) {
+    if (platform::borrows_memory())
+        turn.end();
+    stop_here();
+}
+
+// Stops the process unless it is to go on: then each block is told of once.
+void report(const Access &access, Turn &turn) {
+    if (!access.block.is_told.exchange(true) || !goes_on())
+        tell_on_own_stack(access);
+    if (!goes_on())
+        stop(turn);
+}
+
+// 0 where each byte can be touched, or the buffer begins elsewhere.
+uintptr_t first_barred(uintptr_t begin, size_t size) {
+    for (uintptr_t at = begin; in_page_range(at) && at - begin < size;
+         at = (at & -smallest_page) + smallest_page)
+        if (!platform::readable(reinterpret_cast<void *>(at), 1)) // NOLINT(performance-no-int-to-ptr)
+            return at;
+    return 0;
+}
+
+// A handler might not come back.
+class SignalsHeld {
+public:
+    SignalsHeld() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &former_);
+    }
+    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+    SignalsHeld(const SignalsHeld &) = delete;
+    SignalsHeld &operator=(const SignalsHeld &) = delete;
+
+private:
+    sigset_t former_;
+};
+
 } // namespace
 
 bool tell_page_fault(const siginfo_t &info, const void *context) {
     const auto address = reinterpret_cast<uintptr_t>(info.si_addr);
     PageBlock *const block = in_page_range(address) ? block_near(address) : nullptr;
-    const Turn turn;
-    if (block == nullptr || !turn)
+    if (block == nullptr)
         return false;
-    const bool goes_on = (page_choice.flags.load(std::memory_order_relaxed) & K42MCX_PAGES_GO_ON) != 0;
-    if (!block->is_told.exchange(true) || !goes_on) {
-        void *frames[StackTrace::deepest];
-        const int count = platform::backtrace_of_interrupted(context, frames, StackTrace::deepest);
-        tell({address, platform::was_write(context), *block, own_number(),
-              std::span(frames, static_cast<size_t>(count))},
-             goes_on);
-    }
-    if (goes_on && open_bar(address))
+    Turn turn;
+    if (!turn)
+        return false;
+    void *frames[StackTrace::deepest];
+    const int count = platform::backtrace_of_interrupted(context, frames, StackTrace::deepest);
+    report({address, platform::was_write(context), *block, own_number(),
+            std::span(frames, static_cast<size_t>(count))},
+           turn);
+    if (open_bar(address))
         return true;
-    stop_here();
+    stop(turn);
+}
+
+void tell_refused_buffer(const void *buffer, size_t size, bool is_write) {
+    const ErrnoKeeper keep_errno;
+    const uintptr_t address = first_barred(reinterpret_cast<uintptr_t>(buffer), size);
+    PageBlock *const block = address != 0 ? block_near(address) : nullptr;
+    if (block == nullptr)
+        return;
+    const SignalsHeld signals_held;
+    Turn turn;
+    if (!turn)
+        return;
+    StackTrace trace;
+    trace.capture(StackTrace::deepest);
+    report({address, is_write, *block, own_number(), trace.innermost(StackTrace::deepest)}, turn);
 }
 
 } // namespace k42mc::internal

@@ -117,6 +117,27 @@ int main() {
     handles_by(sysv_signal, false, "sysv_signal");
     expect(said_by(uses_released, SIGABRT).starts_with("k42mc detected WF: alloc(STD) usrPtr(0x"),
            "a use after release is told beside the default");
+    const auto hands_over = [] {
+        char *volatile block = static_cast<char *>(malloc(100));
+        free(block);
+        static_cast<void>(!write(STDOUT_FILENO, block, 100));
+    };
+    expect(said_by(hands_over, SIGABRT).starts_with("k42mc detected RF: alloc(STD) usrPtr(0x"),
+           "a released buffer that the system refuses is told");
+    const auto lets_child_use_released = [] {
+        volatile char *volatile block = static_cast<char *>(malloc(100));
+        free(const_cast<char *>(block));
+        if (const pid_t child = vfork(); child == 0) {
+            block[8] = 'x';
+            _exit(0);
+        } else {
+            waitpid(child, nullptr, 0);
+        }
+        block[9] = 'x';
+    };
+    expect(
+        said_by(lets_child_use_released, SIGABRT).starts_with("k42mc detected WF: alloc(STD) usrPtr(0x"),
+        "a process goes on after a child that had its memory");
     const auto faults = [] { *barred() = 'x'; };
     expect(said_by(faults, SIGSEGV).empty(), "another fault is the program's");
     const auto overflow = [] { overflows("x"); };

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <cinttypes>
 #include <csetjmp>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <map>
@@ -301,6 +303,24 @@ TEST(PageGuards, GoOnIfTheyAreTo) {
         "k42mc detected WO: alloc(STD) usrPtr(P) usrSize(64) access(P+64) trace buffer: P P P P P\r\n");
 }
 
+// Beyond the slots that are ready, and ahead of all of them.
+TEST(PageGuards, GoOnFarFromAllBlocks) {
+    const Ended end = ended_with_pages(K42MCX_PAGES_GO_ON | K42MCX_PAGES_START, [] {
+        char *first = allocate(64), *last = first;
+        write_at(first - 1);
+        for (int i = 0; i < 100; ++i) {
+            last = allocate(64);
+            write_at(last + 2 * page);
+        }
+        for (int i = 0; i < 100; ++i) {
+            char *block = static_cast<char *>(k42MC_calloc(site, 7, 1, 64));
+            EXPECT_EQ(std::string(block, 64), std::string(64, '\0'));
+        }
+        std::_Exit(testing::Test::HasFailure());
+    });
+    EXPECT_TRUE(end.exited(0)) << end.status << end.err;
+}
+
 // The order in which pages are used again, and that what they held is gone, with so few that it shows.
 TEST(PageGuards, UsePagesAgainInTheOrderOfRelease) {
     const Ended end = ended_with_pages(0, [] {
@@ -420,7 +440,38 @@ TEST(PageGuards, RefuseOtherFlags) {
     EXPECT_EQ(k42mcx_page_guards(1, ~0u), EINVAL);
 }
 
-// Linux before 6.13 knows no guards in page tables.
+bool has_cheap_bars() {
+    constexpr int install_guards = 102;
+    void *const mapped = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const bool has = madvise(mapped, page, install_guards) == 0;
+    munmap(mapped, page);
+    return has;
+}
+
+// A system that keeps bars in page tables would put all of the addresses into a core file.
+TEST(PageGuards, AreNotInCoreFilesButWhereBlocksAre) {
+    const Ended end = ended_with_pages(0, [] {
+        allocate(64);
+        std::ifstream maps("/proc/self/smaps");
+        std::string line, mapping;
+        int found = 0;
+        for (uintptr_t begin = 0, end = 0; std::getline(maps, line);) {
+            if (std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " ", &begin, &end) == 2)
+                mapping = line;
+            if (line.starts_with("VmFlags:") && contains(mapping, " ---p ") && end - begin > 64u << 20) {
+                EXPECT_CONTAINS(line, " dd");
+                ++found;
+            }
+        }
+        EXPECT_GE(found, 1);
+        std::_Exit(testing::Test::HasFailure());
+    });
+    if (!has_cheap_bars())
+        GTEST_SKIP() << "this system does not";
+    EXPECT_TRUE(end.exited(0)) << end.out << end.err;
+}
+
+// Linux before 6.13 knows no guards in page tables; a process may deny itself the call later, too.
 void deny_cheap_bars() {
     constexpr unsigned install_guards = 102, third_argument = offsetof(seccomp_data, args) + 16;
     sock_filter program[] = {
@@ -490,6 +541,45 @@ TEST(PageGuards, LeaveBlocksThatFindNoRoomToTheUsualGuards) {
     }
 }
 
+// What is left of released blocks must not come back in new ones.
+void expect_zeros_in_new_blocks() {
+    for (int i = 0; i < 1000; ++i) {
+        char *block = static_cast<char *>(k42MC_calloc(site, 7, 1, 64));
+        EXPECT_EQ(std::string(block, 64), std::string(64, '\0'));
+        memset(block, 'x', 64);
+        release(block);
+    }
+}
+
+TEST(PageGuards, WorkInLockedMemory) {
+    const Ended end = ended_with_pages(K42MCX_PAGES_EXACT, [] {
+        char *block = allocate(64);
+        memset(block, 'x', 64);
+        if (mlockall(MCL_CURRENT | MCL_FUTURE) != 0)
+            std::_Exit(77);
+        EXPECT_TRUE(has_pages(allocate(33), 33));
+        release(block);
+        expect_zeros_in_new_blocks();
+        EXPECT_TRUE(has_pages(allocate(33), 33) && has_pages(allocate(33), 33));
+        if (testing::Test::HasFailure())
+            std::_Exit(1);
+        read_at(block);
+    });
+    if (end.exited(77))
+        GTEST_SKIP() << "this user may not lock memory";
+    expect_access(end, "RF", 64, 0, "read at the start of a released block of 64 bytes");
+}
+
+TEST(PageGuards, SurviveThatPagesCannotBeBarredAnyMore) {
+    const Ended end = ended_with_pages(0, [] {
+        release(allocate(64)); // there are slots that are ready
+        deny_cheap_bars();
+        expect_zeros_in_new_blocks();
+        std::_Exit(testing::Test::HasFailure());
+    });
+    EXPECT_TRUE(end.exited(0)) << end.out << end.err;
+}
+
 // ---- Handlers of the process's own ----
 
 sigjmp_buf back;
@@ -546,6 +636,21 @@ TEST(PageGuards, LetHandlersJumpAndEndAsTheyWouldHave) {
     });
     EXPECT_TRUE(WIFSIGNALED(end.status) && WTERMSIG(end.status) == SIGSEGV) << end.status << end.err;
     EXPECT_EQ(end.out + end.err, "");
+}
+
+TEST(PageGuards, LetTracesLeadOutOfHandlers) {
+    const Ended end = ended([] {
+        signal(SIGSEGV, [](int) {
+            char *block = allocate(100);
+            release(block), release(block);
+        });
+        expect_zero(k42mcx_page_guards(1, 0));
+        reads_here(map_barred());
+    });
+    EXPECT_STARTS(end.out, "k42mc detected DF: ");
+    EXPECT_TRUE(std::regex_search(end.err, std::regex("Backtrace of the release:\n(?:.*\n)*?"
+                                                      ".*reads_here.*\n(?:.*\n)*?------\n")))
+        << end.err;
 }
 
 TEST(PageGuards, LeaveTheDefaultAsItIs) {
