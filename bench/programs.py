@@ -24,7 +24,7 @@ class Program:
         self.environment = environment or {}
         self.drive = drive
         self.bits = bits
-        self.tools = ("k42mc run", *beside)
+        self.tools = ("k42mc run", "k42mc run --page-guards", *beside)
 
     def run(self, wrapper):
         """Seconds, megabytes of the largest process, and the output"""
@@ -216,6 +216,9 @@ def left_by_valgrind(folder):
 # Tool: the command in front, the widths, and how to read what it says is left.
 TOOLS = {
     "k42mc run": (lambda to: [str(COMMAND), "run", "--output", str(to), "--"], (64, 32), left_by_own),
+    "k42mc run --page-guards": (
+        lambda to: [str(COMMAND), "run", "--page-guards", "--output", str(to), "--"], (64, 32), None
+    ),
     "valgrind": (
         lambda to: ["valgrind", "--leak-check=full", "--trace-children=yes", "--run-libc-freeres=no", f"--log-file={to}/%p.log"],
         (64,),

@@ -28,6 +28,9 @@ LIBC_DEBUG = {64: "/lib/x86_64-linux-gnu/libc_malloc_debug.so.0", 32: "/lib32/li
 CONTESTANTS = {
     "malloc": ("plain", "", {}, (64, 32)),
     "guarded, checker off": ("checked", "off", {}, (64, 32)),
+    "guarded, with a quarantine": ("checked", "quarantine", {}, (64, 32)),
+    "guarded, pages for one in 5,000": ("checked", "sampled", {}, (64, 32)),
+    "guarded, pages for all": ("checked", "pages", {}, (64, 32)),
     "recorded, no traces": ("checked", "untraced", {}, (64, 32)),
     "recorded, 16 frames": ("checked", "on", {}, (64, 32)),
     "AddressSanitizer": ("address_sanitizer", "", {"ASAN_OPTIONS": "detect_leaks=0"}, (64, 32)),
@@ -39,6 +42,8 @@ CONTESTANTS = {
 GUARDED, RECORDED = "guarded, checker off", "recorded, 16 frames"
 GOALS = (
     *((GUARDED, "AddressSanitizer", width, live, 0.3) for width in (64, 32) for live in (1_000, 100_000, 1_000_000)),
+    *(("guarded, pages for one in 5,000", GUARDED, width, 1_000, 1.02) for width in (64, 32)),
+    ("guarded, pages for all", "AddressSanitizer", 64, 1_000, None),
     (RECORDED, GUARDED, 64, 1_000, 1.8),
     (RECORDED, GUARDED, 64, 100_000, 1.4),
     (RECORDED, GUARDED, 64, 1_000_000, 1.35),

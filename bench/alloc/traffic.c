@@ -2,13 +2,14 @@
  * Allocation traffic, the same whoever checks it: threads that each replace random ones of their blocks,
  * 16 to 255 bytes large, from a depth of 14 calls on changing paths.
  *
- *   traffic <threads> <live blocks> <pairs a thread> [off|on|untraced|report [<paths>|shared]]
+ *   traffic <threads> <live blocks> <pairs a thread> [<state> [<paths>|shared]]
  *
  * Prints the nanoseconds that a free and an allocation take together, in one thread while all run: on the
  * clock, and of the processor; and the bytes of memory that a live block takes. Where it is built with the
- * checker, the fourth argument says in which state; report prints the lines a second of a report of the live
- * blocks instead, and the milliseconds of one that lists none. A number says along how many paths of 15
- * more calls the blocks come; shared, that each thread frees what any of them has allocated.
+ * checker, the fourth argument says in which state: off, with a quarantine, with pages of their own for all
+ * blocks or a sample (pages, sampled), on, untraced; report prints the lines a second of a report of the live
+ * blocks instead, and the milliseconds of one that lists none. A number says along how many paths of 15 more
+ * calls the blocks come; shared, that each thread frees what any of them has allocated.
  */
 #include <inttypes.h>
 #include <pthread.h>
@@ -19,6 +20,7 @@
 #include <unistd.h>
 
 #ifdef CHECKED
+#include <k42mc/extra.h>
 #include <k42mc/k42mc.h>
 #define allocate(size) k42MC_malloc(__FILE__, __LINE__, size)
 #define release(block) k42MC_free(__FILE__, __LINE__, block)
@@ -132,10 +134,13 @@ static double resident_bytes(void) {
 
 static void start_checker(const char *state) {
 #ifdef CHECKED
-    if (strcmp(state, "off") == 0)
-        return;
-    MCInit(K42MC_BE32(strcmp(state, "report") == 0 ? MC_TO_FILE : MC_TO_STDERR),
-           K42MC_BE32(strcmp(state, "untraced") == 0 ? MC_TYPE_BT_OFF : 0));
+    if (strcmp(state, "quarantine") == 0)
+        k42mcx_quarantine(16 << 20);
+    else if (strcmp(state, "sampled") == 0 || strcmp(state, "pages") == 0)
+        k42mcx_page_guards(strcmp(state, "sampled") == 0 ? 5000 : 1, 0);
+    else if (strcmp(state, "off") != 0)
+        MCInit(K42MC_BE32(strcmp(state, "report") == 0 ? MC_TO_FILE : MC_TO_STDERR),
+               K42MC_BE32(strcmp(state, "untraced") == 0 ? MC_TYPE_BT_OFF : 0));
 #else
     (void)state;
 #endif

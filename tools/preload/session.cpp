@@ -253,7 +253,8 @@ void leave_started_programs_alone() {
     recording = true;
     limit = static_cast<uint32_t>(number_in("K42MC_RUN_LIMIT", 1));
     heed_program(number_in("K42MC_RUN_SEARCH", 0) != 0);
-    verifies = number_in("K42MC_RUN_VERIFY", 0) != 0;
+    // What was written beside blocks in their pages is to be told, too.
+    verifies = number_in("K42MC_RUN_VERIFY", 0) != 0 || number_in("K42MC_RUN_PAGES", 0) != 0;
     first_process = getpid();
     switch_on();
     if (number_in("K42MC_RUN_FDS", 0) != 0)
