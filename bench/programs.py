@@ -14,17 +14,21 @@ FOLDER = TOP / "build/bench64/programs"
 COMMAND = TOP / "build/bench64/tools/k42mc"
 PROFILER = "/usr/lib/heaptrack/libheaptrack_preload.so"
 PORT = 18080
+OTHERS = ("valgrind", "heaptrack")
+# In some programs, pages for each block take minutes.
+PAGES = "k42mc run --page-guards"
+WITH_PAGES = (PAGES, *OTHERS)
 
 
 class Program:
     """A command with something to do, for a server also what to do with it."""
 
-    def __init__(self, command, environment=None, drive=None, bits=64, beside=("valgrind", "heaptrack")):
+    def __init__(self, command, environment=None, drive=None, bits=64, beside=OTHERS):
         self.command = [str(word) for word in command]
         self.environment = environment or {}
         self.drive = drive
         self.bits = bits
-        self.tools = ("k42mc run", "k42mc run --page-guards", *beside)
+        self.tools = ("k42mc run", *beside)
 
     def run(self, wrapper):
         """Seconds, megabytes of the largest process, and the output"""
@@ -98,7 +102,7 @@ server {{ listen 127.0.0.1:{PORT}; root {root}; location /list/ {{ alias {root}/
 """,
         encoding="utf-8",
     )
-    return Program([unpack("nginx", "amd64") / "usr/sbin/nginx", "-c", FOLDER / "server.conf"], drive=requests)
+    return Program([unpack("nginx", "amd64") / "usr/sbin/nginx", "-c", FOLDER / "server.conf"], drive=requests, beside=WITH_PAGES)
 
 
 def commands():
@@ -120,7 +124,7 @@ def store():
     name = FOLDER / "redis-server"
     if not name.is_symlink():
         name.symlink_to("/usr/bin/redis-check-rdb")
-    return Program([name, "--port", PORT + 1, "--save", "", "--logfile", FOLDER / "errors"], drive=commands)
+    return Program([name, "--port", PORT + 1, "--save", "", "--logfile", FOLDER / "errors"], drive=commands, beside=WITH_PAGES)
 
 
 def script(name, text):
@@ -175,15 +179,15 @@ def programs(statements):
     count = "{ for (i = 1; i < length($0); i += 2) n[substr($0, i)]++ } END { for (k in n) t += n[k] > 1; print NR, t }"
     return {
         "python3, a test of its own": Program(
-            ["/usr/bin/python3", "-m", "test.test_configparser"], {"PYTHONMALLOC": "malloc"}
+            ["/usr/bin/python3", "-m", "test.test_configparser"], {"PYTHONMALLOC": "malloc"}, beside=WITH_PAGES
         ),
-        "sqlite3, 5,500 statements": Program(["sqlite3", ":memory:", f".read {statements}"]),
+        "sqlite3, 5,500 statements": Program(["sqlite3", ":memory:", f".read {statements}"], beside=WITH_PAGES),
         "g++ -O2, one source": Program(
-            ["g++", "-O2", "-S", "-o", "/dev/stdout", TOP / "bench/trace/parser.cpp"]
+            ["g++", "-O2", "-S", "-o", "/dev/stdout", TOP / "bench/trace/parser.cpp"], beside=WITH_PAGES
         ),
         "nginx, 10,000 requests": server(text),
         "redis, 60,000 commands": store(),
-        "node, 4 workers": Program(["/usr/bin/node", script("work.js", NODE)], beside=("heaptrack",)),
+        "node, 4 workers": Program(["/usr/bin/node", script("work.js", NODE)], beside=(PAGES, "heaptrack")),
         # Its children hang under heaptrack.
         "bash, 60,000 rounds": Program(["bash", script("work.bash", BASH)], beside=("valgrind",)),
         "vim, 200,000 lines": Program(
@@ -216,7 +220,7 @@ def left_by_valgrind(folder):
 # Tool: the command in front, the widths, and how to read what it says is left.
 TOOLS = {
     "k42mc run": (lambda to: [str(COMMAND), "run", "--output", str(to), "--"], (64, 32), left_by_own),
-    "k42mc run --page-guards": (
+    PAGES: (
         lambda to: [str(COMMAND), "run", "--page-guards", "--output", str(to), "--"], (64, 32), None
     ),
     "valgrind": (
