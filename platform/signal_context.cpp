@@ -12,7 +12,7 @@ namespace k42mc::internal::platform {
 namespace {
 
 #if defined(__x86_64__)
-constexpr int place = REG_RIP, stack_pointer = REG_RSP;
+constexpr int stack_pointer = REG_RSP;
 constexpr int saved_at[] = {REG_RAX, REG_RDX, REG_RCX, REG_RBX, REG_RSI, REG_RDI,
                             REG_RBP, REG_RSP, REG_R8,  REG_R9,  REG_R10, REG_R11,
                             REG_R12, REG_R13, REG_R14, REG_R15, REG_RIP};
@@ -20,7 +20,7 @@ constexpr const char *names[] = {"rax", "rdx", "rcx", "rbx", "rsi", "rdi", "rbp"
                                  "r9",  "r10", "r11", "r12", "r13", "r14", "r15", "rip"};
 constexpr uintptr_t legacy_bytes = 0; // ahead of what both widths have
 #else
-constexpr int place = REG_EIP, stack_pointer = REG_ESP;
+constexpr int stack_pointer = REG_ESP;
 constexpr int saved_at[] = {REG_EAX, REG_ECX, REG_EDX, REG_EBX, REG_ESP,
                             REG_EBP, REG_ESI, REG_EDI, REG_EIP};
 constexpr const char *names[] = {"eax", "ecx", "edx", "ebx", "esp", "ebp", "esi", "edi", "eip"};

@@ -99,10 +99,10 @@ void DefectReader::end() {
 // A block that several verifications found counts once.
 void DefectReader::end_damage() {
     const bool released = damage_.kind == Damage::Kind::after_release;
-    damage_site_.trace = traces_[released ? release : allocation];
+    damage_site_.trace = traces_[released ? of_release : of_allocation];
     damage_.site = report_.site_number(damage_site_);
     if (released)
-        damage_.allocation = trace_of(allocation);
+        damage_.allocation = trace_of(of_allocation);
     std::vector<Damage> &damages = process_().damages;
     const auto [known, is_new] = damaged_.try_emplace(damage_.address, damages.size());
     if (is_new)
@@ -113,12 +113,12 @@ void DefectReader::end_damage() {
 
 void DefectReader::end_stop() {
     if (stop_.is_access()) {
-        stop_.trace = trace_of(access);
-        stop_.block = trace_of(allocation);
-        stop_.release = trace_of(release);
+        stop_.trace = trace_of(of_access);
+        stop_.block = trace_of(of_allocation);
+        stop_.release = trace_of(of_release);
     } else {
-        stop_.trace = trace_of(release);
-        stop_.block = trace_of(stop_.is_double_free() ? first_release : allocation);
+        stop_.trace = trace_of(of_release);
+        stop_.block = trace_of(stop_.is_double_free() ? of_first_release : of_allocation);
     }
     process_().stops.push_back(stop_);
 }

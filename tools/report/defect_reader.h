@@ -28,7 +28,7 @@ public:
 
 private:
     enum class Inside { nothing, damage, stop };
-    enum Deed { access, release, first_release, allocation, deed_count };
+    enum Deed { of_access, of_release, of_first_release, of_allocation, deed_count };
 
     bool continues(std::string_view line);
     bool take_heading(std::string_view line);

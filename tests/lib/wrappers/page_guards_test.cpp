@@ -671,6 +671,9 @@ TEST(PageGuards, LeaveTheDefaultAsItIs) {
 // ---- Where a fault may come ----
 
 TEST(PageGuards, TellOfAnAccessInASignalHandler) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the sanitizer holds all signals back in handlers";
+#endif
     const Ended end = ended_with_pages(0, [] {
         barred = allocate(64);
         release(const_cast<char *>(barred));
@@ -788,6 +791,9 @@ TEST(PageGuards, GoOnInForkedChildren) {
 }
 
 TEST(PageGuards, LetHandlersFork) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "to the sanitizer, a handler takes locks in the wrong order there";
+#endif
     const Ended end = ended_with_pages(0, [] {
         work_while_handlers_fork([] {
             for (int i = 0; i < 1000; ++i)
@@ -830,7 +836,7 @@ TEST(PageGuards, AreSharedByThreads) {
 
 // What only a block with pages leads to is not lost, and such a block can be.
 TEST(PageGuards, HideNothingFromTheSearchForLostBlocks) {
-#ifdef __SANITIZE_ADDRESS__
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
     GTEST_SKIP() << "the sanitizer's frames have stale copies of the pointer";
 #endif
     const Ended end = ended([] {
