@@ -75,15 +75,18 @@ int main() {
     char *block = static_cast<char *>(malloc(100));
     released = block;
     free(block);
-    const bool all = ends_by(SIGSEGV, "", R"("name":"SIGSEGV","address":"0x10")", crash) &
-                     ends_by(SIGABRT, "", R"("name":"SIGABRT")",
-                             [] {
-                                 handle(SIGSEGV, [](int) { abort(); });
-                                 crash();
-                             }) &
-                     ends_by(SIGABRT, "k42mc detected WF: ", R"("kind":"defect")", [] {
-                         handle(SIGUSR1, [](int) { released[8] = 'x'; });
-                         raise(SIGUSR1);
-                     });
+    bool all = ends_by(SIGSEGV, "", R"("name":"SIGSEGV","address":"0x10")", crash);
+    all = ends_by(SIGABRT, "", R"("name":"SIGABRT")",
+                  [] {
+                      handle(SIGSEGV, [](int) { abort(); });
+                      crash();
+                  }) &&
+          all;
+    all = ends_by(SIGABRT, "k42mc detected WF: ", R"("kind":"defect")",
+                  [] {
+                      handle(SIGUSR1, [](int) { released[8] = 'x'; });
+                      raise(SIGUSR1);
+                  }) &&
+          all;
     return all ? 0 : 1;
 }
