@@ -93,14 +93,15 @@ std::ostream &operator<<(std::ostream &out, const Miss &miss) {
 class Misses : public testing::TestWithParam<Miss> {};
 
 TEST_P(Misses, AreToldAtTheAccess) {
-    const auto &[flags, size, offset, code, words] = GetParam();
+    const Miss &miss = GetParam();
     for (const bool is_write : {false, true}) {
-        const Ended end = ended_with_pages(flags, [&] {
-            char *block = allocate(size);
-            is_write ? write_at(block + offset) : static_cast<void>(read_at(block + offset));
+        const Ended end = ended_with_pages(miss.flags, [&] {
+            char *at = allocate(miss.size) + miss.offset;
+            is_write ? write_at(at) : static_cast<void>(read_at(at));
         });
         const std::string kind = is_write ? "write " : "read ";
-        expect_access(end, (is_write ? "W" : "R") + std::string(code), size, offset, kind + words);
+        expect_access(end, (is_write ? "W" : "R") + std::string(miss.code), miss.size, miss.offset,
+                      kind + miss.words);
     }
 }
 
@@ -268,17 +269,17 @@ TEST(PageGuards, TellReleasesThatAreNone) {
         {"DF: alloc(STD) free(STD)", "a second release of a block of 100 bytes",
          [](char *block) { release(block), static_cast<void>(!k42MC_realloc(site, 8, block, 8)); }},
     };
-    for (const auto &[line, words, action] : cases)
+    for (const auto &one : cases)
         for (const bool on : {false, true}) {
             const Ended end = ended_with_pages(0, [&] {
                 if (on)
                     checker_on();
-                action(allocate(100));
+                one.action(allocate(100));
             });
             EXPECT_TRUE(end.aborted());
-            EXPECT_STARTS(end.out, std::string("k42mc detected ") + line);
+            EXPECT_STARTS(end.out, std::string("k42mc detected ") + one.line);
             EXPECT_CONTAINS(end.out, " usrSize(100) ");
-            EXPECT_CONTAINS(end.err, std::string("k42mc: ") + words);
+            EXPECT_CONTAINS(end.err, std::string("k42mc: ") + one.words);
         }
 }
 
