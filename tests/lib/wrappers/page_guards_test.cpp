@@ -174,9 +174,9 @@ TEST(PageGuards, NameTheThreadsAndTheirTraces) {
                                      "Backtrace of the access by thread ([0-9]+):\n"
                                      ".*read_at.*\n.*reads_here.*\n(?:.*\n)*?------\n"
                                      "Backtrace of the allocation by thread ([0-9]+):\n"
-                                     ".*allocate.*\n.*allocates_here.*\n(?:.*\n)*?------\n"
+                                     "(?:.*allocate.*\n)?.*allocates_here.*\n(?:.*\n)*?------\n"
                                      "Backtrace of the release by thread ([0-9]+):\n"
-                                     ".*release.*\n.*releases_here.*\n(?:.*\n)*?------\n")))
+                                     "(?:.*release.*\n)?.*releases_here.*\n(?:.*\n)*?------\n")))
         << end.err;
     EXPECT_NE(found[1], found[2]);
     EXPECT_NE(found[2], found[3]);
