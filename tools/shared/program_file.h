@@ -2,6 +2,7 @@
 // program: nothing here allocates.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <elf.h>
 #include <fcntl.h>
@@ -23,7 +24,7 @@ using Elf64Types = ElfTypes<Elf64_Ehdr, Elf64_Phdr, Elf64_Dyn>;
 // What cannot be read has nothing: it is the system's to complain about.
 template <class Types> class ElfFile {
 public:
-    explicit ElfFile(int file) : file_(file), is_read_(read(header_, 0)) {}
+    explicit ElfFile(int file) : file_(file), is_read_(read(header_, 0) && has_segments()) {}
 
     bool is_static() const {
         return is_read_ &&
@@ -54,6 +55,12 @@ private:
                static_cast<ssize_t>(sizeof object);
     }
 
+    // As the system has it, which runs no other.
+    bool has_segments() const {
+        constexpr size_t most_bytes = 1 << 16;
+        return header_.e_phentsize == sizeof(Segment) && header_.e_phnum <= most_bytes / sizeof(Segment);
+    }
+
     template <class Condition> bool find_segment(Condition condition) const {
         Segment segment{};
         for (unsigned i = 0; is_read_ && i < header_.e_phnum; ++i)
@@ -66,9 +73,11 @@ private:
         return find_segment([&](const Segment &segment) {
             if (segment.p_type != PT_DYNAMIC)
                 return false;
+            constexpr uint64_t most_bytes = 1 << 18; // or the file is not to be taken at its word
+            const uint64_t size = std::min(uint64_t{segment.p_filesz}, most_bytes);
             Entry entry{};
             for (uint64_t at = 0;
-                 at < segment.p_filesz && read(entry, segment.p_offset + at) && entry.d_tag != DT_NULL;
+                 at < size && read(entry, segment.p_offset + at) && entry.d_tag != DT_NULL;
                  at += sizeof entry)
                 if (condition(entry))
                     return true;

@@ -1,6 +1,8 @@
 // k42mc run --page-guards
 // A program that handles faults itself, in each way there is, under a checker that lives by them: it gets those that are
 // its own, finds its handlers when it asks, and the default where it set that.
+#include "said_by.h"
+
 #include <csetjmp>
 #include <csignal>
 #include <cstdio>
@@ -72,26 +74,12 @@ void handles_by(sighandler_t (*set)(int, sighandler_t), bool stays, const char *
     expect(signal(SIGSEGV, SIG_DFL) == (stays ? go_back : SIG_DFL), what);
 }
 
-// What the child says on standard output, which ends by a signal.
-template <class Action> std::string said_by(Action action, int signal_number) {
-    int output[2];
-    if (pipe(output) != 0)
-        abort();
-    fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(output[1], STDOUT_FILENO);
-        action();
-        _exit(0);
-    }
-    close(output[1]);
-    char said[1000];
-    const ssize_t got = read(output[0], said, sizeof said);
-    close(output[0]);
+// What a child says that ends by a signal.
+std::string said_until(int signal_number, const std::function<void()> &action) {
     int status = 0;
-    waitpid(child, &status, 0);
+    std::string said = said_by(action, status);
     expect(WIFSIGNALED(status) && WTERMSIG(status) == signal_number, "the child ended by the signal");
-    return {said, size_t(got < 0 ? 0 : got)};
+    return said;
 }
 
 void overflows(const volatile char *above) {
@@ -111,18 +99,18 @@ int main() {
         block[8] = 'x';
     };
     handles_by_sigaction();
-    expect(said_by(uses_released, SIGABRT).starts_with("k42mc detected WF: alloc(STD) usrPtr(0x"),
+    expect(said_until(SIGABRT, uses_released).starts_with("k42mc detected WF: alloc(STD) usrPtr(0x"),
            "a use after release is told beside a handler of the program's");
     handles_by(signal, true, "signal");
     handles_by(sysv_signal, false, "sysv_signal");
-    expect(said_by(uses_released, SIGABRT).starts_with("k42mc detected WF: alloc(STD) usrPtr(0x"),
+    expect(said_until(SIGABRT, uses_released).starts_with("k42mc detected WF: alloc(STD) usrPtr(0x"),
            "a use after release is told beside the default");
     const auto hands_over = [] {
         char *volatile block = static_cast<char *>(malloc(100));
         free(block);
         static_cast<void>(!write(STDOUT_FILENO, block, 100));
     };
-    expect(said_by(hands_over, SIGABRT).starts_with("k42mc detected RF: alloc(STD) usrPtr(0x"),
+    expect(said_until(SIGABRT, hands_over).starts_with("k42mc detected RF: alloc(STD) usrPtr(0x"),
            "a released buffer that the system refuses is told");
     const auto lets_child_use_released = [] {
         volatile char *volatile block = static_cast<char *>(malloc(100));
@@ -135,12 +123,12 @@ int main() {
         }
         block[9] = 'x';
     };
-    expect(
-        said_by(lets_child_use_released, SIGABRT).starts_with("k42mc detected WF: alloc(STD) usrPtr(0x"),
-        "a process goes on after a child that had its memory");
+    expect(said_until(SIGABRT, lets_child_use_released)
+               .starts_with("k42mc detected WF: alloc(STD) usrPtr(0x"),
+           "a process goes on after a child that had its memory");
     const auto faults = [] { *barred() = 'x'; };
-    expect(said_by(faults, SIGSEGV).empty(), "another fault is the program's");
+    expect(said_until(SIGSEGV, faults).empty(), "another fault is the program's");
     const auto overflow = [] { overflows("x"); };
-    expect(said_by(overflow, SIGSEGV).empty(), "an overflow of the stack is the program's");
+    expect(said_until(SIGSEGV, overflow).empty(), "an overflow of the stack is the program's");
     return failures;
 }
