@@ -1,6 +1,6 @@
 // A process that goes on as another program says as which one: if nothing is heard of it again, k42mc run looks at
-// that program's file for why. Where nothing will be heard of a child that has its parent's memory, or that libc starts
-// at a wish, a file of the child's says so. A program that cannot stand the shim is started without.
+// that program's file for why. Where nothing will be heard of a child that has its parent's memory, or that is spawned, a
+// file of the child's says so. A program that cannot stand the shim is started without.
 #include "base/errno_keeper.h"
 #include "platform/platform.h"
 #include "tools/preload/depth.h"

@@ -54,4 +54,16 @@ inline int unlock(pthread_mutex_t &mutex, LockRank rank) {
     return pthread_mutex_unlock(&mutex);
 }
 
+// For locks under which nothing else is taken. Not noted as held: a handler that forks meanwhile takes the others.
+inline void lock_unnoted(pthread_mutex_t &mutex, LockRank rank) {
+    check_lock_order(rank);
+    if (!thread_is_forking)
+        pthread_mutex_lock(&mutex);
+}
+
+inline void unlock_unnoted(pthread_mutex_t &mutex) {
+    if (!thread_is_forking)
+        pthread_mutex_unlock(&mutex);
+}
+
 } // namespace k42mc::internal

@@ -228,16 +228,12 @@ bool take_from_owned(RetiredBlock &taken) {
     return true;
 }
 
-// The last of all locks. Not noted as held: a handler that forks meanwhile takes the others.
 void take_lock() {
-    check_lock_order(LockRank::quarantine);
-    if (!thread_is_forking)
-        pthread_mutex_lock(&gMCQuarantineLock);
+    lock_unnoted(gMCQuarantineLock, LockRank::quarantine);
 }
 
 void let_lock_go() {
-    if (!thread_is_forking)
-        pthread_mutex_unlock(&gMCQuarantineLock);
+    unlock_unnoted(gMCQuarantineLock);
 }
 
 bool lock_in_time() {

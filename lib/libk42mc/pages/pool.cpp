@@ -37,16 +37,12 @@ constinit std::atomic<size_t> refused = 0, left_open = 0;
 constinit pthread_mutex_t gMCPagesLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
 constinit thread_local bool thread_is_at_pool = false; // it has the lock, or is about to
 
-// The last of all locks. Not noted as held: a handler that forks meanwhile takes the others.
 void take_lock() {
-    check_lock_order(LockRank::pages);
-    if (!thread_is_forking)
-        pthread_mutex_lock(&gMCPagesLock);
+    lock_unnoted(gMCPagesLock, LockRank::pages);
 }
 
 void let_lock_go() {
-    if (!thread_is_forking)
-        pthread_mutex_unlock(&gMCPagesLock);
+    unlock_unnoted(gMCPagesLock);
 }
 
 // Held for moments. A signal handler that has interrupted its holder goes without.
