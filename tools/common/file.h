@@ -13,15 +13,20 @@ public:
     explicit File(int descriptor) : descriptor_(descriptor) {}
     File(File &&other) noexcept : descriptor_(other.release()) {}
     File(const File &) = delete;
-    File &operator=(const File &) = delete;
-    ~File() {
-        if (descriptor_ >= 0)
-            close(descriptor_);
+    File &operator=(File &&other) noexcept {
+        close();
+        descriptor_ = other.release();
+        return *this;
     }
+    ~File() { close(); }
 
     bool is_open() const { return descriptor_ >= 0; }
     int descriptor() const { return descriptor_; }
     int release() { return std::exchange(descriptor_, -1); }
+    void close() {
+        if (is_open())
+            ::close(release());
+    }
 
 private:
     int descriptor_ = -1;

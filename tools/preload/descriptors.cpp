@@ -8,6 +8,7 @@
 #include "tools/preload/closing.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/exported.h"
+#include "tools/preload/failing.h"
 #include "tools/preload/next.h"
 
 #include <k42mc/extra.h>
@@ -24,6 +25,7 @@
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <time.h>
+#include <type_traits>
 #include <unistd.h>
 
 namespace {
@@ -78,6 +80,13 @@ template <class Handle> bool closes(const char *name, Handle *handle) {
     return false;
 }
 
+template <class Result> Result failed() {
+    if constexpr (std::is_pointer_v<Result>)
+        return nullptr;
+    else
+        return -1;
+}
+
 mode_t mode_of(int flags, va_list arguments) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
 }
@@ -98,11 +107,16 @@ bool descriptors_watched() {
 // A function of the same parameters, which records what libc's function returned by `record`.
 #define ROUTE(result, name, parameters, specifier, record, ...)                                         \
     EXPORTED result name parameters specifier {                                                         \
+        return descriptor_fails(#name) ? failed<result>() : record(#name, NEXT(name)(__VA_ARGS__));     \
+    }
+// One to a descriptor that there is.
+#define ROUTE_GIVEN(result, name, parameters, specifier, record, ...)                                   \
+    EXPORTED result name parameters specifier {                                                         \
         return record(#name, NEXT(name)(__VA_ARGS__));                                                  \
     }
 #define ROUTE_PAIR(name, parameters, descriptors, ...)                                                  \
     EXPORTED int name parameters noexcept {                                                             \
-        return opened_pair(#name, descriptors, NEXT(name)(__VA_ARGS__));                                \
+        return descriptor_fails(#name) ? -1 : opened_pair(#name, descriptors, NEXT(name)(__VA_ARGS__)); \
     }
 #define ROUTE_OPEN(name)                                                                                \
     EXPORTED int name(const char *path, int flags, ...) {                                               \
@@ -110,7 +124,7 @@ bool descriptors_watched() {
         va_start(arguments, flags);                                                                     \
         const mode_t mode = mode_of(flags, arguments);                                                  \
         va_end(arguments);                                                                              \
-        return opened(#name, NEXT(name)(path, flags, mode));                                            \
+        return descriptor_fails(#name) ? -1 : opened(#name, NEXT(name)(path, flags, mode));             \
     }
 #define ROUTE_OPENAT(name)                                                                              \
     EXPORTED int name(int folder, const char *path, int flags, ...) {                                   \
@@ -118,7 +132,7 @@ bool descriptors_watched() {
         va_start(arguments, flags);                                                                     \
         const mode_t mode = mode_of(flags, arguments);                                                  \
         va_end(arguments);                                                                              \
-        return opened(#name, NEXT(name)(folder, path, flags, mode));                                    \
+        return descriptor_fails(#name) ? -1 : opened(#name, NEXT(name)(folder, path, flags, mode));     \
     }
 #define ROUTE_CLOSE(name, type)                                                                         \
     EXPORTED int name(type handle) {                                                                    \
@@ -190,12 +204,13 @@ ROUTE_PAIR(socketpair, (int domain, int type, int protocol, int *descriptors), d
 
 ROUTE(FILE *, fopen, (const char *path, const char *mode), , opened_stream, path, mode)
 ROUTE(FILE *, fopen64, (const char *path, const char *mode), , opened_stream, path, mode)
-ROUTE(FILE *, fdopen, (int descriptor, const char *mode), noexcept, opened_stream, descriptor, mode)
+ROUTE_GIVEN(FILE *, fdopen, (int descriptor, const char *mode), noexcept, opened_stream, descriptor,
+            mode)
 ROUTE(FILE *, tmpfile, (), , opened_stream)
 ROUTE(FILE *, tmpfile64, (), , opened_stream)
 ROUTE(FILE *, popen, (const char *command, const char *mode), , opened_stream, command, mode)
 ROUTE(DIR *, opendir, (const char *path), , opened_directory, path)
-ROUTE(DIR *, fdopendir, (int descriptor), , opened_directory, descriptor)
+ROUTE_GIVEN(DIR *, fdopendir, (int descriptor), , opened_directory, descriptor)
 
 EXPORTED int close(int descriptor) {
     if (is_kept_open(descriptor)) [[unlikely]] {

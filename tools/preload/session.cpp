@@ -17,6 +17,9 @@
 //   K42MC_RUN_PAGE_FLAGS   K42MCX_PAGES_*
 //   K42MC_RUN_PAGE_MEMORY  bytes for all of that; nothing for as many as usual
 //   K42MC_RUN_FAIL_NTH, _ONE_IN, _SEED, _ABOVE, _AT, _ONLY, _NOT   which allocations fail, as k42mcx_fail has it
+//   K42MC_RUN_FAIL_FDS     1 for descriptors to fail as well
+//   K42MC_RUN_FAIL_STACK   the first with this stack fails
+//   K42MC_RUN_FAIL_STACKS  a file for the stacks that allocations have, each once
 //   K42MC_RUN_FOLLOW     0 to leave programs that this one starts alone
 // Without a folder that files can be made in, blocks are guarded and nothing is recorded.
 #include "tools/preload/session.h"

@@ -3,6 +3,7 @@
 #include "tools/common/counted.h"
 #include "tools/common/printable.h"
 #include "tools/report/trace_match.h"
+#include "tools/run/trace_lines.h"
 #include "tools/shared/suppression_lines.h"
 
 #include <algorithm>
@@ -81,17 +82,6 @@ Counter sum_of(std::span<const Group> groups) {
 std::string in_words(const Counter &held, size_t sites) {
     return counted(held.blocks, "block") + ", " + counted(held.bytes, "byte") + " at " +
            counted(sites, "site");
-}
-
-void print_trace(std::ostream &out, Trace trace, Symbolizer &symbolizer) {
-    constexpr size_t most_frames = 4;
-    for (const std::string_view pc : trace.first(std::min(trace.size(), most_frames))) {
-        const std::vector<SourceFrame> frames = frames_at(pc, symbolizer);
-        for (const SourceFrame &frame : frames)
-            out << "    " << printable(describe(pc, frame)) << '\n';
-        if (frames.back().function == "main")
-            return; // what called it is the same for all
-    }
 }
 
 void print_groups(std::ostream &out, const std::vector<Group> &groups, const char *noun,

@@ -26,17 +26,7 @@ struct Group {
 // Of a report, which has to stay.
 class Findings {
 public:
-    // What was found in the process of that name stands first.
-    Findings(const Report &report, LeakCheck leak_check, std::string_view first);
-
-    // Drops what a suppression matches, one of these or of the process's own, and counts it there.
-    void suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer);
-
-    // Nothing is wrong, whatever is to be said.
-    bool empty() const;
-    void print(std::ostream &out, Symbolizer &symbolizer) const;
-
-private:
+    // Of one process.
     struct Part {
         std::string_view name; // "server.812"
         std::vector<Group> blocks = {}, descriptors = {};
@@ -52,6 +42,19 @@ private:
         void print(std::ostream &out, bool is_one_of_many, Symbolizer &symbolizer) const;
     };
 
+    // What was found in the process of that name stands first.
+    Findings(const Report &report, LeakCheck leak_check, std::string_view first);
+
+    // Drops what a suppression matches, one of these or of the process's own, and counts it there.
+    void suppress(std::vector<Suppression> &suppressions, Symbolizer &symbolizer);
+
+    // Nothing is wrong, whatever is to be said.
+    bool empty() const;
+    void print(std::ostream &out, Symbolizer &symbolizer) const;
+
+    const std::vector<Part> &parts() const { return parts_; }
+
+private:
     void print_own_suppressions(std::ostream &out) const;
 
     std::vector<Part> parts_;

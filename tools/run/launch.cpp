@@ -89,6 +89,22 @@ std::string preload_path(const std::string &program) {
     return prefix / "$LIB" / shim;
 }
 
+std::vector<std::string> in_gdb(const std::vector<std::string> &command,
+                                const std::vector<Setting> &environment) {
+    std::vector<std::string> words = {"gdb", "-q"};
+    const auto add = [&words](const std::string &order) { words.insert(words.end(), {"-ex", order}); };
+    add("set startup-with-shell off"); // a shell is no program to be checked
+    add("set breakpoint pending on");
+    for (const Setting &setting : environment)
+        add("set environment " + setting.variable + " " + setting.value);
+    add("break k42mc_allocation_fails");
+    add("run");
+    add("bt");
+    words.emplace_back("--args");
+    words.insert(words.end(), command.begin(), command.end());
+    return words;
+}
+
 Ended launch(const std::vector<std::string> &command, const std::vector<Setting> &environment) {
     std::vector<char *> arguments;
     arguments.reserve(command.size() + 1);

@@ -25,5 +25,9 @@ struct Ended {
     int status; // as wait has it
 };
 
+// The program in gdb, which stops it where an allocation fails on purpose.
+std::vector<std::string> in_gdb(const std::vector<std::string> &command,
+                                const std::vector<Setting> &environment);
+
 // Runs the program and waits for it.
 Ended launch(const std::vector<std::string> &command, const std::vector<Setting> &environment);

@@ -2,6 +2,8 @@
 #include "tools/common/counted.h"
 #include "tools/common/printable.h"
 #include "tools/report/reader.h"
+#include "tools/run/each/fail_each.h"
+#include "tools/run/environment.h"
 #include "tools/run/filter_line.h"
 #include "tools/run/findings.h"
 #include "tools/run/launch.h"
@@ -25,35 +27,6 @@
 #include <sys/wait.h>
 
 namespace {
-
-struct Options {
-    std::string output;
-    bool append = false;
-    bool text = false;
-    unsigned every = 0;
-    int signal = 0;
-    unsigned limit = 1;
-    std::string leak_check = "lost";
-    bool no_backtrace = false;
-    std::vector<std::string> filters;
-    bool verify = false;
-    uint64_t quarantine = 16 << 20;
-    std::string fill; // a number; empty for none
-    bool fds = false;
-    bool follow = true;
-    uint32_t page_guards = 0; // one in so many
-    std::string page_side = "end", page_alignment = "natural";
-    uint64_t page_memory = 0; // as much as usual
-    bool go_on = false;
-    uint64_t fail_nth = 0, fail_above = 0;
-    uint32_t fail_one_in = 0, fail_seed = 0;
-    std::string fail_at, fail_only, fail_not; // patterns
-    std::string suppressions;
-    int error_exitcode = 0;
-    std::vector<std::string> only, skip; // names of programs
-    std::string program;
-    std::vector<std::string> arguments; // the program's
-};
 
 constexpr int own_trouble = 125; // as the shell has 126 and 127
 
@@ -85,17 +58,6 @@ std::string fault_of_filter(const std::string &line) {
     return is_filter_line(line) ? "" : "not file:line:LK:type:address:size, as reports have it: " + line;
 }
 
-uint32_t page_flags(const Options &options) {
-    uint32_t flags = options.go_on ? K42MCX_PAGES_GO_ON : 0;
-    if (options.page_alignment == "exact")
-        flags |= K42MCX_PAGES_EXACT;
-    if (options.page_side == "start")
-        flags |= K42MCX_PAGES_START;
-    else if (options.page_side == "mixed")
-        flags |= K42MCX_PAGES_MIXED;
-    return flags;
-}
-
 std::string fault_of_quarantine(const std::string &size) {
     constexpr unsigned long long least = 64 << 10;
     const unsigned long long bytes = strtoull(size.c_str(), nullptr, 10);
@@ -110,47 +72,6 @@ std::string take_byte(std::string &byte) {
         return "no byte: " + byte;
     byte = std::to_string(number);
     return {};
-}
-
-std::vector<Setting> failures(const Options &options) {
-    return {{"K42MC_RUN_FAIL_NTH", std::to_string(options.fail_nth)},
-            {"K42MC_RUN_FAIL_ONE_IN", std::to_string(options.fail_one_in)},
-            {"K42MC_RUN_FAIL_SEED", std::to_string(options.fail_seed)},
-            {"K42MC_RUN_FAIL_ABOVE", std::to_string(options.fail_above)},
-            {"K42MC_RUN_FAIL_AT", options.fail_at},
-            {"K42MC_RUN_FAIL_ONLY", options.fail_only},
-            {"K42MC_RUN_FAIL_NOT", options.fail_not}};
-}
-
-// But for the folder.
-std::vector<Setting> environment(const Options &options) {
-    std::string preload = preload_path(options.program);
-    if (const char *others = getenv("LD_PRELOAD"); others != nullptr && *others != '\0')
-        preload += std::string(":") + others;
-    std::vector<Setting> settings = {{"K42MC_RUN_LIMIT", std::to_string(options.limit)},
-                                     {"K42MC_RUN_SEARCH", options.leak_check == "lost" ? "1" : "0"},
-                                     {"K42MC_RUN_EVERY", std::to_string(options.every)},
-                                     {"K42MC_RUN_BACKTRACE", options.no_backtrace ? "0" : "1"},
-                                     {"K42MC_RUN_TEXT", options.text ? "1" : "0"},
-                                     {"K42MC_RUN_SIGNAL", std::to_string(options.signal)},
-                                     {"K42MC_RUN_VERIFY", options.verify ? "1" : "0"},
-                                     {"K42MC_RUN_QUARANTINE", std::to_string(options.quarantine)},
-                                     {"K42MC_RUN_FILL", options.fill.empty() ? "-1" : options.fill},
-                                     {"K42MC_RUN_FDS", options.fds ? "1" : "0"},
-                                     {"K42MC_RUN_FOLLOW", options.follow ? "1" : "0"}};
-    if (!stands_no_shim(options.program))
-        settings.push_back({"LD_PRELOAD", preload});
-    if (options.page_guards != 0) {
-        settings.push_back({"K42MC_RUN_PAGES", std::to_string(options.page_guards)});
-        settings.push_back({"K42MC_RUN_PAGE_FLAGS", std::to_string(page_flags(options))});
-        settings.push_back({"K42MC_RUN_PAGE_MEMORY", std::to_string(options.page_memory)});
-    }
-    std::ranges::move(failures(options), std::back_inserter(settings));
-    std::string filters;
-    for (const std::string &line : options.filters)
-        filters += line + '\n';
-    settings.push_back({"K42MC_RUN_FILTERS", filters});
-    return settings;
 }
 
 // What a full disk, or the end of a process in the midst of it, has left of reports is no result. Returns
@@ -186,7 +107,7 @@ std::string program_of(std::string_view process) {
     return std::string(process.substr(0, process.rfind('.')));
 }
 
-bool is_wanted(const Options &options, std::string_view process) {
+bool is_wanted(const RunOptions &options, std::string_view process) {
     const std::string program = program_of(process);
     return (options.only.empty() || std::ranges::count(options.only, program) != 0) &&
            std::ranges::count(options.skip, program) == 0;
@@ -220,7 +141,7 @@ struct Summary {
 
 // A program that failed says so by itself; one that ended
 // well is none the less not clean where nobody could look.
-Summary summarize(const Options &options, std::vector<Suppression> suppressions,
+Summary summarize(const RunOptions &options, std::vector<Suppression> suppressions,
                   const ReportFolder &folder, const Ended &ended) {
     const size_t own = suppressions.size();
     if (options.leak_check == "held")
@@ -267,23 +188,37 @@ Summary summarize(const Options &options, std::vector<Suppression> suppressions,
     throw CLI::RuntimeError(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }
 
-void run(const Options &options) {
+[[noreturn]] void fail(const std::exception &error) {
+    std::cerr << "k42mc run: " << error.what() << '\n';
+    throw CLI::RuntimeError(own_trouble);
+}
+
+void run_each(const RunOptions &options) {
+    int status = 0;
+    try {
+        status = fail_each(options);
+    } catch (const std::exception &error) {
+        fail(error);
+    }
+    if (status != 0)
+        throw CLI::RuntimeError(status);
+}
+
+void run(const RunOptions &options) {
     Ended ended{};
     Summary summary;
     try {
-        std::vector<Setting> settings = environment(options);
+        std::vector<Setting> settings = environment_for(options);
         std::vector<Suppression> suppressions;
         if (!options.suppressions.empty())
             suppressions = read_suppressions(options.suppressions);
         const ReportFolder folder(options.output, options.append);
         std::ranges::move(folder.settings(), std::back_inserter(settings));
-        std::vector<std::string> command = {options.program};
-        std::ranges::copy(options.arguments, std::back_inserter(command));
-        ended = launch(command, settings);
+        ended = options.gdb ? launch(in_gdb(options.command(), settings), {})
+                            : launch(options.command(), settings);
         summary = summarize(options, std::move(suppressions), folder, ended);
     } catch (const std::exception &error) {
-        std::cerr << "k42mc run: " << error.what() << '\n';
-        throw CLI::RuntimeError(own_trouble);
+        fail(error);
     }
     if (options.error_exitcode != 0 && !summary.checked && ended.status == 0)
         throw CLI::RuntimeError(own_trouble);
@@ -320,8 +255,6 @@ std::vector<std::string> take_arguments(const CLI::App &command, std::vector<std
     return arguments;
 }
 
-} // namespace
-
 // "1/N" as well.
 std::string take_rate(std::string &rate) {
     if (rate.starts_with("1/"))
@@ -329,7 +262,12 @@ std::string take_rate(std::string &rate) {
     return {};
 }
 
-void add_failures(CLI::App &command, Options &options) {
+std::string fault_of_stack(const std::string &stack) {
+    const bool is_name = stack.size() == 16 && stack.find_first_not_of("0123456789abcdef") == stack.npos;
+    return is_name ? "" : "no name of a stack, which has 16 hexadecimal digits: " + stack;
+}
+
+void add_failures(CLI::App &command, RunOptions &options) {
     const auto add = [&](const char *name, auto &option, const char *what, const char *type) {
         return command.add_option(name, option, what)->type_name(type);
     };
@@ -345,10 +283,42 @@ void add_failures(CLI::App &command, Options &options) {
         "PATTERN");
     add("--fail-only", options.fail_only, "... and none without such a frame", "PATTERN");
     add("--fail-not", options.fail_not, "... and none with such a frame", "PATTERN");
+    add("--fail-stack", options.fail_stack, "The first allocation with this stack trace fails", "STACK")
+        ->check(fault_of_stack);
+    command.add_flag("--fail-fds", options.fail_fds, "Opening descriptors fails likewise");
+    command.add_flag("--gdb", options.gdb, "In gdb, which stops where an allocation fails on purpose");
 }
 
+void refuse_failures_without_choice(const RunOptions &options) {
+    for (const auto &[name, wanted] :
+         {std::pair("--fail-fds", options.fail_fds), {"--gdb", options.gdb}})
+        if (wanted && !options.fails_any())
+            throw CLI::ValidationError(name, "which ones fail is said by --fail-nth, --fail-rate, "
+                                             "--fail-at, --fail-above, --fail-stack or --fail-each");
+}
+
+void add_each(CLI::App &command, EachOptions &each) {
+    CLI::Option *wanted = command.add_flag("--fail-each", each.wanted,
+                                           "Run it once for each allocation, which fails there");
+    const auto add = [&](const char *name, auto &option, const char *what, const char *type) {
+        return command.add_option(name, option, what)->type_name(type)->needs(wanted);
+    };
+    add("--jobs", each.jobs, "So many runs at a time", "N")->check(CLI::PositiveNumber);
+    add("--time-limit", each.time_limit, "A run that takes longer hangs", "SECONDS")
+        ->check(CLI::Range(1, 1'000'000));
+    add("--sample", each.sample, "No more runs than that", "N")->check(CLI::PositiveNumber);
+    add("--each-setup", each.setup, "For a shell, ahead of each run", "COMMAND");
+    command.add_flag("--each-in-copy", each.in_copy, "Each in a copy of the current folder")
+        ->needs(wanted);
+    command.add_flag("--resume", each.resume, "Go on where an earlier command to this --output ended")
+        ->needs(wanted)
+        ->needs(command.get_option("--output"));
+}
+
+} // namespace
+
 void add_run(CLI::App &app, std::vector<std::string> &words) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RunOptions>();
     CLI::App *command = app.add_subcommand("run", "Run a program with every block guarded and recorded");
     command->footer(examples);
     command->add_option("--output", options->output, "Folder for reports; else a new one")
@@ -404,6 +374,7 @@ void add_run(CLI::App &app, std::vector<std::string> &words) {
         ->transform(CLI::AsSizeValue(false));
     command->add_flag("--go-on", options->go_on, "Tell of each block once, and let the program go on");
     add_failures(*command, *options);
+    add_each(*command, options->each);
     command->add_option("--only", options->only, "Sum up programs of this name alone")
         ->type_name("NAME")
         ->allow_extra_args(false);
@@ -420,5 +391,8 @@ void add_run(CLI::App &app, std::vector<std::string> &words) {
         ->type_name("[--] PROGRAM [ARGS]")
         ->required();
     options->arguments = take_arguments(*command, words);
-    command->callback([options] { run(*options); });
+    command->callback([options] {
+        refuse_failures_without_choice(*options);
+        options->each.wanted ? run_each(*options) : run(*options);
+    });
 }

@@ -4,6 +4,8 @@
 #include "base/site.h"
 #include "wrappers/k42MC.h"
 
+#include <k42mc/extra.h>
+
 #include <atomic>
 #include <span>
 
@@ -21,6 +23,18 @@ struct PurposefulFailure {
 // Told of each, in the midst of the allocation; null for who reads it on the report sink.
 using FailureListener = void (*)(const PurposefulFailure &);
 extern constinit FailureListener failure_listener;
+
+// Told of each stack when its first allocation comes that may fail, in the midst of it: by its name, which is the same in
+// each run of a program, wherever its modules are loaded.
+using StackListener = void (*)(uint64_t stack);
+
+struct Failures : k42mcx_failures {
+    uint64_t stack = 0; // the first allocation with the stack of that name
+    StackListener new_stack = nullptr;
+};
+
+// As k42mcx_fail, and ENOMEM where there is none to know stacks by.
+int choose_failures(const Failures &which);
 
 // Whether this one is to be among them.
 bool fails_on_purpose(Site site, size_t size);

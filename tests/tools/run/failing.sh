@@ -1,0 +1,101 @@
+#!/bin/bash
+# Allocations that fail one by one: failing.sh <k42mc> <program with an answer to each>.
+# shellcheck source=tests/tools/run/common.sh
+. "$(dirname "$0")/common.sh"
+fragile=$subject
+
+# Only allocations of the program itself fail: each <status> [options] -- <words>...
+each() {
+    local expected=$1 options=()
+    shift
+    while [[ $1 != -- ]]; do
+        options+=("$1")
+        shift
+    done
+    shift
+    k42mc_run "$expected" --fail-each '--fail-only=fragile(' "${options[@]}" -- "$fragile" "$@"
+}
+
+counts() { said "^k42mc: $1 of allocations, each without memory in a run: $2\$"; }
+
+# Every kind, worst first, with where it was and how to do it again.
+each 99 --error-exitcode 99 --time-limit 2 --output all -- crash hang lose damage wrong ignore handle
+counts '10 stacks' '1 damaged, 1 crash, 1 hang, 1 lost, 1 wrong, 1 handled, 4 ignored'
+[[ $(grep -oE '^  [a-z]+: ' err | tr -d ' \n') == damaged:crash:hang:lost:wrong: ]] || fail 'not worst first'
+said '^  damaged: k42mc detected WO.*'
+grep -A1 '^  crash: ended by SIGSEGV$' err | grep -q '    crash at .*/fragile.c:16$' || fail 'no place of the crash'
+grep -A4 '^  hang: no end in time$' err | grep -q '    hang at .*/fragile.c' || fail 'no place of the hang'
+grep -A1 '^  lost: 1 block, 12 bytes$' err | grep -q '    lose at .*/fragile.c' || fail 'no place of the loss'
+grep -A1 '^   where in fragile.* allocation [0-9]* failed on purpose: 14 bytes$' err | grep -q '    damage at' ||
+    fail 'no place of the allocation'
+(($(wc -l <all/fail-each.ndjson) == 11)) || fail 'not a line for each'
+reports=(all/*/*.json)
+((${#reports[@]} == 4)) || fail 'not the reports of four'
+repeat=$(sed -nE 's/^   repeat it with: k42mc //p' err | sed -n 2p)
+eval "$k42mc $repeat" >out 2>err
+(($? == 139)) || fail "not a crash again: $repeat"
+said '^k42mc: fragile\.[0-9]+: allocation [0-9]+ failed on purpose: 10 bytes$'
+
+# What was done is not done again, but for another program or without a beginning.
+sed -i '$d' all/fail-each.ndjson
+each 0 --time-limit 2 --output all --resume -- crash hang lose damage wrong ignore handle
+counts '10 stacks' '1 damaged, 1 crash, 1 hang, 1 lost, 1 wrong, 1 handled, 4 ignored'
+(($(wc -l <all/fail-each.ndjson) == 11)) || fail 'not a line for each, resumed'
+each 125 --output all --resume -- crash
+each 125 --output none --resume -- crash
+
+# No kind that is bad: nothing is left.
+mkdir state
+XDG_STATE_HOME=$work/state each 0 --error-exitcode 99 -- ignore handle date
+counts '3 stacks' '1 handled, 2 ignored'
+said '^k42mc: what the program prints differs from run to run, and is not compared$'
+[[ ! $(ls state/k42mc 2>&1) ]] || fail 'something is left'
+
+# Threads and children; each of those named.
+each 0 -- child thread
+said '^k42mc: 2 stacks .*: .*handled'
+
+# What the program needs for each run.
+touch file
+each 0 --each-setup 'touch file' -- file ignore
+counts '1 stack' '1 ignored'
+mkdir folder
+touch folder/file
+cd folder || exit 1
+each 0 --each-in-copy --jobs 2 -- file ignore ignore crash
+counts '2 stacks' '1 crash, 1 ignored'
+[[ -e file ]] || fail 'not in a copy'
+cd ..
+printf 'twice\n' >input
+each 0 -- input ignore <input
+counts '3 stacks' '3 ignored'
+each 0 --sample 2 -- ignore lose damage
+said '^k42mc: 2 stacks of allocations'
+each 125 --each-setup false -- ignore
+said '^k42mc run: .*: not checked: k42mc run: --each-setup: false: exit status 1$'
+k42mc_run 125 --fail-each -- /sbin/ldconfig -V
+k42mc_run 125 --fail-each -- /nonexistent
+k42mc_run 2 --fail-stack=12 -- "$fragile"
+k42mc_run 2 --jobs 2 -- "$fragile"
+k42mc_run 2 --fail-fds -- "$fragile"
+
+# Descriptors, and which calls fail in a child of the program.
+each 0 --fail-fds --fail-not='(malloc+' -- open pipe opendir
+counts '4 stacks' '4 wrong'
+said '^   where in .* allocation [0-9]+ failed on purpose: a descriptor by opendir$'
+k42mc_run 0 --fail-fds --fail-at='(try_pipe+' -- "$fragile" pipe
+said '^k42mc: fragile\.[0-9]+: allocation [0-9]+ failed on purpose: a descriptor by pipe$'
+[[ $(<out) == 'Too many open files' ]] || fail 'another error'
+
+# Stopped by a signal: what was found is told, nothing runs on.
+(
+    exec setsid env --default-signal=INT "$k42mc" run --fail-each --fail-only='fragile(' --jobs 1 --output stopped -- "$fragile" crash hang lose
+) >out 2>err &
+await grep -qs '"crash"' stopped/fail-each.ndjson
+kill -INT $!
+wait $!
+(($? == 130)) || fail 'not ended by the signal'
+said '^k42mc: [12] stacks? of allocations.*: 1 crash'
+[[ ! $(pgrep -f "^$fragile crash hang lose") ]] || fail 'something runs on'
+
+exit "$failed"
