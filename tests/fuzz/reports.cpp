@@ -1,9 +1,9 @@
 // Any bytes as a report: whatever they are, they are read, or told of, and the outputs can be made.
+#include "tools/report/findings.h"
 #include "tools/report/html.h"
 #include "tools/report/machine.h"
 #include "tools/report/reader.h"
 #include "tools/report/table.h"
-#include "tools/run/findings.h"
 
 #include <sstream>
 

@@ -138,6 +138,25 @@ Finding finding_of(const Note &note) {
     return finding;
 }
 
+Finding finding_of(const FailedRun &run) {
+    Finding finding = {.kind = Finding::Kind::failed_run,
+                       .what = std::string(run.happened.front().outcome),
+                       .title = {},
+                       .trails = {}};
+    for (const FailedRun::Happening &happening : run.happened) {
+        const std::string text = std::string(happening.outcome).append(": ").append(happening.text);
+        finding.title += (finding.title.empty() ? "" : ", and ") + text;
+        if (!happening.trace.empty())
+            finding.trails.push_back({text, happening.trace});
+    }
+    finding.title.append(", where ").append(run.failure);
+    if (run.runs > 1)
+        finding.title += "; " + counted(run.runs - 1, "more run") + " alike";
+    finding.title.append("; repeat it with: ").append(run.repeat);
+    finding.trails.push_back({std::string(run.failure), run.failed});
+    return finding;
+}
+
 } // namespace
 
 void each_finding(const Report &report, const Process &process, const TakeFinding &take) {
@@ -157,4 +176,7 @@ void each_finding(const Report &report, const Process &process, const TakeFindin
             take(misuse_of(descriptor));
     for (const auto &group : left_open(process))
         take(finding_of(group));
+    for (const FailedRun &run : process.failed_runs)
+        if (run.is_bad())
+            take(finding_of(run));
 }

@@ -23,7 +23,8 @@ struct Finding {
         ended,
         damaged,
         misused_descriptor,
-        left_open
+        left_open,
+        failed_run
     };
 
     // The first two and an ending that somebody asked for are for the reader to know: nothing is wrong.

@@ -126,7 +126,7 @@ private:
     void drop_empty() {
         const auto is_empty = [](const Process &process) {
             return process.cycles.empty() && process.descriptors.empty() && process.stops.empty() &&
-                   process.unchecked.empty();
+                   process.unchecked.empty() && process.failed_runs.empty();
         };
         const auto first = report_.processes.begin() + static_cast<ptrdiff_t>(first_);
         report_.processes.erase(std::remove_if(first, report_.processes.end(), is_empty),
@@ -168,6 +168,10 @@ private:
             process_in(line).unchecked = report_.text(text_in(line, "reason"));
         } else if (kind == "note") {
             add_note(line);
+        } else if (kind == "fail-each") {
+            name_by_command(line);
+        } else if (kind == "outcome") {
+            add_failed_run(line);
         } else if (kind == "suppressions") {
             process_in(line).suppressions = report_.text(text_in(line, "text"));
         } else if (kind == "site" || kind == "damage" || kind == "end") {
@@ -280,6 +284,34 @@ private:
     void add_note(Json line) {
         process_in(line).notes.push_back({report_.text(text_in(line, "text")),
                                           has(line, "chain") ? report_.trace(trace_in(line)) : Trace{}});
+    }
+
+    void name_by_command(Json line) {
+        for (const Json word : value_in<simdjson::dom::array>(line, "command")) {
+            const auto program = value_of<std::string_view>(word, "command");
+            process().name = report_.text(program.substr(program.rfind('/') + 1));
+            return;
+        }
+    }
+
+    void add_failed_run(Json line) {
+        FailedRun run;
+        for (const Json happening : value_in<simdjson::dom::array>(line, "happened"))
+            run.happened.push_back({report_.text(text_in(happening, "outcome")),
+                                    report_.text(text_in(happening, "what")),
+                                    report_.trace(trace_in(happening))});
+        if (run.happened.empty())
+            refuse("happened", "nothing");
+        run.failure = report_.text(text_in(line, "failure"));
+        run.failed = report_.trace(trace_in(line, "failed"));
+        run.repeat = report_.text(text_in(line, "repeat"));
+        std::vector<FailedRun> &runs = process().failed_runs;
+        const auto like =
+            std::ranges::find_if(runs, [&](const FailedRun &known) { return known.is_like(run); });
+        if (like != runs.end())
+            ++like->runs;
+        else
+            runs.push_back(std::move(run));
     }
 
     void add_ending(Json line) {

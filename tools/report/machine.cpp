@@ -102,6 +102,8 @@ const char *name_of(Finding::Kind kind) {
         return "damaged";
     case Finding::Kind::misused_descriptor:
         return "misused descriptor";
+    case Finding::Kind::failed_run:
+        return "failed run";
     default:
         return "left open";
     }

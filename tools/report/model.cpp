@@ -1,6 +1,7 @@
 #include "tools/report/model.h"
 
 #include <algorithm>
+#include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <functional>
@@ -12,6 +13,20 @@ std::strong_ordering operator<=>(const Site &left, const Site &right) {
         return order;
     return std::lexicographical_compare_three_way(left.trace.begin(), left.trace.end(),
                                                   right.trace.begin(), right.trace.end());
+}
+
+bool FailedRun::is_bad() const {
+    constexpr std::array<std::string_view, 5> bad = {"damaged", "crash", "hang", "lost", "wrong"};
+    return std::ranges::count(bad, happened.front().outcome) != 0;
+}
+
+// Traces are kept once.
+bool FailedRun::is_like(const FailedRun &other) const {
+    const Happening &here = happened.front(), &there = other.happened.front();
+    return here.outcome == there.outcome &&
+           here.text.substr(0, here.text.find(':')) == there.text.substr(0, there.text.find(':')) &&
+           here.trace.data() == there.trace.data() &&
+           (!here.trace.empty() || failed.data() == other.failed.data());
 }
 
 std::string_view Damage::code() const {

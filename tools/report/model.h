@@ -136,7 +136,23 @@ struct Note {
     Trace trace;
 };
 
-// One run of a program under the checker.
+// What became of a program in which an allocation failed on purpose, worst first; and of others alike.
+struct FailedRun {
+    struct Happening {
+        std::string_view outcome, text; // "crash", "ended by SIGSEGV"
+        Trace trace;
+    };
+    std::vector<Happening> happened;
+    std::string_view failure; // "allocation 30 failed on purpose: 136 bytes"
+    Trace failed;
+    std::string_view repeat; // the command that does it again
+    uint64_t runs = 1;
+
+    bool is_bad() const; // it should have been handled in another way
+    bool is_like(const FailedRun &other) const;
+};
+
+// One run of a program under the checker, or many of them.
 struct Process {
     std::string_view name;
     std::vector<Cycle> cycles;
@@ -147,6 +163,7 @@ struct Process {
     std::string_view unchecked = {}; // why nobody looked after it, if so
     std::vector<Note> notes;
     std::string_view suppressions = {}; // the program's own, as lines
+    std::vector<FailedRun> failed_runs = {};
 };
 
 // Something in a file that could not be read, and was left out.

@@ -4,6 +4,7 @@
 #include "tools/report/html.h"
 #include "tools/report/machine.h"
 #include "tools/report/reader.h"
+#include "tools/report/sarif.h"
 #include "tools/report/symbolize.h"
 #include "tools/report/table.h"
 #include "tools/report/trace_match.h"
@@ -27,7 +28,7 @@ struct Options {
     Order order = Order::bytes;
     size_t top = 20;
     bool lost = false;
-    std::string html;
+    std::string html, sarif;
     bool json = false;
     bool csv = false;
     bool folded = false;
@@ -71,9 +72,9 @@ void tell_problems(const Report &report) {
     throw CLI::RuntimeError(1);
 }
 
-void write_html(const std::string &path, const Report &report, Order order, Symbolizer &symbolizer) {
+template <class Print> void write_file(const std::string &path, Print print) {
     std::ofstream file(path);
-    print_html(file, report, order, symbolizer);
+    print(file);
     file.close();
     if (!file)
         fail(path);
@@ -93,7 +94,12 @@ void report(const Options &options) {
     else if (options.folded)
         print_folded(std::cout, report, symbolizer);
     else if (!options.html.empty())
-        write_html(options.html, report, options.order, symbolizer);
+        write_file(options.html,
+                   [&](std::ostream &file) { print_html(file, report, options.order, symbolizer); });
+    else if (!options.sarif.empty())
+        write_file(options.sarif, [&](std::ostream &file) {
+            print_sarif(file, Findings(report, LeakCheck::lost, ""), symbolizer);
+        });
     else
         print_table(std::cout, report,
                     {options.order, options.top, isatty(STDOUT_FILENO) != 0 && !getenv("NO_COLOR"),
@@ -140,6 +146,8 @@ void add_report(CLI::App &app) {
     command->add_option("--top", options->top, "Number of sites to show (default 20)")->type_name("N");
     CLI::Option *const forms[] = {
         command->add_option("--html", options->html, "Write a page to look at and click through")
+            ->type_name("FILE"),
+        command->add_option("--sarif", options->sarif, "What is wrong, for code hosts and editors")
             ->type_name("FILE"),
         command->add_flag("--json", options->json, "All of it as JSON"),
         command->add_flag("--csv", options->csv, "The sites as comma-separated values"),

@@ -43,6 +43,7 @@ struct RunOptions {
     bool gdb = false;
     EachOptions each;
     std::string suppressions;
+    std::string html, sarif; // files to write
     int error_exitcode = 0;
     std::vector<std::string> only, skip; // names of programs
     std::string program;

@@ -1,11 +1,12 @@
 #include "tools/commands.h"
 #include "tools/common/counted.h"
 #include "tools/common/printable.h"
+#include "tools/report/findings.h"
 #include "tools/report/reader.h"
 #include "tools/run/each/fail_each.h"
 #include "tools/run/environment.h"
 #include "tools/run/filter_line.h"
-#include "tools/run/findings.h"
+#include "tools/run/forms.h"
 #include "tools/run/launch.h"
 #include "tools/run/report_folder.h"
 #include "tools/run/signals.h"
@@ -167,6 +168,7 @@ Summary summarize(const RunOptions &options, std::vector<Suppression> suppressio
     if (named == nullptr)
         if (const std::string reason = reason_against(options.program); !reason.empty())
             std::cerr << "k42mc: " << printable(options.program) << ": not checked: " << reason << '\n';
+    write_forms(options, report, findings, symbolizer);
     tell_unchecked(verdicts);
     const bool whole = are_whole(report, folder);
     tell_suppressed(std::span(suppressions).first(own));
@@ -381,6 +383,10 @@ void add_run(CLI::App &app, std::vector<std::string> &words) {
     command->add_option("--skip", options->skip, "Leave programs of this name out")
         ->type_name("NAME")
         ->allow_extra_args(false);
+    command->add_option("--html", options->html, "Write a page to look at and click through")
+        ->type_name("FILE");
+    command->add_option("--sarif", options->sarif, "Write what is wrong, for code hosts and editors")
+        ->type_name("FILE");
     command->add_option("--suppress", options->suppressions, "Lines leak:PATTERN of known leaks")
         ->type_name("FILE");
     command

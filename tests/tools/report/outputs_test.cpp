@@ -2,11 +2,12 @@
 #include "reports.h"
 #include "text.h"
 #include "tools/report/diff.h"
+#include "tools/report/findings.h"
 #include "tools/report/html.h"
 #include "tools/report/machine.h"
+#include "tools/report/sarif.h"
 #include "tools/report/table.h"
 #include "tools/report/trace_match.h"
-#include "tools/run/findings.h"
 
 #include <regex>
 #include <simdjson.h>
@@ -37,6 +38,14 @@ std::string as_json(const Report &report) {
     Symbolizer symbolizer;
     put_json([&](std::string_view piece) { whole += piece; }, report, Order::bytes, symbolizer);
     return whole;
+}
+
+simdjson::dom::element parsed_sarif(const Report &report, simdjson::dom::parser &parser) {
+    std::string whole;
+    Symbolizer symbolizer;
+    put_sarif([&](std::string_view piece) { whole += piece; }, Findings(report, LeakCheck::lost, ""),
+              "/no", symbolizer);
+    return parser.parse(whole).value()["runs"].at(0);
 }
 
 // The data in a page.
@@ -424,6 +433,64 @@ TEST(Outputs, DiffListsWhatChanged) {
                          "            +5        +1             5  d:1 (STD)\n"
                          "  and 1 more site\n"
                          "total: +16 bytes, +1 blocks at 3 sites\n");
+}
+
+const std::string outcomes =
+    R"({"kind":"fail-each","command":["/no/bin/p","-x"]}
+{"kind":"outcome","happened":[{"outcome":"handled","what":"exit status 1","chain":[]}],"process":"p.1","failure":"allocation 1 failed on purpose: 9 bytes","failed":["/no/p+0x1"],"message":"","stack":"01","repeat":"k42mc a"}
+{"kind":"outcome","happened":[{"outcome":"crash","what":"ended by SIGSEGV","chain":["/no/p+0x2"]},{"outcome":"lost","what":"1 block","chain":["/no/p+0x3"]}],"process":"p.1","failure":"allocation 2 failed on purpose: 9 bytes","failed":["/no/p+0x4"],"message":"","stack":"02","repeat":"k42mc b"}
+{"kind":"outcome","happened":[{"outcome":"crash","what":"ended by SIGSEGV","chain":["/no/p+0x2"]}],"process":"p.1","failure":"allocation 3 failed on purpose: 9 bytes","failed":["/no/p+0x5"],"message":"","stack":"03","repeat":"k42mc c"}
+{"kind":"outcome","happened":[{"outcome":"hang","what":"no end in time","chain":[]}],"process":"p.1","failure":"allocation 4 failed on purpose: 9 bytes","failed":["/no/p+0x6"],"message":"","stack":"04","repeat":"k42mc d"}
+{"kind":"outcome","happened":[{"outcome":"hang","what":"no end in time","chain":[]}],"process":"p.1","failure":"allocation 5 failed on purpose: 9 bytes","failed":["/no/p+0x7"],"message":"","stack":"05","repeat":"k42mc e"}
+)";
+
+TEST(Outputs, RunsWithoutMemoryAreFindingsWhereTheyWereNotHandled) {
+    const Report report = json(outcomes);
+    EXPECT_EQ(problems(report), "");
+    EXPECT_EQ(
+        table(report),
+        R"(crash: ended by SIGSEGV, and lost: 1 block, where allocation 2 failed on purpose: 9 bytes; 1 more run alike; repeat it with: k42mc b in p
+  crash: ended by SIGSEGV
+    /no/p+0x2
+  lost: 1 block
+    /no/p+0x3
+  allocation 2 failed on purpose: 9 bytes
+    /no/p+0x4
+hang: no end in time, where allocation 4 failed on purpose: 9 bytes; repeat it with: k42mc d in p
+  allocation 4 failed on purpose: 9 bytes
+    /no/p+0x6
+hang: no end in time, where allocation 5 failed on purpose: 9 bytes; repeat it with: k42mc e in p
+  allocation 5 failed on purpose: 9 bytes
+    /no/p+0x7
+total: 0 bytes in 0 blocks; 0 sites, 0 cycles, 1 process
+)");
+    EXPECT_NE(problems(json(R"({"kind":"outcome","happened":[]})")), "");
+}
+
+// Fingerprints have no lines or addresses: so the two last ones differ by their order alone.
+TEST(Outputs, SarifHasRulesPlacesAndFlows) {
+    simdjson::dom::parser parser;
+    const auto run = parsed_sarif(json(json_lines + outcomes), parser);
+    std::string ids, fingerprints;
+    for (const auto result : run["results"].get_array()) {
+        ids += std::string(result["ruleId"].get_string().value()) + " ";
+        const std::string_view fingerprint = result["partialFingerprints"]["k42mc/v1"].value();
+        fingerprints += fingerprint.substr(fingerprint.find(':'));
+        bool is_rule = false;
+        for (const auto rule : run["tool"]["driver"]["rules"].get_array())
+            is_rule |= rule["id"].get_string().value() == result["ruleId"].get_string().value();
+        EXPECT_TRUE(is_rule) << ids;
+    }
+    EXPECT_EQ(ids, "k42mc/WU k42mc/descriptor k42mc/left-open k42mc/DF k42mc/failed-allocation "
+                   "k42mc/failed-allocation k42mc/failed-allocation ");
+    EXPECT_EQ(fingerprints, ":1:1:1:1:1:2:3");
+    const auto stop = run["results"].at(3);
+    EXPECT_EQ(simdjson::minify(stop["locations"].at(0)["physicalLocation"].value()),
+              R"({"artifactLocation":{"uri":"p","uriBaseId":"SRCROOT"}})");
+    EXPECT_EQ(stop["codeFlows"].get_array().value().size(), 2u);
+    EXPECT_EQ(stop["codeFlows"].at(1)["message"]["text"].get_string().value(), "released before by");
+    EXPECT_EQ(simdjson::minify(parsed_sarif(json(json_lines), parser)["originalUriBaseIds"].value()),
+              R"({"SRCROOT":{"uri":"file:///no/"}})");
 }
 
 } // namespace

@@ -216,8 +216,9 @@ TEST(Reader, TheDescriptionShowsLinesThatAreRead) {
     ASSERT_EQ(report.processes.size(), 1u);
     const Process &process = report.processes[0];
     EXPECT_EQ(process.cycles.size() + process.damages.size() + process.descriptors.size() +
-                  process.stops.size() + process.notes.size() + process.cycles[0].holdings.size(),
-              9u);
+                  process.stops.size() + process.notes.size() + process.cycles[0].holdings.size() +
+                  process.failed_runs.size(),
+              10u);
     EXPECT_TRUE(process.stops[1].is_access() && process.stops[1].goes_on);
     EXPECT_EQ(process.stops[1].release.size(), 1u);
     EXPECT_EQ(process.unchecked, "it has a malloc of its own");

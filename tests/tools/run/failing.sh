@@ -28,7 +28,7 @@ grep -A4 '^  hang: no end in time$' err | grep -q '    hang at .*/fragile.c' || 
 grep -A1 '^  lost: 1 block, 12 bytes$' err | grep -q '    lose at .*/fragile.c' || fail 'no place of the loss'
 grep -A1 '^   where in fragile.* allocation [0-9]* failed on purpose: 14 bytes$' err | grep -q '    damage at' ||
     fail 'no place of the allocation'
-(($(wc -l <all/fail-each.ndjson) == 11)) || fail 'not a line for each'
+(($(wc -l <all/fail-each.jsonl) == 11)) || fail 'not a line for each'
 reports=(all/*/*.json)
 ((${#reports[@]} == 4)) || fail 'not the reports of four'
 repeat=$(sed -nE 's/^   repeat it with: k42mc //p' err | sed -n 2p)
@@ -36,11 +36,31 @@ eval "$k42mc $repeat" >out 2>err
 (($? == 139)) || fail "not a crash again: $repeat"
 said '^k42mc: fragile\.[0-9]+: allocation [0-9]+ failed on purpose: 10 bytes$'
 
+# The same for a browser, for other tools, and from the file.
+(cd "$(dirname "$0")" && timeout 60 "$k42mc" run --fail-each '--fail-only=fragile(' --html "$work/page.html" --sarif "$work/new.sarif" \
+    -- "$fragile" crash lose) >out 2>err || fail 'other forms'
+grep -q '"title":"crash: ended by SIGSEGV, where allocation 1 failed on purpose: 10 bytes; repeat it with: k42mc run' page.html ||
+    fail 'no crash on the page'
+python3 - <<'END' || fail 'SARIF'
+import json
+run = json.load(open("new.sarif"))["runs"][0]
+crash, lost = run["results"]
+assert [result["ruleId"] for result in run["results"]] == ["k42mc/failed-allocation"] * 2
+place = crash["locations"][0]["physicalLocation"]
+assert place["artifactLocation"] == {"uri": "tests/tools/run/fragile.c", "uriBaseId": "SRCROOT"}, place
+assert place["region"] == {"startLine": 16}
+steps = crash["codeFlows"][1]["threadFlows"][0]["locations"]
+assert [step["location"]["logicalLocations"][0]["fullyQualifiedName"] for step in steps][-2:] == ["main", "crash"], steps
+assert crash["partialFingerprints"] != lost["partialFingerprints"]
+END
+"$k42mc" report all >out 2>err || fail 'report of all'
+(($(grep -c '^[a-z]*: .*, where allocation' out) == 5)) || fail 'not five in the report'
+
 # What was done is not done again, but for another program or without a beginning.
-sed -i '$d' all/fail-each.ndjson
+sed -i '$d' all/fail-each.jsonl
 each 0 --time-limit 2 --output all --resume -- crash hang lose damage wrong ignore handle
 counts '10 stacks' '1 damaged, 1 crash, 1 hang, 1 lost, 1 wrong, 1 handled, 4 ignored'
-(($(wc -l <all/fail-each.ndjson) == 11)) || fail 'not a line for each, resumed'
+(($(wc -l <all/fail-each.jsonl) == 11)) || fail 'not a line for each, resumed'
 each 125 --output all --resume -- crash
 each 125 --output none --resume -- crash
 
@@ -91,7 +111,7 @@ said '^k42mc: fragile\.[0-9]+: allocation [0-9]+ failed on purpose: a descriptor
 (
     exec setsid env --default-signal=INT "$k42mc" run --fail-each --fail-only='fragile(' --jobs 1 --output stopped -- "$fragile" crash hang lose
 ) >out 2>err &
-await grep -qs '"crash"' stopped/fail-each.ndjson
+await grep -qs '"crash"' stopped/fail-each.jsonl
 kill -INT $!
 wait $!
 (($? == 130)) || fail 'not ended by the signal'

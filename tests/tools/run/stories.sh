@@ -12,7 +12,7 @@ ulimit -c 0
 faults=0 count=0
 
 plain() {
-    sed -E 's/0x[0-9a-f]+/0x/g; s/process [0-9]+/process N/; s/^(k42mc: [a-z_]+)\.[0-9]+:/\1.N:/; s,/[^ ]*/examples/planted/,planted/,g' | tr -d '\r'
+    sed -E 's/0x[0-9a-f]+/0x/g; s/process [0-9]+/process N/; s/^(k42mc: [a-z_]+)\.[0-9]+:/\1.N:/; s/ in ([a-z_]+)\.[0-9]+ / in \1.N /; s,/[^ ]*/examples/planted/,planted/,g' | tr -d '\r'
 }
 
 # Whether the lines said are those shown.

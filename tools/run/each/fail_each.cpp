@@ -7,6 +7,7 @@
 #include "tools/run/each/outcome_table.h"
 #include "tools/run/each/progress.h"
 #include "tools/run/environment.h"
+#include "tools/run/forms.h"
 #include "tools/run/report_folder.h"
 #include "tools/run/signals.h"
 #include "tools/run/verdicts.h"
@@ -121,12 +122,14 @@ public:
     }
 
     int run() {
-        const OutcomeFile file(path_of("fail-each.ndjson"), options_.command(), options_.each.resume);
+        const OutcomeFile file(path_of("fail-each.jsonl"), options_.command(), options_.each.resume);
         measure_good_runs();
         outcomes_ = file.earlier();
         if (signals_.take() == 0)
             let_each_fail(file);
         print();
+        write_forms();
+        keep_what_was_found();
         if (signals_.take() != 0)
             end_by(signals_.take());
         const bool bad = std::ranges::any_of(outcomes_, is_bad, &Outcome::kind);
@@ -289,16 +292,25 @@ private:
     }
 
     void print() {
-        const bool found = std::ranges::any_of(outcomes_, is_bad, &Outcome::kind);
         if (good_.has_value() && good_->status != 0)
             std::cerr << "k42mc: the program fails without any failed allocation, too\n";
         if (good_.has_value() && !good_->output_repeats)
             std::cerr << "k42mc: what the program prints differs from run to run, and is not compared\n";
         print_outcomes(std::cerr, outcomes_, options_, symbolizer_);
+    }
+
+    void keep_what_was_found() const {
+        const bool found = std::ranges::any_of(outcomes_, is_bad, &Outcome::kind);
         if (options_.output.empty() && !found)
             fs::remove_all(folder_.path());
         else
             std::cerr << "k42mc: what was found, run by run: " << folder_.path() << '\n';
+    }
+
+    void write_forms() {
+        const std::string outcomes = path_of("fail-each.jsonl");
+        const Report report = read_reports(std::span(&outcomes, 1));
+        ::write_forms(options_, report, Findings(report, LeakCheck::no, ""), symbolizer_);
     }
 
     const RunOptions &options_;

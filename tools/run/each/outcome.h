@@ -1,8 +1,8 @@
 // What became of a program in which one allocation failed.
 #pragma once
 
+#include "tools/report/findings.h"
 #include "tools/run/each/trial.h"
-#include "tools/run/findings.h"
 
 #include <array>
 #include <set>

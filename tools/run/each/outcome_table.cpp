@@ -2,7 +2,7 @@
 
 #include "tools/common/counted.h"
 #include "tools/common/printable.h"
-#include "tools/run/trace_lines.h"
+#include "tools/report/trace_lines.h"
 
 #include <algorithm>
 #include <map>

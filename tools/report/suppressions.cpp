@@ -1,4 +1,4 @@
-#include "tools/run/suppressions.h"
+#include "tools/report/suppressions.h"
 
 #include "tools/shared/suppression_lines.h"
 

@@ -1,4 +1,4 @@
-#include "tools/run/trace_lines.h"
+#include "tools/report/trace_lines.h"
 
 #include "tools/common/printable.h"
 

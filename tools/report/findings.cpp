@@ -1,9 +1,9 @@
-#include "tools/run/findings.h"
+#include "tools/report/findings.h"
 
 #include "tools/common/counted.h"
 #include "tools/common/printable.h"
+#include "tools/report/trace_lines.h"
 #include "tools/report/trace_match.h"
-#include "tools/run/trace_lines.h"
 #include "tools/shared/suppression_lines.h"
 
 #include <algorithm>

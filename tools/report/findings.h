@@ -4,7 +4,7 @@
 #include "tools/common/symbols.h"
 #include "tools/report/finding.h"
 #include "tools/report/model.h"
-#include "tools/run/suppressions.h"
+#include "tools/report/suppressions.h"
 
 #include <ostream>
 #include <string_view>
