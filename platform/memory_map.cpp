@@ -1,5 +1,7 @@
 #include "platform/memory_map.h"
 
+#include "platform/shared_pages.h"
+
 #include "platform/platform.h"
 
 #include <algorithm>
@@ -61,24 +63,16 @@ void MemoryMap::read_name(Mapping &mapping, int last) {
 }
 
 PageContents::PageContents(std::span<uint64_t> room)
-    : file_(static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/pagemap", O_RDONLY | O_CLOEXEC))),
-      entries_(room), in_memory_(reinterpret_cast<unsigned char *>(room.data()), room.size_bytes()) {}
+    : file_(open_pagemap()), entries_(room),
+      in_memory_(reinterpret_cast<unsigned char *>(room.data()), room.size_bytes()) {}
 
 PageContents::~PageContents() {
     if (file_ >= 0)
         syscall(SYS_close, file_);
 }
 
-// A number of 64 bits takes two registers of 32. libc's function is a place where threads are cancelled.
 bool PageContents::fetch(uintptr_t page) {
-    const uint64_t offset = uint64_t{page} * sizeof entries_[0];
-#if defined(__x86_64__)
-    const long got = syscall(SYS_pread64, file_, entries_.data(), entries_.size_bytes(), offset);
-#else
-    const long got = syscall(SYS_pread64, file_, entries_.data(), entries_.size_bytes(),
-                             static_cast<uint32_t>(offset), static_cast<uint32_t>(offset >> 32));
-#endif
-    count_ = got > 0 ? static_cast<size_t>(got) / sizeof entries_[0] : 0;
+    count_ = read_pagemap(file_, page, entries_);
     return count_ != 0;
 }
 

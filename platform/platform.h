@@ -39,6 +39,21 @@ size_t symbol_line(const void *frame, std::span<char> text);
 // no module is. As free of locks and allocations; keeps errno.
 size_t module_place(const void *address, std::span<char> path, uintptr_t &offset);
 
+// The same for many places, of which most are in the same few modules: it asks the system for each one's path once.
+class ModulePaths {
+public:
+    size_t place(const void *address, std::span<char> path, uintptr_t &offset);
+
+private:
+    struct Known {
+        uintptr_t begin, name; // where the module is mapped, and where the loader has its path
+        size_t length;         // 0 for none
+        char path[104];
+    };
+    Known known_[3] = {};
+    size_t next_ = 0;
+};
+
 // Puts the name of the function at a return address, cut to the room there is and without a terminator. Returns its
 // length, 0 where none is known. As free of locks and allocations; keeps errno.
 size_t function_name(const void *address, std::span<char> name);

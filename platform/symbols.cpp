@@ -161,6 +161,28 @@ size_t module_place(const void *address, std::span<char> path, uintptr_t &offset
     return length;
 }
 
+size_t ModulePaths::place(const void *address, std::span<char> path, uintptr_t &offset) {
+    const auto place = reinterpret_cast<uintptr_t>(address);
+    Module module;
+    uintptr_t name = 0;
+    if (!find_module(place - 1, module, name))
+        return 0;
+    offset = place - module.base;
+    for (const Known &known : known_)
+        if (known.length != 0 && known.begin == module.begin && known.name == name) {
+            memcpy(path.data(), known.path, known.length);
+            return known.length;
+        }
+    const int kept_errno = errno;
+    bool link;
+    const size_t length = read_path(module, name, path, link);
+    errno = kept_errno;
+    Known &known = known_[next_++ % std::size(known_)];
+    known = {module.begin, name, length <= sizeof known.path ? length : 0, {}};
+    memcpy(known.path, path.data(), known.length);
+    return length;
+}
+
 namespace {
 
 // Of what lies at a place in the module that is mapped at an address.

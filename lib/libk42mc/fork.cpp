@@ -5,6 +5,7 @@
 #include "fdcheck/state.h"
 #include "linkage/linkage.h"
 #include "memcheck/debug_stream.h"
+#include "memcheck/inheritance.h"
 #include "memcheck/quarantine.h"
 #include "memcheck/reach/inspection.h"
 #include "memcheck/report_signal.h"
@@ -38,6 +39,7 @@ void after_fork_in_parent() {
     unlock_quarantine();
     unlock(gMCDebugLock, LockRank::debug_messages);
     release_checker_lock();
+    end_inheritance();
     unlock(gFDLock, LockRank::descriptors);
     platform::release_stream_list();
 }

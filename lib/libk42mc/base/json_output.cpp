@@ -50,7 +50,7 @@ void JsonOutput::string(const char *text, size_t size) {
 void JsonOutput::frame(const void *address) {
     char place[PATH_MAX + 32];
     uintptr_t offset = 0;
-    const size_t length = platform::module_place(address, std::span(place, PATH_MAX), offset);
+    const size_t length = paths_.place(address, std::span(place, PATH_MAX), offset);
     if (length == 0)
         offset = reinterpret_cast<uintptr_t>(address);
     char *end = stpcpy(place + length, length != 0 ? "+0x" : "0x");

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/text_output.h"
+#include "platform/platform.h"
 
 namespace k42mc::internal {
 
@@ -25,7 +26,9 @@ private:
     void string(const char *text, size_t size);
     void frame(const void *address);
 
-    char buffer_[4096];
+    // As much as small stacks have room for.
+    char buffer_[3584];
+    platform::ModulePaths paths_;
     TextOutput text_;
 };
 

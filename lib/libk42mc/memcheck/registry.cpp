@@ -3,6 +3,7 @@
 #include "base/checker_lock.h"
 #include "memcheck/block_index.h"
 #include "memcheck/filters.h"
+#include "memcheck/inheritance.h"
 #include "memcheck/lane.h"
 #include "memcheck/reach/annotations.h"
 #include "memcheck/registry_lines.h"
@@ -374,11 +375,16 @@ void unlist_all_records() {
 // Touches no record: that memory is shared until somebody writes to it.
 void leave_blocks_to_parent() {
     first_own_block = blocks_recorded.load(std::memory_order_relaxed);
+    begin_inheritance();
     MCResetStats();
 }
 
+bool is_parents(const Record &record) {
+    return record.order() < first_own_block;
+}
+
 bool is_reported(const Record &record) {
-    return record.is_listed() && record.order() >= first_own_block;
+    return record.is_listed() && !is_parents(record);
 }
 
 // The walk over all records has to pay, and the sites to be few beside them.

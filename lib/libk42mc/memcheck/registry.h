@@ -73,6 +73,9 @@ void unlist_all_records();
 // yet.
 void leave_blocks_to_parent();
 
+// Whether it is one of those.
+bool is_parents(const Record &record);
+
 // Whether reports look at a record.
 bool is_reported(const Record &record);
 

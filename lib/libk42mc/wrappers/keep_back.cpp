@@ -1,6 +1,10 @@
 #include "wrappers/keep_back.h"
 
 #include "base/errno_keeper.h"
+#include "memcheck/inheritance.h"
+#include "memcheck/reach/range.h"
+#include "memcheck/reach/work_memory.h"
+#include "platform/shared_pages.h"
 #include "wrappers/notice.h"
 
 #include <algorithm>
@@ -46,6 +50,27 @@ bool release_some(Leaving leaving) {
         any = true;
     return any;
 }
+
+// Those of a forked child that are as they were before: its parent looks at them as well.
+class UnchangedBlocks {
+public:
+    UnchangedBlocks()
+        : room_(is_heir() ? bytes : 0),
+          pages_(room_.take<platform::SharedPages::Window>(room_ ? windows : 0)) {}
+
+    bool has(const RetiredBlock &block) {
+        const auto begin = reinterpret_cast<uintptr_t>(block.raw), end = begin + block.raw_size;
+        bool all = room_ && begin != end;
+        for (uintptr_t at = begin; all && at < end; at = (at & -smallest_page) + smallest_page)
+            all = pages_.has(at);
+        return all;
+    }
+
+private:
+    static constexpr size_t windows = 64, bytes = windows * sizeof(platform::SharedPages::Window);
+    WorkMemory room_;
+    platform::SharedPages pages_;
+};
 
 constinit pthread_once_t exit_hooked = PTHREAD_ONCE_INIT;
 
@@ -99,7 +124,10 @@ void examine_quarantine() {
     ptrdiff_t change = 0;
     bool is_found = false;
     GuardInspector inspector;
+    UnchangedBlocks unchanged;
     auto is_sound = [&](const RetiredBlock &block) {
+        if (unchanged.has(block))
+            return true;
         is_found = is_changed(block, change, inspector);
         if (is_found)
             found = block;

@@ -50,7 +50,7 @@ place = crash["locations"][0]["physicalLocation"]
 assert place["artifactLocation"] == {"uri": "tests/tools/run/fragile.c", "uriBaseId": "SRCROOT"}, place
 assert place["region"] == {"startLine": 16}
 steps = crash["codeFlows"][1]["threadFlows"][0]["locations"]
-assert [step["location"]["logicalLocations"][0]["fullyQualifiedName"] for step in steps][-2:] == ["main", "crash"], steps
+assert [step["location"]["logicalLocations"][0]["fullyQualifiedName"] for step in steps[-2:]] == ["main", "crash"], steps
 assert crash["partialFingerprints"] != lost["partialFingerprints"]
 END
 "$k42mc" report all >out 2>err || fail 'report of all'

@@ -7,8 +7,9 @@ namespace k42mc::internal {
 using platform::HeapChunk;
 
 HeapGaps::HeapGaps(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
-                   platform::GuardedCopies &copies)
-    : blocks_(blocks), copies_(copies), kept_(memory.take<uintptr_t>(most_kept(moment))) {
+                   platform::GuardedCopies &copies, platform::SharedPages &inherited)
+    : blocks_(blocks), copies_(copies), inherited_(inherited),
+      kept_(memory.take<uintptr_t>(most_kept(moment))) {
     take_kept(moment);
 }
 
@@ -31,6 +32,13 @@ void HeapGaps::take_kept(const Moment &moment) {
             moment.caches.each_kept(copies_, thread.control_block, take);
     kept_ = kept_.first(count);
     std::sort(kept_.begin(), kept_.end());
+}
+
+bool HeapGaps::is_inherited(uintptr_t begin, uintptr_t end) const {
+    for (; begin < end; begin = (begin & -smallest_page) + smallest_page)
+        if (!inherited_.has(begin))
+            return false;
+    return true;
 }
 
 bool HeapGaps::is_free(const HeapChunk &chunk) const {
@@ -80,6 +88,8 @@ uintptr_t HeapGaps::first_chunk_in(uintptr_t begin, uintptr_t end) const {
 // The last chunk of a heap is what was never handed out, or not since.
 void HeapGaps::each_in_use(const Gap &gap, uintptr_t end, bool ends_heap,
                            FunctionRef<void(Range)> action) {
+    if (is_inherited(gap.begin, end))
+        return;
     if (gap.first_chunk == 0 || end_of_chunks(gap.first_chunk, end) != end) {
         if (gap.begin < gap.end)
             action({gap.begin, gap.end});

@@ -6,6 +6,7 @@
 #include "memcheck/reach/block_map.h"
 #include "memcheck/reach/moment.h"
 #include "memcheck/reach/range.h"
+#include "platform/shared_pages.h"
 
 namespace k42mc::internal {
 
@@ -14,9 +15,9 @@ public:
     static size_t bytes_for(const Moment &moment) { return most_kept(moment) * sizeof(uintptr_t); }
 
     HeapGaps(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
-             platform::GuardedCopies &copies);
+             platform::GuardedCopies &copies, platform::SharedPages &inherited);
 
-    // Calls action with each range that is outside of blocks and may be in use.
+    // Calls action with each range that is outside of blocks and may be in use, but for those whose pages are all inherited.
     void each(Range piece, FunctionRef<void(Range)> action);
 
 private:
@@ -28,6 +29,7 @@ private:
 
     static size_t most_kept(const Moment &moment);
     void take_kept(const Moment &moment);
+    bool is_inherited(uintptr_t begin, uintptr_t end) const;
     bool is_free(const platform::HeapChunk &chunk) const;
     Range memory_of(const Block &block) const;
     uintptr_t chunk_behind(Range memory, uintptr_t limit) const;
@@ -37,6 +39,7 @@ private:
 
     const BlockMap &blocks_;
     platform::GuardedCopies &copies_;
+    platform::SharedPages &inherited_;
     std::span<uintptr_t> kept_; // memory of chunks that threads keep for themselves, in order
 };
 

@@ -1,26 +1,41 @@
 #include "memcheck/reach/lost_blocks.h"
 
+#include "memcheck/inheritance.h"
 #include "memcheck/reach/inspection.h"
 #include "memcheck/reach/loss.h"
 
 namespace k42mc::internal {
 namespace {
 
-bool nothing_to_find(uint32_t limit) {
-    bool none = true;
+struct Amount {
+    size_t blocks, bytes;
+};
+
+Amount amount_to_find(uint32_t limit) {
+    Amount amount = {0, 0};
     for_each_record([&](const Record &record) {
-        none = none && !(is_reported(record) && record.age(gMCCycle) >= limit);
+        if (is_reported(record) && record.age(gMCCycle) >= limit) {
+            ++amount.blocks;
+            amount.bytes += record.size;
+        }
     });
-    return none;
+    return amount;
 }
+
+// Scripts have thousands of children that live for a moment. What holds the little that is theirs would take longer to
+// find than they live.
+constexpr size_t least_of_heirs = 1 << 20;
 
 } // namespace
 
 const char *LostBlocks::search(const char *function, const Caller &caller, uint32_t limit,
                                Wanted wanted) {
     auto is_needed = [&] {
+        const Amount amount = amount_to_find(limit);
+        if (amount.bytes < least_of_heirs && is_heir())
+            wanted = Wanted::lost;
         if (list_.make())
-            list_->is_complete = nothing_to_find(limit);
+            list_->is_complete = amount.blocks == 0;
         return list_ && !list_->is_complete;
     };
     auto look = [&](const Moment &moment) {

@@ -197,6 +197,7 @@ void describe_root(const Origin &origin, const Moment &moment, Root &root) {
         root.kind = Root::Kind::kept;
         break;
     case Origin::Kind::moving:
+    case Origin::Kind::inherited: // which is not noted
         root.kind = Root::Kind::moving;
         break;
     case Origin::Kind::caller:

@@ -48,9 +48,9 @@ size_t Roots::bytes_for(const Moment &moment) {
 }
 
 Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
-             platform::GuardedCopies &copies)
+             platform::GuardedCopies &copies, platform::SharedPages &inherited)
     : blocks_(blocks), left_out_(memory.take<Range>(most_left_out(moment))),
-      gaps_(memory, moment, blocks, copies) {
+      gaps_(memory, moment, blocks, copies, inherited) {
     left_out_.add(memory.begin(), memory.end());
     const Range noted = memory_of_added_roots();
     left_out_.add(noted.begin, noted.end);

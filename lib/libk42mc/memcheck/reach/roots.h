@@ -16,7 +16,7 @@ public:
     static size_t bytes_for(const Moment &moment);
 
     Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
-          platform::GuardedCopies &copies);
+          platform::GuardedCopies &copies, platform::SharedPages &inherited);
 
     // Each range outside of blocks, and those that the program has added. False where the system does not tell what is
     // mapped.

@@ -1,5 +1,7 @@
 #include "memcheck/reach/search.h"
 
+#include "memcheck/inheritance.h"
+#include "memcheck/registry.h"
 #include "platform/signal_context.h"
 
 namespace k42mc::internal {
@@ -9,13 +11,16 @@ size_t Search::bytes_for(const Moment &moment, Note note) {
     const size_t noted = note == Note::nothing ? 0 : moment.block_count * sizeof(Origin);
     return BlockMap::bytes_for(moment.block_count) + Roots::bytes_for(moment) +
            moment.block_count * (sizeof(bool) + sizeof(uint32_t)) + pages_at_a_time * sizeof(uint64_t) +
-           most_words * word + noted + alignments;
+           windows_of_pages * sizeof(platform::SharedPages::Window) + most_words * word + noted +
+           alignments;
 }
 
 Search::Search(const Moment &moment, Note note)
     : moment_(moment), callers_last_(note == Note::origins_callers_last),
+      as_heir_(note == Note::nothing && moment.threads.empty() && is_heir()),
       memory_(bytes_for(moment, note)), pages_(memory_.take<uint64_t>(pages_at_a_time)),
-      blocks_(memory_, moment.block_count), roots_(memory_, moment, blocks_, copies_),
+      inherited_(memory_.take<platform::SharedPages::Window>(as_heir_ ? windows_of_pages : 0)),
+      blocks_(memory_, moment.block_count), roots_(memory_, moment, blocks_, copies_, inherited_),
       reached_(memory_.take<bool>(moment.block_count)),
       origins_(memory_.take<Origin>(note == Note::nothing ? 0 : moment.block_count)),
       queue_(memory_.take<uint32_t>(moment.block_count)), words_(memory_.take<uintptr_t>(most_words)),
@@ -27,10 +32,15 @@ Search::Search(const Moment &moment, Note note)
 bool Search::run() {
     if (!memory_ || !copies_)
         return false;
-    for (uint32_t i = 0; i < blocks_.size(); ++i)
-        if (const Record &record = record_at(blocks_[i].number);
-            record.is_kept() || record.is_in_hand()) // which somebody is moving
-            reach(i, {record.is_kept() ? Origin::Kind::kept : Origin::Kind::moving, 0, 0});
+    for (uint32_t i = 0; i < blocks_.size(); ++i) {
+        const Record &record = record_at(blocks_[i].number);
+        if (record.is_kept())
+            reach(i, {Origin::Kind::kept, 0, 0});
+        else if (record.is_in_hand()) // somebody is moving it
+            reach(i, {Origin::Kind::moving, 0, 0});
+        else if (as_heir_ && is_parents(record))
+            reach(i, {Origin::Kind::inherited, 0, 0});
+    }
     bool callers_own = false;
     auto visit = [&](Range range, const platform::Mapping &mapping) {
         reach_from(range, mapping, callers_own);
@@ -91,7 +101,7 @@ void Search::reach_from(Range range, const platform::Mapping &mapping, bool call
     for (uintptr_t at = range.begin; at < range.end;) {
         const uintptr_t end = std::min((at & -smallest_page) + smallest_page, range.end);
         const bool is_turn = !callers_last_ || is_callers_own(at, mapping) == callers_own;
-        if (is_turn && pages_.is_own(at, mapping))
+        if (is_turn && pages_.is_own(at, mapping) && !(as_heir_ && inherited_.has(at)))
             reach_from({at, end}, Origin::Kind::memory, 0);
         at = end;
     }
@@ -113,10 +123,20 @@ void Search::reach_from_threads() {
     }
 }
 
+void Search::reach_from_block(uint32_t index) {
+    const Block &block = blocks_[index];
+    for (uintptr_t at = block.begin; at < block.end;) {
+        const uintptr_t end =
+            as_heir_ ? std::min((at & -smallest_page) + smallest_page, block.end) : block.end;
+        if (!as_heir_ || !inherited_.has(at))
+            reach_from({at, end}, Origin::Kind::block, index);
+        at = end;
+    }
+}
+
 void Search::reach_from_blocks() {
     for (; next_ < queued_; ++next_) {
-        const Block &block = blocks_[queue_[next_]];
-        reach_from({block.begin, block.end}, Origin::Kind::block, queue_[next_]);
+        reach_from_block(queue_[next_]);
     }
 }
 

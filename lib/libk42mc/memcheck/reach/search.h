@@ -5,13 +5,14 @@
 #include "memcheck/reach/block_map.h"
 #include "memcheck/reach/moment.h"
 #include "memcheck/reach/roots.h"
+#include "platform/shared_pages.h"
 #include "platform/stack.h"
 
 namespace k42mc::internal {
 
 // By what a block was reached first.
 struct Origin {
-    enum class Kind : uint8_t { memory, block, caller, thread, kept, moving };
+    enum class Kind : uint8_t { memory, block, caller, thread, kept, moving, inherited };
 
     Kind kind;
     uint32_t holder; // the block that the word lies in, or the thread whose registers have it
@@ -45,12 +46,13 @@ public:
     uint32_t next_pointer(uintptr_t &at, uintptr_t end);
 
 private:
-    static constexpr size_t pages_at_a_time = 4096;
+    static constexpr size_t pages_at_a_time = 4096, windows_of_pages = 16;
 
     static size_t bytes_for(const Moment &moment, Note note);
 
     void reach(uint32_t index, const Origin &origin);
     void reach_from(Range range, Origin::Kind kind, uint32_t holder);
+    void reach_from_block(uint32_t index);
     void reach_from(Range range, const platform::Mapping &mapping, bool callers_own);
     void reach_from_threads();
     void reach_from_caller();
@@ -60,9 +62,14 @@ private:
 
     const Moment &moment_;
     const bool callers_last_;
+    // What its parent has left to a forked child counts as live, so that of memory that is as it was then nobody has to look
+    // at anything: no pointer to a newer block can be there. With another thread, a copy does the search, to which all
+    // memory is like that.
+    const bool as_heir_;
     WorkMemory memory_;
     platform::GuardedCopies copies_;
     platform::PageContents pages_;
+    platform::SharedPages inherited_;
     BlockMap blocks_;
     Roots roots_;
     std::span<bool> reached_;
