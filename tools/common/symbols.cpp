@@ -186,7 +186,12 @@ struct Place {
 };
 
 std::string symbol_at(const Place &place) {
-    return readable(dwfl_module_addrname(place.module.module, place.address));
+    GElf_Off offset = 0;
+    GElf_Sym symbol;
+    const char *const name = dwfl_module_addrinfo(place.module.module, place.address, &offset, &symbol,
+                                                  nullptr, nullptr, nullptr);
+    // Without a symbol of its own, code would have that of what lies ahead of it.
+    return name != nullptr && GELF_ST_TYPE(symbol.st_info) != STT_OBJECT ? readable(name) : "";
 }
 
 void list_functions(Module &module) {

@@ -107,6 +107,13 @@ k42mc_run 0 --fail-fds --fail-at='(try_pipe+' -- "$fragile" pipe
 said '^k42mc: fragile\.[0-9]+: allocation [0-9]+ failed on purpose: a descriptor by pipe$'
 [[ $(<out) == 'Too many open files' ]] || fail 'another error'
 
+# In gdb, at the allocation that fails.
+if type -P gdb >/dev/null; then
+    echo kill | timeout 60 "$k42mc" run --gdb '--fail-at=(crash+' -- "$fragile" crash >out 2>err
+    grep -q '^#0 .* k42mc_allocation_fails ' out || fail 'gdb did not stop'
+    grep -qE '^#[0-9]+ .* in (crash|main) \(' out || fail 'no trace in gdb'
+fi
+
 # Stopped by a signal: what was found is told, nothing runs on.
 (
     exec setsid env --default-signal=INT "$k42mc" run --fail-each --fail-only='fragile(' --jobs 1 --output stopped -- "$fragile" crash hang lose

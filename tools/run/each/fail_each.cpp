@@ -208,7 +208,7 @@ private:
             throw std::runtime_error("the program does not end in time without any failure");
         const Reading reading = read(attempt);
         refuse_unchecked(reading.report, trial);
-        for (const std::string &name : names_of(reading.findings, attempt.copy.moved()))
+        for (const std::string &name : names_of(reading.findings, trial, attempt.copy.moved()))
             good_found_.insert(name);
         if (!is_second) {
             good_ = {trial.status(), trial.output(), trial.errors(), true, true, {}};

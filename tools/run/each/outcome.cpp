@@ -45,13 +45,16 @@ Happening happening_of(const Finding &remark, const Moved &moved) {
             unmoved(remark.trails.empty() ? Trace{} : remark.trails.front().trace, moved)};
 }
 
-std::vector<Happening> happened_in(const Findings &findings, const Moved &moved) {
+// What a process has open when it gives up, the system closes. Only of the program's own nobody has to guess whether it did.
+std::vector<Happening> happened_in(const Findings &findings, const Trial &trial, const Moved &moved) {
+    const std::string own_end = "." + std::to_string(trial.process());
     std::vector<Happening> all;
     for (const Findings::Part &part : findings.parts()) {
         for (const Group &group : part.blocks)
             all.push_back(happening_of(group, "block", moved));
         for (const Group &group : part.descriptors)
-            all.push_back(happening_of(group, "descriptor", moved));
+            if (group.certain || part.name.ends_with(own_end))
+                all.push_back(happening_of(group, "descriptor", moved));
         for (const Finding &remark : part.remarks)
             if (remark.is_fault())
                 all.push_back(happening_of(remark, moved));
@@ -114,9 +117,9 @@ Happening end_of(const Trial &trial, const GoodRun &good) {
 
 } // namespace
 
-std::set<std::string> names_of(const Findings &findings, const Moved &moved) {
+std::set<std::string> names_of(const Findings &findings, const Trial &trial, const Moved &moved) {
     std::set<std::string> names;
-    for (const Happening &happening : happened_in(findings, moved))
+    for (const Happening &happening : happened_in(findings, trial, moved))
         names.insert(name_of(happening));
     return names;
 }
@@ -132,9 +135,8 @@ Outcome outcome_of(const std::string &stack, const Trial &trial, const Report &r
         return outcome;
     }
     std::vector<Happening> &happened = outcome.happened;
-    happened = happened_in(findings, moved);
+    happened = happened_in(findings, trial, moved);
     std::erase_if(happened, [&](const Happening &happening) {
-        // Descriptors that are open when a program gives up are closed by the system.
         return good.found.contains(name_of(happening)) ||
                (is_descriptor_left_open(happening) && trial.status() != good.status);
     });

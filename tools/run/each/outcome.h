@@ -58,7 +58,7 @@ struct Moved {
 };
 
 // What a good run has of findings, to be told from others.
-std::set<std::string> names_of(const Findings &findings, const Moved &moved);
+std::set<std::string> names_of(const Findings &findings, const Trial &trial, const Moved &moved);
 
 Outcome outcome_of(const std::string &stack, const Trial &trial, const Report &report,
                    const Findings &findings, const GoodRun &good, const Moved &moved);
