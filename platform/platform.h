@@ -35,7 +35,7 @@ void backtrace_symbols_fd(void *const *frames, int count, int descriptor);
 size_t symbol_line(const void *frame, std::span<char> text);
 
 // Puts where an address lies: the path of its module, cut to the room there is and without a terminator,
-// and the offset from the address that the module was loaded at. Returns the length of the path, 0 where
+// and the address that the module's file has for it. Returns the length of the path, 0 where
 // no module is. As free of locks and allocations; keeps errno.
 size_t module_place(const void *address, std::span<char> path, uintptr_t &offset);
 

@@ -1,5 +1,6 @@
 #include "tools/common/symbols.h"
 
+#include "base/pattern.h"
 #include "tools/common/file.h"
 
 #include <algorithm>
@@ -83,8 +84,7 @@ struct Free {
 struct Module {
     std::unique_ptr<Dwfl, EndDwfl> dwfl;
     Dwfl_Module *module = nullptr;
-    GElf_Addr bias = 0;       // of libdw's layout over the file's own addresses
-    GElf_Addr first_page = 0; // the file's own address of the start of its first segment
+    GElf_Addr bias = 0; // of libdw's layout over the file's own addresses
     std::multimap<std::string, GElf_Addr, std::less<>> functions; // the file's own addresses, by name
 };
 
@@ -140,18 +140,6 @@ std::string readable(const char *name) {
     return name == nullptr ? "" : demangled(bare_name(name));
 }
 
-GElf_Addr first_page_of(Elf *elf) {
-    constexpr GElf_Addr page_mask = 4095;
-    size_t count = 0;
-    elf_getphdrnum(elf, &count);
-    for (size_t i = 0; i < count; ++i) {
-        GElf_Phdr segment;
-        if (gelf_getphdr(elf, static_cast<int>(i), &segment) != nullptr && segment.p_type == PT_LOAD)
-            return segment.p_vaddr & ~page_mask;
-    }
-    return 0;
-}
-
 // Not open for anything but an ELF file.
 File open_elf(const std::string &path) {
     constexpr off_t most_bytes = 1 << 30;
@@ -174,8 +162,7 @@ Module open_module(const std::string &path) {
     if (module.module == nullptr)
         return module;
     file.release(); // libdw has it
-    if (Elf *elf = dwfl_module_getelf(module.module, &module.bias))
-        module.first_page = first_page_of(elf);
+    dwfl_module_getelf(module.module, &module.bias);
     return module;
 }
 
@@ -192,6 +179,16 @@ std::string symbol_at(const Place &place) {
                                                   nullptr, nullptr, nullptr);
     // Without a symbol of its own, code would have that of what lies ahead of it.
     return name != nullptr && GELF_ST_TYPE(symbol.st_info) != STT_OBJECT ? readable(name) : "";
+}
+
+// Of a file, as the compiler was given it or from the root of the file system.
+bool is_of_source(Dwarf_Die *unit, std::string_view pattern) {
+    Dwarf_Attribute attribute;
+    const char *const name = dwarf_diename(unit);
+    const char *const folder = dwarf_formstring(dwarf_attr(unit, DW_AT_comp_dir, &attribute));
+    return name != nullptr &&
+           (matches_pattern(pattern, name) ||
+            (folder != nullptr && matches_pattern(pattern, std::string(folder) + "/" + name)));
 }
 
 void list_functions(Module &module) {
@@ -211,7 +208,7 @@ void list_functions(Module &module) {
 std::optional<GElf_Addr> own_address(Module &module, const Pc &pc) {
     constexpr GElf_Addr in_page = 4095;
     if (pc.function.empty())
-        return pc.offset + module.first_page;
+        return pc.offset;
     if (module.functions.empty())
         list_functions(module);
     const auto [first, last] = module.functions.equal_range(pc.function);
@@ -394,6 +391,21 @@ std::vector<SourceFrame> Symbolizer::Modules::find_frames(std::string_view text)
     found[0].function = symbol_at(*place);
     use_debug_information(*place, found);
     return found;
+}
+
+std::vector<CodeRange> Symbolizer::code_of(const std::string &module, std::string_view source) {
+    std::vector<CodeRange> ranges;
+    Module &known = modules_->at(module);
+    Dwarf_Addr bias = 0;
+    for (Dwarf_Die *unit = nullptr;
+         known.module != nullptr && (unit = dwfl_module_nextcu(known.module, unit, &bias)) != nullptr;) {
+        if (!is_of_source(unit, source))
+            continue;
+        Dwarf_Addr base = 0, begin = 0, end = 0;
+        for (ptrdiff_t at = 0; (at = dwarf_ranges(unit, at, &base, &begin, &end)) > 0;)
+            ranges.push_back({begin + bias - known.bias, end + bias - known.bias});
+    }
+    return ranges;
 }
 
 std::string Symbolizer::Modules::find_function(std::string_view text) {

@@ -1,6 +1,7 @@
 // From addresses in reports to functions and source lines.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -11,6 +12,11 @@ struct SourceFrame {
     std::string file;     // empty when there is no debug information
     int line = 0;
     bool inlined = false; // into the frame that follows
+};
+
+// By the addresses of the module's file.
+struct CodeRange {
+    uint64_t begin, end;
 };
 
 // Reads each module once and keeps it open, and remembers what it has found, up to bounds: reports may
@@ -24,7 +30,7 @@ public:
     Symbolizer &operator=(const Symbolizer &) = delete;
 
     // What stands at a return address: the functions around the call in front of it, innermost first. It
-    // is written "/usr/lib/libfoo.so.1+0x1a2b", the offset counting from where the module is loaded, or
+    // is written "/usr/lib/libfoo.so.1+0x1a2b", by the address that the module's file has for it, or
     // as printed traces have it, "/usr/lib/libfoo.so.1(function+0x2b) [0x7f12a2b]". Always at least one
     // frame; an empty one when nothing is known. Valid until the next lookup.
     const std::vector<SourceFrame> &lookup(std::string_view pc);
@@ -32,6 +38,9 @@ public:
     // The function around that call by the symbol table alone, which takes much less time; empty when none is
     // known.
     const std::string &function(std::string_view pc);
+
+    // Where a module has the code of source files whose names match, as far as debug information tells.
+    std::vector<CodeRange> code_of(const std::string &module, std::string_view source);
 
 private:
     struct Modules;

@@ -1,5 +1,6 @@
 #include "tools/preload/failing.h"
 
+#include "platform/platform.h"
 #include "tools/preload/depth.h"
 #include "tools/preload/exported.h"
 #include "tools/preload/output.h"
@@ -13,6 +14,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <string_view>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -28,6 +30,7 @@ namespace {
 
 using k42mc::internal::Failures;
 using k42mc::internal::PurposefulFailure;
+namespace platform = k42mc::internal::platform;
 
 constexpr size_t most_told = 20;
 
@@ -53,6 +56,54 @@ void tell(const PurposefulFailure &failure) {
         write_note(text, failure.trace);
     }
     k42mc_allocation_fails();
+}
+
+// What K42MC_RUN_FAIL_*_CODE had, as the environment may change.
+struct Code {
+    uint32_t verdict;
+    const char *text; // null for none
+};
+constinit Code codes[3] = {};
+
+const char *keep(const char *text) {
+    const size_t size = text != nullptr ? strlen(text) + 1 : 0;
+    void *const memory = size != 0 ? platform::map_memory(size) : nullptr;
+    return memory != nullptr ? static_cast<const char *>(memcpy(memory, text, size)) : nullptr;
+}
+
+// "server:1190-12f0 libfoo.so.1:2040-20a7 "
+bool has(const char *code, std::string_view module, uintptr_t offset) {
+    while (*code != '\0') {
+        const char *const colon = strchrnul(code, ':');
+        char *end = nullptr;
+        const auto first = strtoull(colon + (*colon != '\0'), &end, 16);
+        const auto behind = strtoull(end + (*end != '\0'), &end, 16);
+        if (module == std::string_view(code, static_cast<size_t>(colon - code)) && offset > first &&
+            offset <= behind)
+            return true;
+        code = end + (*end != '\0');
+    }
+    return false;
+}
+
+uint32_t judge_place(const void *frame) {
+    char path[4096];
+    uintptr_t offset = 0;
+    std::string_view module(path, platform::module_place(frame, path, offset));
+    module.remove_prefix(module.rfind('/') + 1);
+    uint32_t verdict = 0;
+    for (const Code &code : codes)
+        if (code.text != nullptr && has(code.text, module, offset))
+            verdict |= code.verdict;
+    return verdict;
+}
+
+// Whether there is any.
+bool keep_code() {
+    codes[0] = {k42mc::internal::is_at, keep(text_in("K42MC_RUN_FAIL_AT_CODE"))};
+    codes[1] = {k42mc::internal::is_only, keep(text_in("K42MC_RUN_FAIL_ONLY_CODE"))};
+    codes[2] = {k42mc::internal::never, keep(text_in("K42MC_RUN_FAIL_NOT_CODE"))};
+    return codes[0].text != nullptr || codes[1].text != nullptr || codes[2].text != nullptr;
 }
 
 // By system calls, as libc's functions are places where threads are cancelled. The environment may have changed since, so
@@ -90,6 +141,8 @@ void choose_failures() {
     which.except = text_in("K42MC_RUN_FAIL_NOT");
     if (const char *const stack = text_in("K42MC_RUN_FAIL_STACK"))
         which.stack = strtoull(stack, nullptr, 16);
+    if (keep_code())
+        which.judge_place = judge_place;
     if (keep_stacks_file(text_in("K42MC_RUN_FAIL_STACKS")))
         which.new_stack = list;
     if (which.nth == 0 && which.one_in == 0 && which.above == 0 && which.at == nullptr &&

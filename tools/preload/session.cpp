@@ -17,6 +17,7 @@
 //   K42MC_RUN_PAGE_FLAGS   K42MCX_PAGES_*
 //   K42MC_RUN_PAGE_MEMORY  bytes for all of that; nothing for as many as usual
 //   K42MC_RUN_FAIL_NTH, _ONE_IN, _SEED, _ABOVE, _AT, _ONLY, _NOT   which allocations fail, as k42mcx_fail has it
+//   K42MC_RUN_FAIL_AT_CODE, _ONLY_CODE, _NOT_CODE   where the code of the source files lies that these match
 //   K42MC_RUN_FAIL_FDS     1 for descriptors to fail as well
 //   K42MC_RUN_FAIL_STACK   the first with this stack fails
 //   K42MC_RUN_FAIL_STACKS  a file for the stacks that allocations have, each once

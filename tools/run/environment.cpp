@@ -1,5 +1,6 @@
 #include "tools/run/environment.h"
 
+#include "tools/run/source_code.h"
 #include "tools/run/verdicts.h"
 
 #include <k42mc/extra.h>
@@ -21,6 +22,12 @@ uint32_t page_flags(const RunOptions &options) {
     return flags;
 }
 
+// Of a pattern that can be one of source files: function names have a bracket there.
+std::string code_for(const RunOptions &options, const std::string &pattern) {
+    const bool is_none = pattern.empty() || pattern.find_first_of("(+[") != std::string::npos;
+    return is_none ? "" : code_of_sources(options.program, pattern);
+}
+
 std::vector<Setting> failures(const RunOptions &options) {
     return {{"K42MC_RUN_FAIL_NTH", std::to_string(options.fail_nth)},
             {"K42MC_RUN_FAIL_ONE_IN", std::to_string(options.fail_one_in)},
@@ -30,6 +37,9 @@ std::vector<Setting> failures(const RunOptions &options) {
             {"K42MC_RUN_FAIL_ONLY", options.fail_only},
             {"K42MC_RUN_FAIL_NOT", options.fail_not},
             {"K42MC_RUN_FAIL_STACK", options.fail_stack},
+            {"K42MC_RUN_FAIL_AT_CODE", code_for(options, options.fail_at)},
+            {"K42MC_RUN_FAIL_ONLY_CODE", code_for(options, options.fail_only)},
+            {"K42MC_RUN_FAIL_NOT_CODE", code_for(options, options.fail_not)},
             {"K42MC_RUN_FAIL_FDS", options.fail_fds ? "1" : "0"}};
 }
 

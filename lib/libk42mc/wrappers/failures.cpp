@@ -44,10 +44,8 @@ struct Choice {
     Pattern at, only, except;
     uint64_t stack;
     StackListener new_stack;
+    PlaceJudge judge_place;
 };
-
-// What a place in the program is to the choice: bits, and above them a number that is made of its name.
-enum Verdict : uint32_t { never = 1, is_at = 2, is_only = 4, verdict_bits = 15 };
 
 // Of return addresses, as far as they have been judged: a few bits of each one's name above its verdict. That is one word,
 // which threads may read and write without a lock; a wrong one is as likely as two names that agree in 46 bits.
@@ -117,13 +115,16 @@ uint32_t number_of(std::string_view place) {
     return number & ~uint32_t{verdict_bits};
 }
 
+// Above its bits, a number that is made of the place's name.
 uint32_t judge(const Choice &choice, void *frame) {
     char line[1024];
     const std::string_view place(line, platform::symbol_line(frame, line));
-    const uint32_t number = number_of(place);
+    uint32_t verdict = number_of(place);
+    if (choice.judge_place != nullptr)
+        verdict |= choice.judge_place(frame);
     if (is_indispensable(reinterpret_cast<uintptr_t>(frame), place) || choice.except.matches(place))
-        return number | never;
-    return number | (choice.at.matches(place) ? is_at : 0u) |
+        return verdict | never;
+    return verdict | (choice.at.matches(place) ? is_at : 0u) |
            (choice.only.matches(place) ? is_only : 0u);
 }
 
@@ -230,6 +231,7 @@ int choose_failures(const Failures &which) {
     choice.above = which.above;
     choice.stack = which.stack;
     choice.new_stack = which.new_stack;
+    choice.judge_place = which.judge_place;
     if (!choice.at.set(which.at) || !choice.only.set(which.only) || !choice.except.set(which.except))
         return ENAMETOOLONG;
     if (which.new_stack != nullptr && !known_stacks.prepare())

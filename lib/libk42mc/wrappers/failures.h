@@ -28,9 +28,16 @@ extern constinit FailureListener failure_listener;
 // each run of a program, wherever its modules are loaded.
 using StackListener = void (*)(uint64_t stack);
 
+// What a place in the program is to the choice: bits.
+enum Verdict : uint32_t { never = 1, is_at = 2, is_only = 4, verdict_bits = 15 };
+
+// What else is to be said of a return address.
+using PlaceJudge = uint32_t (*)(const void *frame);
+
 struct Failures : k42mcx_failures {
     uint64_t stack = 0; // the first allocation with the stack of that name
     StackListener new_stack = nullptr;
+    PlaceJudge judge_place = nullptr;
 };
 
 // As k42mcx_fail, and ENOMEM where there is none to know stacks by.

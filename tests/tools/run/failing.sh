@@ -25,7 +25,7 @@ counts '10 stacks' '1 damaged, 1 crash, 1 hang, 1 lost, 1 wrong, 1 handled, 4 ig
 said '^  damaged: k42mc detected WO.*'
 grep -A1 '^  crash: ended by SIGSEGV$' err | grep -q '    crash at .*/fragile.c:16$' || fail 'no place of the crash'
 grep -A4 '^  hang: no end in time$' err | grep -q '    hang at .*/fragile.c' || fail 'no place of the hang'
-grep -A1 '^  lost: 1 block, 12 bytes$' err | grep -q '    lose at .*/fragile.c' || fail 'no place of the loss'
+grep -A1 '^  lost: 1 block, 12 bytes$' err | grep -q '    lose_here at .*/fragile.c' || fail 'no place of the loss'
 grep -A1 '^   where in fragile.* allocation [0-9]* failed on purpose: 14 bytes$' err | grep -q '    damage at' ||
     fail 'no place of the allocation'
 (($(wc -l <all/fail-each.jsonl) == 11)) || fail 'not a line for each'
@@ -106,6 +106,12 @@ said '^   where in .* allocation [0-9]+ failed on purpose: a descriptor by opend
 k42mc_run 0 --fail-fds --fail-at='(try_pipe+' -- "$fragile" pipe
 said '^k42mc: fragile\.[0-9]+: allocation [0-9]+ failed on purpose: a descriptor by pipe$'
 [[ $(<out) == 'Too many open files' ]] || fail 'another error'
+
+# By source files, whose code has no name in a stripped program.
+k42mc_run 3 --fail-at=run/fragile.c -- "$fragile" handle
+k42mc_run 0 --fail-at=run/other.c -- "$fragile" handle
+k42mc_run 0 --fail-above=1 --fail-only='^tests/tools/run/*other.c' -- "$fragile" handle
+k42mc_run 0 --fail-above=1 --fail-not='fragile.c$' -- "$fragile" handle
 
 # In gdb, at the allocation that fails.
 if type -P gdb >/dev/null; then

@@ -24,11 +24,19 @@ APART static void hang(void) {
     free(block);
 }
 
-APART static void lose(void) {
+APART static void lose_here(void) {
     void *first = malloc(12), *second = malloc(13);
     if (second != NULL || first == NULL)
         free(first);
     free(second);
+}
+
+/* Deep on the stack, where nothing is left of the address later on. */
+APART static void lose(void) {
+    volatile char above[1 << 16];
+    above[0] = 0;
+    lose_here();
+    above[1] = 0;
 }
 
 APART static void damage(void) {
