@@ -86,8 +86,8 @@ each 0 --each-in-copy --jobs 2 -- file ignore ignore crash
 counts '2 stacks' '1 crash, 1 ignored'
 [[ -e file ]] || fail 'not in a copy'
 cd ..
-printf 'twice\n' >input
-each 0 -- input ignore <input
+printf 'twice\n' >given
+each 0 -- input ignore <given
 counts '3 stacks' '3 ignored'
 each 0 --sample 2 -- ignore lose damage
 said '^k42mc: 2 stacks of allocations'
