@@ -124,7 +124,7 @@ fi
 (
     exec setsid env --default-signal=INT "$k42mc" run --fail-each --fail-only='fragile(' --jobs 1 --output stopped -- "$fragile" crash hang lose
 ) >out 2>err &
-await grep -qs '"crash"' stopped/fail-each.jsonl
+await grep -qs '"outcome":"crash"' stopped/fail-each.jsonl
 kill -INT $!
 wait $!
 (($? == 130)) || fail 'not ended by the signal'
