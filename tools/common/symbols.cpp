@@ -1,7 +1,7 @@
 #include "tools/common/symbols.h"
 
-#include "base/pattern.h"
 #include "tools/common/file.h"
+#include "tools/shared/pattern.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -2,7 +2,7 @@
 // nothing here allocates, or needs the C++ library as it runs, as substr and what is made of it do.
 #pragma once
 
-#include "base/pattern.h"
+#include "tools/shared/pattern.h"
 
 #include <algorithm>
 #include <string_view>

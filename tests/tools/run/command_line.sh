@@ -44,12 +44,12 @@ for command in run report diff; do
     options=$("$k42mc" "$command" --help | grep -oE '^ +--[a-z-]+(,--[a-z-]+)?' | grep -oE -- '--[a-z-]+')
     [[ $options ]] || fail "$command: no options"
     for option in $options; do
-        completed k42mc "$command" "$option" | grep -qxe "$option" || fail "completion: $command $option"
+        completed k42mc "$command" "$option" | grep -xe "$option" >matched || fail "completion: $command $option"
         grep -qE -- "^\.It .*(Fl|,) ?${option#-}( |$)" "$sources/docs/man/k42mc.1" || [[ $command == diff ]] ||
             fail "manual page: $command $option"
     done
 done
-completed k42mc run --quarantine 64M --suppress file print | grep -qx printf || fail 'completion: values'
+completed k42mc run --quarantine 64M --suppress file print | grep -x printf >matched || fail 'completion: values'
 
 "$k42mc" --version >out 2>err || fail version
 grep -qE '^k42mc [0-9]+\.[0-9]+\.[0-9]+$' out || fail version

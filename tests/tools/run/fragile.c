@@ -25,7 +25,8 @@ APART static void hang(void) {
 }
 
 APART static void lose_here(void) {
-    void *first = malloc(12), *second = malloc(13);
+    void *volatile first = malloc(12);
+    void *volatile second = malloc(13);
     if (second != NULL || first == NULL)
         free(first);
     free(second);

@@ -1,0 +1,4 @@
+// Patterns of functions, files and modules, as the library has them.
+#pragma once
+
+#include "base/pattern.h" // IWYU pragma: export
