@@ -64,6 +64,12 @@ counts '10 stacks' '1 damaged, 1 crash, 1 hang, 1 lost, 1 wrong, 1 handled, 4 ig
 each 125 --output all --resume -- crash
 each 125 --output none --resume -- crash
 
+# Another command leaves nothing of the earlier one's but what is somebody else's.
+touch all/somebody
+each 0 --output all -- crash
+reports=(all/*/*.json)
+((${#reports[@]} == 1)) && [[ -e all/somebody ]] || fail 'not the reports of one'
+
 # No kind that is bad: nothing is left.
 mkdir state
 XDG_STATE_HOME=$work/state each 0 --error-exitcode 99 -- ignore handle date

@@ -21,6 +21,7 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -93,6 +94,11 @@ struct Attempt {
         : stack(failing), copy(in_copy), folder(name, false) {}
 };
 
+bool is_stack_name(const std::string &name) {
+    constexpr size_t digits = 16;
+    return name.size() == digits && name.find_first_not_of("0123456789abcdef") == name.npos;
+}
+
 // The reports of a run, and what they come to.
 struct Reading {
     Report report;
@@ -122,6 +128,8 @@ public:
     }
 
     int run() {
+        if (!options_.each.resume)
+            remove_earlier_reports();
         const OutcomeFile file(path_of("fail-each.jsonl"), options_.command(), options_.each.resume);
         measure_good_runs();
         outcomes_ = file.earlier();
@@ -138,6 +146,17 @@ public:
 
 private:
     std::string path_of(const std::string &name) const { return folder_.path() + "/" + name; }
+
+    // Of runs that an earlier command has left, and nobody else's.
+    void remove_earlier_reports() const {
+        std::error_code error;
+        for (const fs::directory_entry &entry : fs::directory_iterator(folder_.path(), error))
+            if (entry.is_directory() && !entry.is_symlink() &&
+                is_stack_name(entry.path().filename().string())) {
+                const ReportFolder earlier(entry.path(), false);
+                fs::remove(entry.path(), error);
+            }
+    }
 
     std::unique_ptr<Attempt> start(const std::string &stack, const std::string &name,
                                    const Setting &setting) const {
@@ -196,8 +215,9 @@ private:
             fs::remove_all(path_of(name));
         }
         std::ifstream lines(stacks);
+        std::set<std::string> known;
         for (std::string line; std::getline(lines, line);)
-            if (std::ranges::find(stacks_, line) == stacks_.end())
+            if (known.insert(line).second)
                 stacks_.push_back(line);
         fs::remove(stacks);
     }
@@ -244,9 +264,10 @@ private:
             for (size_t i = 0; i < most; ++i)
                 wanted.push_back(stacks_[i * stacks_.size() / most]);
         }
-        std::erase_if(wanted, [this](const std::string &stack) {
-            return std::ranges::find(outcomes_, stack, &Outcome::stack) != outcomes_.end();
-        });
+        std::set<std::string> done;
+        for (const Outcome &outcome : outcomes_)
+            done.insert(outcome.stack);
+        std::erase_if(wanted, [&](const std::string &stack) { return done.contains(stack); });
         return wanted;
     }
 

@@ -127,14 +127,21 @@ Trial::Trial(const TrialOrder &order, Pipe output, Pipe errors)
 }
 
 Trial::~Trial() {
-    signal_session(process_, SIGKILL);
     if (!ended_)
-        waitpid(process_, nullptr, 0);
+        end();
 }
 
 void Trial::watch(pollfd *descriptors) const {
     for (const File *file : {&output_file_, &errors_file_, &ending_})
         *descriptors++ = {file->descriptor(), POLLIN, 0};
+}
+
+// What is left of the session goes while nobody else can have its number.
+void Trial::end() {
+    signal_session(process_, SIGKILL);
+    waitpid(process_, &status_, 0);
+    ended_ = true;
+    end_ = Clock::now();
 }
 
 bool Trial::proceed() {
@@ -143,10 +150,13 @@ bool Trial::proceed() {
         late_ = true;
         deadline_ = Clock::now() + time_to_report;
     }
-    ended_ = waitpid(process_, &status_, WNOHANG) == process_;
+    siginfo_t change{};
+    const bool has_ended =
+        waitid(P_PID, static_cast<id_t>(process_), &change, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+        change.si_pid == process_;
     read_into(output_, output_file_);
     read_into(errors_, errors_file_);
-    if (ended_)
-        end_ = Clock::now();
-    return ended_;
+    if (has_ended)
+        end();
+    return has_ended;
 }

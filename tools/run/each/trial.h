@@ -28,7 +28,7 @@ class Trial {
 public:
     // Throws std::runtime_error where none can be started.
     explicit Trial(const TrialOrder &order);
-    ~Trial(); // what is left of the session goes
+    ~Trial(); // ends it
     Trial(const Trial &) = delete;
     Trial &operator=(const Trial &) = delete;
 
@@ -37,7 +37,7 @@ public:
     void watch(pollfd *descriptors) const;
 
     // Reads what was said. Past the limit, the program gets a signal that it reports on, and then is killed. Returns
-    // whether it has ended.
+    // whether it has ended; then what it has left running is killed, too.
     bool proceed();
 
     // When there is something to do for proceed, whatever is said.
@@ -57,6 +57,7 @@ private:
     };
 
     Trial(const TrialOrder &order, Pipe output, Pipe errors);
+    void end();
 
     File output_file_, errors_file_;
     pid_t process_;
