@@ -68,7 +68,8 @@ each 125 --output none --resume -- crash
 touch all/somebody
 each 0 --output all -- crash
 reports=(all/*/*.json)
-((${#reports[@]} == 1)) && [[ -e all/somebody ]] || fail 'not the reports of one'
+((${#reports[@]} == 1)) || fail 'not the reports of one'
+[[ -e all/somebody ]] || fail "somebody's file is gone"
 
 # No kind that is bad: nothing is left.
 mkdir state

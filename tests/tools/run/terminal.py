@@ -57,6 +57,17 @@ class Terminal:
         self.wait_for(pattern, start)
 
 
+def watch_progress(k42mc, subject):
+    """A line that is written anew, and gone at the end."""
+    command, descriptor = pty.fork()
+    if command == 0:
+        os.execv(k42mc, [k42mc, "run", "--fail-each", "--", subject, "printing"])
+    terminal = Terminal(descriptor)
+    begun = terminal.wait_for(r"\r\x1b\[Kk42mc: [0-2] of 2", 0)
+    terminal.wait_for(r"\r\x1b\[Kk42mc: 2 stacks of allocations", begun.end())
+    os.waitpid(command, 0)
+
+
 def main():
     k42mc, subject = sys.argv[1:]
     if not os.access(k42mc, os.X_OK):
@@ -81,6 +92,7 @@ def main():
     for word, times in (("INT", 1), ("stopped", 2), ("CONT", 2), ("read more", 1)):
         if terminal.said.count(word) != times:
             sys.exit(f"FAILED: not {times} times: {word}\n{terminal.said}")
+    watch_progress(k42mc, subject)
 
 
 main()
