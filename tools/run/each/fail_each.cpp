@@ -284,6 +284,7 @@ private:
                 running_.push_back(start(*next, *next, {"K42MC_RUN_FAIL_STACK", *next}));
                 ++next;
             }
+            show_progress();
             const std::unique_ptr<Attempt> ended = next_ended();
             if (ended == nullptr)
                 break;
