@@ -440,6 +440,7 @@ const std::string outcomes =
 {"kind":"outcome","happened":[{"outcome":"handled","what":"exit status 1","chain":[]}],"process":"p.1","failure":"allocation 1 failed on purpose: 9 bytes","failed":["/no/p+0x1"],"message":"","stack":"01","repeat":"k42mc a"}
 {"kind":"outcome","happened":[{"outcome":"crash","what":"ended by SIGSEGV","chain":["/no/p+0x2"]},{"outcome":"lost","what":"1 block","chain":["/no/p+0x3"]}],"process":"p.1","failure":"allocation 2 failed on purpose: 9 bytes","failed":["/no/p+0x4"],"message":"","stack":"02","repeat":"k42mc b"}
 {"kind":"outcome","happened":[{"outcome":"crash","what":"ended by SIGSEGV","chain":["/no/p+0x2"]}],"process":"p.1","failure":"allocation 3 failed on purpose: 9 bytes","failed":["/no/p+0x5"],"message":"","stack":"03","repeat":"k42mc c"}
+{"kind":"outcome","happened":[{"outcome":"crash","what":"ended by SIGSEGV","chain":["/no/p+0x8"]}],"process":"p.1","failure":"allocation 6 failed on purpose: 9 bytes","failed":["/no/p+0x5"],"message":"","stack":"06","repeat":"k42mc f"}
 {"kind":"outcome","happened":[{"outcome":"hang","what":"no end in time","chain":[]}],"process":"p.1","failure":"allocation 4 failed on purpose: 9 bytes","failed":["/no/p+0x6"],"message":"","stack":"04","repeat":"k42mc d"}
 {"kind":"outcome","happened":[{"outcome":"hang","what":"no end in time","chain":[]}],"process":"p.1","failure":"allocation 5 failed on purpose: 9 bytes","failed":["/no/p+0x7"],"message":"","stack":"05","repeat":"k42mc e"}
 )";
@@ -456,6 +457,11 @@ TEST(Outputs, RunsWithoutMemoryAreFindingsWhereTheyWereNotHandled) {
     /no/p+0x3
   allocation 2 failed on purpose: 9 bytes
     /no/p+0x4
+crash: ended by SIGSEGV, where allocation 6 failed on purpose: 9 bytes; repeat it with: k42mc f in p
+  crash: ended by SIGSEGV
+    /no/p+0x8
+  allocation 6 failed on purpose: 9 bytes
+    /no/p+0x5
 hang: no end in time, where allocation 4 failed on purpose: 9 bytes; repeat it with: k42mc d in p
   allocation 4 failed on purpose: 9 bytes
     /no/p+0x6
@@ -482,8 +488,8 @@ TEST(Outputs, SarifHasRulesPlacesAndFlows) {
         EXPECT_TRUE(is_rule) << ids;
     }
     EXPECT_EQ(ids, "k42mc/WU k42mc/descriptor k42mc/left-open k42mc/DF k42mc/failed-allocation "
-                   "k42mc/failed-allocation k42mc/failed-allocation ");
-    EXPECT_EQ(fingerprints, ":1:1:1:1:1:2:3");
+                   "k42mc/failed-allocation k42mc/failed-allocation k42mc/failed-allocation ");
+    EXPECT_EQ(fingerprints, ":1:1:1:1:1:2:3:4");
     const auto stop = run["results"].at(3);
     EXPECT_EQ(simdjson::minify(stop["locations"].at(0)["physicalLocation"].value()),
               R"({"artifactLocation":{"uri":"p","uriBaseId":"SRCROOT"}})");

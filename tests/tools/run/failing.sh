@@ -78,6 +78,16 @@ counts '3 stacks' '1 handled, 2 ignored'
 said '^k42mc: what the program prints differs from run to run, and is not compared$'
 [[ ! $(ls state/k42mc 2>&1) ]] || fail 'something is left'
 
+# The first with its stack alone fails; where it does not come, that is told; and what a run leaves behind is ended.
+each 0 --output twice -- ignore ignore
+repeat=$(sed -nE 's/.*"repeat":"k42mc ([^"]*)".*/\1/p' twice/fail-each.jsonl)
+eval "$k42mc $repeat" >out 2>err
+(($(grep -c 'failed on purpose' err) == 1)) || fail "not one alone: $repeat"
+touch file
+each 0 --jobs 1 -- once leave
+counts '1 stack' '1 unreached'
+[[ ! $(pgrep -f "^$fragile once leave") ]] || fail 'something runs on'
+
 # Threads and children; each of those named.
 each 0 -- child thread
 said '^k42mc: 2 stacks .*: .*handled'

@@ -126,8 +126,8 @@ static const struct {
             {"pipe", try_pipe},
             {"opendir", try_opendir}};
 
-/* "date" prints what differs each time, "file" needs a file that is not there any more in the next run, "input"
-   repeats its input. */
+/* "date" prints what differs each time, "file" needs a file that is not there any more in the next run, without which "once"
+   does nothing, "input" repeats its input, and "leave" leaves a process behind. */
 int main(int count, char **words) {
     for (int i = 1; i < count; ++i) {
         for (size_t way = 0; way < sizeof ways / sizeof *ways; ++way)
@@ -137,6 +137,11 @@ int main(int count, char **words) {
             printf("%d\n", getpid());
         if (strcmp(words[i], "file") == 0 && unlink("file") != 0)
             return 4;
+        if (strcmp(words[i], "once") == 0 && unlink("file") == 0)
+            ignore();
+        if (strcmp(words[i], "leave") == 0 && fork() == 0)
+            for (;;)
+                pause();
         if (strcmp(words[i], "input") == 0)
             for (int letter; (letter = getchar()) != EOF;)
                 putchar(letter);
