@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <optional>
 #include <simdjson.h>
 #include <stdexcept>
 
@@ -81,7 +82,18 @@ std::string head_of(const std::vector<std::string> &command) {
     });
 }
 
-// The last line may be cut off.
+// None of a line that is damaged, or cut off as the last one may be: that run is done again.
+std::optional<Outcome> outcome_in_line(const std::string &line, simdjson::dom::parser &parser) {
+    Json json;
+    if (parser.parse(line).get(json) != simdjson::SUCCESS)
+        return {};
+    try {
+        return outcome_in(json);
+    } catch (const std::runtime_error &) {
+        return {};
+    }
+}
+
 std::vector<Outcome> read_outcomes(const std::string &path, const std::string &head) {
     std::ifstream file(path);
     std::string line;
@@ -92,8 +104,8 @@ std::vector<Outcome> read_outcomes(const std::string &path, const std::string &h
     std::vector<Outcome> outcomes;
     simdjson::dom::parser parser;
     while (std::getline(file, line))
-        if (Json json; !file.eof() && parser.parse(line).get(json) == simdjson::SUCCESS)
-            outcomes.push_back(outcome_in(json));
+        if (const std::optional<Outcome> outcome = outcome_in_line(line, parser))
+            outcomes.push_back(*outcome);
     return outcomes;
 }
 
@@ -109,8 +121,10 @@ OutcomeFile::OutcomeFile(const std::string &path, const std::vector<std::string>
 }
 
 void OutcomeFile::put(const std::string &line) const {
-    if (write(file_.descriptor(), line.data(), line.size()) != static_cast<ssize_t>(line.size()))
-        throw std::runtime_error(path_ + ": " + strerror(errno));
+    const ssize_t written = write(file_.descriptor(), line.data(), line.size());
+    if (written !=
+        static_cast<ssize_t>(line.size())) // a part of it fits on a disk that is about to be full
+        throw std::runtime_error(path_ + ": " + strerror(written < 0 ? errno : ENOSPC));
 }
 
 void OutcomeFile::add(const Outcome &outcome, const std::string &repeating) const {
