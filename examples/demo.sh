@@ -145,6 +145,13 @@ show out '^k42mc detected BF: alloc\(STD\) free\(SHM\) usrPtr\(0x[0-9a-f]+\) usr
 look "BF, bad free: malloc's family allocated the block and the memory manager's was to free it. The
       checker names the line and the stack trace of the free; then the guards stop the process."
 
+title "A test program that asks what each part leaves behind"
+run 1 '' parts
+show out '^release: fine, length: blocks left$'
+expect err '^examples/parts\.c:14:LK:STD:0x[0-9A-F]+:5:0$'
+expect err 'parts\(test_length\+0x[0-9a-f]+\) '
+look "The second part looks a name up and forgets it: five bytes, with the trace of who asked for them."
+
 title "A block used after its release"
 late='^k42mc detected WF: alloc\(STD\) usrPtr\(0x[0-9a-f]+\) usrSize\(28\) access\(0x[0-9a-f]+\+24\) trace buffer: 0x'
 run 0 '' hunt

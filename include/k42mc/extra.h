@@ -56,6 +56,22 @@ unsigned k42mcx_verify(void);
 size_t k42mcx_lost(__UINT32_TYPE__ limit);
 
 /*
+ * A mark behind all blocks that are recorded so far, for k42mcx_since. Takes no lock; 0 before the checker was ever on.
+ */
+__UINT64_TYPE__ k42mcx_mark(void);
+
+/*
+ * What is left of the blocks that were recorded since a mark: lists them on the report sink, oldest first, each by a line
+ * "file:line:LK:type:0xADDRESS:size:cycles" and the trace of its allocation. A reallocation counts as a new block. Counts as
+ * no cycle, so that a test program can ask at the end of each of its parts.
+ *   mark   From k42mcx_mark; 0 for all.
+ *   bytes  Gets how many bytes they have; null for none.
+ * Returns how many there are; 0, with a message on standard error, while the checker is off. Takes the checker's lock;
+ * allocates nothing.
+ */
+size_t k42mcx_since(__UINT64_TYPE__ mark, size_t *bytes);
+
+/*
  * Says on the report sink what holds the recorded block at an address, or around it: the shortest chain of pointers that
  * leads there. It begins with what the first pointer lies in, "variable `sessions` in server+0x40c0 leads to", the stack
  * of a thread with the function whose frame it is, a register, thread-local memory, or other memory; then come the blocks

@@ -379,6 +379,10 @@ void leave_blocks_to_parent() {
     MCResetStats();
 }
 
+uint64_t recorded_so_far() {
+    return blocks_recorded.load(std::memory_order_relaxed);
+}
+
 bool is_parents(const Record &record) {
     return record.order() < first_own_block;
 }

@@ -73,6 +73,9 @@ void unlist_all_records();
 // yet.
 void leave_blocks_to_parent();
 
+// How many have been recorded: what is recorded later has at least that number in the order.
+uint64_t recorded_so_far();
+
 // Whether it is one of those.
 bool is_parents(const Record &record);
 

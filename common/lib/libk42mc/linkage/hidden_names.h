@@ -246,6 +246,8 @@ K42MC_HIDDEN_NAME(k42mcx_plain_realpath)
 K42MC_HIDDEN_NAME(k42mcx_plain_getcwd)
 
 K42MC_HIDDEN_NAME(k42mcx_lost)
+K42MC_HIDDEN_NAME(k42mcx_mark)
+K42MC_HIDDEN_NAME(k42mcx_since)
 K42MC_HIDDEN_NAME(k42mcx_why)
 K42MC_HIDDEN_NAME(k42mcx_keep)
 K42MC_HIDDEN_NAME(k42mcx_root)
