@@ -8,8 +8,8 @@ namespace k42mc::internal {
 void begin_inheritance();
 void end_inheritance();
 
-// Whether the process was forked, and pages that others have as well are its parent's: it has no children that could
-// have got them from it.
+// Whether the process was forked, and pages that others have as well are its parent's: the calling thread, and so any if
+// there is no other, has no children that could have got them from it.
 bool is_heir();
 
 } // namespace k42mc::internal

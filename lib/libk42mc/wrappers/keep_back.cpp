@@ -55,7 +55,7 @@ bool release_some(Leaving leaving) {
 class UnchangedBlocks {
 public:
     UnchangedBlocks()
-        : room_(is_heir() ? bytes : 0),
+        : room_(platform::single_threaded() && is_heir() ? bytes : 0),
           pages_(room_.take<platform::SharedPages::Window>(room_ ? windows : 0)) {}
 
     bool has(const RetiredBlock &block) {
