@@ -170,8 +170,9 @@ size_t ModulePaths::place(const void *address, std::span<char> path, uintptr_t &
     offset = place - module.base;
     for (const Known &known : known_)
         if (known.length != 0 && known.begin == module.begin && known.name == name) {
-            memcpy(path.data(), known.path, known.length);
-            return known.length;
+            const size_t length = std::min(known.length, path.size());
+            memcpy(path.data(), known.path, length);
+            return length;
         }
     const int kept_errno = errno;
     bool link;

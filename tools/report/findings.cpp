@@ -119,6 +119,10 @@ void print_remark(std::ostream &out, std::string_view process, const Finding &re
 
 } // namespace
 
+LeakCheck leak_check_named(std::string_view name) {
+    return name == "lost" ? LeakCheck::lost : name == "held" ? LeakCheck::held : LeakCheck::no;
+}
+
 Findings::Part::Part(const Report &report, const Process &process, LeakCheck leak_check)
     : name(process.name), own_suppressions(suppressions_in(process.suppressions)) {
     if (!process.cycles.empty())

@@ -12,6 +12,8 @@
 // What counts of the blocks that are left: those that nothing leads to, all, or none.
 enum class LeakCheck { lost, held, no };
 
+LeakCheck leak_check_named(std::string_view name);
+
 // Blocks of one stack trace that were left, one trace's damaged blocks, or descriptors that one trace
 // opened or closed; of one process.
 struct Group {

@@ -5,6 +5,8 @@
 #include <sys/types.h>
 #include <vector>
 
+constexpr int own_trouble = 125; // an exit status, as the shell has 126 and 127
+
 struct Setting {
     std::string variable, value;
 };

@@ -5,6 +5,12 @@
 #include <string>
 #include <vector>
 
+// "5f2ad21c4a2878ff"
+inline bool is_stack_name(const std::string &name) {
+    constexpr size_t digits = 16;
+    return name.size() == digits && name.find_first_not_of("0123456789abcdef") == name.npos;
+}
+
 // Of --fail-each.
 struct EachOptions {
     bool wanted = false;

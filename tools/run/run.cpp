@@ -29,8 +29,6 @@
 
 namespace {
 
-constexpr int own_trouble = 125; // as the shell has 126 and 127
-
 constexpr const char *examples = R"(Examples:
   k42mc run ls -l
   k42mc run --error-exitcode 99 --suppress known.txt ./server -p 80
@@ -155,10 +153,8 @@ Summary summarize(const RunOptions &options, std::vector<Suppression> suppressio
     const Verdict *const named = find_verdict(verdicts, ended.process);
     std::erase_if(report.processes,
                   [&](const Process &process) { return !is_wanted(options, process.name); });
-    const LeakCheck leak_check = options.leak_check == "lost"   ? LeakCheck::lost
-                                 : options.leak_check == "held" ? LeakCheck::held
-                                                                : LeakCheck::no;
-    Findings findings(report, leak_check, named != nullptr ? std::string_view(named->process) : "");
+    Findings findings(report, leak_check_named(options.leak_check),
+                      named != nullptr ? std::string_view(named->process) : "");
     findings.suppress(suppressions, symbolizer);
     if (!report.processes.empty()) {
         std::ostringstream text; // in one piece
@@ -265,8 +261,7 @@ std::string take_rate(std::string &rate) {
 }
 
 std::string fault_of_stack(const std::string &stack) {
-    const bool is_name = stack.size() == 16 && stack.find_first_not_of("0123456789abcdef") == stack.npos;
-    return is_name ? "" : "no name of a stack, which has 16 hexadecimal digits: " + stack;
+    return is_stack_name(stack) ? "" : "no name of a stack, which has 16 hexadecimal digits: " + stack;
 }
 
 void add_failures(CLI::App &command, RunOptions &options) {

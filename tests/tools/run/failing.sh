@@ -61,6 +61,9 @@ sed -i -e '$d' -e '3s/"happened":.[^]]*]/"happened":[]/' -e '4s/^.\{40\}//' all/
 each 0 --time-limit 2 --output all --resume -- crash hang lose damage wrong ignore handle
 counts '10 stacks' '1 damaged, 1 crash, 1 hang, 1 lost, 1 wrong, 1 handled, 4 ignored'
 (($(wc -l <all/fail-each.jsonl) == 11)) || fail 'not a line for each, resumed'
+cp all/fail-each.jsonl before
+each 125 --output all --resume --each-setup false -- crash hang lose damage wrong ignore handle
+cmp -s before all/fail-each.jsonl || fail 'outcomes are gone'
 each 125 --output all --resume -- crash
 each 125 --output none --resume -- crash
 
@@ -102,6 +105,10 @@ cd folder || exit 1
 each 0 --each-in-copy --jobs 2 -- file ignore ignore crash
 counts '2 stacks' '1 crash, 1 ignored'
 [[ -e file ]] || fail 'not in a copy'
+each 125 --each-in-copy --output within -- ignore
+said 'lies in the folder that is copied$'
+each 125 --jobs 1 --each-setup 'mkdir ../good && exit; mkdir ../again && exit; false' -- ignore
+said '^k42mc run: --each-setup: .*: exit status 1$'
 cd ..
 printf 'twice\n' >given
 each 0 -- input ignore <given
@@ -109,7 +116,7 @@ counts '3 stacks' '3 ignored'
 each 0 --sample 2 -- ignore lose damage
 said '^k42mc: 2 stacks of allocations'
 each 125 --each-setup false -- ignore
-said '^k42mc run: .*: not checked: k42mc run: --each-setup: false: exit status 1$'
+said '^k42mc run: --each-setup: false: exit status 1$'
 k42mc_run 125 --fail-each -- /sbin/ldconfig -V
 k42mc_run 125 --fail-each -- /nonexistent
 k42mc_run 2 --fail-stack=12 -- "$fragile"

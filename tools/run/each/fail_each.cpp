@@ -94,11 +94,6 @@ struct Attempt {
         : stack(failing), copy(in_copy), folder(name, false) {}
 };
 
-bool is_stack_name(const std::string &name) {
-    constexpr size_t digits = 16;
-    return name.size() == digits && name.find_first_not_of("0123456789abcdef") == name.npos;
-}
-
 // The reports of a run, and what they come to.
 struct Reading {
     Report report;
@@ -106,11 +101,7 @@ struct Reading {
 
     Reading(Report read, const RunOptions &options, std::vector<Suppression> suppressions,
             Symbolizer &symbolizer)
-        : report(std::move(read)), findings(report,
-                                            options.leak_check == "held"   ? LeakCheck::held
-                                            : options.leak_check == "lost" ? LeakCheck::lost
-                                                                           : LeakCheck::no,
-                                            "") {
+        : report(std::move(read)), findings(report, leak_check_named(options.leak_check), "") {
         findings.suppress(suppressions, symbolizer);
     }
 };
@@ -123,6 +114,10 @@ public:
         settings_.push_back({"K42MC_RUN_FDS", "1"});
         if (!options.suppressions.empty())
             suppressions_ = read_suppressions(options.suppressions);
+        if (options.each.in_copy &&
+            (folder_.path() + "/").starts_with(fs::current_path().string() + "/"))
+            throw std::runtime_error("--each-in-copy: the folder for reports, " + folder_.path() +
+                                     ", lies in the folder that is copied");
         struct stat input;
         reads_input_ = fstat(STDIN_FILENO, &input) == 0 && S_ISREG(input.st_mode);
     }
@@ -135,6 +130,7 @@ public:
         outcomes_ = file.earlier();
         if (signals_.take() == 0)
             let_each_fail(file);
+        end_running();
         print();
         write_forms();
         keep_what_was_found();
@@ -212,7 +208,7 @@ private:
             if (ended == nullptr)
                 return;
             add_good_run(*ended, good_.has_value());
-            fs::remove_all(path_of(name));
+            remove(path_of(name));
         }
         std::ifstream lines(stacks);
         std::set<std::string> known;
@@ -226,10 +222,9 @@ private:
         const Trial &trial = *attempt.trial;
         if (trial.is_late())
             throw std::runtime_error("the program does not end in time without any failure");
+        refuse_fault(trial);
         const Reading reading = read(attempt);
         refuse_unchecked(reading.report, trial);
-        for (const std::string &name : names_of(reading.findings, trial, attempt.copy.moved()))
-            good_found_.insert(name);
         if (!is_second) {
             good_ = {trial.status(), trial.output(), trial.errors(), true, true, {}};
             constexpr int times = 10;
@@ -240,7 +235,15 @@ private:
             good_->output_repeats = trial.output() == good_->output && trial.status() == good_->status;
             good_->errors_repeat = trial.errors() == good_->errors;
         }
-        good_->found = good_found_;
+        good_->found.merge(names_of(reading.findings, trial, attempt.copy.moved()));
+    }
+
+    static void refuse_fault(const Trial &trial) {
+        std::string fault = trial.own_fault();
+        while (fault.ends_with('\n'))
+            fault.pop_back();
+        if (!fault.empty())
+            throw std::runtime_error(printable(fault));
     }
 
     void refuse_unchecked(const Report &report, const Trial &trial) const {
@@ -272,8 +275,6 @@ private:
     }
 
     void let_each_fail(const OutcomeFile &file) {
-        for (const Outcome &outcome : outcomes_)
-            file.add(outcome, command_to_repeat(outcome.stack, options_));
         const std::vector<std::string> wanted = wanted_stacks();
         const size_t jobs = options_.each.jobs != 0
                                 ? options_.each.jobs
@@ -290,20 +291,33 @@ private:
                 break;
             take(*ended, file);
         }
-        for (const std::unique_ptr<Attempt> &attempt : running_)
-            fs::remove_all(attempt->folder.path());
+    }
+
+    // Of those that a signal to the command has left, nothing is told.
+    void end_running() {
+        for (const std::unique_ptr<Attempt> &attempt : running_) {
+            attempt->trial.reset();
+            remove(attempt->folder.path());
+        }
         running_.clear();
         progress_.reset();
     }
 
+    // Whoever has left the run's session may still be at work there.
+    static void remove(const std::string &folder) {
+        std::error_code error;
+        fs::remove_all(folder, error);
+    }
+
     void take(const Attempt &attempt, const OutcomeFile &file) {
+        refuse_fault(*attempt.trial);
         const Reading reading = read(attempt);
         outcomes_.push_back(outcome_of(attempt.stack, *attempt.trial, reading.report, reading.findings,
                                        *good_, attempt.copy.moved()));
         const Outcome &outcome = outcomes_.back();
         file.add(outcome, command_to_repeat(outcome.stack, options_));
         if (!is_bad(outcome.kind()))
-            fs::remove_all(attempt.folder.path());
+            remove(attempt.folder.path());
         ++done_;
     }
 
@@ -324,7 +338,7 @@ private:
     void keep_what_was_found() const {
         const bool found = std::ranges::any_of(outcomes_, is_bad, &Outcome::kind);
         if (options_.output.empty() && !found)
-            fs::remove_all(folder_.path());
+            remove(folder_.path());
         else
             std::cerr << "k42mc: what was found, run by run: " << folder_.path() << '\n';
     }
@@ -344,7 +358,6 @@ private:
     milliseconds limit_{options_.each.time_limit * 1000};
     Symbolizer symbolizer_;
     std::optional<GoodRun> good_;
-    std::set<std::string> good_found_;
     std::vector<std::string> stacks_;
     std::vector<std::unique_ptr<Attempt>> running_;
     std::vector<Outcome> outcomes_;

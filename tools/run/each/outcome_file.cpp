@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -94,30 +95,36 @@ std::optional<Outcome> outcome_in_line(const std::string &line, simdjson::dom::p
     }
 }
 
-std::vector<Outcome> read_outcomes(const std::string &path, const std::string &head) {
+// Of the lines that are whole, returns the text.
+std::string read_outcomes(const std::string &path, const std::string &head,
+                          std::vector<Outcome> &outcomes) {
     std::ifstream file(path);
     std::string line;
     if (!std::getline(file, line))
         throw std::runtime_error("there is nothing to resume in " + path);
     if (line + '\n' != head)
         throw std::runtime_error(path + " is of another command");
-    std::vector<Outcome> outcomes;
+    std::string text;
     simdjson::dom::parser parser;
     while (std::getline(file, line))
-        if (const std::optional<Outcome> outcome = outcome_in_line(line, parser))
+        if (const std::optional<Outcome> outcome = outcome_in_line(line, parser)) {
             outcomes.push_back(*outcome);
-    return outcomes;
+            text += line + '\n';
+        }
+    return text;
 }
 
 } // namespace
 
 OutcomeFile::OutcomeFile(const std::string &path, const std::vector<std::string> &command, bool goes_on)
     : path_(path) {
-    const std::string head = head_of(command);
-    if (goes_on)
-        earlier_ = read_outcomes(path, head);
-    file_ = File(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666));
-    put(head);
+    const std::string head = head_of(command), unfinished = path + ".new";
+    const std::string lines = goes_on ? read_outcomes(path, head, earlier_) : "";
+    file_ = File(open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666));
+    put(head + lines);
+    // Until then, what there was stands.
+    if (rename(unfinished.c_str(), path.c_str()) != 0)
+        throw std::runtime_error(path + ": " + strerror(errno));
 }
 
 void OutcomeFile::put(const std::string &line) const {

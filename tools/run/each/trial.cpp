@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr int own_trouble = 125;
 constexpr std::chrono::seconds time_to_report{5};
 
 [[noreturn]] void give_up(const std::string &what) {
@@ -134,6 +133,14 @@ Trial::~Trial() {
 void Trial::watch(pollfd *descriptors) const {
     for (const File *file : {&output_file_, &errors_file_, &ending_})
         *descriptors++ = {file->descriptor(), POLLIN, 0};
+}
+
+std::string Trial::own_fault() const {
+    constexpr std::string_view own_voice = "k42mc run: ";
+    if (!WIFEXITED(status_) || WEXITSTATUS(status_) != own_trouble)
+        return "";
+    const size_t at = ("\n" + errors_.start).rfind("\n" + std::string(own_voice));
+    return at != std::string::npos ? errors_.start.substr(at + own_voice.size()) : "";
 }
 
 // What is left of the session goes while nobody else can have its number.

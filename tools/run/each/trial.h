@@ -50,6 +50,9 @@ public:
     const Said &output() const { return output_; }
     const Said &errors() const { return errors_; }
 
+    // Why the program was not even begun: no copy, or no set-up. Else empty.
+    std::string own_fault() const;
+
 private:
     struct Pipe {
         File reading, writing;
