@@ -5,7 +5,10 @@
 #include "tools/run/verdicts.h"
 
 #include <cstdio>
+#include <cstring>
+#include <elf.h>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -17,11 +20,17 @@ struct ClosePipe {
     void operator()(FILE *pipe) const { pclose(pipe); }
 };
 
+bool is_elf(const std::string &path) {
+    char magic[SELFMAG] = "";
+    std::ifstream(path, std::ios::binary).read(magic, SELFMAG);
+    return memcmp(magic, ELFMAG, SELFMAG) == 0;
+}
+
 // The program among them. The loader lists what it would load: "libc.so.6 => /lib/libc.so.6 (0x7f...)". Who has no loader
-// would run, so he is not asked.
+// would run, as some shells run a script themselves, so he is not asked.
 std::vector<std::string> modules_of(const std::string &program) {
     std::vector<std::string> modules = {find_program(program)};
-    if (!reason_against(program).empty())
+    if (!is_elf(modules.front()) || !reason_against(program).empty())
         return modules;
     setenv("K42MC_LISTED", modules.front().c_str(), 1);
     const std::unique_ptr<FILE, ClosePipe> list(
