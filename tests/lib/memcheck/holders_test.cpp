@@ -137,9 +137,12 @@ void check_path(const std::string &text, const PointerGraph &graph, size_t begin
         path.emplace_back(std::stoul(at->str(1)) - node_bytes, std::stoul(at->str(2)));
     ASSERT_FALSE(path.empty());
     EXPECT_EQ(path.front().first, begins_at);
-    for (size_t i = 0; i + 1 < path.size(); ++i)
-        EXPECT_TRUE(graph.has(path[i].first, path[i].second, path[i + 1].first)) << text;
-    EXPECT_EQ(int(path.size()), distances[path.back().first] + 1);
+    const size_t left_out = number_behind(text, "\"left_out\":"); // in the middle
+    for (size_t i = 0; i + 1 < path.size(); ++i) {
+        const bool is_gap = left_out != 0 && i + 1 == path.size() / 2;
+        EXPECT_TRUE(is_gap || graph.has(path[i].first, path[i].second, path[i + 1].first)) << text;
+    }
+    EXPECT_EQ(int(path.size() + left_out), distances[path.back().first] + 1) << text;
 }
 
 TEST(Holders, AreTheNearestRootsInRandomGraphs) {
