@@ -2,7 +2,6 @@
 
 #include "tools/common/counted.h"
 #include "tools/common/printable.h"
-#include "tools/report/site_name.h"
 
 #include <algorithm>
 #include <iomanip>
@@ -26,8 +25,7 @@ std::vector<Change> changes_between(const Report &before, const Report &after) {
     return changes;
 }
 
-void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t top,
-                   Symbolizer &symbolizer) {
+void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t top, Names &names) {
     uint64_t bytes = 0;
     uint64_t blocks = 0;
     for (const Change &change : changes) {
@@ -40,7 +38,7 @@ void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t
     for (size_t i = 0; i < std::min(top, changes.size()); ++i)
         out << std::showpos << std::setw(14) << changes[i].bytes() << std::setw(10)
             << changes[i].blocks() << std::noshowpos << std::setw(14) << changes[i].after.bytes << "  "
-            << printable(name_of(changes[i].site, symbolizer)) << '\n';
+            << names.name(changes[i].site).fitted(any_width) << '\n';
     if (top < changes.size())
         out << "  and " << counted(changes.size() - top, "more site") << '\n';
     out << "total: " << std::showpos << static_cast<int64_t>(bytes) << " bytes, "

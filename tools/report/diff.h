@@ -1,8 +1,8 @@
 // What grew between two reports.
 #pragma once
 
-#include "tools/common/symbols.h"
 #include "tools/report/model.h"
+#include "tools/report/names.h"
 
 #include <ostream>
 
@@ -18,5 +18,4 @@ struct Change {
 // Sites whose holdings differ, most growth first.
 std::vector<Change> changes_between(const Report &before, const Report &after);
 
-void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t top,
-                   Symbolizer &symbolizer);
+void print_changes(std::ostream &out, const std::vector<Change> &changes, size_t top, Names &names);

@@ -16,7 +16,7 @@ void put_escaped(std::ostream &out, std::string_view data) {
 
 } // namespace
 
-void print_html(std::ostream &out, const Report &report, Order order, Symbolizer &symbolizer) {
+void print_html(std::ostream &out, const Report &report, Order order, Names &names) {
     std::string_view rest = page::html;
     const auto put_up_to = [&](std::string_view mark) {
         const size_t at = rest.find(mark);
@@ -26,7 +26,7 @@ void print_html(std::ostream &out, const Report &report, Order order, Symbolizer
     put_up_to("/* style */");
     out << page::css;
     put_up_to("/* report */");
-    put_json([&](std::string_view data) { put_escaped(out, data); }, report, order, symbolizer);
+    put_json([&](std::string_view data) { put_escaped(out, data); }, report, order, names);
     put_up_to("/* script */");
     out << page::js << rest;
 }

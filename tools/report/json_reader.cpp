@@ -1,6 +1,6 @@
 #include "tools/report/complaints.h"
+#include "tools/report/holder_lines.h"
 #include "tools/report/reader.h"
-#include "tools/report/site_name.h"
 
 #include <algorithm>
 #include <charconv>

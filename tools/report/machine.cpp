@@ -2,19 +2,23 @@
 
 #include "tools/common/printable.h"
 #include "tools/report/finding.h"
-#include "tools/report/site_name.h"
+#include "tools/report/holder_lines.h"
 
 #include <algorithm>
 
 namespace {
 
-void put_trace(JsonWriter &out, Trace trace, Symbolizer &symbolizer) {
+void put_trace(JsonWriter &out, Trace trace, Names &names) {
     out.open("chain", '[');
     for (const std::string_view pc : trace)
-        for (const SourceFrame &frame : symbolizer.lookup(pc)) {
+        for (const StackFrame &frame : names.frames_at(pc)) {
             out.open('{');
             out.member("pc", pc);
-            out.member("function", frame.function);
+            out.member("function", frame.full);
+            if (!frame.full.empty() && frame.function != frame.full)
+                out.member("short", frame.function);
+            if (frame.is_startup)
+                out.member("start", true);
             out.member("file", frame.file);
             out.member("line", frame.line);
             out.member("inlined", frame.inlined);
@@ -28,12 +32,14 @@ void put_counter(JsonWriter &out, const Counter &counter) {
     out.member("bytes", counter.bytes);
 }
 
-void put_place(JsonWriter &out, const Site &site, Symbolizer &symbolizer) {
-    out.member("name", name_of(site, symbolizer));
+void put_place(JsonWriter &out, const Site &site, Names &names) {
+    const SiteName name = names.name(site);
+    out.member("name", name.text());
+    out.member("label", name.label());
     out.member("file", site.file);
     out.member("line", site.line);
     out.member("type", site.type);
-    put_trace(out, site.trace, symbolizer);
+    put_trace(out, site.trace, names);
 }
 
 void put_lines(JsonWriter &out, std::string_view name, const std::vector<std::string> &lines) {
@@ -43,7 +49,7 @@ void put_lines(JsonWriter &out, std::string_view name, const std::vector<std::st
     out.close(']');
 }
 
-void put_holders(JsonWriter &out, const HeldBy &held_by, const Report &report, Symbolizer &symbolizer) {
+void put_holders(JsonWriter &out, const HeldBy &held_by, const Report &report, Names &names) {
     out.open("held_by", '{');
     out.open("roots", '[');
     for (const Holder &holder : held_by.roots) {
@@ -56,13 +62,13 @@ void put_holders(JsonWriter &out, const HeldBy &held_by, const Report &report, S
     out.open("others", '{');
     put_counter(out, held_by.others);
     out.close('}');
-    put_lines(out, "path", describe_path(held_by, report, symbolizer));
+    put_lines(out, "path", describe_path(held_by, report, names));
     out.close('}');
 }
 
 void put_site(JsonWriter &out, const SiteHistory &history, const Report &report, bool searched,
-              Symbolizer &symbolizer) {
-    put_place(out, report.site(history.site), symbolizer);
+              Names &names) {
+    put_place(out, report.site(history.site), names);
     put_counter(out, history.held);
     if (searched) {
         out.open("lost", '{');
@@ -70,7 +76,7 @@ void put_site(JsonWriter &out, const SiteHistory &history, const Report &report,
         out.close('}');
     }
     if (history.held_by != nullptr)
-        put_holders(out, *history.held_by, report, symbolizer);
+        put_holders(out, *history.held_by, report, names);
     out.member("oldest", history.oldest);
     out.member("largest", history.largest);
     out.member("growth", history.growth);
@@ -109,7 +115,7 @@ const char *name_of(Finding::Kind kind) {
     }
 }
 
-void put_finding(JsonWriter &out, const Finding &finding, Symbolizer &symbolizer) {
+void put_finding(JsonWriter &out, const Finding &finding, Names &names) {
     out.member("kind", name_of(finding.kind));
     out.member("what", finding.what);
     out.member("title", finding.title);
@@ -119,21 +125,21 @@ void put_finding(JsonWriter &out, const Finding &finding, Symbolizer &symbolizer
     for (const Trail &trail : finding.trails) {
         out.open('{');
         out.member("heading", trail.heading);
-        put_trace(out, trail.trace, symbolizer);
+        put_trace(out, trail.trace, names);
         out.close('}');
     }
     out.close(']');
 }
 
-void put_damage(JsonWriter &out, const Damage &damage, const Site &site, Symbolizer &symbolizer) {
-    put_place(out, site, symbolizer);
+void put_damage(JsonWriter &out, const Damage &damage, const Site &site, Names &names) {
+    put_place(out, site, names);
     out.member("defect", damage.code());
     out.member("address", damage.address_text());
     out.member("size", damage.size);
     out.member("cycles", damage.cycles);
 }
 
-void put_descriptor(JsonWriter &out, const Descriptor &descriptor, Symbolizer &symbolizer) {
+void put_descriptor(JsonWriter &out, const Descriptor &descriptor, Names &names) {
     out.member("descriptor", descriptor.number);
     out.member("open", descriptor.open);
     out.member("alarm", descriptor.alarm);
@@ -144,7 +150,7 @@ void put_descriptor(JsonWriter &out, const Descriptor &descriptor, Symbolizer &s
         out.member("type", event.type);
         out.member("operator", event.who);
         out.member("time", event.time);
-        put_trace(out, event.trace, symbolizer);
+        put_trace(out, event.trace, names);
         out.close('}');
     }
     out.close(']');
@@ -158,7 +164,7 @@ template <class PutMembers> void put_line(JsonWriter &out, const PutMembers &put
     out.close('}');
 }
 
-void put_process(JsonWriter &out, const Report &report, const Process &process, Symbolizer &symbolizer) {
+void put_process(JsonWriter &out, const Report &report, const Process &process, Names &names) {
     out.open('{');
     out.member("name", process.name);
     out.open("cycles", '[');
@@ -167,16 +173,16 @@ void put_process(JsonWriter &out, const Report &report, const Process &process, 
     out.close(']');
     out.open("findings", '[');
     each_finding(report, process, [&](const Finding &finding) {
-        put_line(out, [&] { put_finding(out, finding, symbolizer); });
+        put_line(out, [&] { put_finding(out, finding, names); });
     });
     out.close(']');
     out.open("damages", '[');
     for (const Damage &damage : process.damages)
-        put_line(out, [&] { put_damage(out, damage, report.site(damage.site), symbolizer); });
+        put_line(out, [&] { put_damage(out, damage, report.site(damage.site), names); });
     out.close(']');
     out.open("descriptors", '[');
     for (const Descriptor &descriptor : process.descriptors)
-        put_line(out, [&] { put_descriptor(out, descriptor, symbolizer); });
+        put_line(out, [&] { put_descriptor(out, descriptor, names); });
     out.close(']');
     out.close('}');
 }
@@ -204,19 +210,19 @@ std::string folded_step(std::string_view text) {
 }
 
 // As a trace has them, innermost first.
-std::vector<std::string> functions_of(const Site &site, Symbolizer &symbolizer) {
-    std::vector<std::string> names;
+std::vector<std::string> functions_of(const Site &site, Names &names) {
+    std::vector<std::string> steps;
     for (const std::string_view pc : site.trace)
-        for (const SourceFrame &frame : symbolizer.lookup(pc))
-            names.push_back(frame.function.empty() ? std::string(pc) : frame.function);
-    if (site.line != 0 || names.empty())
-        names.insert(names.begin(), std::string(site.file) + ":" + std::to_string(site.line));
-    return names;
+        for (const StackFrame &frame : names.frames_at(pc))
+            steps.push_back(frame.full.empty() ? frame.function : frame.full);
+    if (site.line != 0 || steps.empty())
+        steps.insert(steps.begin(), std::string(site.file) + ":" + std::to_string(site.line));
+    return steps;
 }
 
 } // namespace
 
-void put_json(const Put &put, const Report &report, Order order, Symbolizer &symbolizer) {
+void put_json(const Put &put, const Report &report, Order order, Names &names) {
     const Histories histories(report, order);
     JsonWriter out(put);
     out.open('{');
@@ -229,35 +235,35 @@ void put_json(const Put &put, const Report &report, Order order, Symbolizer &sym
         out.member("searched", true);
     out.open("sites", '[');
     for (const SiteHistory &history : histories.sites())
-        put_line(out, [&] { put_site(out, history, report, histories.were_searched(), symbolizer); });
+        put_line(out, [&] { put_site(out, history, report, histories.were_searched(), names); });
     out.close(']');
     out.open("processes", '[');
     for (const Process &process : report.processes)
-        put_process(out, report, process, symbolizer);
+        put_process(out, report, process, names);
     out.close(']');
     out.close('}');
 }
 
-void print_csv(std::ostream &out, const Report &report, Order order, Symbolizer &symbolizer) {
+void print_csv(std::ostream &out, const Report &report, Order order, Names &names) {
     out << "bytes,blocks,oldest,largest,growth,type,file,line,site\n";
     const Histories histories(report, order);
     for (const SiteHistory &history : histories.sites()) {
         const Site &site = report.site(history.site);
         out << history.held.bytes << ',' << history.held.blocks << ',' << history.oldest << ','
             << history.largest << ',' << history.growth << ',' << csv_field(site.type) << ','
-            << csv_field(site.file) << ',' << site.line << ',' << csv_field(name_of(site, symbolizer))
+            << csv_field(site.file) << ',' << site.line << ',' << csv_field(names.name(site).text())
             << '\n';
     }
 }
 
-void print_folded(std::ostream &out, const Report &report, Symbolizer &symbolizer) {
+void print_folded(std::ostream &out, const Report &report, Names &names) {
     const Histories histories(report, Order::bytes);
     for (const SiteHistory &history : histories.sites()) {
-        std::vector<std::string> names = functions_of(report.site(history.site), symbolizer);
-        std::ranges::reverse(names);
+        std::vector<std::string> steps = functions_of(report.site(history.site), names);
+        std::ranges::reverse(steps);
         const char *separator = "";
-        for (const std::string &name : names) {
-            out << separator << folded_step(name);
+        for (const std::string &step : steps) {
+            out << separator << folded_step(step);
             separator = ";";
         }
         out << ' ' << history.held.bytes << '\n';

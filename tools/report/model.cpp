@@ -67,6 +67,8 @@ bool comes_before(const SiteHistory &left, const SiteHistory &right, Order order
         return left.held.blocks > right.held.blocks;
     case Order::age:
         return left.oldest > right.oldest;
+    case Order::peak:
+        return left.peak > right.peak;
     default:
         return left.held.bytes > right.held.bytes;
     }
@@ -81,15 +83,6 @@ std::vector<const Process *> by_length(const Report &report) {
     std::ranges::stable_sort(processes, std::greater(),
                              [](const Process *process) { return process->cycles.size(); });
     return processes;
-}
-
-int64_t growth_of(std::span<const Point> bytes, uint32_t cycles) {
-    uint64_t growth = 0;
-    if (!bytes.empty() && bytes.back().cycle == cycles - 1)
-        growth += bytes.back().bytes;
-    if (!bytes.empty() && bytes.front().cycle == 0)
-        growth -= bytes.front().bytes;
-    return static_cast<int64_t>(growth);
 }
 
 Counter sum_of(const HeldBy &held_by) {
@@ -119,6 +112,13 @@ void Histories::count_points(const Report &report) {
         sites_[i].bytes = std::span(points_).subspan(begin, 0);
         begin += counts[i];
     }
+}
+
+void Histories::add_growth(const Cycle &first, const Cycle &last) {
+    for (const Holding &holding : first.holdings)
+        sites_[holding.site].growth -= static_cast<int64_t>(holding.held.bytes);
+    for (const Holding &holding : last.holdings)
+        sites_[holding.site].growth += static_cast<int64_t>(holding.held.bytes);
 }
 
 void Histories::add_cycle(const Cycle &cycle, uint32_t index, bool is_last) {
@@ -168,11 +168,15 @@ Histories::Histories(const Report &report, Order order) {
                 break;
             add_cycle(process->cycles[i], i, i + 1 == process->cycles.size());
         }
+    for (const Process *process : processes)
+        if (!process->cycles.empty())
+            add_growth(process->cycles.front(), process->cycles.back());
     find_holders(report);
     std::erase_if(sites_,
                   [](const SiteHistory &site) { return site.largest == 0 && site.held.blocks == 0; });
     for (SiteHistory &site : sites_)
-        site.growth = growth_of(site.bytes, cycles_);
+        for (const Point &point : site.bytes)
+            site.peak = std::max(site.peak, point.bytes);
     std::ranges::stable_sort(sites_, [order](const SiteHistory &left, const SiteHistory &right) {
         return comes_before(left, right, order);
     });

@@ -205,12 +205,13 @@ struct SiteHistory {
     Counter held; // in the last cycle of each process
     Counter lost; // of those, where a search was made
     uint64_t largest = 0;
+    uint64_t peak = 0;               // bytes at once, as far as reports saw them
     const HeldBy *held_by = nullptr; // in the last cycle of the process where it holds most
-    int64_t growth = 0;              // from the first cycle to the last
+    int64_t growth = 0;              // from the first cycle of each process to its last
     std::span<const Point> bytes;    // of the cycles that it was seen in
 };
 
-enum class Order { bytes, growth, blocks, age };
+enum class Order { bytes, growth, blocks, age, peak };
 
 // Those that held something in any cycle.
 class Histories {
@@ -224,6 +225,7 @@ public:
 
 private:
     void count_points(const Report &report);
+    void add_growth(const Cycle &first, const Cycle &last);
     void add_cycle(const Cycle &cycle, uint32_t index, bool is_last);
     void find_holders(const Report &report);
 

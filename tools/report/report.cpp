@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
@@ -29,13 +30,30 @@ struct Options {
     size_t top = 20;
     bool lost = false;
     std::string html, sarif;
+    Names::Options names;
     bool json = false;
     bool csv = false;
     bool folded = false;
 };
 
-const std::map<std::string, Order> orders = {
-    {"bytes", Order::bytes}, {"growth", Order::growth}, {"blocks", Order::blocks}, {"age", Order::age}};
+const std::vector<std::pair<std::string, Order>> orders = {{"bytes", Order::bytes},
+                                                           {"growth", Order::growth},
+                                                           {"blocks", Order::blocks},
+                                                           {"age", Order::age},
+                                                           {"peak", Order::peak}};
+
+// Makes of a word the number that stands for it, as the parser takes it.
+std::string take_order(std::string &word) {
+    std::string known;
+    for (const auto &[name, order] : orders) {
+        if (name == word) {
+            word = std::to_string(static_cast<int>(order));
+            return {};
+        }
+        known += (known.empty() ? "" : ", ") + name;
+    }
+    return word + " is none of: " + known;
+}
 
 void show_progress(uint64_t done, uint64_t all) {
     constexpr uint64_t long_work = 64 << 20;
@@ -49,7 +67,10 @@ void show_progress(uint64_t done, uint64_t all) {
 
 Report read(const std::vector<std::string> &paths) {
     try {
-        return read_reports(paths, isatty(STDERR_FILENO) != 0 ? show_progress : Progress());
+        Report report = read_reports(paths, isatty(STDERR_FILENO) != 0 ? show_progress : Progress());
+        if (report.processes.empty() && report.problems.empty())
+            report.problems.push_back({paths.front(), 0, "no reports"});
+        return report;
     } catch (const std::exception &error) {
         std::cerr << "k42mc: " << printable(error.what()) << '\n';
         throw CLI::RuntimeError(1);
@@ -72,6 +93,12 @@ void tell_problems(const Report &report) {
     throw CLI::RuntimeError(1);
 }
 
+// What goes elsewhere is for programs, and people with wide windows.
+size_t terminal_width() {
+    winsize size = {};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : any_width;
+}
+
 template <class Print> void write_file(const std::string &path, Print print) {
     std::ofstream file(path);
     print(file);
@@ -83,19 +110,18 @@ template <class Print> void write_file(const std::string &path, Print print) {
 
 void report(const Options &options) {
     Report report = read(options.paths);
-    if (report.processes.empty() && report.problems.empty())
-        std::cerr << "k42mc: no reports in " << printable(options.paths.front()) << '\n';
     Symbolizer symbolizer;
     heed_own_suppressions(report, symbolizer);
+    Names names(symbolizer, options.names);
     if (options.json)
-        put_json([](std::string_view piece) { std::cout << piece; }, report, options.order, symbolizer);
+        put_json([](std::string_view piece) { std::cout << piece; }, report, options.order, names);
     else if (options.csv)
-        print_csv(std::cout, report, options.order, symbolizer);
+        print_csv(std::cout, report, options.order, names);
     else if (options.folded)
-        print_folded(std::cout, report, symbolizer);
+        print_folded(std::cout, report, names);
     else if (!options.html.empty())
         write_file(options.html,
-                   [&](std::ostream &file) { print_html(file, report, options.order, symbolizer); });
+                   [&](std::ostream &file) { print_html(file, report, options.order, names); });
     else if (!options.sarif.empty())
         write_file(options.sarif, [&](std::ostream &file) {
             print_sarif(file, Findings(report, LeakCheck::lost, ""), symbolizer);
@@ -103,8 +129,8 @@ void report(const Options &options) {
     else
         print_table(std::cout, report,
                     {options.order, options.top, isatty(STDOUT_FILENO) != 0 && !getenv("NO_COLOR"),
-                     options.lost},
-                    symbolizer);
+                     options.lost, terminal_width()},
+                    names);
     std::cout.flush();
     tell_problems(report);
 }
@@ -112,7 +138,8 @@ void report(const Options &options) {
 void diff(const std::string &before, const std::string &after, size_t top) {
     const Report reports[] = {read({before}), read({after})};
     Symbolizer symbolizer;
-    print_changes(std::cout, changes_between(reports[0], reports[1]), top, symbolizer);
+    Names names(symbolizer);
+    print_changes(std::cout, changes_between(reports[0], reports[1]), top, names);
     std::cout.flush();
     for (const Report &report : reports)
         tell_problems(report);
@@ -139,11 +166,19 @@ void add_report(CLI::App &app) {
     command->add_option("paths", options->paths, "Report files, and folders of them")
         ->type_name("FILE|DIR")
         ->required();
-    command->add_option("--sort", options->order, "bytes, growth, blocks or age")
+    command->add_option("--sort", options->order, "bytes, growth, blocks, age or peak")
         ->type_name("ORDER")
-        ->transform(CLI::Transformer(orders).description(""));
+        ->transform(CLI::Validator(take_order, ""));
     command->add_flag("--lost", options->lost, "In the table, only sites with lost blocks");
     command->add_option("--top", options->top, "Number of sites to show (default 20)")->type_name("N");
+    command
+        ->add_option("--skip-frames", options->names.skipped,
+                     "Name sites by what called functions, files or modules that match")
+        ->type_name("PATTERN")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    command->add_flag("--all-frames", options->names.all_frames,
+                      "In the table, also what calls main and threads' functions");
     CLI::Option *const forms[] = {
         command->add_option("--html", options->html, "Write a page to look at and click through")
             ->type_name("FILE"),

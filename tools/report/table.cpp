@@ -3,7 +3,7 @@
 #include "tools/common/counted.h"
 #include "tools/common/printable.h"
 #include "tools/report/finding.h"
-#include "tools/report/site_name.h"
+#include "tools/report/holder_lines.h"
 
 #include <algorithm>
 #include <array>
@@ -13,14 +13,31 @@ namespace {
 
 constexpr const char *bold = "\033[1m";
 constexpr const char *red = "\033[31m";
+constexpr const char *cyan = "\033[36m";
 constexpr const char *faint = "\033[2m";
 constexpr const char *plain = "\033[0m";
+constexpr size_t gap = 2; // between columns
+
+struct Column {
+    std::string heading;
+    std::vector<std::string> cells; // one a row
+
+    size_t width() const {
+        size_t widest = width_of(heading);
+        for (const std::string &cell : cells)
+            widest = std::max(widest, width_of(cell));
+        return widest;
+    }
+};
+
+std::string signed_number(int64_t number) {
+    return (number < 0 ? "" : "+") + std::to_string(number);
+}
 
 class Table {
 public:
-    Table(std::ostream &out, const Report &report, const TableStyle &style, Symbolizer &symbolizer)
-        : out_(out), report_(report), style_(style), symbolizer_(symbolizer),
-          histories_(report, style.order) {
+    Table(std::ostream &out, const Report &report, const TableStyle &style, Names &names)
+        : out_(out), report_(report), style_(style), names_(names), histories_(report, style.order) {
         if (style.only_lost)
             histories_.keep_lost();
     }
@@ -47,44 +64,77 @@ private:
     }
 
     void print_trace(Trace trace) {
-        for (const std::string_view pc : trace)
-            for (const SourceFrame &frame : symbolizer_.lookup(pc))
-                out_ << "    " << printable(describe(pc, frame))
-                     << (frame.inlined ? std::string(in(faint)) + " (inlined)" + in(plain) : "") << '\n';
+        constexpr size_t indent = 4;
+        for (const StackFrame &frame : names_.frames(trace)) {
+            out_ << std::string(indent, ' ');
+            print_with_place(frame.text(left_behind(indent, style_.width)));
+        }
+    }
+
+    void print_with_place(const std::string &text) {
+        const size_t at = text.find(" at ");
+        if (at == std::string::npos)
+            out_ << text << '\n';
+        else
+            out_ << text.substr(0, at) << in(cyan) << text.substr(at) << in(plain) << '\n';
     }
 
     void print_sites() {
-        const std::vector<SiteHistory> &sites = histories_.sites();
-        out_ << in(bold) << std::setw(14) << "BYTES" << std::setw(10) << "BLOCKS" << std::setw(8)
-             << "AGE";
-        if (histories_.were_searched())
-            out_ << std::setw(14) << "LOST";
-        if (grows())
-            out_ << std::setw(14) << "GROWTH"
-                 << "  ";
+        const std::span<const SiteHistory> all = histories_.sites(),
+                                           shown = all.first(std::min(all.size(), style_.top));
+        const std::vector<Column> columns = columns_of(shown);
+        size_t taken = 0;
+        out_ << in(bold);
+        for (const Column &column : columns) {
+            out_ << std::setw(static_cast<int>(column.width() + gap)) << column.heading;
+            taken += column.width() + gap;
+        }
         out_ << "  SITE" << in(plain) << '\n';
-        const size_t shown = std::min(sites.size(), style_.top);
-        for (size_t i = 0; i < shown; ++i)
-            print_site(sites[i]);
-        if (shown < sites.size())
-            out_ << in(faint) << "  and " << counted(sites.size() - shown, "more site") << in(plain)
+        for (size_t row = 0; row < shown.size(); ++row)
+            print_row(columns, row, left_behind(taken + gap, style_.width), shown[row]);
+        if (shown.size() < all.size())
+            out_ << in(faint) << "  and " << counted(all.size() - shown.size(), "more site") << in(plain)
                  << '\n';
-        for (size_t i = 0; i < std::min(shown, size_t{5}); ++i)
-            print_site_trace(sites[i]);
+        for (const SiteHistory &site : shown.first(std::min(shown.size(), size_t{5})))
+            print_site_trace(site);
         out_ << '\n';
     }
 
     bool grows() const { return histories_.cycles() > 1; }
 
-    void print_site(const SiteHistory &site) {
-        out_ << std::setw(14) << site.held.bytes << std::setw(10) << site.held.blocks << std::setw(8)
-             << site.oldest;
+    std::vector<Column> columns_of(std::span<const SiteHistory> sites) const {
+        constexpr uint32_t widest_line = 24, narrow_line = 8;
+        std::vector<Column> columns;
+        const auto add = [&](const char *heading, const auto &text) {
+            Column &column = columns.emplace_back(heading);
+            for (const SiteHistory &site : sites)
+                column.cells.push_back(text(site));
+        };
+        const auto number = [](uint64_t value) { return std::to_string(value); };
+        add("BYTES", [&](const SiteHistory &site) { return number(site.held.bytes); });
+        add("BLOCKS", [&](const SiteHistory &site) { return number(site.held.blocks); });
+        add("AGE", [&](const SiteHistory &site) { return number(site.oldest); });
         if (histories_.were_searched())
-            out_ << std::setw(14) << site.lost.bytes;
-        if (grows())
-            out_ << std::setw(14) << std::showpos << site.growth << std::noshowpos << "  "
-                 << sparkline(site.bytes, histories_.cycles());
-        out_ << "  " << printable(name_of(report_.site(site.site), symbolizer_)) << '\n';
+            add("LOST", [&](const SiteHistory &site) { return number(site.lost.bytes); });
+        if (style_.order == Order::peak)
+            add("PEAK", [&](const SiteHistory &site) { return number(site.peak); });
+        if (!grows())
+            return columns;
+        add("GROWTH", [&](const SiteHistory &site) { return signed_number(site.growth); });
+        const bool is_wide = style_.width == any_width || style_.width > 120;
+        add("", [&](const SiteHistory &site) {
+            return sparkline(site.bytes, histories_.cycles(), is_wide ? widest_line : narrow_line);
+        });
+        return columns;
+    }
+
+    void print_row(std::span<const Column> columns, size_t row, size_t room, const SiteHistory &site) {
+        for (const Column &column : columns) {
+            const std::string &cell = column.cells[row];
+            out_ << std::string(column.width() + gap - width_of(cell), ' ') << cell;
+        }
+        out_ << std::string(gap, ' ');
+        print_with_place(names_.name(report_.site(site.site)).fitted(room));
     }
 
     void print_site_trace(const SiteHistory &site) {
@@ -111,7 +161,7 @@ private:
         if (held_by.path.size() < 2)
             return;
         out_ << "  which leads, for one, to\n";
-        std::ranges::for_each(describe_path(held_by, report_, symbolizer_), print);
+        std::ranges::for_each(describe_path(held_by, report_, names_), print);
     }
 
     void print_total() {
@@ -126,21 +176,20 @@ private:
     std::ostream &out_;
     const Report &report_;
     const TableStyle &style_;
-    Symbolizer &symbolizer_;
+    Names &names_;
     Histories histories_;
 };
 
 } // namespace
 
-void print_table(std::ostream &out, const Report &report, const TableStyle &style,
-                 Symbolizer &symbolizer) {
-    Table(out, report, style, symbolizer).print();
+void print_table(std::ostream &out, const Report &report, const TableStyle &style, Names &names) {
+    Table(out, report, style, names).print();
 }
 
-std::string sparkline(std::span<const Point> bytes, uint32_t cycles) {
-    constexpr uint32_t most = 24;
+std::string sparkline(std::span<const Point> bytes, uint32_t cycles, uint32_t room) {
+    constexpr uint32_t most = 64;
     static constexpr const char *levels[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-    const uint32_t width = std::min(cycles, most);
+    const uint32_t width = std::min({cycles, room, most});
     // Where there are more cycles than room, the highest of those that share a character.
     std::array<uint64_t, most> columns{};
     uint64_t highest = 1;

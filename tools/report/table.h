@@ -1,8 +1,8 @@
 // The report for people at a terminal.
 #pragma once
 
-#include "tools/common/symbols.h"
 #include "tools/report/model.h"
+#include "tools/report/names.h"
 
 #include <ostream>
 
@@ -11,10 +11,10 @@ struct TableStyle {
     size_t top = 20;
     bool colour = false;
     bool only_lost = false;
+    size_t width = any_width; // of a line, in characters
 };
 
-void print_table(std::ostream &out, const Report &report, const TableStyle &style,
-                 Symbolizer &symbolizer);
+void print_table(std::ostream &out, const Report &report, const TableStyle &style, Names &names);
 
-// Bytes from cycle to cycle, a character for each.
-std::string sparkline(std::span<const Point> bytes, uint32_t cycles);
+// Bytes from cycle to cycle, a character for each, but no more than there is room for.
+std::string sparkline(std::span<const Point> bytes, uint32_t cycles, uint32_t room);

@@ -24,7 +24,7 @@ template <class Print> void write_file(const std::string &path, Print print) {
 
 void write_forms(const RunOptions &options, const Report &report, const Findings &findings,
                  Symbolizer &symbolizer) {
-    write_file(options.html,
-               [&](std::ostream &file) { print_html(file, report, Order::bytes, symbolizer); });
+    Names names(symbolizer);
+    write_file(options.html, [&](std::ostream &file) { print_html(file, report, Order::bytes, names); });
     write_file(options.sarif, [&](std::ostream &file) { print_sarif(file, findings, symbolizer); });
 }

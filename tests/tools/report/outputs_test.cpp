@@ -18,7 +18,8 @@ namespace {
 std::string table(const Report &report, Order order = Order::bytes, size_t top = 20) {
     std::ostringstream out;
     Symbolizer symbolizer;
-    print_table(out, report, {order, top, false}, symbolizer);
+    Names names(symbolizer);
+    print_table(out, report, {order, top, false}, names);
     return out.str();
 }
 
@@ -36,7 +37,8 @@ bool finds_nothing(const Report &report) {
 std::string as_json(const Report &report) {
     std::string whole;
     Symbolizer symbolizer;
-    put_json([&](std::string_view piece) { whole += piece; }, report, Order::bytes, symbolizer);
+    Names names(symbolizer);
+    put_json([&](std::string_view piece) { whole += piece; }, report, Order::bytes, names);
     return whole;
 }
 
@@ -66,10 +68,10 @@ TEST(Outputs, TextReportsBecomeATable) {
     EXPECT_EQ(problems(report), "");
     EXPECT_EQ(table(report), "WO: a block of 4 bytes at 0xD0 was written past its end in r.txt\n"
                              "  allocated at d.c:3 (STD)\n"
-                             "         BYTES    BLOCKS     AGE        GROWTH    SITE\n"
-                             "            50         1       1           +50    █  e.c:9 (FIX)\n"
-                             "            40         2       3           +30  ▂██  a.c:1 (STD)\n"
-                             "             0         0       0            -5  █    b:\\c:7.c:2 (SHM)\n"
+                             "  BYTES  BLOCKS  AGE  GROWTH       SITE\n"
+                             "     50       1    1     +50    █  e.c:9 (FIX)\n"
+                             "     40       2    3     +30  ▂██  a.c:1 (STD)\n"
+                             "      0       0    0      -5  █    b:\\c:7.c:2 (SHM)\n"
                              "\n"
                              "total: 90 bytes in 3 blocks; 3 sites, 3 cycles, 1 process\n");
     const std::string by_age = table(report, Order::age, 1);
@@ -112,9 +114,9 @@ descriptor 6 closed twice in p.12
 descriptors left open: 5, 7 in p.12
   OPEN by socket at 1/2 3:4:5
     /no/p+0x4
-         BYTES    BLOCKS     AGE  SITE
-            50         5       3  a.c:12 (STD)
-             7         1       1  /no/p+0x9 < /no/p+0x2b (FIX)
+  BYTES  BLOCKS  AGE  SITE
+     50       5    3  a.c:12 (STD)
+      7       1    1  /no/p+0x9 < /no/p+0x2b (FIX)
 
 50 bytes in 5 blocks from
     /no/p+0x1a
@@ -196,13 +198,14 @@ k42mc: process 12 was stopped: k42mc detected DF: alloc(STD) free(STD) usrPtr(0x
               "  left: 5 blocks, 50 bytes\n    a.c\n  left: 1 block, 5 bytes\n    b.c\n");
     EXPECT_EQ(summary(searched, LeakCheck::no), "k42mc: 0 blocks, 0 bytes at 0 sites in 1 process\n" +
                                                     held + "6 blocks, 55 bytes" + listed);
-    const std::string heading = "         BYTES    BLOCKS     AGE          LOST  SITE\n",
-                      lost = "            50         5       1            30  a.c:1 (STD)\n",
-                      kept = "             5         1       1             0  b.c:2 (STD)\n";
+    const std::string heading = "  BYTES  BLOCKS  AGE  LOST  SITE\n",
+                      lost = "     50       5    1    30  a.c:1 (STD)\n",
+                      kept = "      5       1    1     0  b.c:2 (STD)\n";
     EXPECT_TRUE(table(searched).starts_with(heading + lost + kept));
     std::ostringstream only_lost;
     Symbolizer symbolizer;
-    print_table(only_lost, searched, {.only_lost = true}, symbolizer);
+    Names names(symbolizer);
+    print_table(only_lost, searched, {.only_lost = true}, names);
     EXPECT_TRUE(only_lost.str().starts_with(heading + lost + "\n"));
     // Without traces, the file tells sites apart.
     EXPECT_EQ(summary(text("a:1:WO:STD:0xA0:4:2\n------\nb:1:WO:STD:0xB0:5:2\n------\n")),
@@ -282,18 +285,19 @@ TEST(Outputs, LeaveOutWhatAProgramSuppressesItself) {
                           "k42mc: held to the end: 4 blocks, 40 bytes; --leak-check=held lists them\n"
                           "k42mc: suppressed by the program: leak:^/no/*p$: 3 blocks, 30 bytes\n");
     heed_own_suppressions(report, symbolizer);
-    EXPECT_TRUE(contains(table(report), "           100        10       1            30  "));
+    EXPECT_TRUE(contains(table(report), "    100      10    1    30  "));
 }
 
 TEST(Outputs, OtherProgramsGetAllThereIs) {
     const Report report = json(json_lines);
     Symbolizer symbolizer;
+    Names names(symbolizer);
     std::ostringstream csv, folded, page;
-    print_csv(csv, report, Order::bytes, symbolizer);
+    print_csv(csv, report, Order::bytes, names);
     EXPECT_EQ(csv.str(), "bytes,blocks,oldest,largest,growth,type,file,line,site\n"
                          "50,5,3,20,0,\"STD\",\"a.c\",12,\"a.c:12 (STD)\"\n"
                          "7,1,1,7,0,\"FIX\",\"p+0x9\",0,\"/no/p+0x9 < /no/p+0x2b (FIX)\"\n");
-    print_folded(folded, report, symbolizer);
+    print_folded(folded, report, names);
     EXPECT_EQ(folded.str(), "/no/p+0x2b;/no/p+0x1a;a.c:12 50\n/no/p+0x2b;/no/p+0x9 7\n");
     simdjson::dom::parser parser;
     const simdjson::dom::element all = parser.parse(as_json(report));
@@ -309,7 +313,7 @@ TEST(Outputs, OtherProgramsGetAllThereIs) {
                       "damaged: WU: a block of 100 bytes at 0x55D0 was written before its start\n"
                       "misused descriptor: descriptor 6 closed twice\n"
                       "left open: descriptors left open: 5, 7\n");
-    print_html(page, report, Order::bytes, symbolizer);
+    print_html(page, report, Order::bytes, names);
     EXPECT_EQ(parsed(embedded(page.str())), simdjson::minify(all));
     EXPECT_EQ(page.str().find("http://"),
               page.str().find("http://www.w3.org/2000/svg")); // nothing from elsewhere
@@ -326,12 +330,12 @@ TEST(Outputs, JsonIsAsciiAndHasALineForEachSite) {
     const std::string expected =
         R"({"format":1,"total":{"blocks":2,"bytes":15},"cycles":1,"sites":[
 {"name":)" +
-        name + R"-(:1 (STD)","file":)-" + name +
+        name + R"-(:1 (STD)","label":)-" + name + R"-(:1","file":)-" + name +
         R"-(","line":1,"type":"STD","chain":[],"blocks":1,"bytes":10,"oldest":1,"largest":10,"growth":0,"series":[[1,10]]},
-{"name":"b:2 (FIX)","file":"b","line":2,"type":"FIX","chain":[],"blocks":1,"bytes":5,"oldest":2,"largest":5,"growth":0,"series":[[1,5]]}],"processes":[{"name":"r.txt","cycles":[
+{"name":"b:2 (FIX)","label":"b:2","file":"b","line":2,"type":"FIX","chain":[],"blocks":1,"bytes":5,"oldest":2,"largest":5,"growth":0,"series":[[1,5]]}],"processes":[{"name":"r.txt","cycles":[
 {"blocks":2,"bytes":15}],"findings":[
 {"kind":"damaged","what":"written before the start (WU)","title":"WU: a block of 4 bytes at 0xD0 was written before its start","count":1,"bytes":4,"trails":[{"heading":"allocated at a:3 (STD)","chain":[{"pc":"/no/p(+0x2) [0x56]","function":"","file":"","line":0,"inlined":false}]}]}],"damages":[
-{"name":"a:3 (STD)","file":"a","line":3,"type":"STD","chain":[{"pc":"/no/p(+0x2) [0x56]","function":"","file":"","line":0,"inlined":false}],"defect":"WU","address":"0xD0","size":4,"cycles":2}],"descriptors":[]}]}
+{"name":"a:3 (STD)","label":"a:3","file":"a","line":3,"type":"STD","chain":[{"pc":"/no/p(+0x2) [0x56]","function":"","file":"","line":0,"inlined":false}],"defect":"WU","address":"0xD0","size":4,"cycles":2}],"descriptors":[]}]}
 )-";
     EXPECT_EQ(as_json(report), expected);
 }
@@ -381,9 +385,10 @@ TEST(Outputs, HostileNamesStayNames) {
     const Report bytes =
         text(cycle(1, "=1+\xff\x1b;b\"\t:1:LK:STD:0xA0:10:1\n", "1 bytes held by 1 allocations"));
     Symbolizer symbolizer;
+    Names names(symbolizer);
     for (const Report *each : {&report, &bytes}) {
         std::ostringstream changes;
-        print_changes(changes, changes_between(Report(), *each), 20, symbolizer);
+        print_changes(changes, changes_between(Report(), *each), 20, names);
         for (const std::string &out : {table(*each), summary(*each), changes.str()}) {
             EXPECT_EQ(out.find_first_of(escape.substr(0, 1) + "\a\r\t\xff"), std::string::npos) << out;
             EXPECT_EQ(out.find("\xc2\x9b"), std::string::npos) << out;
@@ -393,26 +398,26 @@ TEST(Outputs, HostileNamesStayNames) {
     EXPECT_EQ(table(bytes).find("=1+\\xff\\x1b;b\"\\x09:1 (STD)\n"), table(bytes).find("=1+"));
 
     std::ostringstream csv, folded, page;
-    print_csv(csv, bytes, Order::bytes, symbolizer);
+    print_csv(csv, bytes, Order::bytes, names);
     EXPECT_EQ(csv.str().substr(csv.str().find('\n') + 1),
               "10,1,1,10,0,\"STD\",\"'=1+\\xff\\x1b;b\"\"\\x09\",1,"
               "\"'=1+\\xff\\x1b;b\"\"\\x09:1 (STD)\"\n");
     for (const char *formula : {"=a", "+a", "-a", "@a"}) {
         std::ostringstream one;
         print_csv(one, text(cycle(1, std::string(formula) + ":1:LK:" + formula + ":0xA0:10:1\n", "")),
-                  Order::bytes, symbolizer);
+                  Order::bytes, names);
         EXPECT_NE(
             one.str().find(std::string(",\"'") + formula + "\",\"'" + formula + "\",1,\"'" + formula),
             std::string::npos)
             << one.str();
     }
-    print_folded(folded, bytes, symbolizer);
+    print_folded(folded, bytes, names);
     EXPECT_EQ(folded.str(), "=1+\\xff\\x1b:b\"\\x09:1 10\n");
-    print_html(page, bytes, Order::bytes, symbolizer);
+    print_html(page, bytes, Order::bytes, names);
     EXPECT_EQ(parsed(embedded(page.str())), parsed(as_json(bytes)));
 
     std::ostringstream hostile_page;
-    print_html(hostile_page, report, Order::bytes, symbolizer);
+    print_html(hostile_page, report, Order::bytes, names);
     simdjson::dom::parser parser;
     const simdjson::dom::element all = parser.parse(embedded(hostile_page.str()));
     EXPECT_EQ(all["sites"].at(0)["file"].get_string().value(), hostile.substr(0, hostile.size() - 1));
@@ -427,7 +432,8 @@ TEST(Outputs, DiffListsWhatChanged) {
                                     ""));
     std::ostringstream out;
     Symbolizer symbolizer;
-    print_changes(out, changes_between(before, after), 2, symbolizer);
+    Names names(symbolizer);
+    print_changes(out, changes_between(before, after), 2, names);
     EXPECT_EQ(out.str(), "        GROWTH    BLOCKS         BYTES  SITE\n"
                          "           +20        +1            30  b:1 (STD)\n"
                          "            +5        +1             5  d:1 (STD)\n"

@@ -1,28 +1,6 @@
-#include "tools/report/site_name.h"
+#include "tools/report/holder_lines.h"
 
 #include "tools/common/counted.h"
-
-#include <algorithm>
-
-std::string name_of(const Site &site, Symbolizer &symbolizer) {
-    constexpr size_t most_callers = 2;
-    const std::string type = " (" + std::string(site.type) + ")";
-    if (site.line != 0)
-        return std::string(site.file) + ":" + std::to_string(site.line) + type;
-    if (site.trace.empty())
-        return std::string(site.file) + type;
-    std::string name;
-    for (const std::string_view pc : site.trace.first(std::min(site.trace.size(), 1 + most_callers))) {
-        const SourceFrame &frame = symbolizer.lookup(pc).front();
-        const bool innermost = name.empty();
-        if (!innermost)
-            name += " < ";
-        name += frame.function.empty() ? pc : frame.function;
-        if (!frame.file.empty() && innermost)
-            name += " at " + frame.file + ":" + std::to_string(frame.line);
-    }
-    return name + type;
-}
 
 std::string readable_root(std::string_view root) {
     const size_t open = root.find('`');
@@ -39,8 +17,7 @@ std::string describe(std::string_view root, const Counter &held) {
            counted(held.blocks, "block");
 }
 
-std::vector<std::string> describe_path(const HeldBy &held_by, const Report &report,
-                                       Symbolizer &symbolizer) {
+std::vector<std::string> describe_path(const HeldBy &held_by, const Report &report, Names &names) {
     std::vector<std::string> lines;
     const size_t count = held_by.path.size();
     for (size_t i = 0; i < count; ++i) {
@@ -48,7 +25,7 @@ std::vector<std::string> describe_path(const HeldBy &held_by, const Report &repo
         if (i == count / 2 && held_by.left_out != 0)
             lines.push_back("... " + counted(held_by.left_out, "more block") + " ...");
         std::string line = link.site ? counted(link.size, "byte") + " from " +
-                                           name_of(report.site(*link.site), symbolizer)
+                                           names.name(report.site(*link.site)).text()
                                      : "a block that was released meanwhile";
         if (i + 1 < count && link.site)
             line += ", from byte " + std::to_string(link.offset) + " on";

@@ -1,11 +1,8 @@
-// Sites in one line, and what holds their blocks.
+// What holds a site's blocks, a line each.
 #pragma once
 
-#include "tools/common/symbols.h"
 #include "tools/report/model.h"
-
-// "net.c:14 (STD)"; where the report has no line, the functions that led to the call.
-std::string name_of(const Site &site, Symbolizer &symbolizer);
+#include "tools/report/names.h"
 
 // What a process says of a root, with the names in it demangled: "variable `sessions` in server+0x40c0".
 std::string readable_root(std::string_view root);
@@ -14,5 +11,4 @@ std::string readable_root(std::string_view root);
 std::string describe(std::string_view root, const Counter &held);
 
 // One a line: the blocks from a root to one that it holds, and where in them the pointers lie.
-std::vector<std::string> describe_path(const HeldBy &held_by, const Report &report,
-                                       Symbolizer &symbolizer);
+std::vector<std::string> describe_path(const HeldBy &held_by, const Report &report, Names &names);
