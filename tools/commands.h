@@ -15,3 +15,4 @@ void add_run(CLI::App &app, std::vector<std::string> &words);
 void add_report(CLI::App &app);
 void add_diff(CLI::App &app);
 void add_symbolize(CLI::App &app);
+void add_watch(CLI::App &app);

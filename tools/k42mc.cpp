@@ -24,7 +24,7 @@ int run_command(std::vector<std::string> words) {
     app.require_subcommand(1);
     app.failure_message(failure);
     add_run(app, words);
-    for (const auto add : {add_report, add_diff, add_symbolize})
+    for (const auto add : {add_report, add_watch, add_diff, add_symbolize})
         add(app);
     std::ranges::reverse(words); // as the parser wants them
     try {

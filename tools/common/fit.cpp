@@ -12,13 +12,24 @@ bool ends_word(char letter) {
     return std::string_view(":,. _<>()/").find(letter) != std::string_view::npos;
 }
 
+size_t bytes_of_first(std::string_view text) {
+    return std::max<size_t>(character_at(text).length, 1);
+}
+
 } // namespace
 
 size_t width_of(std::string_view text) {
     size_t width = 0;
     for (; !text.empty(); ++width)
-        text.remove_prefix(std::max<size_t>(character_at(text).length, 1));
+        text.remove_prefix(bytes_of_first(text));
     return width;
+}
+
+std::string_view first_of(std::string_view text, size_t width) {
+    size_t end = 0;
+    for (size_t i = 0; i < width && end < text.size(); ++i)
+        end += bytes_of_first(text.substr(end));
+    return text.substr(0, end);
 }
 
 bool fits(std::string_view text, size_t width) {

@@ -20,3 +20,6 @@ std::string fit_path(std::string_view path, size_t width);
 
 // The first words of a name, "net::Session::…": at least one.
 std::string fit_name(std::string_view name, size_t width);
+
+// Its start, wherever that ends.
+std::string_view first_of(std::string_view text, size_t width);

@@ -15,6 +15,3 @@ struct TableStyle {
 };
 
 void print_table(std::ostream &out, const Report &report, const TableStyle &style, Names &names);
-
-// Bytes from cycle to cycle, a character for each, but no more than there is room for.
-std::string sparkline(std::span<const Point> bytes, uint32_t cycles, uint32_t room);
