@@ -2,6 +2,7 @@
 
 #include "tools/common/printable.h"
 #include "tools/common/short_name.h"
+#include "tools/report/trace_match.h"
 #include "tools/shared/pattern.h"
 
 #include <algorithm>
@@ -105,7 +106,8 @@ StackFrame Names::frame(std::string_view pc, const SourceFrame &source) const {
 const std::vector<StackFrame> &Names::frames_at(std::string_view pc) {
     const auto [known, is_new] = known_.try_emplace(pc);
     if (is_new)
-        for (const SourceFrame &source : symbolizer_.lookup(pc))
+        for (const SourceFrame &source :
+             options_.libc_lines ? symbolizer_.lookup(pc) : ::frames_at(pc, symbolizer_))
             known->second.push_back(frame(pc, source));
     return known->second;
 }

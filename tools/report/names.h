@@ -43,6 +43,7 @@ public:
         std::vector<std::string>
             skipped; // patterns of functions, files and modules that are not the program's own
         bool all_frames = false;
+        bool libc_lines = true; // of the C library's own source: to find them takes long
     };
 
     explicit Names(Symbolizer &symbolizer) : Names(symbolizer, {}) {}

@@ -1,7 +1,8 @@
-// Stack traces in summaries: the innermost frames, one a line.
+// Stack traces in summaries: the innermost frames of the program's own, one a line, and what they called.
 #pragma once
 
-#include "tools/report/trace_match.h"
+#include "tools/common/symbols.h"
+#include "tools/report/model.h"
 
 #include <ostream>
 

@@ -1,5 +1,6 @@
 #include "tools/report/trace_match.h"
 
+#include "tools/common/short_name.h"
 #include "tools/shared/suppression_lines.h"
 
 #include <algorithm>
@@ -9,7 +10,8 @@ namespace {
 
 bool matches_source(std::string_view pattern, std::string_view pc, Symbolizer &symbolizer) {
     return std::ranges::any_of(frames_at(pc, symbolizer), [&](const SourceFrame &source) {
-        return matches_pattern(pattern, source.function) || matches_pattern(pattern, source.file);
+        return matches_pattern(pattern, source.function) || matches_pattern(pattern, source.file) ||
+               matches_pattern(pattern, short_name(source.function)); // as summaries have it
     });
 }
 

@@ -1,5 +1,7 @@
 #include "tools/report/names.h"
 
+#include "tools/report/trace_lines.h"
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -45,6 +47,13 @@ TEST(Names, GoByTheProgramsOwnCode) {
     EXPECT_EQ(Names(symbolizer, {{}, true}).frames(pcs).size(), 6u);
     EXPECT_EQ(names.name({"p+0x1", 0, "STD", Trace(pcs).first(2)}).label(), "/lib/libc.so.6+0x1");
     EXPECT_EQ(names.name({"a.c", 7, "STD", pcs}).label(), "a.c:7");
+    // A summary: with the last function that is not.
+    std::ostringstream summary;
+    print_trace(summary, pcs, symbolizer);
+    print_trace(summary, Trace(pcs).first(2), symbolizer);
+    EXPECT_EQ(summary.str(),
+              "    /usr/lib/libstdc++.so.6+0x2\n    /no/wrap.so+0x3\n    /no/p+0x4\n    /no/p+0x5\n"
+              "    /lib/libc.so.6+0x1\n    /usr/lib/libstdc++.so.6+0x2\n");
 }
 
 } // namespace
