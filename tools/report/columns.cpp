@@ -48,7 +48,7 @@ std::vector<Column> columns_of(const Histories &histories, std::span<const SiteH
         return columns;
     add("GROWTH", [&](const SiteHistory &site) { return signed_number(site.growth); });
     const uint32_t room = width == any_width || width >= wide ? wide_line : narrow_line;
-    add("", [&](const SiteHistory &site) { return sparkline(site.bytes, histories.cycles(), room); });
+    add("", [&](const SiteHistory &site) { return sparkline(site, histories.cycles(), room); });
     return columns;
 }
 
@@ -66,19 +66,19 @@ std::string row_of(std::span<const Column> columns, size_t row) {
     return line + std::string(gap, ' ');
 }
 
-std::string sparkline(std::span<const Point> bytes, uint32_t cycles, uint32_t room) {
+std::string sparkline(const SiteHistory &site, uint32_t cycles, uint32_t room) {
     constexpr uint32_t most = 64;
     static constexpr const char *levels[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
     const uint32_t width = std::min({cycles, room, most});
     // Where there are more cycles than room, the highest of those that share a character.
     std::array<uint64_t, most> columns{};
     uint64_t highest = 1;
-    for (const Point &point : bytes) {
+    site.each_cycle(cycles, [&](uint32_t cycle, uint64_t bytes) {
         // The last column that begins at the cycle or before.
-        const uint64_t column = ((point.cycle + uint64_t{1}) * width - 1) / cycles;
-        columns[column] = std::max(columns[column], point.bytes);
-        highest = std::max(highest, point.bytes);
-    }
+        const uint64_t column = ((cycle + uint64_t{1}) * width - 1) / cycles;
+        columns[column] = std::max(columns[column], bytes);
+        highest = std::max(highest, bytes);
+    });
     std::string text;
     for (uint32_t i = 0; i < width; ++i) {
         const double share = static_cast<double>(columns[i]) / static_cast<double>(highest);

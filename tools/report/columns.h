@@ -23,4 +23,4 @@ std::string heading_of(std::span<const Column> columns);
 std::string row_of(std::span<const Column> columns, size_t row);
 
 // Bytes from cycle to cycle, a character for each, but no more than there is room for.
-std::string sparkline(std::span<const Point> bytes, uint32_t cycles, uint32_t room);
+std::string sparkline(const SiteHistory &site, uint32_t cycles, uint32_t room);

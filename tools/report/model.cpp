@@ -134,6 +134,7 @@ void Histories::add_cycle(const Cycle &cycle, uint32_t index, bool is_last) {
         site.largest = std::max(site.largest, holding.largest);
         if (!is_last)
             continue;
+        point.left += holding.held.bytes;
         site.held += holding.held;
         site.lost += holding.lost;
         site.oldest = std::max(site.oldest, holding.oldest);
@@ -175,8 +176,8 @@ Histories::Histories(const Report &report, Order order) {
     std::erase_if(sites_,
                   [](const SiteHistory &site) { return site.largest == 0 && site.held.blocks == 0; });
     for (SiteHistory &site : sites_)
-        for (const Point &point : site.bytes)
-            site.peak = std::max(site.peak, point.bytes);
+        site.each_cycle(cycles_,
+                        [&](uint32_t, uint64_t bytes) { site.peak = std::max(site.peak, bytes); });
     std::ranges::stable_sort(sites_, [order](const SiteHistory &left, const SiteHistory &right) {
         return comes_before(left, right, order);
     });

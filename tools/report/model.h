@@ -196,6 +196,7 @@ private:
 struct Point {
     uint32_t cycle = 0;
     uint64_t bytes = 0;
+    uint64_t left = 0; // of these, in processes that had no later cycle: it counts from then on
 };
 
 // One site over all cycles of all processes.
@@ -209,7 +210,21 @@ struct SiteHistory {
     const HeldBy *held_by = nullptr; // in the last cycle of the process where it holds most
     int64_t growth = 0;              // from the first cycle of each process to its last
     std::span<const Point> bytes;    // of the cycles that it was seen in
+
+    // From cycle to cycle, with what processes left that ended before.
+    template <class Action> void each_cycle(uint32_t cycles, Action action) const;
 };
+
+template <class Action> void SiteHistory::each_cycle(uint32_t cycles, Action action) const {
+    uint64_t left = 0;
+    auto point = bytes.begin();
+    for (uint32_t cycle = 0; cycle < cycles; ++cycle) {
+        const bool is_seen = point != bytes.end() && point->cycle == cycle;
+        action(cycle, left + (is_seen ? point->bytes : 0));
+        if (is_seen)
+            left += (point++)->left;
+    }
+}
 
 enum class Order { bytes, growth, blocks, age, peak };
 
