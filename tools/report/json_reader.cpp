@@ -225,11 +225,14 @@ private:
             {text_in(line, "file"), number_in<int>(line, "line"), text_in(line, "type"), trace});
     }
 
+    static Counter counter_in(Json line, const char *member) {
+        return has(line, member) ? counter_of(value_in<Json>(line, member)) : Counter{};
+    }
+
     static Counter lost_in(Json line) {
         Counter lost;
         for (const char *way : {"lost", "indirect"})
-            if (has(line, way))
-                lost += counter_of(value_in<Json>(line, way));
+            lost += counter_in(line, way);
         return lost;
     }
 
@@ -245,8 +248,7 @@ private:
         for (const Json root : value_in<simdjson::dom::array>(json, "roots"))
             held_by.roots.push_back(
                 {report_.text(readable_root(text_in(root, "root"))), counter_of(root)});
-        if (has(json, "others"))
-            held_by.others = counter_of(value_in<Json>(json, "others"));
+        held_by.others = counter_in(json, "others");
         for (const Json link : value_in<simdjson::dom::array>(json, "path"))
             held_by.path.push_back(link_in(link));
         held_by.left_out = number_in<uint64_t>(json, "left_out");
@@ -257,8 +259,13 @@ private:
         // The descriptor checker's own records of what it watches.
         if (text_in(line, "file") == "common/lib/libk42mc/k42mc_ds")
             return;
-        const Holding holding = {site_in(line), number_in<uint32_t>(line, "oldest"), counter_of(line),
-                                 number_in<uint64_t>(line, "largest"), lost_in(line)};
+        const Holding holding = {site_in(line),
+                                 number_in<uint32_t>(line, "oldest"),
+                                 counter_of(line),
+                                 number_in<uint64_t>(line, "largest"),
+                                 lost_in(line),
+                                 counter_in(line, "allocations"),
+                                 counter_in(line, "temporary")};
         Cycle &cycle = process().cycles.back();
         if (has(line, "held_by"))
             cycle.held_by[holding.site] = held_by_in(line);

@@ -124,6 +124,8 @@ void Histories::add_growth(const Cycle &first, const Cycle &last) {
 void Histories::add_cycle(const Cycle &cycle, uint32_t index, bool is_last) {
     searched_ = searched_ || (is_last && cycle.searched);
     for (const Holding &holding : cycle.holdings) {
+        if (holding.held.blocks == 0)
+            continue;
         SiteHistory &site = sites_[holding.site];
         const std::span<const Point> seen = site.bytes;
         if (seen.empty() || seen.back().cycle != index)

@@ -41,13 +41,14 @@ struct Counter {
     }
 };
 
-// What one site held in one cycle.
+// What one site held in one cycle, if anything.
 struct Holding {
     uint32_t site = 0;   // in Report
     uint32_t oldest = 0; // cycles that its oldest block had survived
     Counter held;
     uint64_t largest = 0; // bytes of its largest block
     Counter lost = {};    // of what it held, by itself or with other blocks, where a search was made
+    Counter allocated = {}, temporary = {}; // since the start; the latter was released within a cycle
 };
 
 // Something that leads to blocks, and to how many of a site's.

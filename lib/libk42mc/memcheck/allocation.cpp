@@ -27,7 +27,7 @@ bool find_site(uint32_t number, AllocationSite &site) {
     if (number == 0)
         return false;
     const CheckerLock lock(take_checker_lock_in_time());
-    if (!lock || !registry_exists() || gMCSites[number / sites_a_chunk] == nullptr)
+    if (!lock || !registry_exists() || gMCSites[number / SiteChunk::room] == nullptr)
         return false;
     site = site_at(number);
     return true;

@@ -75,6 +75,8 @@ void put_site(JsonOutput &out, const SiteSummary &site, const Snapshot &state, b
     out.chain("chain", site.key.trace());
     out->print(",\"blocks\":%llu,\"bytes\":%llu,\"oldest\":%u,\"largest\":%zu", site.held.count,
                site.held.bytes, site.oldest, site.largest);
+    put_counter(out, "allocations", site.allocated);
+    put_counter(out, "temporary", site.temporary);
     if (searched) {
         put_counter(out, "lost", site.lost);
         put_counter(out, "indirect", site.indirectly_lost);
@@ -94,6 +96,13 @@ void put_damage(JsonOutput &out, const DamagedBlock &block, uint32_t cycle) {
     out->print("}\n");
 }
 
+void put_unlisted(JsonOutput &out, const Snapshot &state) {
+    out->print(",\"unlisted\":{\"allocations\":{\"blocks\":%llu,\"bytes\":%llu}",
+               state.unlisted_allocated.count, state.unlisted_allocated.bytes);
+    put_counter(out, "temporary", state.unlisted_temporary);
+    out->print("}");
+}
+
 int write_snapshot(int descriptor, const Snapshot &state, uint32_t limit, bool searched) {
     JsonOutput out(descriptor);
     put_cycle(out, state, limit, searched);
@@ -101,8 +110,11 @@ int write_snapshot(int descriptor, const Snapshot &state, uint32_t limit, bool s
         put_site(out, site, state, searched);
     for (const DamagedBlock &block : state.damaged())
         put_damage(out, block, state.cycle);
-    out->print("{\"kind\":\"end\",\"sites\":%zu,\"damaged\":%zu}\n", state.sites().size(),
+    out->print("{\"kind\":\"end\",\"sites\":%zu,\"damaged\":%zu", state.sites().size(),
                state.damaged().size());
+    if (state.unlisted_allocated.count != 0)
+        put_unlisted(out, state);
+    out->print("}\n");
     return out->flush();
 }
 

@@ -89,11 +89,30 @@ Traffic total_traffic() {
     return total;
 }
 
+void hand_over_tallies() {
+    for_each_lane([](Lane &lane) {
+        lane.tallies.allocated.hand_over();
+        lane.tallies.outlived.hand_over();
+    });
+}
+
+void forget_tallies() {
+    for_each_lane([](Lane &lane) {
+        lane.tallies.allocated.forget();
+        lane.tallies.outlived.forget();
+    });
+}
+
 void clear_lanes() {
+    forget_tallies();
     for_each_lane([](Lane &lane) {
         lane.free_records.forget();
         lane.traffic = {};
     });
+}
+
+void each_lanes_tallies(FunctionRef<void(const void *, size_t)> action) {
+    for_each_lane([&](const Lane &lane) { action(&lane.tallies, sizeof lane.tallies); });
 }
 
 } // namespace k42mc::internal

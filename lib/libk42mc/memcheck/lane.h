@@ -3,7 +3,9 @@
 #pragma once
 
 #include "base/checker_lock.h"
+#include "base/function_ref.h"
 #include "memcheck/record_store.h"
+#include "memcheck/site_counts.h"
 #include "memcheck/traffic.h"
 
 namespace k42mc::internal {
@@ -11,6 +13,7 @@ namespace k42mc::internal {
 struct alignas(64) Lane : Visitor {
     FreeRecords free_records;
     Traffic traffic; // since the registry was made
+    SiteTallies tallies;
 };
 
 // One operation of the calling thread on the registry: while it lives, nobody who holds gMCLock looks.
@@ -73,6 +76,11 @@ Lane &lane_of_lock_holder();
 
 // With gMCLock held.
 Traffic total_traffic();
+void hand_over_tallies();
+void forget_tallies();
 void clear_lanes();
+
+// With gMCLock held, or all other threads stopped.
+void each_lanes_tallies(FunctionRef<void(const void *, size_t)> action);
 
 } // namespace k42mc::internal

@@ -18,7 +18,9 @@ constexpr KnownBlock unexamined{.header_readable = true, .tail = 0};
 // The order in which blocks were recorded, whoever did. On a line of its own: all threads count here.
 alignas(64) constinit std::atomic<uint64_t> blocks_recorded = 0;
 
-constinit uint64_t first_own_block = 0; // in that order
+// In that order.
+constinit uint64_t first_own_block = 0;
+constinit uint64_t first_counted_block = 0; // of its site
 
 constinit bool exists = false;
 
@@ -69,8 +71,17 @@ uint32_t take_alone(uintptr_t address, Lane &lane) {
     return number;
 }
 
-void count_release(const Record &record, Lane &lane) {
+[[gnu::noinline]] void count_aged(const Record &record, Lane &lane) {
+    if (is_counted(record))
+        lane.tallies.outlived.add(record.site, record.size);
+}
+
+[[gnu::always_inline]] inline void end_record(uint32_t number, Lane &lane) {
+    const Record &record = record_at(number);
     lane.traffic.freed[record.type()].add(record.size);
+    if (record.age(gMCCycle) != 0) [[unlikely]]
+        count_aged(record, lane);
+    lane.free_records.give_back(number);
 }
 
 // Takes the record of a block. `then` gets it, while it is still the caller's.
@@ -129,8 +140,7 @@ uint32_t site_number(const NewBlock &block) {
 bool drop_stale(IndexEntry &entry, uint32_t value, uintptr_t address, Lane &lane) {
     if (IndexEntry::is_chain(value) || record_at(value).address != address || !entry.replace(value, 0))
         return false;
-    count_release(record_at(value), lane);
-    lane.free_records.give_back(value);
+    end_record(value, lane);
     return true;
 }
 
@@ -139,8 +149,7 @@ void drop_stale_alone(IndexEntry &entry, uintptr_t address, Lane &lane) {
     if (number == 0)
         return;
     entry.remove(number, lane.free_records);
-    count_release(record_at(number), lane);
-    lane.free_records.give_back(number);
+    end_record(number, lane);
 }
 
 // Alone: with nobody recording.
@@ -174,6 +183,7 @@ Outcome add(const NewBlock &block, Lane &lane, bool alone) {
         return Outcome::no_memory;
     }
     lane.traffic.allocated[block.type].add(block.size);
+    lane.tallies.allocated.add(site, block.size);
     return Outcome::done;
 }
 
@@ -236,8 +246,7 @@ public:
         known = known_block(record);
         address_ = record.address;
         type_ = record.type();
-        count_release(record, lane);
-        lane.free_records.give_back(number);
+        end_record(number, lane);
     }
 
     void complain_unless(uint16_t released, Site site) const {
@@ -317,7 +326,7 @@ void put_record_back(const RecordInHand &hand) {
     // Somebody may have recorded another block there.
     if (entry == nullptr || entry->find(record.address) != 0 ||
         !entry->add(hand.number, lane.free_records))
-        lane.free_records.give_back(hand.number);
+        end_record(hand.number, lane);
 }
 
 void replace_record(const RecordInHand &hand, Site site, uint16_t type, const void *user, size_t size,
@@ -383,6 +392,16 @@ uint64_t recorded_so_far() {
     return blocks_recorded.load(std::memory_order_relaxed);
 }
 
+void count_sites_anew() {
+    first_counted_block = blocks_recorded.load(std::memory_order_relaxed);
+    forget_tallies();
+    reset_site_counts();
+}
+
+bool is_counted(const Record &record) {
+    return record.order() >= first_counted_block;
+}
+
 bool is_parents(const Record &record) {
     return record.order() < first_own_block;
 }
@@ -394,6 +413,7 @@ bool is_reported(const Record &record) {
 // The walk over all records has to pay, and the sites to be few beside them.
 void sweep_sites() {
     uint32_t blocks = 0;
+    hand_over_tallies();
     begin_site_sweep();
     for_each_record([&](const Record &record) {
         site_at(record.site).in_use = true;
@@ -429,8 +449,7 @@ void MCFree(const char *file, int line, uint16_t type, uintptr_t address) {
     const unsigned allocated = record_at(number).type();
     if (allocated != type)
         print_wrong_type({file, line}, address, allocated, type);
-    count_release(record_at(number), lane);
-    lane.free_records.give_back(number);
+    end_record(number, lane);
 }
 
 K42MC_EXPORT(MCAlloc);

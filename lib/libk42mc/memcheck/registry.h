@@ -76,6 +76,12 @@ void leave_blocks_to_parent();
 // How many have been recorded: what is recorded later has at least that number in the order.
 uint64_t recorded_so_far();
 
+// From now on, what sites have allocated is what is allocated from now on.
+void count_sites_anew();
+
+// Whether a block is among that.
+bool is_counted(const Record &record);
+
 // Whether it is one of those.
 bool is_parents(const Record &record);
 

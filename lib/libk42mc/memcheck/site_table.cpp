@@ -1,5 +1,6 @@
 #include "memcheck/site_table.h"
 
+#include "memcheck/busiest_sites.h"
 #include "memcheck/records_lock.h"
 #include "platform/platform.h"
 
@@ -9,7 +10,7 @@
 
 namespace k42mc::internal {
 
-constinit AllocationSite *gMCSites[most_site_chunks] = {};
+constinit SiteChunk *gMCSites[most_site_chunks] = {};
 
 namespace {
 
@@ -27,11 +28,13 @@ struct Table {
 
 constexpr uint32_t fewest_slots = 1u << 12;
 constexpr uint32_t fewest_to_sweep = 1u << 12;
+constexpr uint32_t most_idle_kept = 1u << 12; // that no block needs
 
 constinit std::atomic<Table *> current_table = nullptr;
 constinit uint32_t next_site = 1; // number of the first that was never used
 constinit uint32_t free_sites = 0, sites_in_table = 0;
 constinit std::atomic<uint32_t> sites_until_sweep = fewest_to_sweep;
+constinit ForgottenCounts forgotten;
 
 // Odd numbers without a pattern, so that frames that trade places make a difference.
 constexpr auto factors = [] {
@@ -135,12 +138,11 @@ bool make_room(Table *&table) {
 uint32_t take_number() {
     if (free_sites != 0)
         return std::exchange(free_sites, site_at(free_sites).hash);
-    const uint32_t chunk = next_site / sites_a_chunk;
+    const uint32_t chunk = next_site / SiteChunk::room;
     if (chunk == most_site_chunks)
         return 0;
     if (gMCSites[chunk] == nullptr)
-        gMCSites[chunk] =
-            static_cast<AllocationSite *>(platform::map_memory(sites_a_chunk * sizeof(AllocationSite)));
+        gMCSites[chunk] = static_cast<SiteChunk *>(platform::map_memory(sizeof(SiteChunk)));
     return gMCSites[chunk] != nullptr ? next_site++ : 0;
 }
 
@@ -176,11 +178,31 @@ template <class Action> void for_each_number(Action action) {
     }
 }
 
+// Among those that no block needs.
+BusiestSites busiest_idle_sites() {
+    BusiestSites busiest;
+    for (uint32_t number = 1; number != next_site; ++number) {
+        if (!site_at(number).in_use)
+            busiest.count(counts_at(number).allocated.value().count);
+    }
+    busiest.choose(most_idle_kept);
+    return busiest;
+}
+
+void forget_site(uint32_t number) {
+    SiteCounts &counts = counts_at(number);
+    forgotten.allocated += counts.allocated.value();
+    forgotten.outlived += counts.outlived.value();
+    counts.allocated.reset();
+    counts.outlived.reset();
+    site_at(number).hash = std::exchange(free_sites, number);
+}
+
 } // namespace
 
 uint32_t most_sites() {
     const auto behind = std::find(std::begin(gMCSites), std::end(gMCSites), nullptr);
-    return static_cast<uint32_t>(behind - gMCSites) * sites_a_chunk;
+    return static_cast<uint32_t>(behind - gMCSites) * SiteChunk::room;
 }
 
 uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames) {
@@ -203,13 +225,13 @@ void end_site_sweep(uint32_t until_next) {
     for (uint32_t at = 0; at <= table.mask; ++at)
         table.slots[at].store(0, std::memory_order_relaxed);
     sites_in_table = free_sites = 0;
+    BusiestSites busiest_idle = busiest_idle_sites();
     for (uint32_t number = next_site - 1; number != 0; --number) {
-        AllocationSite &site = site_at(number);
-        if (site.in_use) {
+        if (site_at(number).in_use || busiest_idle.take(counts_at(number).allocated.value().count)) {
             enter(table, number);
             ++sites_in_table;
         } else {
-            site.hash = std::exchange(free_sites, number);
+            forget_site(number);
         }
     }
     unmap_former_tables(table);
@@ -228,18 +250,32 @@ void unmap_site_table() {
         unmap_former_tables(*table);
         unmap_table(table);
     }
-    for (AllocationSite *&chunk : gMCSites) {
+    for (SiteChunk *&chunk : gMCSites) {
         if (chunk != nullptr)
-            platform::unmap_memory(std::exchange(chunk, nullptr),
-                                   sites_a_chunk * sizeof(AllocationSite));
+            platform::unmap_memory(std::exchange(chunk, nullptr), sizeof(SiteChunk));
     }
     next_site = 1;
     free_sites = sites_in_table = 0;
     sites_until_sweep.store(fewest_to_sweep, std::memory_order_relaxed);
 }
 
-void forget_summaries() {
-    for_each_number([](uint32_t number) { site_at(number).summary = 0; });
+void begin_snapshot_of_sites() {
+    for_each_number([](uint32_t number) {
+        site_at(number).summary = 0;
+        counts_at(number).live = {};
+    });
+}
+
+const ForgottenCounts &forgotten_counts() {
+    return forgotten;
+}
+
+void reset_site_counts() {
+    for (uint32_t number = 1; number != next_site; ++number) {
+        counts_at(number).allocated.reset();
+        counts_at(number).outlived.reset();
+    }
+    forgotten = {};
 }
 
 } // namespace k42mc::internal

@@ -2,10 +2,9 @@
 // which stack trace.
 #pragma once
 
-#include <atomic>
+#include "memcheck/site_counts.h"
+
 #include <span>
-#include <stddef.h>
-#include <stdint.h>
 
 namespace k42mc::internal {
 
@@ -24,12 +23,24 @@ struct AllocationSite {
     std::span<void *const> trace() const { return {frames, frame_count}; }
 };
 
-inline constexpr uint32_t sites_a_chunk = 256, most_site_chunks = 1u << 14;
-extern constinit AllocationSite *gMCSites[most_site_chunks];
+// Counts stand apart, as threads that look for a site would wait for those that add to them.
+struct SiteChunk {
+    static constexpr uint32_t room = 256;
+
+    AllocationSite sites[room];
+    SiteCounts counts[room];
+};
+
+inline constexpr uint32_t most_site_chunks = 1u << 14;
+extern constinit SiteChunk *gMCSites[most_site_chunks];
 
 // Sites are called by their numbers; 0 is none.
 inline AllocationSite &site_at(uint32_t number) {
-    return gMCSites[number / sites_a_chunk][number % sites_a_chunk];
+    return gMCSites[number / SiteChunk::room]->sites[number % SiteChunk::room];
+}
+
+inline SiteCounts &counts_at(uint32_t number) {
+    return gMCSites[number / SiteChunk::room]->counts[number % SiteChunk::room];
 }
 
 // How many numbers there may be, from 0.
@@ -42,12 +53,21 @@ uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span
 // Whether so many sites were entered that looking for those that no block needs any more is worth it.
 bool sites_need_sweep();
 
-// The rest is done with nobody recording. A sweep forgets the sites whose flag nobody has set since it began;
-// the next is not due before so many have been entered.
+// The rest is done with nobody recording. A sweep forgets the sites whose flag nobody has set since it began, but for
+// some thousands that have allocated most; the next is not due before so many have been entered.
 void begin_site_sweep();
 void end_site_sweep(uint32_t until_next);
 bool map_site_table();
 void unmap_site_table();
-void forget_summaries();
+void begin_snapshot_of_sites();
+
+// What the sites that were forgotten had allocated; no block of theirs is left.
+struct ForgottenCounts {
+    MCCounter allocated, outlived;
+};
+const ForgottenCounts &forgotten_counts();
+
+// All sites have allocated nothing.
+void reset_site_counts();
 
 } // namespace k42mc::internal

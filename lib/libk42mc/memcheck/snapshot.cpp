@@ -1,5 +1,6 @@
 #include "memcheck/snapshot.h"
 
+#include "memcheck/busiest_sites.h"
 #include "memcheck/by_age.h"
 #include "memcheck/damage.h"
 #include "memcheck/lane.h"
@@ -10,6 +11,9 @@
 
 namespace k42mc::internal {
 namespace {
+
+// Sites that hold nothing: what is told of each is some hundred bytes.
+constexpr uint32_t most_others = 2000;
 
 SiteKey key_of(const AllocationSite &site) {
     SiteKey key{site.file, site.line, site.type, site.frame_count, {}};
@@ -40,8 +44,18 @@ int compare(const SiteKey &a, const SiteKey &b) {
 bool comes_first(const SiteSummary &a, const SiteSummary &b) {
     if (a.held.bytes != b.held.bytes)
         return a.held.bytes > b.held.bytes;
+    if (a.allocated.count != b.allocated.count)
+        return a.allocated.count > b.allocated.count;
     const int files = strcmp(a.key.file, b.key.file);
     return files != 0 ? files < 0 : compare(a.key, b.key) < 0;
+}
+
+// What was released before any report had seen it.
+MCCounter temporary_of(const MCCounter &all, const MCCounter &outlived, const MCCounter &live) {
+    MCCounter temporary = all;
+    temporary -= outlived;
+    temporary -= live;
+    return temporary;
 }
 
 MCCounter sum(const MCCounter (&counters)[MC_ALLOCATOR_TYPES]) {
@@ -58,16 +72,19 @@ bool Snapshot::take(uint32_t limit, const LostBlocks *lost) {
     cycle = gMCCycle;
     allocated = sum(traffic.allocated);
     freed = sum(traffic.freed);
-    forget_summaries();
+    hand_over_tallies();
+    begin_snapshot_of_sites();
     bool complete = true;
     for_each_record([&](const Record &record) {
+        if (is_counted(record))
+            counts_at(record.site).live.add(record.size);
         if (!is_reported(record))
             return;
         live.add(record.size);
         if (complete && record.age(cycle) >= limit)
             complete = take_block(record);
     });
-    if (!complete || (lost != nullptr && !take_search(*lost)) || !take_damage())
+    if (!complete || (lost != nullptr && !take_search(*lost)) || !take_counts() || !take_damage())
         return false;
     std::sort(sites_.records, sites_.records + sites_.size, comes_first);
     return true;
@@ -78,6 +95,32 @@ void Snapshot::release() {
     links_.release();
     damaged_.release();
     release_slots();
+}
+
+// Sites of blocks that have survived all have their counts; so have the busiest others.
+bool Snapshot::take_counts() {
+    BusiestSites busiest;
+    for (uint32_t number = 1; number < most_sites(); ++number) {
+        if (site_at(number).summary == 0)
+            busiest.count(counts_at(number).allocated.value().count);
+    }
+    busiest.choose(most_others);
+    const ForgottenCounts &forgotten = forgotten_counts();
+    unlisted_allocated = forgotten.allocated;
+    unlisted_temporary = temporary_of(forgotten.allocated, forgotten.outlived, {});
+    for (uint32_t number = 1; number < most_sites(); ++number) {
+        const SiteCounts &counts = counts_at(number);
+        AllocationSite &site = site_at(number);
+        const MCCounter all = counts.allocated.value();
+        const bool is_listed = site.summary != 0 || busiest.take(all.count);
+        SiteSummary *const summary = is_listed ? summary_of(site) : nullptr;
+        if (is_listed && summary == nullptr)
+            return false;
+        (is_listed ? summary->allocated : unlisted_allocated) += all;
+        (is_listed ? summary->temporary : unlisted_temporary) +=
+            temporary_of(all, counts.outlived.value(), counts.live);
+    }
+    return true;
 }
 
 bool Snapshot::take_search(const LostBlocks &lost) {
@@ -138,7 +181,7 @@ SiteSummary *Snapshot::summary_of(AllocationSite &site) {
         SiteSummary *created = sites_.add();
         if (created == nullptr)
             return nullptr;
-        *created = {key, {}, 0, 0, {}, {}, nullptr, 0};
+        *created = {key, {}, 0, 0, {}, {}, {}, {}, nullptr, 0};
         slots_[at] = static_cast<uint32_t>(sites_.size);
     }
     site.summary = slots_[at];

@@ -25,6 +25,7 @@ struct SiteSummary {
     MCCounter held;
     uint32_t oldest;
     size_t largest;
+    MCCounter allocated, temporary;  // since the counters were last reset
     MCCounter lost, indirectly_lost; // of those that are held, where a search was made
     const HeldSite *holders;         // of the search's; null for most sites
     size_t first_link;               // of its sample, in the snapshot
@@ -52,12 +53,13 @@ public:
     Snapshot(const Snapshot &) = delete;
     Snapshot &operator=(const Snapshot &) = delete;
 
-    // Takes in every block, and the sites of those that have survived `limit` cycles, with what a search, if there was
-    // one, has found of them, which has to stay. With gMCLock held. Returns false when memory runs out.
+    // Takes in every block, the sites of those that have survived `limit` cycles, with what a search, if there was one, has
+    // found of them, which has to stay, and the busiest of the sites that hold no such block. With gMCLock held. Returns
+    // false when memory runs out.
     bool take(uint32_t limit, const LostBlocks *lost);
     void release();
 
-    // Most bytes first.
+    // Most bytes first, then most allocations.
     std::span<const SiteSummary> sites() const { return {sites_.records, sites_.size}; }
     std::span<const HeldLink> links(const SiteSummary &site) const {
         return {links_.records + site.first_link, site.holders->link_count};
@@ -68,10 +70,12 @@ public:
     MCCounter live{};
     MCCounter allocated{};
     MCCounter freed{};
+    MCCounter unlisted_allocated{}, unlisted_temporary{}; // of sites that are not there
 
 private:
     bool take_block(const Record &record);
     SiteSummary *summary_of(AllocationSite &site);
+    bool take_counts();
     bool take_search(const LostBlocks &lost);
     bool take_holders(const HeldSite &holders);
     bool take_damage();

@@ -47,6 +47,7 @@ void MCResetCycleStats() {
 
 void MCResetStats() {
     gMCTrafficAtReport = gMCTrafficAtReset = total_traffic();
+    count_sites_anew();
 }
 
 } // namespace k42mc::internal

@@ -38,7 +38,7 @@ int main() {
     const bool is_ready = read(ready[0], &nothing, 1) == 0;
     const bool answered = is_ready && answers(child) &&
                           report_of(child).find(R"("largest":1234)") != std::string::npos &&
-                          report_of(child).find(R"("largest":4321)") == std::string::npos;
+                          report_of(child).find(R"("bytes":4321)") == std::string::npos;
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     if (!answered || report_of(getpid()).find(R"("kind":"end")") != std::string::npos)

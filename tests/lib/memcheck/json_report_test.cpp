@@ -129,6 +129,11 @@ std::string json(uint32_t limit) {
                               "CHAIN");
 }
 
+// What a site's line tells behind what it holds.
+std::string since_start(const char *allocated, const char *temporary) {
+    return std::string(",\"allocations\":{") + allocated + "},\"temporary\":{" + temporary + "}}\n";
+}
+
 std::string cycle(const std::string &rest) {
     return "{\"format\":1,\"kind\":\"cycle\",\"program\":\"json_report_test\",\"width\":" +
            std::to_string(8 * sizeof(void *)) + "," + rest + "\n";
@@ -163,23 +168,36 @@ TEST_F(JsonReport, SumsUpBySiteWithoutAging) {
                                "\"address\":\"" +
                                address(blocks[1]) + "\",\"size\":11,\"cycles\":1,CHAIN}\n";
     const std::string end = ",\"damaged\":1}\n";
+    const char *const none = "\"blocks\":0,\"bytes\":0", *const three = "\"blocks\":3,\"bytes\":33",
+                      *const one_small = "\"blocks\":1,\"bytes\":7",
+                      *const one_large = "\"blocks\":1,\"bytes\":1000";
+    const auto nothing_held = [&](const char *file, int line, const char *allocated,
+                                  const char *temporary) {
+        return std::string("{\"kind\":\"site\",\"cycle\":1,\"file\":\"") + file +
+               "\",\"line\":" + std::to_string(line) + ",\"type\":\"STD\",CHAIN," + none +
+               ",\"oldest\":0,\"largest\":0" + since_start(allocated, temporary);
+    };
     for (int again = 0; again < 2; ++again) {
         writes_little = again == 1;
         EXPECT_EQ(json(0),
                   cycle("\"cycle\":1,\"limit\":0," + counts) +
                       "{\"kind\":\"site\",\"cycle\":1,\"file\":\"z\\\"\\\\\\u000a\xc3\xa4\\ufffd.c\","
                       "\"line\":2,\"type\":\"STD\",CHAIN,\"blocks\":1,\"bytes\":1000,\"oldest\":0,"
-                      "\"largest\":1000}\n"
+                      "\"largest\":1000" +
+                      since_start(one_large, none) +
                       "{\"kind\":\"site\",\"cycle\":1,\"file\":\"s.c\",\"line\":1,\"type\":\"STD\","
-                      "CHAIN,\"blocks\":3,\"bytes\":33,\"oldest\":1,\"largest\":12}\n" +
-                      damage + "{\"kind\":\"end\",\"sites\":2" + end);
+                      "CHAIN,\"blocks\":3,\"bytes\":33,\"oldest\":1,\"largest\":12" +
+                      since_start(three, none) + nothing_held("s.c", 3, one_small, one_small) + damage +
+                      "{\"kind\":\"end\",\"sites\":3" + end);
     }
     writes_little = false;
     EXPECT_EQ(json(1),
               cycle("\"cycle\":1,\"limit\":1," + counts) +
                   "{\"kind\":\"site\",\"cycle\":1,\"file\":\"s.c\",\"line\":1,\"type\":\"STD\",CHAIN,"
-                  "\"blocks\":2,\"bytes\":21,\"oldest\":1,\"largest\":11}\n" +
-                  damage + "{\"kind\":\"end\",\"sites\":1" + end);
+                  "\"blocks\":2,\"bytes\":21,\"oldest\":1,\"largest\":11" +
+                  since_start(three, none) + nothing_held("s.c", 3, one_small, one_small) +
+                  nothing_held("z\\\"\\\\\\u000a\xc3\xa4\\ufffd.c", 2, one_large, none) + damage +
+                  "{\"kind\":\"end\",\"sites\":3" + end);
     blocks[1][11] = char(blocks[1][11] ^ 1);
     for (char *block : blocks)
         k42MC_free("s.c", 4, block);
@@ -187,7 +205,7 @@ TEST_F(JsonReport, SumsUpBySiteWithoutAging) {
 }
 
 TEST_F(JsonReport, CountsBlocksOfAllTypes) {
-    std::string sites;
+    std::string sites, others;
     const auto allocate = [](int type, int line, size_t size) {
         return type == MC_SHM ? k42MC_MM_malloc("t.c", line, size)
                               : k42mcx_alloc("t.c", line, type, 1, size);
@@ -202,12 +220,17 @@ TEST_F(JsonReport, CountsBlocksOfAllTypes) {
         release(type, allocate(type, 8, 1u << type));
         sites += "{\"kind\":\"site\",\"cycle\":0,\"file\":\"t.c\",\"line\":" + std::to_string(type) +
                  ",\"type\":\"" + gAllocatorType[type] + "\",CHAIN,\"blocks\":1,\"bytes\":" + size +
-                 ",\"oldest\":0,\"largest\":" + size + "}\n";
+                 ",\"oldest\":0,\"largest\":" + size +
+                 since_start(("\"blocks\":1,\"bytes\":" + size).c_str(), "\"blocks\":0,\"bytes\":0");
+        const std::string passed = "\"blocks\":1,\"bytes\":" + std::to_string(1u << type);
+        others += std::string("{\"kind\":\"site\",\"cycle\":0,\"file\":\"t.c\",\"line\":8,\"type\":\"") +
+                  gAllocatorType[type] + "\",CHAIN,\"blocks\":0,\"bytes\":0,\"oldest\":0,\"largest\":0" +
+                  since_start(passed.c_str(), passed.c_str());
     }
     EXPECT_EQ(json(0),
               cycle("\"cycle\":0,\"limit\":0,\"blocks\":5,\"bytes\":4000,\"allocated\":{\"blocks\":10,"
                     "\"bytes\":4031},\"freed\":{\"blocks\":5,\"bytes\":31}}") +
-                  sites + "{\"kind\":\"end\",\"sites\":5,\"damaged\":0}\n");
+                  sites + others + "{\"kind\":\"end\",\"sites\":10,\"damaged\":0}\n");
     for (int type = MC_STD; type < MC_ALLOCATOR_TYPES; ++type)
         release(type, blocks[type]);
 }

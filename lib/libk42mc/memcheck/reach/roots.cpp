@@ -1,6 +1,6 @@
 #include "memcheck/reach/roots.h"
 
-#include "base/gate.h"
+#include "memcheck/lane.h"
 #include "memcheck/quarantine.h"
 #include "memcheck/reach/annotations.h"
 #include "memcheck/site_table.h"
@@ -32,13 +32,13 @@ bool begins_with_guard(const platform::StackMemory &stack) {
 }
 
 size_t site_chunk_count() {
-    return most_sites() / sites_a_chunk;
+    return most_sites() / SiteChunk::room;
 }
 
 size_t most_left_out(const Moment &moment) {
-    constexpr size_t kept_stacks = 1024, of_page_blocks = 2;
+    constexpr size_t kept_stacks = 1024, lanes = 1024, of_page_blocks = 2;
     return of_page_blocks + moment.threads.size() + gMCChunkCount + site_chunk_count() +
-           quarantine_chunk_count() + kept_stacks;
+           quarantine_chunk_count() + kept_stacks + lanes;
 }
 
 } // namespace
@@ -64,14 +64,14 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
     const std::span<const std::byte> known = memory_of_page_blocks();
     left_out_.add(reinterpret_cast<uintptr_t>(known.data()),
                   reinterpret_cast<uintptr_t>(known.data() + known.size()));
-    // On 32 bits, a site's hash may look like an address.
-    for (const AllocationSite *sites : std::span(gMCSites).first(site_chunk_count()))
-        left_out_.add(reinterpret_cast<uintptr_t>(sites),
-                      reinterpret_cast<uintptr_t>(sites + sites_a_chunk));
+    // On 32 bits, a site's hash or a count of bytes may look like an address.
+    for (const SiteChunk *sites : std::span(gMCSites).first(site_chunk_count()))
+        left_out_.add(reinterpret_cast<uintptr_t>(sites), reinterpret_cast<uintptr_t>(sites + 1));
     auto leave_out = [&](const void *begin, size_t size) {
         left_out_.add(reinterpret_cast<uintptr_t>(begin), reinterpret_cast<uintptr_t>(begin) + size);
     };
     each_quarantine_chunk(leave_out);
+    each_lanes_tallies(leave_out);
     if (!platform::is_on_signal_stack())
         leave_out_below(moment.caller.stack_pointer, moment.caller.control_block);
     for (const platform::StoppedThread &thread : moment.threads) {
