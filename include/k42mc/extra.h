@@ -125,7 +125,7 @@ void k42mcx_unlisted(int on);
 
 /*
  * Writes what a report would say as JSON, one object per line, without counting as a cycle: a "cycle", a
- * "site" for each site and stack trace that holds blocks (most bytes first), a "damage" for each damaged
+ * "site" for each site and stack trace that holds blocks (most bytes first) or has allocated most, a "damage" for each damaged
  * block, however many reports it has survived, and an "end". The checker's lock is released before
  * anything is written.
  *   fd  Open for writing; stays open.
