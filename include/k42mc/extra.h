@@ -134,6 +134,18 @@ void k42mcx_unlisted(int on);
  */
 int k42mcx_report_json(int fd, __UINT32_TYPE__ limit);
 
+#define K42MCX_DEEP 64
+
+/*
+ * Stack traces of blocks that are recorded from now on have up to so many frames in JSON, and tell sites apart by them. The
+ * lines of text show 16, as ever.
+ *   frames  16, which is what they have at first, to K42MCX_DEEP. More than 16 cost a second walk of the stack for each block
+ *           that comes from so deep, and memory that stays: 400 bytes (200 on 32 bits) for each of up to 65,535 different
+ *           ends of such traces; those beyond have 16 frames.
+ * Returns 0 or EINVAL. Takes no lock.
+ */
+int k42mcx_depth(int frames);
+
 #define K42MCX_EXIT_VERIFY 1
 #define K42MCX_EXIT_JSON   2
 #define K42MCX_EXIT_LOST   4

@@ -8,6 +8,7 @@
 //   K42MC_RUN_EVERY      seconds from one report to the next
 //   K42MC_RUN_SIGNAL     the number of a signal that asks for a report
 //   K42MC_RUN_BACKTRACE  0 for no stack traces
+//   K42MC_RUN_DEPTH      how many frames they have at most
 //   K42MC_RUN_FILTERS    filter lines for traces, one a line
 //   K42MC_RUN_VERIFY     1 to examine the guards of the blocks that are left at exit
 //   K42MC_RUN_QUARANTINE how many bytes of released blocks to keep back
@@ -209,6 +210,7 @@ void switch_on() {
     k42mc::internal::gMCExitHooked = true;
     MCInit(K42MC_BE32(MC_TO_STDERR), K42MC_BE32(traces_off ? MC_TYPE_LKBF | MC_TYPE_BT_OFF : 0));
     add_filters(traces_off);
+    k42mcx_depth(static_cast<int>(number_in("K42MC_RUN_DEPTH", 16)));
     k42mc::internal::set_quarantine(static_cast<size_t>(number_in("K42MC_RUN_QUARANTINE", 0)));
     k42mcx_fill(static_cast<int>(number_in("K42MC_RUN_FILL", -1)));
 }

@@ -53,6 +53,7 @@ std::vector<Setting> environment_for(const RunOptions &options) {
                                      {"K42MC_RUN_SEARCH", options.leak_check == "lost" ? "1" : "0"},
                                      {"K42MC_RUN_EVERY", std::to_string(options.every)},
                                      {"K42MC_RUN_BACKTRACE", options.no_backtrace ? "0" : "1"},
+                                     {"K42MC_RUN_DEPTH", std::to_string(options.depth)},
                                      {"K42MC_RUN_TEXT", options.text ? "1" : "0"},
                                      {"K42MC_RUN_SIGNAL", std::to_string(options.signal)},
                                      {"K42MC_RUN_VERIFY", options.verify ? "1" : "0"},

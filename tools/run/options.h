@@ -31,6 +31,7 @@ struct RunOptions {
     unsigned limit = 1;
     std::string leak_check = "lost";
     bool no_backtrace = false;
+    int depth = 16; // of stack traces, in frames
     std::vector<std::string> filters;
     bool verify = false;
     uint64_t quarantine = 16 << 20;

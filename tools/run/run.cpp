@@ -334,6 +334,9 @@ void add_run(CLI::App &app, std::vector<std::string> &words) {
         ->type_name("lost|held|no")
         ->check(CLI::IsMember({"lost", "held", "no"}));
     command->add_flag("--no-backtrace", options->no_backtrace, "Record no stack traces");
+    command->add_option("--depth", options->depth, "Frames of stack traces, 17 to 64 (default 16)")
+        ->type_name("N")
+        ->check(CLI::Range(17, 64));
     command->add_option("--filter", options->filters, "Sites with or without stack traces")
         ->type_name("LINE")
         ->allow_extra_args(false)

@@ -58,13 +58,15 @@ void JsonOutput::frame(const void *address) {
     string(place, static_cast<size_t>(end - place));
 }
 
-void JsonOutput::chain(const char *name, std::span<void *const> frames) {
+void JsonOutput::chain(const char *name, std::span<void *const> frames, std::span<void *const> further) {
     text_.print("\"%s\":[", name);
     const char *separator = "";
-    for (const void *address : frames) {
-        text_.print("%s", separator);
-        frame(address);
-        separator = ",";
+    for (const auto part : {frames, further}) {
+        for (const void *address : part) {
+            text_.print("%s", separator);
+            frame(address);
+            separator = ",";
+        }
     }
     text_.print("]");
 }

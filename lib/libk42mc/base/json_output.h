@@ -20,7 +20,7 @@ public:
     void string(const char *text) { string(text, strlen(text)); }
 
     // A member: return addresses, innermost first, as "module+0xoffset".
-    void chain(const char *name, std::span<void *const> frames);
+    void chain(const char *name, std::span<void *const> frames, std::span<void *const> further = {});
 
 private:
     void string(const char *text, size_t size);

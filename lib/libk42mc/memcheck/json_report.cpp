@@ -25,6 +25,12 @@ void put_site_key(JsonOutput &out, const SiteKey &key) {
     out->print(",\"line\":%d,\"type\":\"%s\",", key.line, gAllocatorType[key.type]);
 }
 
+void put_trace_of(JsonOutput &out, const SiteKey &key) {
+    out.chain("chain", key.trace(), key.outer_trace());
+    if (key.is_cut())
+        out->print(",\"cut\":true");
+}
+
 void put_cycle(JsonOutput &out, const Snapshot &state, uint32_t limit, bool searched) {
     out->print("{\"format\":%u,\"kind\":\"cycle\",\"program\":", JsonOutput::version);
     out.string(platform::progname());
@@ -42,7 +48,7 @@ void put_counter(JsonOutput &out, const char *name, const MCCounter &counter) {
 
 void put_link(JsonOutput &out, const HeldLink &link) {
     put_site_key(out, link.key);
-    out.chain("chain", link.key.trace());
+    put_trace_of(out, link.key);
     out->print(",\"size\":%zu,\"offset\":%" PRIuPTR, link.size, link.offset);
 }
 
@@ -72,7 +78,7 @@ void put_site(JsonOutput &out, const SiteSummary &site, const Snapshot &state, b
     const uint32_t cycle = state.cycle;
     out->print("{\"kind\":\"site\",\"cycle\":%u,", cycle);
     put_site_key(out, site.key);
-    out.chain("chain", site.key.trace());
+    put_trace_of(out, site.key);
     out->print(",\"blocks\":%llu,\"bytes\":%llu,\"oldest\":%u,\"largest\":%zu", site.held.count,
                site.held.bytes, site.oldest, site.largest);
     put_counter(out, "allocations", site.allocated);
@@ -92,7 +98,7 @@ void put_damage(JsonOutput &out, const DamagedBlock &block, uint32_t cycle) {
     put_site_key(out, block.key);
     out->print("\"address\":\"0x%" PRIXPTR "\",\"size\":%zu,\"cycles\":%u,", block.address, block.size,
                block.age);
-    out.chain("chain", block.key.trace());
+    put_trace_of(out, block.key);
     out->print("}\n");
 }
 

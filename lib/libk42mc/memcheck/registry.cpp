@@ -5,6 +5,7 @@
 #include "memcheck/filters.h"
 #include "memcheck/inheritance.h"
 #include "memcheck/lane.h"
+#include "memcheck/outer_frames.h"
 #include "memcheck/reach/annotations.h"
 #include "memcheck/registry_lines.h"
 #include "memcheck/state.h"
@@ -126,14 +127,29 @@ struct NewBlock {
     bool is_kept = false;
 };
 
+// Where there is no room for the further ones, the trace has no more than others.
+[[gnu::noinline]] uint32_t outer_frames_here(int depth) {
+    void *frames[K42MCX_DEEP];
+    const int count = platform::backtrace_skip(frames, depth);
+    constexpr int kept = AllocationSite::most_frames;
+    return count < kept
+               ? 0
+               : number_of_outer_frames(std::span(frames + kept, frames + count), count == depth);
+}
+
 uint32_t site_number(const NewBlock &block) {
     const char *const file = name_of(block.site);
     std::span<void *const> frames;
+    uint32_t outer = 0;
     if (wants_backtrace({block.site.line, block.size, block.type, file})) {
         block.trace.capture(StackTrace::deepest);
         frames = block.trace.innermost(AllocationSite::most_frames);
+        const int depth = trace_limit.load(std::memory_order_relaxed);
+        if (depth > AllocationSite::most_frames && frames.size() == AllocationSite::most_frames)
+            [[unlikely]]
+            outer = outer_frames_here(depth);
     }
-    return number_of_site(file, block.site.line, block.type, frames);
+    return number_of_site(file, block.site.line, block.type, frames, outer);
 }
 
 // The record of a block that was released past the wrappers, and is still there, gives way.

@@ -55,18 +55,19 @@ struct WantedSite {
     int32_t line;
     uint16_t type;
     std::span<void *const> frames;
+    uint32_t outer;
     uint32_t hash = hash_of();
 
     bool is(const AllocationSite &site) const {
         return site.hash == hash && site.file == file && site.line == line && site.type == type &&
-               site.frame_count == frames.size() && has_frames(site);
+               site.frame_count == frames.size() && site.outer == outer && has_frames(site);
     }
 
 private:
     uint32_t hash_of() const {
         size_t sum = reinterpret_cast<uintptr_t>(file) * factors[AllocationSite::most_frames] +
                      static_cast<uint32_t>(line) * factors[AllocationSite::most_frames + 1] +
-                     type * factors[AllocationSite::most_frames + 2];
+                     (type | size_t{outer} << 3) * factors[AllocationSite::most_frames + 2];
         for (size_t i = 0; i < frames.size(); ++i)
             sum += reinterpret_cast<uintptr_t>(frames[i]) * factors[i];
         sum ^= sum >> (4 * sizeof sum);
@@ -158,7 +159,8 @@ uint32_t take_number() {
     added.file = site.file;
     added.line = site.line;
     added.type = site.type;
-    added.frame_count = static_cast<uint16_t>(site.frames.size());
+    added.frame_count = static_cast<uint8_t>(site.frames.size());
+    added.outer = site.outer;
     added.hash = site.hash;
     added.in_use = true;
     added.summary = 0;
@@ -205,8 +207,9 @@ uint32_t most_sites() {
     return static_cast<uint32_t>(behind - gMCSites) * SiteChunk::room;
 }
 
-uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames) {
-    const WantedSite site{file, line, type, frames};
+uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames,
+                        uint32_t outer) {
+    const WantedSite site{file, line, type, frames, outer};
     const uint32_t number = find(*current_table.load(std::memory_order_acquire), site);
     return number != 0 ? number : add_site(site);
 }

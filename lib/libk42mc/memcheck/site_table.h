@@ -14,9 +14,10 @@ struct AllocationSite {
     const char *file;
     int32_t line;
     uint16_t type;
-    uint16_t frame_count; // 0: no stack trace
+    uint8_t frame_count; // 0: no stack trace
+    bool in_use;         // since the last sweep began
+    uint32_t outer;      // the number of its further frames; 0 where none were asked for
     uint32_t hash;
-    bool in_use;      // since the last sweep began
     uint32_t summary; // of a snapshot that is being taken: the number of its line, from 1; else 0
     void *frames[most_frames];
 
@@ -48,7 +49,8 @@ uint32_t most_sites();
 
 // The number of a site, which is entered if there is none. Takes no lock where there is. Returns 0 when
 // memory runs out.
-uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames);
+uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames,
+                        uint32_t outer);
 
 // Whether so many sites were entered that looking for those that no block needs any more is worth it.
 bool sites_need_sweep();

@@ -16,14 +16,15 @@ namespace {
 constexpr uint32_t most_others = 2000;
 
 SiteKey key_of(const AllocationSite &site) {
-    SiteKey key{site.file, site.line, site.type, site.frame_count, {}};
+    SiteKey key{site.file, site.line, site.type, site.frame_count, site.outer, {}};
     memcpy(key.frames, site.frames, site.trace().size_bytes());
     return key;
 }
 
 // The file's text stays out of it: texts at several addresses may be equal.
 size_t hash(const SiteKey &key) {
-    uint64_t sum = static_cast<uint32_t>(key.line) ^ uint64_t { key.type } << 32;
+    uint64_t sum =
+        static_cast<uint32_t>(key.line) ^ uint64_t { key.outer } << 32 ^ uint64_t { key.type } << 60;
     for (const void *frame : key.trace())
         sum = (sum ^ reinterpret_cast<uintptr_t>(frame)) * 0x9e3779b97f4a7c15u;
     sum *= 0x9e3779b97f4a7c15u;
@@ -37,6 +38,8 @@ int compare(const SiteKey &a, const SiteKey &b) {
         return a.type < b.type ? -1 : 1;
     if (a.frame_count != b.frame_count)
         return a.frame_count < b.frame_count ? -1 : 1;
+    if (a.outer != b.outer)
+        return a.outer < b.outer ? -1 : 1;
     const int traces = memcmp(a.frames, b.frames, a.trace().size_bytes());
     return traces != 0 || a.file == b.file ? traces : strcmp(a.file, b.file);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/sequence.h"
+#include "memcheck/outer_frames.h"
 #include "memcheck/reach/lost_blocks.h"
 #include "memcheck/registry.h"
 
@@ -14,10 +15,18 @@ struct SiteKey {
     const char *file;
     int32_t line;
     uint16_t type;
-    uint16_t frame_count;
+    uint8_t frame_count;
+    uint32_t outer;
     void *frames[AllocationSite::most_frames];
 
     std::span<void *const> trace() const { return {frames, frame_count}; }
+    std::span<void *const> outer_trace() const {
+        return outer != 0 ? outer_frames_at(outer).trace() : std::span<void *const>{};
+    }
+    // It has as many frames as were asked for: there may be more.
+    bool is_cut() const {
+        return outer != 0 ? outer_frames_at(outer).is_cut : frame_count == AllocationSite::most_frames;
+    }
 };
 
 struct SiteSummary {

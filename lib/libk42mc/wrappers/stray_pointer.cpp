@@ -36,7 +36,7 @@ StrayPointer examine_pages(uintptr_t address) {
     site.file = block->site.file;
     site.line = block->site.line;
     site.type = static_cast<uint16_t>(block->arena - 1);
-    site.frame_count = static_cast<uint16_t>(frames.size());
+    site.frame_count = static_cast<uint8_t>(frames.size());
     std::copy(frames.begin(), frames.end(), site.frames);
     return pointer;
 }

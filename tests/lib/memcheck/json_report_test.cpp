@@ -3,6 +3,7 @@
 #include "ended.h"
 #include "failing_malloc.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
@@ -125,7 +126,7 @@ std::string json(uint32_t limit) {
     text = std::regex_replace(text, std::regex("\"pid\":\\d+,\"time\":\\d{10},"), "");
     return std::regex_replace(text,
                               std::regex("\"chain\":\\[\"/[^\"]*json_report_test\\+0x[0-9a-f]+\","
-                                         "(\"/[^\"]*\\+0x[0-9a-f]+\",?)+\\]"),
+                                         "(\"/[^\"]*\\+0x[0-9a-f]+\",?)+\\](,\"cut\":true)?"),
                               "CHAIN");
 }
 
@@ -233,6 +234,74 @@ TEST_F(JsonReport, CountsBlocksOfAllTypes) {
                   sites + others + "{\"kind\":\"end\",\"sites\":10,\"damaged\":0}\n");
     for (int type = MC_STD; type < MC_ALLOCATOR_TYPES; ++type)
         release(type, blocks[type]);
+}
+
+[[gnu::noinline]] void *from_below(int calls) {
+    void *block = calls == 0 ? k42MC_malloc("deep.c", 1, 10) : from_below(calls - 1);
+    asm volatile("" : "+r"(block)); // no tail call
+    return block;
+}
+
+[[gnu::noinline]] void *from_left(int calls) {
+    void *block = from_below(calls);
+    asm volatile("" : "+r"(block));
+    return block;
+}
+
+[[gnu::noinline]] void *from_right(int calls) {
+    void *block = from_below(calls);
+    asm volatile("" : "+r"(block) : : "memory");
+    return block;
+}
+
+// Of each site: its blocks and the length of its chain, and whether that is cut.
+std::string chains() {
+    const std::string text = captured_stdout([] { k42mcx_report_json(STDOUT_FILENO, 0); });
+    std::string found;
+    for (size_t at = 0; (at = text.find("\"chain\":[", at)) != std::string::npos;) {
+        const size_t end = text.find(']', at);
+        found += std::to_string(std::count(text.begin() + long(at), text.begin() + long(end), '+')) +
+                 (text.compare(end, 13, "],\"cut\":true,") == 0 ? " cut" : "") + " of " +
+                 text.substr(text.find("\"blocks\":", end) + 9, 1) + ", ";
+        at = end;
+    }
+    return found;
+}
+
+TEST_F(JsonReport, HasTracesAsDeepAsSomebodyAsksFor) {
+    for (int frames : {-1, 0, 15, K42MCX_DEEP + 1})
+        EXPECT_EQ(k42mcx_depth(frames), EINVAL);
+    const auto told = [](int calls) {
+        void *(*volatile functions[])(int) = {from_left, from_right, from_left};
+        void *blocks[3];
+        for (int i = 0; i < 3; ++i)
+            blocks[i] = functions[i](calls);
+        std::string text = chains();
+        const std::string trace = check(blocks[0]);
+        EXPECT_EQ(std::ranges::count(trace, '\n'), 16 + 3); // the line, the title and the end
+        for (void *block : blocks)
+            k42MC_free("deep.c", 2, block);
+        checker_off(), checker_on();
+        return text;
+    };
+    EXPECT_EQ(told(20), "16 cut of 3, ");
+    ASSERT_EQ(k42mcx_depth(21), 0);
+    EXPECT_EQ(told(20), "21 cut of 3, ");
+    ASSERT_EQ(k42mcx_depth(23), 0); // both calls of one function, if not of one line
+    EXPECT_EQ(told(20), "23 cut of 2, 23 cut of 1, ");
+    ASSERT_EQ(k42mcx_depth(K42MCX_DEEP), 0);
+    EXPECT_EQ(told(80), "64 cut of 3, ");
+    const std::string whole = told(20);
+    const int length = std::stoi(whole);
+    EXPECT_GT(length, 23);
+    const auto times = [&](int number) {
+        return std::to_string(length) + " of " + std::to_string(number) + ", ";
+    };
+    EXPECT_EQ(whole, times(2) + times(1));
+    ASSERT_EQ(k42mcx_depth(length), 0); // there may be more
+    EXPECT_CONTAINS(told(20), std::to_string(length) + " cut of 2, ");
+    ASSERT_EQ(k42mcx_depth(16), 0);
+    EXPECT_EQ(told(20), "16 cut of 3, ");
 }
 
 TEST_F(JsonReport, EscapesWhatIsNoText) {
