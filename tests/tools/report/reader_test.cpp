@@ -184,7 +184,11 @@ TEST(Reader, ProcessesInOneFileAreKeptApart) {
              json_lines.substr(end));
     EXPECT_EQ(problems(between), "");
     ASSERT_EQ(between.processes.size(), 2u);
-    EXPECT_EQ(between.processes[0].cycles[0].holdings.size(), 2u);
+    const std::vector<Holding> &holdings = between.processes[0].cycles[0].holdings;
+    ASSERT_EQ(holdings.size(), 3u); // one of them nothing
+    EXPECT_EQ(holdings[1].allocated.blocks, 0u);
+    EXPECT_EQ(holdings[2].allocated.bytes, 99u);
+    EXPECT_EQ(holdings[2].temporary.blocks, 8u);
     EXPECT_EQ(between.processes[0].descriptors.size(), 4u);
     EXPECT_EQ(between.processes[1].unchecked, "why");
 }

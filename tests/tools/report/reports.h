@@ -51,8 +51,9 @@ inline const std::string json_lines =
 {"kind":"site","cycle":1,"file":"a.c","line":12,"type":"STD","chain":["/no/p+0x1a","/no/p+0x2b"],"blocks":5,"bytes":50,"oldest":3,"largest":20}
 {"kind":"site","cycle":1,"file":"p+0x9","line":0,"type":"FIX","chain":["/no/p+0x9","/no/libk42mc_preload.so+0x1","/no/p+0x2b"],"blocks":1,"bytes":7,"oldest":1,"largest":7}
 {"kind":"site","cycle":1,"file":"common/lib/libk42mc/k42mc_ds","line":180,"type":"STD","chain":[],"blocks":3,"bytes":120,"oldest":1,"largest":40}
+{"kind":"site","cycle":1,"file":"idle.c","line":1,"type":"STD","chain":["/no/p+0x2b"],"blocks":0,"bytes":0,"oldest":0,"largest":0,"allocations":{"blocks":9,"bytes":99},"temporary":{"blocks":8,"bytes":88}}
 {"kind":"damage","cycle":1,"defect":"WU","file":"b.c","line":2,"type":"STD","address":"0x55D0","size":100,"cycles":2,"chain":["/no/p+0x3"]}
-{"kind":"end","sites":3,"damaged":1}
+{"kind":"end","sites":4,"damaged":1}
 {"kind":"descriptor","descriptor":1,"open":true,"alarms":0,"opens":1,"closes":0,"events":[{"type":"OPEN","operator":"dup2","time":"1/2 3:4:5","chain":[]}]}
 {"kind":"descriptor","descriptor":5,"open":true,"alarms":0,"opens":1,"closes":0,"events":[{"type":"OPEN","operator":"socket","time":"1/2 3:4:5","chain":["/no/p+0x4"]}]}
 {"kind":"descriptor","descriptor":6,"open":false,"alarms":1,"opens":1,"closes":2,"events":[{"type":"CLOSE","operator":"fclose","time":"1/2 3:4:5","chain":["/no/p+0x5"]},{"type":"CLOSE","operator":"close","time":"1/2 3:4:6","chain":["/no/p+0x6"]}]}

@@ -21,7 +21,7 @@ wrong
 wrong run
 wrong run --fds --
 wrong run --nonsense echo ran
-for option in --error-exitcode={0,256,x} --signal={FOO,0,99} --every=-1 --filter={nonsense,a.c:1:LK:XYZ:0x1:2:1}; do
+for option in --error-exitcode={0,256,x} --signal={FOO,0,99} --every=-1 --depth={16,65,x} --filter={nonsense,a.c:1:LK:XYZ:0x1:2:1}; do
     wrong run "$option" echo ran
 done
 wrong run --filter nonsense echo ran

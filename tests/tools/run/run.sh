@@ -30,6 +30,13 @@ said '^    [_A-Z]*strdup \(/.*/libc\.so\.6\+0x' # without a line
 run 99 leak --error-exitcode 99
 run 0 leak --no-backtrace
 said '^k42mc: 1 block, 12 bytes at 1 site '
+for depth in 16 24 64; do
+    if ((depth == 16)); then run 0 deep; else run 0 deep --depth "$depth"; fi
+    cut=
+    ((depth == 64)) || cut=',"cut":true'
+    frames=$(grep -oE '"chain":\[[^]]*\]'"$cut"',"blocks":1,"bytes":12,' reports/*.json | grep -o '+0x' | wc -l)
+    ((frames == depth || (depth == 64 && frames > 30 && frames < 64))) || fail "depth $depth: $frames frames"
+done
 run 0 fork
 said '^k42mc: 1 block, 12 bytes at 1 site in 2 processes$'
 run 0 exec

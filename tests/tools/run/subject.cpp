@@ -26,6 +26,11 @@ char *volatile kept;
     kept = nullptr;
 }
 
+[[gnu::noinline]] void leak_below(int calls) {
+    calls == 0 ? leaky_function() : leak_below(calls - 1);
+    asm volatile(""); // no tail call
+}
+
 // Released by the last destructors.
 struct Late {
     ~Late() { free(memory); }
@@ -171,6 +176,8 @@ int main(int argc, char **argv) {
         wait(nullptr);
     } else if (what == "exec") {
         execl(argv[0], argv[0], "leak", nullptr);
+    } else if (what == "deep") {
+        leak_below(30);
     } else if (what == "reports") {
         leak_between_reports();
     } else if (what == "wait") {
