@@ -44,6 +44,12 @@ std::vector<Column> columns_of(const Histories &histories, std::span<const SiteH
         add("LOST", [&](const SiteHistory &site) { return number(site.lost.bytes); });
     if (order == Order::peak)
         add("PEAK", [&](const SiteHistory &site) { return number(site.peak); });
+    if (is_by_counts(order)) {
+        add("ALLOCATIONS", [&](const SiteHistory &site) { return number(site.allocated.blocks); });
+        add(order == Order::temporary ? "TEMPORARY" : "ALLOCATED", [&](const SiteHistory &site) {
+            return number(order == Order::temporary ? site.temporary.blocks : site.allocated.bytes);
+        });
+    }
     if (histories.cycles() < 2)
         return columns;
     add("GROWTH", [&](const SiteHistory &site) { return signed_number(site.growth); });

@@ -9,7 +9,8 @@
 std::vector<Change> changes_between(const Report &before, const Report &after) {
     std::map<Site, Change> by_site;
     const auto enter = [&](const Report &report, Counter Change::*held) {
-        const Histories histories(report, Order::bytes);
+        Histories histories(report, Order::bytes);
+        histories.drop_idle();
         for (const SiteHistory &history : histories.sites())
             by_site[report.site(history.site)].*held = history.held;
     };

@@ -220,7 +220,9 @@ private:
     }
 
     uint32_t site_in(Json line) {
-        const std::vector<std::string_view> trace = trace_in(line);
+        std::vector<std::string_view> trace = trace_in(line);
+        if (has(line, "cut"))
+            trace.push_back(cut_mark);
         return report_.site_number(
             {text_in(line, "file"), number_in<int>(line, "line"), text_in(line, "type"), trace});
     }

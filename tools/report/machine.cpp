@@ -10,7 +10,7 @@ namespace {
 
 void put_trace(JsonWriter &out, Trace trace, Names &names) {
     out.open("chain", '[');
-    for (const std::string_view pc : trace)
+    for (const std::string_view pc : without_cut_mark(trace))
         for (const StackFrame &frame : names.frames_at(pc)) {
             out.open('{');
             out.member("pc", pc);
@@ -32,6 +32,12 @@ void put_counter(JsonWriter &out, const Counter &counter) {
     out.member("bytes", counter.bytes);
 }
 
+void put_counter(JsonWriter &out, std::string_view name, const Counter &counter) {
+    out.open(name, '{');
+    put_counter(out, counter);
+    out.close('}');
+}
+
 void put_place(JsonWriter &out, const Site &site, Names &names) {
     const SiteName name = names.name(site);
     out.member("name", name.text());
@@ -40,6 +46,8 @@ void put_place(JsonWriter &out, const Site &site, Names &names) {
     out.member("line", site.line);
     out.member("type", site.type);
     put_trace(out, site.trace, names);
+    if (is_cut(site.trace))
+        out.member("cut", true);
 }
 
 void put_lines(JsonWriter &out, std::string_view name, const std::vector<std::string> &lines) {
@@ -59,9 +67,7 @@ void put_holders(JsonWriter &out, const HeldBy &held_by, const Report &report, N
         out.close('}');
     }
     out.close(']');
-    out.open("others", '{');
-    put_counter(out, held_by.others);
-    out.close('}');
+    put_counter(out, "others", held_by.others);
     put_lines(out, "path", describe_path(held_by, report, names));
     out.close('}');
 }
@@ -70,16 +76,18 @@ void put_site(JsonWriter &out, const SiteHistory &history, const Report &report,
               Names &names) {
     put_place(out, report.site(history.site), names);
     put_counter(out, history.held);
-    if (searched) {
-        out.open("lost", '{');
-        put_counter(out, history.lost);
-        out.close('}');
-    }
+    if (searched)
+        put_counter(out, "lost", history.lost);
     if (history.held_by != nullptr)
         put_holders(out, *history.held_by, report, names);
     out.member("oldest", history.oldest);
     out.member("largest", history.largest);
     out.member("growth", history.growth);
+    out.member("peak", history.peak);
+    if (history.allocated.blocks != 0) {
+        put_counter(out, "allocated", history.allocated);
+        put_counter(out, "temporary", history.temporary);
+    }
     out.open("series", '[');
     for (const Point &point : history.bytes) {
         out.open('[');
@@ -227,9 +235,7 @@ void put_json(const Put &put, const Report &report, Order order, Names &names) {
     JsonWriter out(put);
     out.open('{');
     out.member("format", 1);
-    out.open("total", '{');
-    put_counter(out, total_of(report));
-    out.close('}');
+    put_counter(out, "total", total_of(report));
     out.member("cycles", histories.cycles());
     if (histories.were_searched())
         out.member("searched", true);
@@ -245,19 +251,22 @@ void put_json(const Put &put, const Report &report, Order order, Names &names) {
 }
 
 void print_csv(std::ostream &out, const Report &report, Order order, Names &names) {
-    out << "bytes,blocks,oldest,largest,growth,type,file,line,site\n";
+    out << "bytes,blocks,oldest,largest,growth,type,file,line,site,peak,allocations,allocated,"
+           "temporary\n";
     const Histories histories(report, order);
     for (const SiteHistory &history : histories.sites()) {
         const Site &site = report.site(history.site);
         out << history.held.bytes << ',' << history.held.blocks << ',' << history.oldest << ','
             << history.largest << ',' << history.growth << ',' << csv_field(site.type) << ','
             << csv_field(site.file) << ',' << site.line << ',' << csv_field(names.name(site).text())
-            << '\n';
+            << ',' << history.peak << ',' << history.allocated.blocks << ',' << history.allocated.bytes
+            << ',' << history.temporary.blocks << '\n';
     }
 }
 
 void print_folded(std::ostream &out, const Report &report, Names &names) {
-    const Histories histories(report, Order::bytes);
+    Histories histories(report, Order::bytes);
+    histories.drop_idle();
     for (const SiteHistory &history : histories.sites()) {
         std::vector<std::string> steps = functions_of(report.site(history.site), names);
         std::ranges::reverse(steps);

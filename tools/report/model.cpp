@@ -57,7 +57,15 @@ uint32_t Report::site_number(const Site &site) {
     return sites_.number_of({&kept, 1});
 }
 
+bool is_by_counts(Order order) {
+    return order == Order::allocations || order == Order::allocated || order == Order::temporary;
+}
+
 namespace {
+
+bool is_idle(const SiteHistory &site) {
+    return site.largest == 0 && site.held.blocks == 0;
+}
 
 bool comes_before(const SiteHistory &left, const SiteHistory &right, Order order) {
     switch (order) {
@@ -69,6 +77,12 @@ bool comes_before(const SiteHistory &left, const SiteHistory &right, Order order
         return left.oldest > right.oldest;
     case Order::peak:
         return left.peak > right.peak;
+    case Order::allocations:
+        return left.allocated.blocks > right.allocated.blocks;
+    case Order::allocated:
+        return left.allocated.bytes > right.allocated.bytes;
+    case Order::temporary:
+        return left.temporary.blocks > right.temporary.blocks;
     default:
         return left.held.bytes > right.held.bytes;
     }
@@ -119,6 +133,13 @@ void Histories::add_growth(const Cycle &first, const Cycle &last) {
         sites_[holding.site].growth -= static_cast<int64_t>(holding.held.bytes);
     for (const Holding &holding : last.holdings)
         sites_[holding.site].growth += static_cast<int64_t>(holding.held.bytes);
+}
+
+void Histories::add_counts(const Cycle &last) {
+    for (const Holding &holding : last.holdings) {
+        sites_[holding.site].allocated += holding.allocated;
+        sites_[holding.site].temporary += holding.temporary;
+    }
 }
 
 void Histories::add_cycle(const Cycle &cycle, uint32_t index, bool is_last) {
@@ -172,17 +193,23 @@ Histories::Histories(const Report &report, Order order) {
             add_cycle(process->cycles[i], i, i + 1 == process->cycles.size());
         }
     for (const Process *process : processes)
-        if (!process->cycles.empty())
+        if (!process->cycles.empty()) {
             add_growth(process->cycles.front(), process->cycles.back());
+            add_counts(process->cycles.back());
+        }
     find_holders(report);
     std::erase_if(sites_,
-                  [](const SiteHistory &site) { return site.largest == 0 && site.held.blocks == 0; });
+                  [](const SiteHistory &site) { return is_idle(site) && site.allocated.blocks == 0; });
     for (SiteHistory &site : sites_)
         site.each_cycle(cycles_,
                         [&](uint32_t, uint64_t bytes) { site.peak = std::max(site.peak, bytes); });
     std::ranges::stable_sort(sites_, [order](const SiteHistory &left, const SiteHistory &right) {
         return comes_before(left, right, order);
     });
+}
+
+void Histories::drop_idle() {
+    std::erase_if(sites_, is_idle);
 }
 
 void Histories::keep_lost() {

@@ -15,6 +15,17 @@
 // Return addresses, innermost first, each with its module: "/usr/bin/p+0x1a2b".
 using Trace = std::span<const std::string_view>;
 
+// Stands behind the frames of a trace that was cut.
+inline constexpr std::string_view cut_mark = "…";
+
+inline bool is_cut(Trace trace) {
+    return !trace.empty() && trace.back() == cut_mark;
+}
+
+inline Trace without_cut_mark(Trace trace) {
+    return trace.first(trace.size() - is_cut(trace));
+}
+
 // Where blocks come from: a source line, and the stack trace where the report has it.
 struct Site {
     std::string_view file;
@@ -210,6 +221,7 @@ struct SiteHistory {
     uint64_t peak = 0;               // bytes at once, as far as reports saw them
     const HeldBy *held_by = nullptr; // in the last cycle of the process where it holds most
     int64_t growth = 0;              // from the first cycle of each process to its last
+    Counter allocated, temporary;    // since each process's start
     std::span<const Point> bytes;    // of the cycles that it was seen in
 
     // From cycle to cycle, with what processes left that ended before.
@@ -227,9 +239,12 @@ template <class Action> void SiteHistory::each_cycle(uint32_t cycles, Action act
     }
 }
 
-enum class Order { bytes, growth, blocks, age, peak };
+enum class Order { bytes, growth, blocks, age, peak, allocations, allocated, temporary };
 
-// Those that held something in any cycle.
+// Whether it is by what was counted since the start, whoever holds something now.
+bool is_by_counts(Order order);
+
+// Those that held something in any cycle, or have allocated something.
 class Histories {
 public:
     Histories(const Report &report, Order order);
@@ -238,10 +253,12 @@ public:
     uint32_t cycles() const { return cycles_; }
     bool were_searched() const { return searched_; } // in the last cycle of any process
     void keep_lost();                                // sites that have lost something
+    void drop_idle();                                // sites that no cycle saw anything of
 
 private:
     void count_points(const Report &report);
     void add_growth(const Cycle &first, const Cycle &last);
+    void add_counts(const Cycle &last);
     void add_cycle(const Cycle &cycle, uint32_t index, bool is_last);
     void find_holders(const Report &report);
 

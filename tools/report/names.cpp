@@ -95,11 +95,12 @@ StackFrame Names::frame(std::string_view pc, const SourceFrame &source) const {
         return matches_pattern(pattern, frame.function) || matches_pattern(pattern, frame.full) ||
                matches_pattern(pattern, frame.file) || matches_pattern(pattern, module);
     };
-    frame.is_own = !frame.is_startup && std::ranges::none_of(allocators, [&](auto pattern) {
-        return matches_pattern(pattern, frame.function);
-    }) && std::ranges::none_of(libraries, [&](auto part) {
-        return module.find(part) != module.npos;
-    }) && std::ranges::none_of(options_.skipped, matches);
+    frame.is_own =
+        !frame.is_startup && pc != cut_mark &&
+        std::ranges::none_of(allocators,
+                             [&](auto pattern) { return matches_pattern(pattern, frame.function); }) &&
+        std::ranges::none_of(libraries, [&](auto part) { return module.find(part) != module.npos; }) &&
+        std::ranges::none_of(options_.skipped, matches);
     return frame;
 }
 

@@ -36,11 +36,11 @@ struct Options {
     bool folded = false;
 };
 
-const std::vector<std::pair<std::string, Order>> orders = {{"bytes", Order::bytes},
-                                                           {"growth", Order::growth},
-                                                           {"blocks", Order::blocks},
-                                                           {"age", Order::age},
-                                                           {"peak", Order::peak}};
+const std::vector<std::pair<std::string, Order>> orders = {
+    {"bytes", Order::bytes},         {"growth", Order::growth},
+    {"blocks", Order::blocks},       {"age", Order::age},
+    {"peak", Order::peak},           {"allocations", Order::allocations},
+    {"allocated", Order::allocated}, {"temporary", Order::temporary}};
 
 // Makes of a word the number that stands for it, as the parser takes it.
 std::string take_order(std::string &word) {
@@ -166,7 +166,9 @@ void add_report(CLI::App &app) {
     command->add_option("paths", options->paths, "Report files, and folders of them")
         ->type_name("FILE|DIR")
         ->required();
-    command->add_option("--sort", options->order, "bytes, growth, blocks, age or peak")
+    command
+        ->add_option("--sort", options->order,
+                     "bytes, growth, blocks, age, peak, allocations, allocated or temporary")
         ->type_name("ORDER")
         ->transform(CLI::Validator(take_order, ""));
     command->add_flag("--lost", options->lost, "In the table, only sites with lost blocks");

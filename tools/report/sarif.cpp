@@ -157,7 +157,7 @@ private:
 
     std::vector<Frame> frames_of(Trace trace) {
         std::vector<Frame> frames;
-        for (const std::string_view pc : trace)
+        for (const std::string_view pc : without_cut_mark(trace))
             for (const SourceFrame &source : frames_at(pc, symbolizer_))
                 frames.push_back({pc, source, source.file.starts_with(root_)});
         return frames;

@@ -22,6 +22,8 @@ public:
         : out_(out), report_(report), style_(style), names_(names), histories_(report, style.order) {
         if (style.only_lost)
             histories_.keep_lost();
+        if (!is_by_counts(style.order))
+            histories_.drop_idle();
     }
 
     void print() {

@@ -16,11 +16,13 @@ struct Choice {
     const char *name;
 };
 
-constexpr std::array<Choice, 5> choices = {{{'b', Order::bytes, "bytes"},
+constexpr std::array<Choice, 7> choices = {{{'b', Order::bytes, "bytes"},
                                             {'g', Order::growth, "growth"},
                                             {'n', Order::blocks, "blocks"},
                                             {'a', Order::age, "age"},
-                                            {'p', Order::peak, "peak"}}};
+                                            {'p', Order::peak, "peak"},
+                                            {'c', Order::allocations, "count"},
+                                            {'t', Order::temporary, "temp"}}};
 
 // Tells a site apart from one reading of the reports to the next.
 std::string identity_of(const Site &site) {
@@ -47,6 +49,8 @@ void View::show(Report report) {
 
 void View::sort() {
     histories_ = std::make_unique<Histories>(report_, order_);
+    if (!is_by_counts(order_))
+        histories_->drop_idle();
     filter();
 }
 
@@ -136,7 +140,7 @@ std::string View::footer() const {
         return "filter: " + filter_ + "_";
     if (is_open_)
         return "q quit, enter back";
-    std::string keys = "q quit, / filter, enter stack, sort:";
+    std::string keys = "q quit, / filter, enter";
     for (const Choice &choice : choices)
         keys += std::string(" ") + choice.key + (choice.order == order_ ? '*' : '-') + choice.name;
     return keys;

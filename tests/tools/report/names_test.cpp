@@ -47,6 +47,9 @@ TEST(Names, GoByTheProgramsOwnCode) {
     EXPECT_EQ(Names(symbolizer, {{}, true}).frames(pcs).size(), 6u);
     EXPECT_EQ(names.name({"p+0x1", 0, "STD", Trace(pcs).first(2)}).label(), "/lib/libc.so.6+0x1");
     EXPECT_EQ(names.name({"a.c", 7, "STD", pcs}).label(), "a.c:7");
+    const std::string_view cut[] = {"/no/p+0x4", cut_mark};
+    EXPECT_EQ(names.frames(cut).back().text(), "…");
+    EXPECT_EQ(names.name({"p+0x4", 0, "STD", cut}).text(), "/no/p+0x4 (STD)");
     // A summary: with the last function that is not.
     std::ostringstream summary;
     print_trace(summary, pcs, symbolizer);

@@ -131,6 +131,12 @@ descriptors left open: 5, 7 in p.12
 
 total: 90 bytes in 9 blocks; 2 sites, 1 cycle, 1 process
 )");
+    EXPECT_TRUE(
+        contains(table(report, Order::temporary), // of all that allocated, whoever holds something
+                 "  BYTES  BLOCKS  AGE  ALLOCATIONS  TEMPORARY  SITE\n"
+                 "      0       0    0            9          8  idle.c:1 (STD)\n"
+                 "     50       5    3            0          0  a.c:12 (STD)\n"));
+    EXPECT_TRUE(contains(table(report, Order::allocated), "            9         99  idle.c:1 (STD)\n"));
     const Process later = json(json_lines + json_lines).processes[0]; // the last report counts
     EXPECT_EQ(later.damages.size(), 1u);
     EXPECT_EQ(later.descriptors.size(), 4u);
@@ -297,9 +303,11 @@ TEST(Outputs, OtherProgramsGetAllThereIs) {
     Names names(symbolizer);
     std::ostringstream csv, folded, page;
     print_csv(csv, report, Order::bytes, names);
-    EXPECT_EQ(csv.str(), "bytes,blocks,oldest,largest,growth,type,file,line,site\n"
-                         "50,5,3,20,0,\"STD\",\"a.c\",12,\"a.c:12 (STD)\"\n"
-                         "7,1,1,7,0,\"FIX\",\"p+0x9\",0,\"/no/p+0x9 < /no/p+0x2b (FIX)\"\n");
+    EXPECT_EQ(csv.str(), "bytes,blocks,oldest,largest,growth,type,file,line,site,"
+                         "peak,allocations,allocated,temporary\n"
+                         "50,5,3,20,0,\"STD\",\"a.c\",12,\"a.c:12 (STD)\",50,0,0,0\n"
+                         "7,1,1,7,0,\"FIX\",\"p+0x9\",0,\"/no/p+0x9 < /no/p+0x2b (FIX)\",7,0,0,0\n"
+                         "0,0,0,0,0,\"STD\",\"idle.c\",1,\"idle.c:1 (STD)\",0,9,99,8\n");
     print_folded(folded, report, names);
     EXPECT_EQ(folded.str(), "/no/p+0x2b;/no/p+0x1a;a.c:12 50\n/no/p+0x2b;/no/p+0x9 7\n");
     simdjson::dom::parser parser;
@@ -334,8 +342,8 @@ TEST(Outputs, JsonIsAsciiAndHasALineForEachSite) {
         R"({"format":1,"total":{"blocks":2,"bytes":15},"cycles":1,"sites":[
 {"name":)" +
         name + R"-(:1 (STD)","label":)-" + name + R"-(:1","file":)-" + name +
-        R"-(","line":1,"type":"STD","chain":[],"blocks":1,"bytes":10,"oldest":1,"largest":10,"growth":0,"series":[[1,10]]},
-{"name":"b:2 (FIX)","label":"b:2","file":"b","line":2,"type":"FIX","chain":[],"blocks":1,"bytes":5,"oldest":2,"largest":5,"growth":0,"series":[[1,5]]}],"processes":[{"name":"r.txt","cycles":[
+        R"-(","line":1,"type":"STD","chain":[],"blocks":1,"bytes":10,"oldest":1,"largest":10,"growth":0,"peak":10,"series":[[1,10]]},
+{"name":"b:2 (FIX)","label":"b:2","file":"b","line":2,"type":"FIX","chain":[],"blocks":1,"bytes":5,"oldest":2,"largest":5,"growth":0,"peak":5,"series":[[1,5]]}],"processes":[{"name":"r.txt","cycles":[
 {"blocks":2,"bytes":15}],"findings":[
 {"kind":"damaged","what":"written before the start (WU)","title":"WU: a block of 4 bytes at 0xD0 was written before its start","count":1,"bytes":4,"trails":[{"heading":"allocated at a:3 (STD)","chain":[{"pc":"/no/p(+0x2) [0x56]","function":"","file":"","line":0,"inlined":false}]}]}],"damages":[
 {"name":"a:3 (STD)","label":"a:3","file":"a","line":3,"type":"STD","chain":[{"pc":"/no/p(+0x2) [0x56]","function":"","file":"","line":0,"inlined":false}],"defect":"WU","address":"0xD0","size":4,"cycles":2}],"descriptors":[]}]}
@@ -404,7 +412,7 @@ TEST(Outputs, HostileNamesStayNames) {
     print_csv(csv, bytes, Order::bytes, names);
     EXPECT_EQ(csv.str().substr(csv.str().find('\n') + 1),
               "10,1,1,10,0,\"STD\",\"'=1+\\xff\\x1b;b\"\"\\x09\",1,"
-              "\"'=1+\\xff\\x1b;b\"\"\\x09:1 (STD)\"\n");
+              "\"'=1+\\xff\\x1b;b\"\"\\x09:1 (STD)\",10,0,0,0\n");
     for (const char *formula : {"=a", "+a", "-a", "@a"}) {
         std::ostringstream one;
         print_csv(one, text(cycle(1, std::string(formula) + ":1:LK:" + formula + ":0xA0:10:1\n", "")),

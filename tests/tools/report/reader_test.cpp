@@ -63,7 +63,7 @@ TEST(Reader, DamagedJsonIsToldAndTheRestShown) {
               "r.json:5: not a report line: JSON: The input is not valid UTF-8\n"
               "r.json:7: not a report line: pid: a number that is out of range\n");
     EXPECT_TRUE(report.processes[0].stops.size() == 1);
-    EXPECT_EQ(Histories(report, Order::bytes).sites().size(), 2u);
+    EXPECT_EQ(Histories(report, Order::bytes).sites().size(), 3u);
 }
 
 std::string joined(Trace trace) {

@@ -48,7 +48,7 @@ done
 start --every 1 "$pid"
 wait_for '^ +BYTES +BLOCKS +AGE +LOST .*SITE$'
 wait_for ' 3 cycles, 1 process$'
-wait_for '^q quit, / filter, enter stack, sort: b\*bytes'
+wait_for '^q quit, / filter, enter b\*bytes'
 terminal send-keys n
 wait_for 'n\*blocks'
 
