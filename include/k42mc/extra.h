@@ -72,6 +72,45 @@ __UINT64_TYPE__ k42mcx_mark(void);
 size_t k42mcx_since(__UINT64_TYPE__ mark, size_t *bytes);
 
 /*
+ * A block, as the next two functions tell of it. The code is LK; or WO, WU for one with damaged guards, WF for one that
+ * was written to after its release, whose site is that of the release. The site's file is the pointer that a wrapper was
+ * given.
+ */
+typedef struct {
+    const char *file;
+    int line;
+    const char *code;
+    const char *type; /* "STD", "FIX" ... */
+    const void *address;
+    size_t size;          /* in bytes */
+    int is_kept;          /* 1 after k42mcx_keep, and if it came under k42mcx_unlisted */
+    unsigned frame_count; /* of the trace of the allocation */
+    void *frames[16];     /* innermost first */
+} k42mcx_block;
+
+/*
+ * Copies what is left of the blocks that were recorded from one mark to another, oldest first. A reallocation counts as a
+ * new block. Counts as no cycle.
+ *   from, to  From k42mcx_mark; 0 and UINT64_MAX for all.
+ *   blocks    Gets the first ones, `room` at most; null where room is 0.
+ * Returns how many there are, be they more than there is room for; 0, with a message on standard error, while the checker
+ * is off. Takes the checker's lock; allocates nothing.
+ */
+size_t k42mcx_blocks(__UINT64_TYPE__ from, __UINT64_TYPE__ to, k42mcx_block *blocks, size_t room);
+
+/* The same for what k42mcx_verify lists. */
+size_t k42mcx_damaged(k42mcx_block *blocks, size_t room);
+
+/*
+ * Puts the line of a frame, "module(function+0xoffset) [0xaddress]", without the function or the module where none is
+ * known.
+ *   text  Gets the line, with a terminator.
+ *   size  Of text, in bytes.
+ * Returns the line's length; 0 where it has no room. Takes no lock; allocates nothing.
+ */
+size_t k42mcx_symbol(const void *frame, char *text, size_t size);
+
+/*
  * Says on the report sink what holds the recorded block at an address, or around it: the shortest chain of pointers that
  * leads there. It begins with what the first pointer lies in, "variable `sessions` in server+0x40c0 leads to", the stack
  * of a thread with the function whose frame it is, a register, thread-local memory, or other memory; then come the blocks
@@ -275,6 +314,7 @@ int k42mcx_fill(int byte);
 
 struct _IO_FILE;    /* FILE */
 struct __dirstream; /* DIR */
+struct FDEvent;     /* of fdcheck.h */
 
 /*
  * FDAddEvent under the checker's lock, for reads and writes that several threads report.
@@ -290,6 +330,12 @@ int k42mcx_fd_event(const char *name, int descriptor, unsigned type);
  * Returns 0, or -1 with errno: EBADF, ENOMEM, or what write sets.
  */
 int k42mcx_fd_report_json(int fd);
+
+/*
+ * Copies the newest open in the history of a descriptor, without its link.
+ * Returns 1; 0 where none is known. Takes the checker's lock.
+ */
+int k42mcx_fd_opener(int descriptor, struct FDEvent *event);
 
 /*
  * What redirect_fd.h puts around calls of libc. They take the checker's lock, keep errno and return what

@@ -3,6 +3,7 @@
 namespace k42mc::internal {
 
 constinit thread_local bool thread_is_printing = false;
+constinit thread_local unsigned thread_keeps_blocks = 0;
 
 bool take_checker_lock_in_time() {
     constexpr int most_tries = 1000;

@@ -15,6 +15,9 @@ inline constexpr pthread_mutex_t unlocked_checker = PTHREAD_ADAPTIVE_MUTEX_INITI
 // While this is set, what the thread allocates and releases is guarded and not recorded.
 extern constinit thread_local bool thread_is_printing;
 
+// How often the calling thread has asked for its new blocks to be kept.
+extern constinit thread_local unsigned thread_keeps_blocks;
+
 // The wrappers read the flag without the lock; MCLock reads it again under it.
 inline bool checker_on() {
     return std::atomic_ref(gK42MCOn).load(std::memory_order_relaxed) != 0;

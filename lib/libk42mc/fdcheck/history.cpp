@@ -97,7 +97,11 @@ int32_t fd_add_event(const char *name, int32_t descriptor, uint32_t type) {
     if (info.alarms != 0)
         return DS_OK;
     if (info.events == nullptr) {
-        if (SLInit(&info.events, nullptr, nullptr, offsetof(FDEvent, link), FDFreeEvent) != DS_OK)
+        ++thread_keeps_blocks; // whoever was the first to use the descriptor, this is no block of theirs
+        const int32_t made =
+            SLInit(&info.events, nullptr, nullptr, offsetof(FDEvent, link), FDFreeEvent);
+        --thread_keeps_blocks;
+        if (made != DS_OK)
             return fail(descriptor, "SLInit failure!");
     } else if (is_alarming(info, descriptor, type)) {
         ++info.alarms;

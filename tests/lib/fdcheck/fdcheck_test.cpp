@@ -250,6 +250,29 @@ std::string table_text(const char *scheme, const std::string &entries, int count
            "\n---\nNumber of fds reported: " + std::to_string(count) + "\n--------------\n";
 }
 
+TEST_F(FD, CopiesWhoOpenedWhatIsOpen) {
+    FDEvent event = {};
+    EXPECT_EQ(k42mcx_fd_opener(9, &event), 0) << "without a table";
+    checker_on();
+    const uint64_t from = k42mcx_mark();
+    FDClose("a", 9);
+    EXPECT_EQ(k42mcx_fd_opener(9, &event), 0);
+    FDOpen("b", 9);
+    gFDNoBacktrace = 0;
+    opens_for_the_test();
+    gFDNoBacktrace = 1;
+    k42mcx_fd_event("d", 9, FD_EV_READ);
+    EXPECT_EQ(k42mcx_fd_opener(9, &event), 1);
+    EXPECT_STREQ(event.name, "opener");
+    EXPECT_GT(event.frameCount, 0u);
+    for (int out_of_range : {-1, 1 << 30})
+        EXPECT_EQ(k42mcx_fd_opener(out_of_range, &event), 0);
+    k42mcx_block block;
+    EXPECT_EQ(k42mcx_blocks(from, UINT64_MAX, &block, 1), 1u);
+    EXPECT_EQ(block.is_kept, 1) << "the history";
+    checker_off();
+}
+
 TEST_F(FD, ReportsSelectBySchemes) {
     add(0, "init", FD_EV_OPEN);
     add(5, "worker", FD_EV_OPEN), add(5, "main", FD_EV_CLOSE);

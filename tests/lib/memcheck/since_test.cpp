@@ -52,4 +52,66 @@ TEST_F(Since, ListsWhatIsLeftInTheOrderInWhichItCame) {
     EXPECT_EQ(bytes, 0u);
 }
 
+k42mcx_block only(size_t count, const k42mcx_block &block) {
+    EXPECT_EQ(count, 1u);
+    return block;
+}
+
+TEST_F(Since, CopiesWhatIsLeftBetweenTwoMarks) {
+    const uint64_t from = k42mcx_mark();
+    void *const first = k42MC_malloc("a.c", 1, 10);
+    const uint64_t to = k42mcx_mark();
+    k42mcx_unlisted(1);
+    void *const second = k42MC_malloc("a.c", 2, 20);
+    k42mcx_unlisted(0);
+    k42mcx_block blocks[2] = {};
+    EXPECT_EQ(k42mcx_blocks(from, to, nullptr, 0), 1u);
+    const k42mcx_block block = only(k42mcx_blocks(from, to, blocks, 2), blocks[0]);
+    EXPECT_STREQ(block.file, "a.c");
+    EXPECT_EQ(block.line, 1);
+    EXPECT_STREQ(block.code, "LK");
+    EXPECT_STREQ(block.type, "STD");
+    EXPECT_EQ(block.address, first);
+    EXPECT_EQ(block.size, 10u);
+    EXPECT_EQ(block.is_kept, 0);
+    ASSERT_GT(block.frame_count, 0u);
+    char line[4096];
+    const size_t length = k42mcx_symbol(block.frames[0], line, sizeof line);
+    EXPECT_EQ(length, strlen(line));
+    EXPECT_PRED2(contains, line, "CopiesWhatIsLeftBetweenTwoMarks");
+    EXPECT_EQ(k42mcx_symbol(block.frames[0], line, 3), 0u);
+    EXPECT_STREQ(line, "");
+    EXPECT_EQ(blocks[1].address, nullptr);
+
+    EXPECT_EQ(k42mcx_blocks(from, UINT64_MAX, blocks, 1), 2u);
+    EXPECT_EQ(blocks[1].address, nullptr) << "no room";
+    EXPECT_EQ(only(k42mcx_blocks(to, UINT64_MAX, blocks, 2), blocks[0]).is_kept, 1);
+    for (void *left : {first, second})
+        k42MC_free("a.c", 6, left);
+    EXPECT_EQ(k42mcx_blocks(from, UINT64_MAX, blocks, 2), 0u);
+}
+
+TEST_F(Since, CopiesWhatIsDamaged) {
+    k42mcx_block blocks[2] = {};
+    auto *const damaged = static_cast<char *>(k42MC_malloc("a.c", 1, 10));
+    EXPECT_EQ(k42mcx_damaged(blocks, 2), 0u);
+    const char kept = std::exchange(damaged[10], '?');
+    EXPECT_STREQ(only(k42mcx_damaged(blocks, 2), blocks[0]).code, "WO");
+    EXPECT_EQ(blocks[0].address, damaged);
+    damaged[10] = kept;
+
+    k42mcx_quarantine(1 << 20);
+    k42MC_free("a.c", 2, damaged);
+    damaged[3] = '?';
+    const k42mcx_block late = only(k42mcx_damaged(blocks, 2), blocks[0]);
+    EXPECT_STREQ(late.code, "WF");
+    EXPECT_EQ(late.line, 2);
+    EXPECT_STREQ(late.type, "STD");
+    EXPECT_EQ(late.address, damaged);
+    EXPECT_GT(late.frame_count, 0u);
+    damaged[3] = '\xfb';
+    EXPECT_EQ(k42mcx_damaged(blocks, 2), 0u);
+    k42mcx_quarantine(0);
+}
+
 } // namespace

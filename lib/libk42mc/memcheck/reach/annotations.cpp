@@ -8,8 +8,6 @@
 
 namespace k42mc::internal {
 
-constinit thread_local unsigned thread_keeps_blocks = 0;
-
 namespace {
 
 // In memory mapped for it alone, so that no search takes the addresses in it for pointers. It never gets smaller.

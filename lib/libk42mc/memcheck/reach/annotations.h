@@ -5,9 +5,6 @@
 
 namespace k42mc::internal {
 
-// How often the calling thread has asked for its new blocks to be kept.
-extern constinit thread_local unsigned thread_keeps_blocks;
-
 // Both with gMCLock held: the memory that the program has named as roots, in any order, and where that is noted.
 std::span<Range> added_roots();
 Range memory_of_added_roots();
