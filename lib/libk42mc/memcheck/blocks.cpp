@@ -118,9 +118,10 @@ size_t k42mcx_damaged(k42mcx_block *blocks, size_t room) {
 size_t k42mcx_symbol(const void *frame, char *text, size_t size) {
     if (size == 0)
         return 0;
-    const size_t length = platform::symbol_line(frame, {text, size - 1});
-    text[length] = '\0';
-    return length;
+    const size_t length = platform::symbol_line(frame, {text, size}); // its last character ends the line
+    const size_t shown = length != 0 ? length - 1 : 0;
+    text[shown] = '\0';
+    return shown;
 }
 
 K42MC_EXPORT(k42mcx_blocks);

@@ -79,6 +79,7 @@ TEST_F(Since, CopiesWhatIsLeftBetweenTwoMarks) {
     const size_t length = k42mcx_symbol(block.frames[0], line, sizeof line);
     EXPECT_EQ(length, strlen(line));
     EXPECT_PRED2(contains, line, "CopiesWhatIsLeftBetweenTwoMarks");
+    EXPECT_EQ(line[length - 1], ']');
     EXPECT_EQ(k42mcx_symbol(block.frames[0], line, 3), 0u);
     EXPECT_STREQ(line, "");
     EXPECT_EQ(blocks[1].address, nullptr);
