@@ -180,6 +180,28 @@ leaves_both STD built/all_by_cmake_c
 leaves_both VAR built/all_by_cmake_cpp
 leaks built/start_by_cmake 'plain.c:7:LK:STD:0x[0-9A-F]+:12:1$'
 
+# The listener for GoogleTest, in each standard that it is for.
+cat >leak_test.cpp <<'END'
+#include <k42mc/gtest.hpp>
+#include <k42mc/new.hpp>
+
+K42MC_WATCH_TESTS;
+
+TEST(Leak, OfOneBlock) {
+    int *volatile lost = new int[3];
+    (void)lost;
+}
+END
+googletest=/usr/src/googletest/googletest/include
+read -ra words <<<"$(pkg-config --cflags --libs k42mc_r-redirect)"
+for standard in 14 17 20; do
+    "$cxx" "${flags[@]}" -std=c++$standard -Wall -Wextra -Werror -isystem "$googletest" leak_test.cpp -o leak_test \
+        "${words[@]}" "$build"/lib/libgtest{_main,}.a
+    status=0
+    ./leak_test >said 2>&1 || status=$?
+    ((status == 1)) && grep -qx 'left behind: 1 block, 12 bytes' said || { cat said; fail "GoogleTest, C++$standard"; }
+done
+
 # The command is of 64 bits. The program's own checker and the one that comes from outside are one.
 if [[ -e $prefix/bin/k42mc ]]; then
     "$prefix/bin/k42mc" run --output reports -- built/by_cmake_c 2>said || { cat said; fail 'k42mc run'; }
