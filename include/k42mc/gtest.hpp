@@ -22,8 +22,8 @@
  *            in main, or in the SetUp of a testing::Environment.
  *
  * What does not count: what GoogleTest keeps of a test, buffers of streams, what the loader and exit handlers keep, blocks
- * that came under k42mcx_unlisted, and those of k42mcx_keep. To tell them takes stack traces, and GoogleTest's functions
- * with their names.
+ * that came under k42mcx_unlisted, and those of k42mcx_keep. GoogleTest's blocks are told by its functions in their stack
+ * traces: blocks without a trace, and all in a stripped program, count only if they have a source line.
  */
 #ifndef K42MC_GTEST_HPP
 #define K42MC_GTEST_HPP
@@ -46,6 +46,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -204,17 +205,31 @@ struct Frame {
 
 using Trace = std::vector<Frame>;
 
-inline Trace trace_of(void *const *frames, std::size_t count) {
-    Trace trace;
-    for (std::size_t i = 0; i < count; ++i)
-        trace.emplace_back(frames[i]);
-    return trace;
-}
+// Looks frames that come up again up once.
+class Frames {
+public:
+    Trace trace_of(void *const *frames, std::size_t count) {
+        Trace trace;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (known_.count(frames[i]) == 0)
+                known_.emplace(frames[i], Frame(frames[i]));
+            trace.push_back(known_.at(frames[i]));
+        }
+        return trace;
+    }
+
+private:
+    std::map<const void *, Frame> known_;
+};
 
 /* ---- Whose a block is ---- */
 
-// Functions through which others allocate: of the C and C++ libraries, and operators.
+// Functions through which others allocate: of the C and C++ libraries, and operators. A std::function may have what it calls
+// in it.
 inline bool is_passage(const Frame &frame) {
+    if (contains(frame.symbol, "_Function_handler") && contains(frame.symbol, "9_M_invoke") &&
+        !contains(frame.symbol, "8internal"))
+        return false;
     for (const char *name :
          {"_ZSt", "_ZNSt", "_ZNKSt", "_ZNSa", "_ZN9__gnu_cxx", "_Zn", "_ZN9k42mc_new"})
         if (begins(frame.symbol, name))
@@ -232,16 +247,18 @@ inline Trace::const_iterator owner(const Trace &trace) {
 
 // GoogleTest's, and not those of tests that lie in its namespace.
 inline bool is_googletests(const Frame &frame) {
-    for (const char *name : {"/libgtest", "/libgmock"})
-        if (contains(frame.module, name))
-            return true;
-    for (const char *name :
+    if (contains(frame.module, "/libgtest") || contains(frame.module, "/libgmock"))
+        return true;
+    const std::size_t space = frame.symbol.find_first_not_of("KRO", 3); // behind "_ZN" and qualifiers
+    if (!begins(frame.symbol, "_ZN") || frame.symbol.compare(space, 8, "7testing") != 0)
+        return false;
+    const std::string name = frame.symbol.substr(space + 8);
+    for (const char *own :
          {"8internal", "4Mock", "4Test3Run", "7Message", "8TestInfo", "8UnitTest", "9TestSuite",
           "10TestResult", "11ScopedTrace", "12TestProperty", "14TestPartResult"})
-        if (begins(frame.symbol, ("_ZN7testing" + std::string(name)).c_str()) ||
-            begins(frame.symbol, ("_ZNK7testing" + std::string(name)).c_str()))
+        if (begins(name, own))
             return true;
-    return false;
+    return contains(name, "UninterestingCall"); // how mocks take them
 }
 
 // Whether a block is kept for the process, whatever test was the first to need it: the buffer of a stream, what the loader
@@ -309,8 +326,8 @@ inline std::string place_of(const k42mcx_block &block) {
 
 // Blocks of one site and size.
 struct Site {
-    explicit Site(const k42mcx_block &sample)
-        : block(sample), trace(trace_of(sample.frames, sample.frame_count)) {}
+    Site(const k42mcx_block &sample, Frames &frames)
+        : block(sample), trace(frames.trace_of(sample.frames, sample.frame_count)) {}
 
     bool has(const k42mcx_block &other) const {
         return block.file == other.file && block.line == other.line && block.size == other.size &&
@@ -335,23 +352,33 @@ struct Site {
 
 inline std::vector<Site> sites_of(const std::vector<k42mcx_block> &blocks) {
     std::vector<Site> sites;
+    Frames frames;
     for (const k42mcx_block &block : blocks) {
         auto site = std::find_if(sites.begin(), sites.end(),
                                  [&](const Site &known) { return known.has(block); });
         if (site == sites.end())
-            site = sites.emplace(site, block);
+            site = sites.emplace(site, block, frames);
         ++site->count;
         site->bytes += block.size;
     }
     return sites;
 }
 
+// Whether it can be told if a block is GoogleTest's: by its trace, or by its source line, which those have not.
+inline bool is_known(const k42mcx_block &block, bool has_names) {
+    return block.line != 0 || (block.frame_count != 0 && has_names);
+}
+
 // What is said of blocks that are left; nothing where that is allowed.
-inline std::string text_of_left(std::vector<k42mcx_block> blocks, const Allowances &allowed) {
+inline std::string text_of_left(std::vector<k42mcx_block> blocks, bool has_names,
+                                const Allowances &allowed) {
     blocks.erase(std::remove_if(blocks.begin(), blocks.end(),
-                                [](const k42mcx_block &block) { return block.is_kept != 0; }),
+                                [=](const k42mcx_block &block) {
+                                    return block.is_kept != 0 || !is_known(block, has_names);
+                                }),
                  blocks.end());
-    std::size_t count = 0, bytes = 0;
+    constexpr std::size_t most_listed = 20;
+    std::size_t count = 0, bytes = 0, sites = 0;
     std::string text;
     for (const Site &site : sites_of(blocks)) {
         if (is_for_good(site.block, site.trace) || is_kept_by_googletest(site.trace) ||
@@ -359,15 +386,19 @@ inline std::string text_of_left(std::vector<k42mcx_block> blocks, const Allowanc
             continue;
         count += site.count;
         bytes += site.bytes;
-        text += site.text();
+        if (++sites <= most_listed)
+            text += site.text();
     }
     if (count == 0 || (count <= allowed.blocks && bytes <= allowed.bytes))
         return {};
+    if (sites > most_listed)
+        text += "  and from " + std::to_string(sites - most_listed) + " more\n";
     return "left behind: " + counted(count, "block") + ", " + counted(bytes, "byte") + "\n" + text;
 }
 
 inline std::string text_of_damaged(const k42mcx_block &block) {
-    Site site(block);
+    Frames frames;
+    Site site(block, frames);
     site.count = 1;
     site.bytes = block.size;
     std::string how = std::strcmp(block.code, "WO") == 0 ? "past its end" : "ahead of its start";
@@ -405,7 +436,7 @@ struct Opening {
         if (!library().is_there() || library().k42mcx_fd_opener(descriptor, &event) == 0)
             return;
         by = std::string(" by ") + event.name;
-        trace = trace_of(event.frames, event.frameCount);
+        trace = Frames().trace_of(event.frames, event.frameCount);
     }
 
     std::string by;
@@ -439,9 +470,13 @@ class Watch : public testing::EmptyTestEventListener {
             library().MCInit(K42MC_BE32(MC_TO_STDERR), 0);
             has_switched_on_ = true;
         }
+        has_names_ = library().is_there() && is_googletests(Frame(__builtin_return_address(0)));
         if (!library().records())
             std::printf(
                 "Note: nothing records blocks: link libk42mc_r, or start the program by k42mc run\n");
+        else if (!has_names_)
+            std::printf("Note: GoogleTest's functions have no names here: blocks count that have a "
+                        "source line\n");
     }
 
     void OnTestProgramEnd(const testing::UnitTest &) override {
@@ -474,7 +509,7 @@ class Watch : public testing::EmptyTestEventListener {
         const std::vector<int> left = opened_since(test_descriptors_);
         suite_descriptors_.insert(suite_descriptors_.end(), left.begin(), left.end());
         const std::string text =
-            text_of_left(blocks_between(test_start_, test_end_), allowances().back()) +
+            text_of_left(blocks_between(test_start_, test_end_), has_names_, allowances().back()) +
             text_of_left(left, allowances().back()) + note_damage();
         allowances().pop_back();
         tell(text, test.file(), test.line());
@@ -485,7 +520,7 @@ class Watch : public testing::EmptyTestEventListener {
         std::vector<k42mcx_block> blocks = blocks_between(suite_start_, first_test_);
         const std::vector<k42mcx_block> later = blocks_between(test_end_, mark());
         blocks.insert(blocks.end(), later.begin(), later.end());
-        const std::string text = text_of_left(blocks, allowances().back()) +
+        const std::string text = text_of_left(blocks, has_names_, allowances().back()) +
                                  text_of_left(opened_since(suite_descriptors_), allowances().back()) +
                                  suite_damage_ + note_damage();
         allowances().pop_back();
@@ -522,7 +557,7 @@ class Watch : public testing::EmptyTestEventListener {
                 << lines.substr(0, lines.size() - 1); // the last one ends by itself
     }
 
-    bool has_switched_on_ = false;
+    bool has_switched_on_ = false, has_names_ = false;
     std::uint64_t suite_start_ = 0, first_test_ = 0, test_start_ = 0, test_end_ = 0;
     std::vector<int> suite_descriptors_, test_descriptors_; // open at the start, or told of since
     std::vector<const void *> damaged_;

@@ -75,5 +75,16 @@ if [[ -x $k42mc ]]; then
         "$here/gtest_said.txt" >"$work/expected"
     same 'under k42mc run' "$work/expected" "$work/said"
     in_any_order "${under[@]}" "$unlinked"
+
+    # Without names, nobody can tell GoogleTest's blocks from those of tests.
+    strip -o "$work/stripped" "$unlinked"
+    run 1 "${under[@]}" "$work/stripped"
+    grep -q "^Note: GoogleTest's functions have no names here" "$work/said" || fail 'stripped: no note'
+    same stripped - <(grep -E '^left|^written' "$work/said" | sort -u) <<'END'
+left open: 1 descriptor
+written to after its release:
+written to ahead of its start:
+written to past its end:
+END
 fi
 exit $failed
