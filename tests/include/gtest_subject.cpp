@@ -10,6 +10,24 @@
 #include <k42mc/new.hpp>
 #endif
 
+namespace {
+
+// Another listener, which keeps something of each result.
+class Keeper : public testing::EmptyTestEventListener {
+    void OnTestPartResult(const testing::TestPartResult &result) override {
+        kept_.emplace_back(result.message());
+    }
+
+    std::vector<std::string> kept_;
+};
+
+[[maybe_unused]] const bool keeps = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new Keeper);
+    return true;
+}();
+
+} // namespace
+
 K42MC_WATCH_TESTS;
 
 namespace {
