@@ -96,12 +96,13 @@ struct Library {
     K42MC_IN_PROCESS(k42mcx_unlisted);
     K42MC_IN_PROCESS(k42mcx_fd_opener);
 #undef K42MC_IN_PROCESS
-    void (*const release)(void *) =
-        in_process<void (*)(void *)>("free"); // whatever redirect.h makes of the word
+    // libc's or the shim's, whatever redirect.h makes of the word.
+    void (*const release)(void *) = in_process<void (*)(void *)>("free");
 
+    // With the newest of these functions, all are.
     bool is_there() const {
         return k42mcx_fd_opener != nullptr;
-    } // the newest of these functions
+    }
     bool records() const {
         return is_there() && *gK42MCOn != 0;
     }
@@ -131,22 +132,27 @@ inline std::uint64_t mark() {
     return library().records() ? library().k42mcx_mark() : 0;
 }
 
-inline std::vector<k42mcx_block> blocks_between(std::uint64_t from, std::uint64_t to) {
-    if (!library().records())
-        return {};
-    std::vector<k42mcx_block> blocks(library().k42mcx_blocks(from, to, nullptr, 0));
-    const std::size_t count = library().k42mcx_blocks(from, to, blocks.data(), blocks.size());
-    blocks.resize((std::min)(count, blocks.size()));
+// What a function copies into the room that it is given, mostly in one call.
+template <class Copy> std::vector<k42mcx_block> all_of(Copy copy) {
+    std::vector<k42mcx_block> blocks(16);
+    std::size_t count = library().records() ? copy(blocks.data(), blocks.size()) : 0;
+    if (count > blocks.size()) {
+        blocks.resize(count);
+        count = (std::min)(count, copy(blocks.data(), blocks.size()));
+    }
+    blocks.resize(count);
     return blocks;
 }
 
+inline std::vector<k42mcx_block> blocks_between(std::uint64_t from, std::uint64_t to) {
+    return all_of([=](k42mcx_block *blocks, std::size_t room) {
+        return library().k42mcx_blocks(from, to, blocks, room);
+    });
+}
+
 inline std::vector<k42mcx_block> damaged_blocks() {
-    if (!library().records())
-        return {};
-    std::vector<k42mcx_block> blocks(library().k42mcx_damaged(nullptr, 0));
-    const std::size_t count = library().k42mcx_damaged(blocks.data(), blocks.size());
-    blocks.resize((std::min)(count, blocks.size()));
-    return blocks;
+    return all_of(
+        [](k42mcx_block *blocks, std::size_t room) { return library().k42mcx_damaged(blocks, room); });
 }
 
 /* ---- Names ---- */
@@ -286,8 +292,9 @@ inline bool is_kept_by_googletest(const Trace &trace) {
 
 struct Allowances {
     bool cover(const std::string &name) const {
-        return std::any_of(patterns.begin(), patterns.end(),
-                           [&](const std::string &pattern) { return matches(pattern, name); });
+        return std::any_of(patterns.begin(), patterns.end(), [&](const std::string &pattern) {
+            return !pattern.empty() && matches(pattern, name);
+        });
     }
     bool cover(const Trace &trace) const {
         return std::any_of(trace.begin(), trace.end(), [&](const Frame &frame) {
@@ -496,8 +503,10 @@ class Watch : public testing::EmptyTestEventListener {
 
     void OnTestStart(const testing::TestInfo &) override {
         const OwnWork own;
-        first_test_ = (std::min)(first_test_, mark());
-        suite_damage_ += note_damage();
+        if (first_test_ == UINT64_MAX) {
+            first_test_ = mark();
+            suite_damage_ += note_damage();
+        }
         allowances().push_back(allowances().back());
         test_descriptors_ = open_descriptors();
         test_start_ = mark();
