@@ -2,6 +2,7 @@
 #include "tools/report/findings.h"
 #include "tools/report/html.h"
 #include "tools/report/machine.h"
+#include "tools/report/pprof.h"
 #include "tools/report/reader.h"
 #include "tools/report/table.h"
 
@@ -18,6 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     print_table(out, report, {}, symbolizer);
     print_folded(out, report, symbolizer);
     print_csv(out, report, Order::growth, symbolizer);
+    print_pprof(out, report, symbolizer);
     print_html(out, report, Order::age, symbolizer);
     Findings(report).print(out, symbolizer);
     return 0;

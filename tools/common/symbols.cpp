@@ -408,6 +408,33 @@ std::vector<CodeRange> Symbolizer::code_of(const std::string &module, std::strin
     return ranges;
 }
 
+CodeSegment Symbolizer::code_segment(std::string_view module) {
+    constexpr uint64_t in_page = 4095;
+    CodeSegment code;
+    const Module &known = modules_->at(module);
+    if (known.module == nullptr)
+        return code;
+    GElf_Addr bias = 0;
+    Elf *const elf = dwfl_module_getelf(known.module, &bias);
+    size_t count = 0;
+    elf_getphdrnum(elf, &count);
+    GElf_Phdr header;
+    for (size_t i = 0; i < count && gelf_getphdr(elf, static_cast<int>(i), &header) != nullptr; ++i)
+        if (header.p_type == PT_LOAD && (header.p_flags & PF_X) != 0) {
+            code.range = {header.p_vaddr & ~in_page,
+                          (header.p_vaddr + header.p_memsz + in_page) & ~in_page};
+            code.file_offset = header.p_offset & ~in_page;
+            break;
+        }
+    const unsigned char *bytes = nullptr;
+    GElf_Addr address = 0;
+    const int length = dwfl_module_build_id(known.module, &bytes, &address);
+    for (int i = 0; i < length; ++i)
+        for (const int digit : {bytes[i] >> 4, bytes[i] & 15})
+            code.build_id += "0123456789abcdef"[digit];
+    return code;
+}
+
 std::string Symbolizer::Modules::find_function(std::string_view text) {
     const std::optional<Place> place = find(text);
     return place ? symbol_at(*place) : std::string();
@@ -425,6 +452,15 @@ std::string describe(std::string_view pc, const SourceFrame &frame) {
     else if (!frame.function.empty())
         text += " (" + std::string(pc) + ")";
     return text;
+}
+
+CodeAddress code_address(std::string_view pc) {
+    const Pc parsed = parse_pc(pc);
+    if (!parsed.module.empty() && parsed.function.empty())
+        return {parsed.module, parsed.offset};
+    std::string_view rest = pc;
+    const std::optional<GElf_Addr> address = take_hexadecimal(rest, "0x");
+    return address && rest.empty() ? CodeAddress{{}, *address} : CodeAddress{};
 }
 
 std::string_view module_of(std::string_view pc) {

@@ -19,6 +19,13 @@ struct CodeRange {
     uint64_t begin, end;
 };
 
+// What of a module's file is code, and which build of it this is.
+struct CodeSegment {
+    CodeRange range = {}; // whole pages
+    uint64_t file_offset = 0;
+    std::string build_id = {}; // hexadecimal
+};
+
 // Reads each module once and keeps it open, and remembers what it has found, up to bounds: reports may
 // come from anywhere. Modules are regular ELF files of at most a gibibyte; nothing else is opened. Not
 // for several threads at a time.
@@ -42,6 +49,9 @@ public:
     // Where a module has the code of source files whose names match, as far as debug information tells.
     std::vector<CodeRange> code_of(const std::string &module, std::string_view source);
 
+    // Empty when the module cannot be read.
+    CodeSegment code_segment(std::string_view module);
+
 private:
     struct Modules;
     std::unique_ptr<Modules> modules_;
@@ -55,6 +65,13 @@ std::string describe(std::string_view pc, const SourceFrame &frame);
 
 // A symbol's name as its source has it.
 std::string demangled(std::string name);
+
+// A return address that stands alone or by a module's file: "/usr/bin/p+0x1a2b", "0x7f12". Nothing for what is neither.
+struct CodeAddress {
+    std::string_view module = {};
+    uint64_t address = 0;
+};
+CodeAddress code_address(std::string_view pc);
 
 // The module of a return address.
 std::string_view module_of(std::string_view pc);

@@ -209,6 +209,8 @@ private:
         end_cycle();
         current_ = static_cast<size_t>(&process_in(line) - report_.processes.data());
         process().cycles.push_back({number, live, has(line, "searched"), {}});
+        if (has(line, "time"))
+            process().cycles.back().time = number_in<uint64_t>(line, "time");
         process().damages.clear();
         process().descriptors.clear();
         unfinished_ = true;

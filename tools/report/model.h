@@ -89,6 +89,7 @@ struct Cycle {
     bool searched = false; // for lost blocks
     std::vector<Holding> holdings = {};
     std::map<uint32_t, HeldBy> held_by = {}; // of the largest sites, where a search was made
+    uint64_t time = 0;                       // seconds since 1970, where it is known
 };
 
 struct Damage {

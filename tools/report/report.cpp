@@ -3,6 +3,7 @@
 #include "tools/report/diff.h"
 #include "tools/report/html.h"
 #include "tools/report/machine.h"
+#include "tools/report/pprof.h"
 #include "tools/report/reader.h"
 #include "tools/report/sarif.h"
 #include "tools/report/symbolize.h"
@@ -29,7 +30,7 @@ struct Options {
     Order order = Order::bytes;
     size_t top = 20;
     bool lost = false;
-    std::string html, sarif;
+    std::string html, sarif, pprof;
     Names::Options names;
     bool json = false;
     bool csv = false;
@@ -126,6 +127,8 @@ void report(const Options &options) {
         write_file(options.sarif, [&](std::ostream &file) {
             print_sarif(file, Findings(report, LeakCheck::lost, ""), symbolizer);
         });
+    else if (!options.pprof.empty())
+        write_file(options.pprof, [&](std::ostream &file) { print_pprof(file, report, symbolizer); });
     else
         print_table(std::cout, report,
                     {options.order, options.top, isatty(STDOUT_FILENO) != 0 && !getenv("NO_COLOR"),
@@ -185,6 +188,8 @@ void add_report(CLI::App &app) {
         command->add_option("--html", options->html, "Write a page to look at and click through")
             ->type_name("FILE"),
         command->add_option("--sarif", options->sarif, "What is wrong, for code hosts and editors")
+            ->type_name("FILE"),
+        command->add_option("--pprof", options->pprof, "A profile, for what collects and shows such")
             ->type_name("FILE"),
         command->add_flag("--json", options->json, "All of it as JSON"),
         command->add_flag("--csv", options->csv, "The sites as comma-separated values"),
