@@ -1,6 +1,8 @@
 #include "tools/common/symbols.h"
 
 #include "tools/common/file.h"
+#include "tools/common/inlined.h"
+#include "tools/common/symbol_index.h"
 #include "tools/shared/pattern.h"
 
 #include <algorithm>
@@ -86,6 +88,8 @@ struct Module {
     Dwfl_Module *module = nullptr;
     GElf_Addr bias = 0; // of libdw's layout over the file's own addresses
     std::multimap<std::string, GElf_Addr, std::less<>> functions; // the file's own addresses, by name
+    std::optional<SymbolIndex> symbols;                           // once they were asked for
+    std::map<Dwarf_Off, UnitFunctions> units;                     // that were looked into
 };
 
 // A return address, taken apart.
@@ -173,12 +177,10 @@ struct Place {
 };
 
 std::string symbol_at(const Place &place) {
-    GElf_Off offset = 0;
-    GElf_Sym symbol;
-    const char *const name = dwfl_module_addrinfo(place.module.module, place.address, &offset, &symbol,
-                                                  nullptr, nullptr, nullptr);
-    // Without a symbol of its own, code would have that of what lies ahead of it.
-    return name != nullptr && GELF_ST_TYPE(symbol.st_info) != STT_OBJECT ? readable(name) : "";
+    std::optional<SymbolIndex> &symbols = place.module.symbols;
+    if (!symbols)
+        symbols.emplace(place.module.module);
+    return readable(symbols->name_at(place.address));
 }
 
 // Of a file, as the compiler was given it or from the root of the file system.
@@ -247,23 +249,6 @@ void move_to_call(Dwarf_Die *scope, Dwarf_Die *unit, SourceFrame &frame) {
     frame.line = static_cast<int>(number(scope, DW_AT_call_line));
 }
 
-// The scopes around an address, innermost first, through all that was inlined there.
-struct Scopes {
-    std::unique_ptr<Dwarf_Die[], Free> dies;
-    int count = 0;
-};
-
-Scopes scopes_around(Dwarf_Die *unit, Dwarf_Addr address) {
-    Dwarf_Die *dies = nullptr;
-    if (dwarf_getscopes(unit, address, &dies) <= 0)
-        return {};
-    Dwarf_Die innermost = dies[0];
-    free(dies);
-    dies = nullptr;
-    const int count = dwarf_getscopes_die(&innermost, &dies);
-    return {std::unique_ptr<Dwarf_Die[], Free>(dies), count};
-}
-
 // The scopes of such a unit are in a file that it names, and that libdw would open whatever it is.
 bool is_split(Dwarf_Die *unit) {
     uint8_t type = 0;
@@ -295,15 +280,10 @@ void use_debug_information(const Place &place, std::vector<SourceFrame> &frames)
             frame.file = path;
         dwarf_lineno(line, &frame.line);
     }
-    const Scopes scopes = scopes_around(unit, address - bias);
-    for (int i = 0; i < scopes.count; ++i) {
-        Dwarf_Die *scope = &scopes.dies[static_cast<size_t>(i)];
-        if (dwarf_tag(scope) == DW_TAG_subprogram)
-            break;
-        if (dwarf_tag(scope) != DW_TAG_inlined_subroutine)
-            continue;
-        frames.push_back({name_of(scope), frame.file, frame.line, true});
-        move_to_call(scope, unit, frame);
+    const auto known = place.module.units.try_emplace(dwarf_dieoffset(unit), unit).first;
+    for (Dwarf_Die &scope : known->second.inlined_at(address - bias)) {
+        frames.push_back({name_of(&scope), frame.file, frame.line, true});
+        move_to_call(&scope, unit, frame);
     }
     frames.push_back(std::move(frame));
 }

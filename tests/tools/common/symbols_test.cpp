@@ -72,6 +72,82 @@ std::string pc_in(const std::string &module, const void *address) {
     return (module.empty() ? info.dli_fname : module) + offset;
 }
 
+[[gnu::always_inline]] inline void *inlined() {
+    void *pc = here();
+    __asm__ volatile("" ::: "memory");
+    return pc;
+}
+
+// In debug information, the lambda is a function inside another.
+void *call_of_inlined() {
+    const auto around = [](auto call) __attribute__((noinline)) {
+        void *pc = call();
+        __asm__ volatile("" ::: "memory");
+        return pc;
+    };
+    return around([]() __attribute__((always_inline)) { return inlined(); });
+}
+
+TEST(Symbols, WhatWasInlinedHasFramesOfItsOwn) {
+    Symbolizer symbolizer;
+    const std::vector<SourceFrame> frames = symbolizer.lookup(pc_in({}, call_of_inlined()));
+    ASSERT_EQ(frames.size(), 3u);
+    for (const SourceFrame &frame : frames)
+        EXPECT_TRUE(frame.file.ends_with("symbols_test.cpp")) << frame.file;
+    EXPECT_TRUE(frames[0].function.starts_with("inlined") && frames[0].inlined) << frames[0].function;
+    EXPECT_TRUE(frames[1].function.starts_with("operator()") && frames[1].inlined) << frames[1].function;
+    EXPECT_TRUE(frames[0].line < frames[2].line && frames[2].line < frames[1].line);
+    EXPECT_NE(frames[2].function.find("call_of_inlined()::{lambda"), std::string::npos);
+    EXPECT_FALSE(frames[2].inlined);
+}
+
+__asm__(R"(
+    .pushsection .text
+    .type symbols_outer, @function
+    .type symbols_inner, @function
+    .globl symbols_outer
+symbols_label_before:
+    nop
+symbols_outer:
+    nop
+    nop
+symbols_inner:
+    nop
+    nop
+symbols_label_inside:
+    nop
+    nop
+    .size symbols_inner, 2
+    .size symbols_outer, 6
+symbols_local:
+    nop
+symbols_nested:
+    nop
+    nop
+    .size symbols_local, 3
+    .size symbols_nested, 1
+symbols_label_behind:
+    nop
+    nop
+    .popsection
+)");
+extern "C" const char symbols_outer[];
+
+TEST(Symbols, TheInnermostSizedSymbolNamesAnAddress) {
+    Symbolizer symbolizer;
+    const auto name = [&](ptrdiff_t offset) { // as a return address, behind what is looked up
+        return symbolizer.function(pc_in({}, symbols_outer + offset + 1)).substr(8);
+    };
+    EXPECT_EQ(name(-1), "label_before");
+    for (const ptrdiff_t offset : {0, 2, 5}) // globals ahead of what is local
+        EXPECT_EQ(name(offset), "outer");
+    EXPECT_EQ(name(6), "local");
+    EXPECT_EQ(name(7), "nested");
+    EXPECT_EQ(name(8), "local");
+    EXPECT_EQ(name(9), "label_behind");
+    EXPECT_EQ(name(10), "label_behind");
+}
+
 TEST(Symbols, OnlyNamesOfCppAreDemangled) {
     Symbolizer symbolizer;
     EXPECT_EQ(symbolizer.lookup(pc_in({}, f())).front().function, "f");
