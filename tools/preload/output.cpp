@@ -17,6 +17,7 @@
 #include "wrappers/notice.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <new>
 #include <stdio.h>
 #include <string.h>
@@ -245,7 +246,7 @@ void write_ending(const Ending &ending) {
     put_kind(out, "signal");
     out->print(",\"name\":\"SIG%s\",", sigabbrev_np(ending.signal_number));
     if (is_fault_at_address(ending))
-        out->print("\"address\":\"%p\",", ending.info->si_addr);
+        out->print("\"address\":\"0x%" PRIxPTR "\",", reinterpret_cast<uintptr_t>(ending.info->si_addr));
     put_trace_to(out, ending.context);
     out->print("}\n");
     out->flush();
