@@ -21,6 +21,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     print_csv(out, report, Order::growth, symbolizer);
     print_pprof(out, report, symbolizer);
     print_html(out, report, Order::age, symbolizer);
-    Findings(report).print(out, symbolizer);
+    Findings(report, LeakCheck::held, "").print(out, symbolizer);
     return 0;
 }
