@@ -1,7 +1,7 @@
 #include "tools/report/html.h"
 
-#include "tools/report/machine.h"
 #include "tools/report/page.h"
+#include "tools/report/page_data.h"
 
 #include <string_view>
 
@@ -26,7 +26,7 @@ void print_html(std::ostream &out, const Report &report, Order order, Names &nam
     put_up_to("/* style */");
     out << page::css;
     put_up_to("/* report */");
-    put_json([&](std::string_view data) { put_escaped(out, data); }, report, order, names);
+    put_page_data([&](std::string_view data) { put_escaped(out, data); }, report, order, names);
     put_up_to("/* script */");
     out << page::js << rest;
 }

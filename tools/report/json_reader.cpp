@@ -206,11 +206,11 @@ private:
             complain("a report before this one is cut off");
         const auto number = number_in<uint32_t>(line, "cycle");
         const Counter live = counter_of(line);
+        const uint64_t time = has(line, "time") ? number_in<uint64_t>(line, "time") : 0;
         end_cycle();
         current_ = static_cast<size_t>(&process_in(line) - report_.processes.data());
-        process().cycles.push_back({number, live, has(line, "searched"), {}});
-        if (has(line, "time"))
-            process().cycles.back().time = number_in<uint64_t>(line, "time");
+        process().cycles.push_back({number, live, has(line, "searched")});
+        process().cycles.back().time = time;
         process().damages.clear();
         process().descriptors.clear();
         unfinished_ = true;

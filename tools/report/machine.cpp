@@ -5,6 +5,8 @@
 #include "tools/report/holder_lines.h"
 
 #include <algorithm>
+#include <array>
+#include <map>
 
 namespace {
 
@@ -172,13 +174,57 @@ template <class PutMembers> void put_line(JsonWriter &out, const PutMembers &put
     out.close('}');
 }
 
-void put_process(JsonWriter &out, const Report &report, const Process &process, Names &names) {
+// Where in the list of sites each site is.
+using Places = std::vector<size_t>;
+constexpr size_t nowhere = SIZE_MAX; // it never held anything
+
+// [cycle, bytes, blocks] for each cycle in which a process has something of it.
+using Series = std::vector<std::array<uint64_t, 3>>;
+
+void put_series(JsonWriter &out, size_t place, const Series &series) {
+    out.line();
+    out.open('[');
+    out.value(place);
+    for (const auto &numbers : series) {
+        out.open('[');
+        for (const uint64_t number : numbers)
+            out.value(number);
+        out.close(']');
+    }
+    out.close(']');
+}
+
+void put_sites_of(JsonWriter &out, const Process &process, const Places &places) {
+    std::map<size_t, Series> sites;
+    for (size_t i = 0; i < process.cycles.size(); ++i)
+        for (const Holding &holding : process.cycles[i].holdings) {
+            if (places[holding.site] == nowhere || holding.held.blocks == 0)
+                continue;
+            Series &series = sites[places[holding.site]];
+            if (series.empty() || series.back()[0] != i + 1)
+                series.push_back({i + 1, 0, 0});
+            series.back()[1] += holding.held.bytes;
+            series.back()[2] += holding.held.blocks;
+        }
+    out.open("sites", '[');
+    for (const auto &[place, series] : sites)
+        put_series(out, place, series);
+    out.close(']');
+}
+
+void put_process(JsonWriter &out, const Report &report, const Process &process, const Places &places,
+                 Names &names) {
     out.open('{');
     out.member("name", process.name);
     out.open("cycles", '[');
     for (const Cycle &cycle : process.cycles)
-        put_line(out, [&] { put_counter(out, cycle.live); });
+        put_line(out, [&] {
+            put_counter(out, cycle.live);
+            if (cycle.time != 0)
+                out.member("time", cycle.time);
+        });
     out.close(']');
+    put_sites_of(out, process, places);
     out.open("findings", '[');
     each_finding(report, process, [&](const Finding &finding) {
         put_line(out, [&] { put_finding(out, finding, names); });
@@ -243,9 +289,12 @@ void put_json(const Put &put, const Report &report, Order order, Names &names) {
     for (const SiteHistory &history : histories.sites())
         put_line(out, [&] { put_site(out, history, report, histories.were_searched(), names); });
     out.close(']');
+    Places places(report.site_count(), nowhere);
+    for (size_t i = 0; i < histories.sites().size(); ++i)
+        places[histories.sites()[i].site] = i;
     out.open("processes", '[');
     for (const Process &process : report.processes)
-        put_process(out, report, process, names);
+        put_process(out, report, process, places, names);
     out.close(']');
     out.close('}');
 }

@@ -53,6 +53,8 @@ struct SampleType {
 constexpr SampleType sample_types[] = {
     {"inuse_objects", "count", [](const Holding &holding) { return holding.held.blocks; }},
     {"inuse_space", "bytes", [](const Holding &holding) { return holding.held.bytes; }},
+    {"alloc_objects", "count", [](const Holding &holding) { return holding.allocated.blocks; }},
+    {"alloc_space", "bytes", [](const Holding &holding) { return holding.allocated.bytes; }},
 };
 
 // What viewers show first.
@@ -148,7 +150,7 @@ private:
             return {location("", site)};
         std::vector<uint64_t> locations;
         locations.reserve(site.trace.size());
-        for (const std::string_view pc : site.trace)
+        for (const std::string_view pc : without_cut_mark(site.trace))
             locations.push_back(location(pc, locations.empty() ? site : Site()));
         return locations;
     }

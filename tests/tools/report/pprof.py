@@ -86,7 +86,7 @@ class Decoded:
                 yield pc, "" if name == pc else name, self.texts[function.filename], line.line
 
     def stacks(self):
-        stacks = collections.Counter(), collections.Counter()
+        stacks = [collections.Counter() for _ in range(4)]
         for sample in self.message.sample:
             stack = tuple(self.frames(sample))
             for sums, value in zip(stacks, sample.value, strict=True):
@@ -110,14 +110,16 @@ def own_place(site):
 
 
 def stacks_of(report):
-    stacks = collections.Counter(), collections.Counter()
+    stacks = [collections.Counter() for _ in range(4)]
+    nothing = {"blocks": 0, "bytes": 0}
     for site in report["sites"]:
         frames = [[frame[key] for key in ("pc", "function", "file", "line")] for frame in site["chain"]]
         if frames and site["line"] and not frames[0][2]:
             frames[0][2:] = [site["file"], site["line"]]
         stack = tuple(map(tuple, frames)) or (own_place(site),)
-        stacks[0][stack] += site["blocks"]
-        stacks[1][stack] += site["bytes"]
+        for i, counter in enumerate((site, site.get("allocated", nothing))):
+            stacks[2 * i][stack] += counter["blocks"]
+            stacks[2 * i + 1][stack] += counter["bytes"]
     return [+sums for sums in stacks]
 
 
@@ -129,9 +131,9 @@ def build_id(path):
 def check_decoded(decoded, report):
     message = decoded.message
     equal("types", [*map(decoded.type_of, message.sample_type)],
-          [("inuse_objects", "count"), ("inuse_space", "bytes")])
+          [("inuse_objects", "count"), ("inuse_space", "bytes"), ("alloc_objects", "count"), ("alloc_space", "bytes")])
     equal("default", decoded.texts[message.default_sample_type], "inuse_space")
-    for name, sums, expected in zip(("blocks", "bytes"), decoded.stacks(), stacks_of(report)):
+    for name, sums, expected in zip(("blocks", "bytes", "allocated blocks", "allocated bytes"), decoded.stacks(), stacks_of(report)):
         equal(name, +sums, expected)
     types, ages = collections.Counter(), set()
     for site in report["sites"]:

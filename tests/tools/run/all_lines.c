@@ -51,10 +51,20 @@ static void misuse(void) {
     written = NULL;
 }
 
-int main(int argc, char **argv) {
-    FILE *stream = fopen("/dev/null", "r");
+// Below more callers than a stack trace has.
+static void hold_and_misuse(int callers) {
+    if (callers > 0) {
+        hold_and_misuse(callers - 1);
+        putchar('\n'); // no tail call
+        return;
+    }
     hold();
     misuse();
+}
+
+int main(int argc, char **argv) {
+    FILE *stream = fopen("/dev/null", "r");
+    hold_and_misuse(20);
     if (argc > 1 && strcmp(argv[1], "crash") == 0)
         putchar(*nowhere);
     return stream == NULL;

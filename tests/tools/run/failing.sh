@@ -39,7 +39,7 @@ said '^k42mc: fragile\.[0-9]+: allocation [0-9]+ failed on purpose: 10 bytes$'
 # The same for a browser, for other tools, and from the file.
 (cd "$(dirname "$0")" && timeout 60 "$k42mc" run --fail-each --jobs 1 '--fail-only=fragile(' --html "$work/page.html" --sarif "$work/new.sarif" \
     -- "$fragile" crash lose) >out 2>err || fail 'other forms'
-grep -q '"title":"crash: ended by SIGSEGV, where allocation 1 failed on purpose: 10 bytes; repeat it with: k42mc run' page.html ||
+grep -q '"crash: ended by SIGSEGV, where allocation 1 failed on purpose: 10 bytes; repeat it with: k42mc run' page.html ||
     fail 'no crash on the page'
 python3 - <<'END' || fail 'SARIF'
 import json

@@ -1,0 +1,4 @@
+shows.push(showChoices);
+showProcesses();
+readAddress();
+show();
