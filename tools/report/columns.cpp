@@ -32,7 +32,7 @@ std::vector<Column> columns_of(const Histories &histories, std::span<const SiteH
     constexpr uint32_t wide_line = 24, narrow_line = 8;
     std::vector<Column> columns;
     const auto add = [&](const char *heading, const auto &text) {
-        Column &column = columns.emplace_back(heading);
+        Column &column = columns.emplace_back(Column{heading});
         for (const SiteHistory &site : sites)
             column.cells.push_back(text(site));
     };

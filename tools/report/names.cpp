@@ -20,13 +20,15 @@ constexpr std::array<std::string_view, 31> allocators = {
     "^_PyObject_"};
 constexpr std::array<std::string_view, 6> libraries = {"/libstdc++.so.", "/libc++.so.", "/libc.so.",
                                                        "/ld-linux",      "/libk42mc",   "/libasan.so."};
+// Debug information does not always say that an inlined function is of std.
+constexpr std::array<std::string_view, 2> headers = {"/include/c++/", "/usr/lib/gcc/"};
 
-bool is_libc(std::string_view module) {
-    return module.find("/libc.so.") != std::string_view::npos;
+bool contains(std::string_view text, std::string_view part) {
+    return text.find(part) != std::string_view::npos;
 }
 
 bool is_startup(std::string_view module, std::string_view function) {
-    return is_libc(module) || function == "_start";
+    return contains(module, "/libc.so.") || function == "_start";
 }
 
 std::string joined(std::string_view function, std::string_view place) {
@@ -95,12 +97,15 @@ StackFrame Names::frame(std::string_view pc, const SourceFrame &source) const {
         return matches_pattern(pattern, frame.function) || matches_pattern(pattern, frame.full) ||
                matches_pattern(pattern, frame.file) || matches_pattern(pattern, module);
     };
-    frame.is_own =
-        !frame.is_startup && pc != cut_mark &&
-        std::ranges::none_of(allocators,
-                             [&](auto pattern) { return matches_pattern(pattern, frame.function); }) &&
-        std::ranges::none_of(libraries, [&](auto part) { return module.find(part) != module.npos; }) &&
-        std::ranges::none_of(options_.skipped, matches);
+    const auto allocates = [&](std::string_view pattern) {
+        return matches_pattern(pattern, frame.function);
+    };
+    const auto is_in_module = [&](std::string_view name) { return contains(module, name); };
+    const auto is_in_header = [&](std::string_view folder) { return contains(frame.file, folder); };
+    frame.is_own = !frame.is_startup && pc != cut_mark && std::ranges::none_of(allocators, allocates) &&
+                   std::ranges::none_of(libraries, is_in_module) &&
+                   std::ranges::none_of(headers, is_in_header) &&
+                   std::ranges::none_of(options_.skipped, matches);
     return frame;
 }
 

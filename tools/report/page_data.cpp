@@ -69,8 +69,8 @@ private:
     }
 
     uint32_t number_of(const Process &process) const {
-        return static_cast<uint32_t>(
-            std::min<size_t>(&process - report_.processes.data(), seen_.processes().size() - 1));
+        return static_cast<uint32_t>(std::min(static_cast<size_t>(&process - report_.processes.data()),
+                                              seen_.processes().size() - 1));
     }
 
     // [process, is a fault, title, [[heading, trace], ...]]

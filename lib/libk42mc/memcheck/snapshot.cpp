@@ -13,7 +13,7 @@ namespace k42mc::internal {
 namespace {
 
 // Sites that hold nothing: what is told of each is some hundred bytes.
-constexpr uint32_t most_others = 2000;
+constexpr uint32_t most_others = 500;
 
 SiteKey key_of(const AllocationSite &site) {
     SiteKey key{site.file, site.line, site.type, site.frame_count, site.outer, {}};
