@@ -83,7 +83,7 @@ void SeenSites::prefer_busy() {
     std::vector<bool> is_busy(most_.size());
     for (const uint32_t site : busy)
         is_busy[site] = true;
-    std::ranges::stable_partition(ranked_, [&](uint32_t site) { return is_busy[site]; });
+    std::stable_partition(ranked_.begin(), ranked_.end(), [&](uint32_t site) { return is_busy[site]; });
 }
 
 size_t SeenSites::within_reach() const {

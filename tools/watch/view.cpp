@@ -33,9 +33,14 @@ std::string identity_of(const Site &site) {
     return identity;
 }
 
+char lower(char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter;
+}
+
 bool contains(std::string_view text, std::string_view part) {
-    const auto lower = [](char letter) { return letter >= 'A' && letter <= 'Z' ? letter + 32 : letter; };
-    return !std::ranges::search(text, part, {}, lower, lower).empty() || part.empty();
+    const auto is_same = [](char left, char right) { return lower(left) == lower(right); };
+    return part.empty() ||
+           std::search(text.begin(), text.end(), part.begin(), part.end(), is_same) != text.end();
 }
 
 } // namespace
