@@ -274,7 +274,8 @@ TEST_F(JsonReport, HasTracesAsDeepAsSomebodyAsksFor) {
     const auto told = [](int calls) {
         void *(*volatile functions[])(int) = {from_left, from_right, from_left};
         void *blocks[3];
-        for (int i = 0; i < 3; ++i)
+#pragma GCC unroll 1
+        for (int i = 0; i < 3; ++i) // from one place
             blocks[i] = functions[i](calls);
         std::string text = chains();
         const std::string trace = check(blocks[0]);

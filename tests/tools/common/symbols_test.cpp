@@ -97,7 +97,9 @@ TEST(Symbols, WhatWasInlinedHasFramesOfItsOwn) {
     EXPECT_TRUE(frames[0].function.starts_with("inlined") && frames[0].inlined) << frames[0].function;
     EXPECT_TRUE(frames[1].function.starts_with("operator()") && frames[1].inlined) << frames[1].function;
     EXPECT_TRUE(frames[0].line < frames[2].line && frames[2].line < frames[1].line);
-    EXPECT_NE(frames[2].function.find("call_of_inlined()::{lambda"), std::string::npos);
+    // Compilers number lambdas each in its way.
+    EXPECT_TRUE(frames[2].function.find("call_of_inlined()::") != std::string::npos)
+        << frames[2].function;
     EXPECT_FALSE(frames[2].inlined);
 }
 
