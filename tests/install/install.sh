@@ -199,7 +199,10 @@ for standard in 14 17 20; do
         "${words[@]}" "$build"/lib/libgtest{_main,}.a
     status=0
     ./leak_test >said 2>&1 || status=$?
-    ((status == 1)) && grep -qx 'left behind: 1 block, 12 bytes' said || { cat said; fail "GoogleTest, C++$standard"; }
+    if ((status != 1)) || ! grep -qx 'left behind: 1 block, 12 bytes' said; then
+        cat said
+        fail "GoogleTest, C++$standard"
+    fi
 done
 
 # The command is of 64 bits. The program's own checker and the one that comes from outside are one.

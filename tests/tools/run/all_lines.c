@@ -17,14 +17,10 @@ enum { LONG_CHAIN = 100, MANY_ROOTS = 10 };
 
 static struct node *chain;
 // Each is a root by itself.
-static void *volatile root0,
-    *volatile root1, *volatile root2, *volatile root3, *volatile root4, *volatile root5,
-                                                                            *volatile root6,
-                                                                                *volatile root7,
-                                                                                    *volatile root8,
-                                                                                        *volatile root9;
-static void *volatile *const roots[MANY_ROOTS] = {&root0, &root1, &root2, &root3, &root4,
-                                                  &root5, &root6, &root7, &root8, &root9};
+typedef void *volatile root;
+static root root0, root1, root2, root3, root4, root5, root6, root7, root8, root9;
+static root *const roots[MANY_ROOTS] = {&root0, &root1, &root2, &root3, &root4,
+                                        &root5, &root6, &root7, &root8, &root9};
 
 // Through pointers that the compiler cannot see through.
 static char *volatile released, *volatile written;
