@@ -80,7 +80,7 @@ uint32_t take_alone(uintptr_t address, Lane &lane) {
 [[gnu::always_inline]] inline void end_record(uint32_t number, Lane &lane) {
     const Record &record = record_at(number);
     lane.traffic.freed[record.type()].add(record.size);
-    if (record.age(gMCCycle) != 0) [[unlikely]]
+    if (gMCCycle != 0 && record.age(gMCCycle) != 0) [[unlikely]]
         count_aged(record, lane);
     lane.free_records.give_back(number);
 }
