@@ -1,5 +1,6 @@
 #include "tools/report/columns.h"
 
+#include "tools/common/counted.h"
 #include "tools/common/fit.h"
 
 #include <algorithm>
@@ -56,6 +57,14 @@ std::vector<Column> columns_of(const Histories &histories, std::span<const SiteH
     const uint32_t room = width == any_width || width >= wide ? wide_line : narrow_line;
     add("", [&](const SiteHistory &site) { return sparkline(site, histories.cycles(), room); });
     return columns;
+}
+
+std::string amount_of(const SiteHistory &site, Order order) {
+    if (!is_by_counts(order))
+        return counted(site.held.bytes, "byte") + " in " + counted(site.held.blocks, "block");
+    return counted(site.allocated.blocks, "allocation") + " of " +
+           counted(site.allocated.bytes, "byte") + ", " + std::to_string(site.temporary.blocks) +
+           " of them temporary,";
 }
 
 std::string heading_of(std::span<const Column> columns) {

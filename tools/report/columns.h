@@ -18,6 +18,9 @@ struct Column {
 std::vector<Column> columns_of(const Histories &histories, std::span<const SiteHistory> sites,
                                Order order, size_t width);
 
+// "40 bytes in 2 blocks"; where the order is by what was counted since the start, that.
+std::string amount_of(const SiteHistory &site, Order order);
+
 // Up to where the site's name stands.
 std::string heading_of(std::span<const Column> columns);
 std::string row_of(std::span<const Column> columns, size_t row);

@@ -86,9 +86,7 @@ private:
         const Trace trace = report_.site(site.site).trace;
         if (trace.empty())
             return;
-        out_ << '\n'
-             << counted(site.held.bytes, "byte") << " in " << counted(site.held.blocks, "block")
-             << " from\n";
+        out_ << '\n' << amount_of(site, style_.order) << " from\n";
         print_trace(trace);
         if (site.held_by != nullptr)
             print_holders(*site.held_by);

@@ -172,9 +172,7 @@ std::vector<Line> View::table(size_t height, size_t width) {
 std::vector<Line> View::stack(size_t height, size_t width) {
     const SiteHistory &history = *rows_[chosen_].site;
     const Site &site = report_.site(history.site);
-    std::vector<Line> lines = {
-        {counted(history.held.bytes, "byte") + " in " + counted(history.held.blocks, "block") + " from",
-         Line::Style::heading}};
+    std::vector<Line> lines = {{amount_of(history, order_) + " from", Line::Style::heading}};
     const auto add = [&](const std::string &text) { lines.push_back({"  " + printable(text)}); };
     for (const StackFrame &frame : names_->frames(site.trace))
         lines.push_back({"  " + frame.text(left_behind(2, width))});

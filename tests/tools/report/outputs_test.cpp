@@ -136,7 +136,10 @@ total: 90 bytes in 9 blocks; 2 sites, 1 cycle, 1 process
                  "  BYTES  BLOCKS  AGE  ALLOCATIONS  TEMPORARY  SITE\n"
                  "      0       0    0            9          8  idle.c:1 (STD)\n"
                  "     50       5    3            0          0  a.c:12 (STD)\n"));
-    EXPECT_TRUE(contains(table(report, Order::allocated), "            9         99  idle.c:1 (STD)\n"));
+    const std::string busiest = table(report, Order::allocated);
+    EXPECT_TRUE(contains(busiest, "            9         99  idle.c:1 (STD)\n"));
+    EXPECT_TRUE(
+        contains(busiest, "\n9 allocations of 99 bytes, 8 of them temporary, from\n    /no/p+0x2b\n"));
     const Process later = json(json_lines + json_lines).processes[0]; // the last report counts
     EXPECT_EQ(later.damages.size(), 1u);
     EXPECT_EQ(later.descriptors.size(), 4u);
