@@ -31,6 +31,8 @@ TEST(Names, FitTheWidthThereIs) {
     EXPECT_EQ(name.fitted(9), "net::read");
     EXPECT_EQ(name.fitted(8), "net::…");
     EXPECT_EQ(width_of("…/ü\xff"), 4u);
+    EXPECT_EQ(fit_path("/a/bc/d.c", 8), "…/bc/d.c");
+    EXPECT_EQ(fit_path("/a/bc/d.c", 7), "…/d.c");
 }
 
 // Modules that are not there have no symbols: what is left are their names.

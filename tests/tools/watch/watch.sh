@@ -62,7 +62,9 @@ END
 start "$work/few.json"
 wait_for '^30 bytes in 3 blocks; 2 sites, 1 cycle, 1 process'
 [[ $(grep -n '/no/two' "$work/screen" | cut -d: -f1) == 4 ]] || { cat "$work/screen" && exit 1; }
-terminal send-keys n
+terminal send-keys Down n Enter # what was chosen stays so, wherever it goes
+wait_for '^  /no/one\+0x1$'
+terminal send-keys Enter
 wait_for 'n\*blocks'
 [[ $(grep -n '/no/one' "$work/screen" | cut -d: -f1) == 4 ]] || { cat "$work/screen" && exit 1; }
 terminal send-keys / ONE
@@ -78,6 +80,27 @@ wait_for 'No such file'
 wait_for '^17 bytes in 2 blocks from$' # what was read stays
 terminal send-keys q
 wait_for '^status 0$'
+
+# A process that a signal would end gets none.
+kill "$pid"
+"$k42mc" run --signal USR2 --output "$work/reports" -- /usr/bin/python3 -c '
+import signal, time
+signal.signal(signal.SIGUSR2, signal.SIG_DFL)
+print("ready", flush=True)
+time.sleep(100)' >"$work/said" 2>&1 &
+program=$!
+for ((i = 0; i < 200; ++i)); do
+    ! grep ready "$work/said" >"$work/found" || break
+    sleep 0.05
+done
+pid=$(pgrep -P "$program")
+start --every 1 "$pid"
+wait_for "^process $pid"
+sleep 0.5
+kill -0 "$pid"
+terminal send-keys r
+sleep 0.5
+kill -0 "$pid"
 
 start "$work/nothing"
 wait_for 'nothing: no such file, folder or process'
