@@ -3,6 +3,7 @@
 set -euo pipefail
 
 k42mc=$1
+/usr/bin/python3 -c 'import os; os.openpty()' 2>/dev/null || exit 77 # there are no terminals here
 work=$(mktemp -d)
 terminals=0
 terminal() { tmux -L "k42mc-watch-$$-$terminals" -f /dev/null "$@"; }
