@@ -3,6 +3,7 @@
 #include "tools/report/diff.h"
 #include "tools/report/html.h"
 #include "tools/report/machine.h"
+#include "tools/report/name_options.h"
 #include "tools/report/pprof.h"
 #include "tools/report/reader.h"
 #include "tools/report/sarif.h"
@@ -176,14 +177,7 @@ void add_report(CLI::App &app) {
         ->transform(CLI::Validator(take_order, ""));
     command->add_flag("--lost", options->lost, "In the table, only sites with lost blocks");
     command->add_option("--top", options->top, "Number of sites to show (default 20)")->type_name("N");
-    command
-        ->add_option("--skip-frames", options->names.skipped,
-                     "Name sites by what called functions, files or modules that match")
-        ->type_name("PATTERN")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    command->add_flag("--all-frames", options->names.all_frames,
-                      "In the table, also what calls main and threads' functions");
+    add_name_options(*command, options->names, "In the table");
     CLI::Option *const forms[] = {
         command->add_option("--html", options->html, "Write a page to look at and click through")
             ->type_name("FILE"),

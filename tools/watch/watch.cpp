@@ -1,5 +1,5 @@
 #include "tools/commands.h"
-#include "tools/common/printable.h"
+#include "tools/report/name_options.h"
 #include "tools/watch/feed.h"
 #include "tools/watch/view.h"
 
@@ -143,13 +143,6 @@ void add_watch(CLI::App &app) {
     command->add_option("--every", options->every, "Ask a process so often, in seconds (default 5)")
         ->type_name("SECONDS")
         ->check(CLI::Range(1U, 86400U));
-    command
-        ->add_option("--skip-frames", options->names.skipped,
-                     "Name sites by what called functions, files or modules that match")
-        ->type_name("PATTERN")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    command->add_flag("--all-frames", options->names.all_frames,
-                      "In stacks, also what calls main and threads' functions");
+    add_name_options(*command, options->names, "In stacks");
     command->callback([options] { watch(*options); });
 }
