@@ -110,6 +110,13 @@ template <class Print> void write_file(const std::string &path, Print print) {
     std::cout << "wrote " << printable(path) << '\n';
 }
 
+void finish_output() {
+    if (std::cout.flush())
+        return;
+    std::cerr << "k42mc: not all could be written\n";
+    throw CLI::RuntimeError(1);
+}
+
 void report(const Options &options) {
     Report report = read(options.paths);
     Symbolizer symbolizer;
@@ -135,7 +142,7 @@ void report(const Options &options) {
                     {options.order, options.top, isatty(STDOUT_FILENO) != 0 && !getenv("NO_COLOR"),
                      options.lost, terminal_width()},
                     names);
-    std::cout.flush();
+    finish_output();
     tell_problems(report);
 }
 
@@ -144,7 +151,7 @@ void diff(const std::string &before, const std::string &after, size_t top) {
     Symbolizer symbolizer;
     Names names(symbolizer);
     print_changes(std::cout, changes_between(reports[0], reports[1]), top, names);
-    std::cout.flush();
+    finish_output();
     for (const Report &report : reports)
         tell_problems(report);
 }
@@ -153,12 +160,14 @@ void symbolize(const std::string &path) {
     Symbolizer symbolizer;
     if (path.empty() || path == "-") {
         symbolize(std::cin, std::cout, symbolizer);
+        finish_output();
         return;
     }
     std::ifstream file(path);
     if (!file)
         fail(path);
     symbolize(file, std::cout, symbolizer);
+    finish_output();
 }
 
 } // namespace

@@ -21,6 +21,8 @@ folder=$(sed -n 's/^k42mc: read more with: k42mc report //p' err)
 [[ $(stat -c %a "$HOME/.local") == 700 ]] || fail 'a folder for all to read'
 "$k42mc" report "$folder" >out || fail 'k42mc report'
 grep -q leaky_function out || fail 'not in the report'
+"$k42mc" report --json "$folder" >/dev/full 2>err && fail 'a report that was not written'
+grep 'not all could be written' err >out || fail 'nothing said of what was not written'
 XDG_STATE_HOME=$work/state k42mc_run 0 "$subject" nothing
 silent 'read more'
 XDG_STATE_HOME=$work/state k42mc_run 127 /nonexistent
