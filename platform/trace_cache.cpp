@@ -1,23 +1,46 @@
 #include "platform/trace_cache.h"
 
+#include "platform/platform.h"
 #include "platform/threads.h"
 
 #include <algorithm>
+#include <atomic>
+#include <iterator>
 
 #include <errno.h>
 
 namespace k42mc::internal::platform {
 
 constinit thread_local TraceCache *TraceCache::own = nullptr;
+constinit thread_local bool TraceCache::came_too_late = false;
 
 namespace {
 
-// For so many threads at a time; only what is used takes memory. Nobody tells when a thread ends, and
-// the thread's own memory is no place: a library that is loaded late finds little room there.
-constinit TraceCache gCaches[64] = {};
+// Nobody tells when a thread ends, and the thread's own memory is no place: a library that is loaded late
+// finds little room there. So a cache stays, for one thread after another.
+struct CachePlace {
+    std::atomic<uint64_t> owner; // process and thread, as the system numbers them
+    std::atomic<TraceCache *> cache;
 
-// Of threads that came too late: always resting.
-constinit TraceCache gNoCache = {};
+    // Whether it is the thread's now.
+    bool claim(uint64_t thread) {
+        uint64_t former = owner.load(std::memory_order_relaxed);
+        return (former == 0 || has_ended(former)) &&
+               owner.compare_exchange_strong(former, thread, std::memory_order_acquire);
+    }
+
+    // For its owner. Null when memory runs out.
+    TraceCache *cache_of_owner() {
+        TraceCache *known = cache.load(std::memory_order_relaxed);
+        if (known == nullptr) {
+            known = static_cast<TraceCache *>(map_memory(sizeof(TraceCache)));
+            cache.store(known, std::memory_order_release);
+        }
+        return known;
+    }
+};
+
+constinit CachePlace places[TraceCache::most] = {};
 
 // Learning a frame costs about twice as much as knowing one saves. A cache that does not pay rests, for
 // traces that did not repeat may do so later; finding out costs a fiftieth of the longest rest.
@@ -26,8 +49,8 @@ constexpr uint32_t shortest_rest = 512, most_doublings = 4;
 
 } // namespace
 
-std::span<const std::byte> TraceCache::memory() {
-    return std::as_bytes(std::span(gCaches));
+const TraceCache *TraceCache::number(size_t i) {
+    return places[i].cache.load(std::memory_order_acquire);
 }
 
 void TraceCache::start() {
@@ -38,24 +61,20 @@ void TraceCache::start() {
 void TraceCache::claim() {
     const int kept_errno = errno;
     const uint64_t self = own_thread();
-    gNoCache.state = resting;
-    own = &gNoCache;
-    for (TraceCache &cache : gCaches) {
-        uint64_t owner = cache.owner.load(std::memory_order_relaxed);
-        if ((owner == 0 || has_ended(owner)) &&
-            cache.owner.compare_exchange_strong(owner, self, std::memory_order_acquire)) {
-            cache.start();
-            own = &cache;
-            break;
-        }
-    }
+    CachePlace *const place =
+        std::ranges::find_if(places, [&](CachePlace &each) { return each.claim(self); });
+    TraceCache *const cache = place != std::end(places) ? place->cache_of_owner() : nullptr;
+    if (cache != nullptr)
+        cache->start();
+    own = cache;
+    came_too_late = cache == nullptr;
     errno = kept_errno;
 }
 
 TraceCache *TraceCache::take_another_time() {
-    if (!own)
+    if (own == nullptr && !came_too_late)
         claim();
-    else if (own != &gNoCache && own->state == resting && --own->rest == 0)
+    else if (own != nullptr && own->state == resting && --own->rest == 0)
         own->state = available;
     return nullptr;
 }

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
-#include <span>
 #include <utility>
 
 namespace k42mc::internal::platform {
@@ -24,16 +23,6 @@ namespace k42mc::internal::platform {
 struct Frame {
     uintptr_t pc;
     uintptr_t stack_pointer, frame_pointer;
-};
-
-// Words on the stack, each with the value that it had.
-template <int most> struct Slots {
-    uint32_t distances[most]; // from the stack pointer at the start
-    uintptr_t values[most];
-
-    bool holds(int i, uintptr_t stack_pointer) const {
-        return load(stack_pointer + distances[i]) == values[i];
-    }
 };
 
 // A segment of two steps, on a stack that grows down:
@@ -49,8 +38,9 @@ template <int most> struct Slots {
 //       | locals              |
 //       +---------------------+ <- start.stack_pointer                distances count from here
 //
-// The return addresses of the library's own leading frames, which are no part of the trace, are among
-// the others. It holds that:
+// Slots are words on the stack, each with the value that it had: first those of return addresses that
+// belong to the trace, then the others, among them the return addresses of the library's own leading
+// frames. It holds that:
 //
 // 1. All slots lie between the two stack pointers. So one comparison with the end of the stack says that
 //    all can be read.
@@ -65,22 +55,23 @@ template <int most> struct Slots {
 struct CachedSegment {
     // The innermost calls change the most. A guard keeps five frames, below those of the wrappers; one
     // more segment holds what the checker keeps.
-    static constexpr int innermost_frames = 6, most_frames = 12, most_others = 12;
+    static constexpr int innermost_frames = 6, most_frames = 12, most_slots = 21;
+    // Of slots, from the stack pointer at the start; counted in words, as the next ones are.
+    static constexpr uintptr_t most_distance = UINT16_MAX;
 
     Frame start;
     uintptr_t end_pc;
-    uint16_t module;                 // that has to be in its place, but for those that stay
     uint32_t length;                 // in bytes
-    uint32_t frame_pointer_distance; // to where the next frame's is saved
+    uint16_t frame_pointer_distance; // to where the next frame's is saved
+    uint16_t module;                 // that has to be in its place, but for those that stay
     bool starts_inside;              // the library's own leading frames go on
     bool needs_frame_pointer;
     bool moves_frame_pointer; // the next frame's is another
     bool is_last;             // nobody called the last frame
     uint8_t return_count;     // of frames that belong to the trace
-    uint8_t other_count;
-
-    Slots<most_frames> returns;
-    Slots<most_others> others;
+    uint8_t slot_count;
+    uint16_t distances[most_slots];
+    uintptr_t values[most_slots];
 
     bool starts_at(const Frame &frame, const TraceBuffer &trace) const {
         return start.pc == frame.pc && start.stack_pointer == frame.stack_pointer &&
@@ -93,20 +84,24 @@ struct CachedSegment {
                                       void **behind) const {
         if (length > stack_end - stack_pointer)
             return false;
-        for (int i = 0; i < other_count; ++i)
-            if (!others.holds(i, stack_pointer))
+        for (int i = return_count; i < slot_count; ++i)
+            if (!slot_holds(i, stack_pointer))
                 return false;
         for (int i = 0; i < return_count; ++i) {
-            if (!returns.holds(i, stack_pointer))
+            if (!slot_holds(i, stack_pointer))
                 return false;
-            behind[i] = reinterpret_cast<void *>(returns.values[i]);
+            behind[i] = reinterpret_cast<void *>(values[i]);
         }
         return true;
     }
 
+    bool slot_holds(int i, uintptr_t stack_pointer) const {
+        return load(stack_pointer + distances[i] * word) == values[i];
+    }
+
     void go(Frame &frame) const {
         if (moves_frame_pointer)
-            frame.frame_pointer = load(frame.stack_pointer + frame_pointer_distance);
+            frame.frame_pointer = load(frame.stack_pointer + frame_pointer_distance * word);
         frame.stack_pointer += length;
         frame.pc = end_pc;
     }
@@ -125,9 +120,9 @@ public:
     }
 
     bool has_room() const {
-        constexpr int most_others_a_step = 3;
+        constexpr int most_slots_a_step = 3;
         return steps_left > 0 && frames < room &&
-               others + most_others_a_step <= CachedSegment::most_others;
+               frames + others + most_slots_a_step <= CachedSegment::most_slots;
     }
 
     void applied(UnwindRule rule) {
@@ -149,7 +144,7 @@ public:
 
     void depended_on(uintptr_t address, uintptr_t value) {
         mind(address);
-        note(segment.others, others, address, value);
+        note_other(address, value);
     }
 
     void restored_pointer(uintptr_t address) {
@@ -160,44 +155,63 @@ public:
 
     void returned(uintptr_t address, uintptr_t pc) {
         inside = inside && TraceBuffer::is_own(pc);
-        if (inside)
-            note(segment.others, others, address, pc);
-        else
-            note(segment.returns, frames, address, pc);
+        if (inside) {
+            note_other(address, pc);
+        } else {
+            put(frames++, {address, pc});
+            --steps_left;
+        }
         segment.end_pc = pc;
-        end = address + sizeof(uintptr_t);
-        --steps_left;
+        end = address + word;
+        const uintptr_t length = end - start.stack_pointer;
+        if (length > CachedSegment::most_distance * word || length % word != 0)
+            give_up();
     }
 
     // Makes a segment of it, if that would be sound (4, 5, 1).
     void complete() {
         if (!is_sound || (end == start.stack_pointer && !segment.is_last) ||
-            lowest < start.stack_pointer || highest + sizeof(uintptr_t) > end ||
-            end - start.stack_pointer > UINT32_MAX)
+            lowest < start.stack_pointer || highest + word > end)
             return;
+        for (int i = 0; i < others; ++i)
+            put(frames + i, other_slots[i]);
         segment.module = module;
-        segment.length = distance(end);
+        segment.length = static_cast<uint32_t>(end - start.stack_pointer);
         segment.moves_frame_pointer = pointer_saved_at != 0;
-        segment.frame_pointer_distance = distance(pointer_saved_at);
+        if (segment.moves_frame_pointer)
+            segment.frame_pointer_distance = distance(pointer_saved_at);
         segment.return_count = static_cast<uint8_t>(frames);
-        segment.other_count = static_cast<uint8_t>(others);
+        segment.slot_count = static_cast<uint8_t>(frames + others);
         segment.start = start;
     }
 
 private:
+    struct Slot {
+        uintptr_t address, value;
+    };
+
     // A damaged stack can lead a walk to words outside its frames, which may be gone later.
     void mind(uintptr_t address) {
         lowest = std::min(lowest, address);
         highest = std::max(highest, address);
+        is_sound = is_sound && (address - start.stack_pointer) % word == 0;
     }
 
-    uint32_t distance(uintptr_t address) const {
-        return static_cast<uint32_t>(address - start.stack_pointer);
+    // The walk ends here, and whoever goes on does so in another segment.
+    void give_up() {
+        is_sound = false;
+        steps_left = 0;
     }
 
-    template <int most> void note(Slots<most> &slots, int &number, uintptr_t address, uintptr_t value) {
-        slots.distances[number] = distance(address);
-        slots.values[number++] = value;
+    uint16_t distance(uintptr_t address) const {
+        return static_cast<uint16_t>((address - start.stack_pointer) / word);
+    }
+
+    void note_other(uintptr_t address, uintptr_t value) { other_slots[others++] = {address, value}; }
+
+    void put(int number, Slot slot) {
+        segment.distances[number] = distance(slot.address);
+        segment.values[number] = slot.value;
     }
 
     CachedSegment &segment;
@@ -207,6 +221,7 @@ private:
     bool inside;
     uintptr_t end; // of the frames so far
     int frames = 0, others = 0;
+    Slot other_slots[CachedSegment::most_slots];
     uint16_t module = staying_module;
     uintptr_t lowest = UINTPTR_MAX, highest = 0; // of the other words
     uintptr_t pointer_saved_at = 0;
@@ -214,11 +229,14 @@ private:
     bool is_sound = true;
 };
 
-// The segments of one thread.
+// The segments of one thread. Made of zeros.
 class TraceCache {
 public:
-    // All that is kept of stacks.
-    static std::span<const std::byte> memory();
+    // For so many threads at a time.
+    static constexpr size_t most = 64;
+
+    // All that is kept of stacks: those up to the most there can be, null for none.
+    static const TraceCache *number(size_t i);
 
     // The thread's own. Null while it is in use by what a signal handler has interrupted, or rests
     // because it has been of little use, and for threads that have none.
@@ -263,9 +281,10 @@ public:
 private:
     enum State : uint32_t { available, in_use, resting };
 
-    // With two ways, traces drive each other out where addresses happen to fall so. With 16 sets, a
-    // trace takes three times as long in a program of many paths, such as sqlite3; with 256, as long.
-    static constexpr uint32_t set_bits = 7, sets = 1u << set_bits, ways = 4;
+    // With two ways, traces drive each other out where addresses happen to fall so. An interpreter that calls
+    // itself, such as bash, walks half of its traces anew with 128 sets, a sixth with 512. Only what is used
+    // takes memory.
+    static constexpr uint32_t set_bits = 10, sets = 1u << set_bits, ways = 4;
 
     static uint32_t set_of(const Frame &frame) {
         const auto mixed = static_cast<uint32_t>(frame.pc) + static_cast<uint32_t>(frame.stack_pointer);
@@ -276,14 +295,14 @@ private:
     static void claim();
     void start();
 
-    std::atomic<uint64_t> owner = 0; // process and thread, as the system numbers them
-    State state = available;
-    uint32_t known_frames = 0, unknown_frames = 0; // of late
-    uint32_t rest = 0;                             // traces to come that do without
-    uint32_t rests = 0;      // in a row, so that each is longer than the one before
-    uint8_t next[sets] = {}; // the way to fill
-    CachedSegment segments[sets][ways] = {};
+    State state;
+    uint32_t known_frames, unknown_frames; // of late
+    uint32_t rest;                         // traces to come that do without
+    uint32_t rests;                        // in a row, so that each is longer than the one before
+    uint8_t next[sets];                    // the way to fill
+    CachedSegment segments[sets][ways];
 
+    static constinit thread_local bool came_too_late; // for one
     static constinit thread_local TraceCache *own;
 };
 

@@ -31,8 +31,9 @@
 
 enum { call_depth = 14, most_path_bits = 15 };
 
+/* Threads write to theirs all the time, so no two share a line of cache. */
 struct worker {
-    pthread_t thread;
+    _Alignas(128) pthread_t thread;
     uint32_t random; /* xorshift */
     uint32_t paths;
     int depth, pairs_a_path;
@@ -167,7 +168,8 @@ int main(int count, char **arguments) {
     const int shared = count > 5 && strcmp(arguments[5], "shared") == 0;
     const uint32_t paths = count > 5 && !shared ? (uint32_t)atoi(arguments[5]) : 0;
     const size_t own = shared ? live : live / (size_t)threads;
-    struct worker *const workers = calloc((size_t)threads, sizeof *workers);
+    struct worker *const workers =
+        aligned_alloc(_Alignof(struct worker), (size_t)threads * sizeof *workers);
     char **const blocks = calloc(live, sizeof *blocks);
     memset(blocks, 1, live * sizeof *blocks); /* resident before the blocks are counted */
     memset(blocks, 0, live * sizeof *blocks);

@@ -38,7 +38,7 @@ size_t site_chunk_count() {
 size_t most_left_out(const Moment &moment) {
     constexpr size_t kept_stacks = 1024, lanes = 1024, of_page_blocks = 2;
     return of_page_blocks + moment.threads.size() + gMCChunkCount + site_chunk_count() +
-           quarantine_chunk_count() + kept_stacks + lanes;
+           quarantine_chunk_count() + platform::TraceCache::most + kept_stacks + lanes;
 }
 
 } // namespace
@@ -54,9 +54,11 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
     left_out_.add(memory.begin(), memory.end());
     const Range noted = memory_of_added_roots();
     left_out_.add(noted.begin, noted.end);
-    const std::span<const std::byte> caches = platform::TraceCache::memory();
-    left_out_.add(reinterpret_cast<uintptr_t>(caches.data()),
-                  reinterpret_cast<uintptr_t>(caches.data() + caches.size()));
+    for (size_t i = 0; i < platform::TraceCache::most; ++i) {
+        const platform::TraceCache *const cache = platform::TraceCache::number(i);
+        left_out_.add(reinterpret_cast<uintptr_t>(cache),
+                      reinterpret_cast<uintptr_t>(cache + (cache != nullptr)));
+    }
     for (uint32_t i = 0; i < gMCChunkCount; ++i)
         left_out_.add(reinterpret_cast<uintptr_t>(gMCChunks[i]),
                       reinterpret_cast<uintptr_t>(gMCChunks[i] + 1));
