@@ -8,6 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/single_threaded.h>
 #include <time.h>
 
 #include <span>
@@ -21,6 +22,16 @@ namespace k42mc::internal::platform {
 // however the compiler inlined them; library frames below a callback of the user stay.
 // Returns the number stored, at most `most`. Allocates nothing, keeps errno.
 int backtrace_skip(void **frames, int most);
+
+// By what a trace is known again: traces with the same mark are the same, in whatever threads.
+struct TraceMark {
+    static constexpr int most_parts = 3;
+
+    uint64_t parts[most_parts]; // all 0 for a trace that is new, or has none
+    bool is_known() const { return parts[0] != 0; }
+    bool operator==(const TraceMark &) const = default;
+};
+int backtrace_skip(void **frames, int most, TraceMark &mark);
 
 // That of the thread that a signal handler has interrupted, by the handler's third argument. Readers look for the call
 // ahead of an address: so the first is the one behind the place.
@@ -151,7 +162,9 @@ const char *progname();
 size_t page_size();
 
 // Whether the process has had a second thread.
-bool single_threaded();
+inline bool single_threaded() {
+    return __libc_single_threaded;
+}
 
 // Whether this is a child of vfork, which runs on its parent's memory until it execs.
 bool borrows_memory();

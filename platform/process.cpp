@@ -4,7 +4,6 @@
 
 #include <pthread.h>
 #include <sys/resource.h>
-#include <sys/single_threaded.h>
 #include <unistd.h>
 
 namespace k42mc::internal::platform {
@@ -15,10 +14,6 @@ const char *progname() {
 
 size_t page_size() {
     return static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
-
-bool single_threaded() {
-    return __libc_single_threaded;
 }
 
 // Such a child has its parent's thread record, and so the clock of its parent's thread. The system makes

@@ -102,7 +102,7 @@ struct Walk {
     Frame frame = walk.frame;
     TraceBuffer trace = walk.trace;
     ModuleCheck check = cache.check;
-    Recorder recorder(cache.place_for(frame), frame, trace, most_frames);
+    Recorder recorder(cache.place_for(frame), cache.next_serial(), frame, trace, most_frames);
     Outcome outcome = Outcome::went_on;
     while (recorder.has_room() && (outcome = step(stack, frame, check, &recorder)) == Outcome::went_on)
         trace.add(frame.pc);
@@ -142,9 +142,15 @@ struct Walk {
 
 } // namespace
 
+int backtrace_skip(void **frames, int most) {
+    TraceMark unwanted;
+    return backtrace_skip(frames, most, unwanted);
+}
+
 // The way of a trace that is known whole; others go on in functions of their own, so that it needs few
 // registers.
-int backtrace_skip(void **frames, int most) {
+int backtrace_skip(void **frames, int most, TraceMark &mark) {
+    mark = {};
     if (most <= 0)
         return 0;
     // A function that asks for its frame's address has a frame pointer.
@@ -154,10 +160,16 @@ int backtrace_skip(void **frames, int most) {
     if (!cache)
         return walk(frames, most, start);
     Walk walk(frames, most, start);
-    while (walk.trace.room() > 0) {
+    for (int part = 0; walk.trace.room() > 0; ++part) {
         const CachedSegment *segment = cache->find(walk.frame, walk.stack.high, walk.trace);
-        if (!segment)
+        if (!segment) {
+            mark = {};
             return walk_and_learn(frames, most, walk, *cache);
+        }
+        if (part < TraceMark::most_parts) [[likely]]
+            mark.parts[part] = segment->serial;
+        else
+            mark = {};
         if (follow(walk, *segment) == Outcome::ended)
             break;
     }

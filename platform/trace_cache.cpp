@@ -30,10 +30,12 @@ struct CachePlace {
     }
 
     // For its owner. Null when memory runs out.
-    TraceCache *cache_of_owner() {
+    TraceCache *cache_of_owner(size_t number) {
         TraceCache *known = cache.load(std::memory_order_relaxed);
         if (known == nullptr) {
             known = static_cast<TraceCache *>(map_memory(sizeof(TraceCache)));
+            if (known != nullptr)
+                known->begin_serials(number);
             cache.store(known, std::memory_order_release);
         }
         return known;
@@ -63,7 +65,8 @@ void TraceCache::claim() {
     const uint64_t self = own_thread();
     CachePlace *const place =
         std::ranges::find_if(places, [&](CachePlace &each) { return each.claim(self); });
-    TraceCache *const cache = place != std::end(places) ? place->cache_of_owner() : nullptr;
+    TraceCache *const cache =
+        place != std::end(places) ? place->cache_of_owner(static_cast<size_t>(place - places)) : nullptr;
     if (cache != nullptr)
         cache->start();
     own = cache;

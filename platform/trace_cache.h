@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <utility>
 
@@ -52,15 +53,18 @@ struct Frame {
 // 4. All rules came from modules that stay, and from one that may go, at most: `module`.
 // 5. It leads on: length is above 0, unless nobody called the last frame.
 // 6. A segment that is being recorded, or was given up, starts at pc 0, where no walk comes.
+// 7. No other segment has, or had, the same serial number, of whatever thread. So it stands for the part of
+//    a trace.
 struct CachedSegment {
     // The innermost calls change the most. A guard keeps five frames, below those of the wrappers; one
     // more segment holds what the checker keeps.
-    static constexpr int innermost_frames = 6, most_frames = 12, most_slots = 21;
+    static constexpr int innermost_frames = 6, most_frames = 12, most_slots = 20;
     // Of slots, from the stack pointer at the start; counted in words, as the next ones are.
     static constexpr uintptr_t most_distance = UINT16_MAX;
 
     Frame start;
     uintptr_t end_pc;
+    uint64_t serial;
     uint32_t length;                 // in bytes
     uint16_t frame_pointer_distance; // to where the next frame's is saved
     uint16_t module;                 // that has to be in its place, but for those that stay
@@ -111,8 +115,9 @@ struct CachedSegment {
 class Recorder {
 public:
     // The segment is none until it is complete (6).
-    Recorder(CachedSegment &result, const Frame &its_start, const TraceBuffer &trace, int most)
-        : segment(result), start(its_start), room(trace.room()), steps_left(most),
+    Recorder(CachedSegment &result, uint64_t its_serial, const Frame &its_start,
+             const TraceBuffer &trace, int most)
+        : segment(result), serial(its_serial), start(its_start), room(trace.room()), steps_left(most),
           inside(trace.is_inside()), end(start.stack_pointer) {
         segment.start = {};
         segment.starts_inside = inside;
@@ -182,6 +187,7 @@ public:
             segment.frame_pointer_distance = distance(pointer_saved_at);
         segment.return_count = static_cast<uint8_t>(frames);
         segment.slot_count = static_cast<uint8_t>(frames + others);
+        segment.serial = serial;
         segment.start = start;
     }
 
@@ -215,6 +221,7 @@ private:
     }
 
     CachedSegment &segment;
+    const uint64_t serial; // (7)
     const Frame start;
     const int room;
     int steps_left;
@@ -229,7 +236,7 @@ private:
     bool is_sound = true;
 };
 
-// The segments of one thread. Made of zeros.
+// The segments of one thread. Made of zeros, but for a first serial number of its own.
 class TraceCache {
 public:
     // For so many threads at a time.
@@ -237,6 +244,9 @@ public:
 
     // All that is kept of stacks: those up to the most there can be, null for none.
     static const TraceCache *number(size_t i);
+
+    // For the one with that number, once.
+    void begin_serials(size_t i) { last_serial = uint64_t{i} << (64 - std::bit_width(most)); }
 
     // The thread's own. Null while it is in use by what a signal handler has interrupted, or rests
     // because it has been of little use, and for threads that have none.
@@ -276,6 +286,8 @@ public:
         return segments[set][next[set]++ % ways];
     }
 
+    uint64_t next_serial() { return ++last_serial; }
+
     ModuleCheck check; // of the trace in progress
 
 private:
@@ -296,6 +308,7 @@ private:
     void start();
 
     State state;
+    uint64_t last_serial;                  // goes on with the next thread
     uint32_t known_frames, unknown_frames; // of late
     uint32_t rest;                         // traces to come that do without
     uint32_t rests;                        // in a row, so that each is longer than the one before

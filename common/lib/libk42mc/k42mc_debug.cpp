@@ -120,7 +120,8 @@ void store_pattern(Word *words, const std::array<uintptr_t, marked_words> &patte
 
 bool carries_pattern(const Word *words, const std::array<uintptr_t, marked_words> &pattern) {
     uintptr_t difference = 0;
-    for (size_t i = 0; i < pattern.size(); ++i)
+#pragma GCC unroll marked_words
+    for (size_t i = 0; i < marked_words; ++i)
         difference |= words[i].value ^ pattern[i];
     return difference == 0;
 }
@@ -171,18 +172,26 @@ bool decode_header(const Word *header, uintptr_t at, Layout &layout) {
     return true;
 }
 
+// Of memory that is looked at on the way of every release: errno keeps its value.
+bool probe(uintptr_t address) {
+    const int saved_errno = errno;
+    const bool readable = platform::readable(pointer_to(address), guard_bytes);
+    errno = saved_errno;
+    return readable;
+}
+
 // An underrun damages the raw size before anything else, and may put the tail anywhere. In the page
 // where the header ends, which was read already, no probe is needed; nor where the registry expects the
 // tail.
 bool tail_readable(uintptr_t user, uintptr_t tail, KnownBlock known) {
     if (tail == known.tail || (tail + guard_bytes - 1) / smallest_page == (user - 1) / smallest_page)
         return true;
-    return platform::readable(pointer_to(tail), guard_bytes);
+    return probe(tail);
 }
 
 Defect examine(uint32_t arena, uintptr_t user, KnownBlock known, Layout &layout) {
     const Word *header = words_at(user - guard_bytes);
-    if (!known.header_readable && !platform::readable(header, guard_bytes))
+    if (!known.header_readable && !probe(address_of(header)))
         return {.code = K42MC_DEFECT_WU};
     if (header[magic_word].value != magic)
         return was_freed(header) ? double_free(header, user) : underflow(header, 0);
@@ -313,7 +322,6 @@ void *guard_alloc(uint32_t arena, uint32_t alignment, void *raw, size_t raw_size
 
 ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known, StopListener listener,
                             GuardTrace *allocation) {
-    const int saved_errno = errno;
     Layout layout{};
     const uintptr_t address = address_of(user);
     const Defect defect = examine(arena, address, known, layout);
@@ -322,7 +330,6 @@ ReleasedBlock guard_release(uint32_t arena, void *user, KnownBlock known, StopLi
     if (allocation != nullptr)
         *allocation = load_trace(words_at(address - guard_bytes) + trace_word);
     mark_as_freed(address, layout);
-    errno = saved_errno;
     return {.raw = pointer_to(layout.raw),
             .raw_size = layout.raw_size,
             .user_size = layout.tail - address,

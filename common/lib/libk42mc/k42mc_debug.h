@@ -2,6 +2,7 @@
 #pragma once
 
 #include "linkage/linkage.h"
+#include "platform/prefetch.h"
 #include "stack_trace.h"
 
 #include <array>
@@ -21,6 +22,18 @@ struct KnownBlock {
     uint32_t site = 0; // what the registry calls its allocation, for who explains a defect; 0: nothing
     uintptr_t tail;    // where the registry expects the tail, which is readable then; 0: no idea
 };
+
+// Both guards of a block will be looked at: they are on their way from memory while other things are done.
+inline void expect_guard(const void *guard) {
+    platform::prefetch(guard);
+    platform::prefetch(static_cast<const char *>(guard) + K42MC_GUARD_OVERHEAD / 2 - 1);
+}
+inline void expect_release(const void *user) {
+    expect_guard(static_cast<const char *>(user) - K42MC_GUARD_OVERHEAD / 2);
+}
+inline void expect_tail(const KnownBlock &known) {
+    expect_guard(reinterpret_cast<const void *>(known.tail)); // NOLINT(performance-no-int-to-ptr)
+}
 
 // A block whose guards were found sound.
 struct ReleasedBlock {

@@ -13,7 +13,7 @@ struct StackTrace {
     // Makes at least the `wanted` innermost frames available; walks the stack only if it has to.
     void capture(int wanted) {
         if (depth < wanted) {
-            count = platform::backtrace_skip(frames, wanted);
+            count = platform::backtrace_skip(frames, wanted, mark);
             depth = wanted;
         }
     }
@@ -25,6 +25,7 @@ struct StackTrace {
     void *frames[deepest];
     int count = 0;
     int depth = 0; // frames asked for so far
+    platform::TraceMark mark;
 };
 
 } // namespace k42mc::internal

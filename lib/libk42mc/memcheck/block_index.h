@@ -7,6 +7,8 @@
 #pragma once
 
 #include "memcheck/record_store.h"
+#include "platform/own_exchange.h"
+#include "platform/platform.h"
 
 #include <k42mc/guard.h>
 
@@ -23,8 +25,10 @@ public:
     uint32_t load() const { return value_.load(std::memory_order_acquire); }
     void store(uint32_t value) { value_.store(value, std::memory_order_release); }
     bool replace(uint32_t expected, uint32_t value) {
-        return value_.compare_exchange_strong(expected, value, std::memory_order_acq_rel,
-                                              std::memory_order_relaxed);
+        return platform::single_threaded()
+                   ? platform::exchange_alone(value_, expected, value)
+                   : value_.compare_exchange_strong(expected, value, std::memory_order_acq_rel,
+                                                    std::memory_order_relaxed);
     }
 
     static bool is_chain(uint32_t value) { return value & chain; }

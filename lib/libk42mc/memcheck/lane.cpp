@@ -111,8 +111,11 @@ void clear_lanes() {
     });
 }
 
-void each_lanes_tallies(FunctionRef<void(const void *, size_t)> action) {
-    for_each_lane([&](const Lane &lane) { action(&lane.tallies, sizeof lane.tallies); });
+void each_lanes_numbers(FunctionRef<void(const void *, size_t)> action) {
+    for_each_lane([&](const Lane &lane) {
+        action(&lane.tallies, sizeof lane.tallies);
+        action(&lane.memo, sizeof lane.memo);
+    });
 }
 
 } // namespace k42mc::internal

@@ -6,6 +6,7 @@
 #include "base/function_ref.h"
 #include "memcheck/record_store.h"
 #include "memcheck/site_counts.h"
+#include "memcheck/site_memo.h"
 #include "memcheck/traffic.h"
 
 namespace k42mc::internal {
@@ -14,6 +15,7 @@ struct alignas(64) Lane : Visitor {
     FreeRecords free_records;
     Traffic traffic; // since the registry was made
     SiteTallies tallies;
+    SiteMemo memo;
 };
 
 // One operation of the calling thread on the registry: while it lives, nobody who holds gMCLock looks.
@@ -81,6 +83,6 @@ void forget_tallies();
 void clear_lanes();
 
 // With gMCLock held, or all other threads stopped.
-void each_lanes_tallies(FunctionRef<void(const void *, size_t)> action);
+void each_lanes_numbers(FunctionRef<void(const void *, size_t)> action);
 
 } // namespace k42mc::internal

@@ -3,6 +3,7 @@
 #include "base/errno_keeper.h"
 #include "base/fork.h"
 #include "platform/platform.h"
+#include "platform/prefetch.h"
 #include "platform/threads.h"
 
 #include <algorithm>
@@ -215,16 +216,15 @@ const Batch *first_with_any() {
 }
 
 // What has been kept back for long has left the caches. What will be looked at soon is asked for in time, with the
-// sizes that the allocator has ahead of it and behind it. Inlined, as compilers take a function that does nothing else
-// for one that does nothing.
-[[gnu::always_inline]] inline void prefetch(const char *begin, size_t size) {
+// sizes that the allocator has ahead of it and behind it.
+void prefetch(const char *begin, size_t size) {
     constexpr size_t line = 64;
     for (size_t at = 0; at < size; at += line)
-        __builtin_prefetch(begin + at);
-    __builtin_prefetch(begin + size);
+        platform::prefetch(begin + at);
+    platform::prefetch(begin + size);
 }
 
-[[gnu::always_inline]] inline void prefetch_behind(const Batch &batch) {
+void prefetch_behind(const Batch &batch) {
     constexpr uint32_t ahead = 8;
     constexpr size_t most = 1024;
     const uint32_t count = batch.count.load(std::memory_order_relaxed), number = batch.taken + ahead;

@@ -137,19 +137,26 @@ struct NewBlock {
                : number_of_outer_frames(std::span(frames + kept, frames + count), count == depth);
 }
 
-uint32_t site_number(const NewBlock &block) {
+uint32_t site_number(const NewBlock &block, SiteMemo &memo) {
     const char *const file = name_of(block.site);
-    std::span<void *const> frames;
-    uint32_t outer = 0;
-    if (wants_backtrace({block.site.line, block.size, block.type, file})) {
-        block.trace.capture(StackTrace::deepest);
-        frames = block.trace.innermost(AllocationSite::most_frames);
-        const int depth = trace_limit.load(std::memory_order_relaxed);
-        if (depth > AllocationSite::most_frames && frames.size() == AllocationSite::most_frames)
-            [[unlikely]]
-            outer = outer_frames_here(depth);
-    }
-    return number_of_site(file, block.site.line, block.type, frames, outer);
+    const auto number = [&](std::span<void *const> frames, uint32_t outer) {
+        return number_of_site(file, block.site.line, block.type, frames, outer);
+    };
+    if (!wants_backtrace({block.site.line, block.size, block.type, file}))
+        return number({}, 0);
+    block.trace.capture(StackTrace::deepest);
+    const std::span<void *const> frames = block.trace.innermost(AllocationSite::most_frames);
+    const int depth = trace_limit.load(std::memory_order_relaxed);
+    if (depth > AllocationSite::most_frames && frames.size() == AllocationSite::most_frames) [[unlikely]]
+        return number(frames, outer_frames_here(depth));
+    if (!block.trace.mark.is_known()) [[unlikely]]
+        return number(frames, 0);
+    const SiteMemo::Key key{file, block.site.line, block.type, block.trace.mark};
+    if (const uint32_t known = memo.find(key)) [[likely]]
+        return known;
+    const uint32_t found = number(frames, 0);
+    memo.note(key, found);
+    return found;
 }
 
 // The record of a block that was released past the wrappers, and is still there, gives way.
@@ -181,7 +188,7 @@ Outcome add(const NewBlock &block, Lane &lane, bool alone) {
             return Outcome::shared;
     }
     const uint32_t number = lane.free_records.take();
-    const uint32_t site = number != 0 ? site_number(block) : 0;
+    const uint32_t site = number != 0 ? site_number(block, lane.memo) : 0;
     if (site == 0) {
         if (number != 0)
             lane.free_records.give_back(number);
@@ -234,8 +241,6 @@ void add_block(const NewBlock &block) {
 }
 
 void record(const NewBlock &block) {
-    if (!checker_on())
-        return;
     if (block.address != 0) [[likely]]
         add_block(block);
     else if (const CheckerLock lock(MCLock() != 0); lock)
@@ -244,11 +249,7 @@ void record(const NewBlock &block) {
 
 } // namespace
 
-int trace_depth() {
-    return checker_on() && !traces_off_by_default() ? StackTrace::deepest : int{K42MC_GUARD_TRACE};
-}
-
-void record_block(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace) {
+void record_while_on(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace) {
     record({site, type, address_of(user), size, trace});
 }
 
@@ -260,6 +261,7 @@ public:
     void settle(uint32_t number, Lane &lane) {
         const Record &record = record_at(number);
         known = known_block(record);
+        expect_tail(known);
         address_ = record.address;
         type_ = record.type();
         end_record(number, lane);
@@ -284,6 +286,7 @@ private:
 KnownBlock forget_block(Site site, uint16_t type, const void *user) {
     if (!checker_on())
         return unexamined;
+    expect_release(user);
     Settled settled;
     const auto settle = [&](uint32_t number, Lane &lane) { settled.settle(number, lane); };
     if (!take_record_of(address_of(user), settle))
@@ -354,7 +357,8 @@ void replace_record(const RecordInHand &hand, Site site, uint16_t type, const vo
             settled.settle(hand.number, recording.lane());
     }
     settled.complain_unless(type, site);
-    record({site, type, address_of(user), size, trace, hand.is_kept});
+    if (checker_on())
+        record({site, type, address_of(user), size, trace, hand.is_kept});
 }
 
 bool create_registry() {

@@ -1,8 +1,10 @@
 // The registry of live blocks.
 #pragma once
 
+#include "base/checker_lock.h"
 #include "base/site.h"
 #include "k42mc_debug.h"
+#include "memcheck/block_index.h"
 #include "memcheck/record.h"
 #include "memcheck/site_table.h"
 #include "memcheck/state.h"
@@ -20,10 +22,22 @@ struct RecordInHand {
 };
 
 // How many frames the records of new blocks will want, as far as can be told outside the gate.
-int trace_depth();
+inline int trace_depth() {
+    return checker_on() && !traces_off_by_default() ? StackTrace::deepest : int{K42MC_GUARD_TRACE};
+}
+
+// A block will be recorded soon, at about this address: what that needs is on its way from memory meanwhile.
+inline void expect_block(const void *memory) {
+    if (checker_on())
+        platform::prefetch(find_entry(reinterpret_cast<uintptr_t>(memory)));
+}
 
 // Records a block; null reports a failed allocation.
-void record_block(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace);
+void record_while_on(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace);
+inline void record_block(Site site, uint16_t type, const void *user, size_t size, StackTrace &trace) {
+    if (checker_on())
+        record_while_on(site, type, user, size, trace);
+}
 
 // Forgets a block that is about to be checked and released.
 KnownBlock forget_block(Site site, uint16_t type, const void *user);

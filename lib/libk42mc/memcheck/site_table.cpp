@@ -11,6 +11,7 @@
 namespace k42mc::internal {
 
 constinit SiteChunk *gMCSites[most_site_chunks] = {};
+constinit uint32_t site_sweeps = 1; // 0: that of what was never noted
 
 namespace {
 
@@ -219,6 +220,7 @@ bool sites_need_sweep() {
 }
 
 void begin_site_sweep() {
+    ++site_sweeps;
     for_each_number([](uint32_t number) { site_at(number).in_use = false; });
 }
 
@@ -243,6 +245,7 @@ void end_site_sweep(uint32_t until_next) {
 }
 
 bool map_site_table() {
+    ++site_sweeps;
     Table *table = map_table(fewest_slots, nullptr);
     current_table.store(table, std::memory_order_release);
     return table != nullptr;

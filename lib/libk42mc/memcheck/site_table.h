@@ -52,6 +52,9 @@ uint32_t most_sites();
 uint32_t number_of_site(const char *file, int32_t line, uint16_t type, std::span<void *const> frames,
                         uint32_t outer);
 
+// How often numbers of sites may have come to mean others. It changes with nobody recording.
+extern constinit uint32_t site_sweeps;
+
 // Whether so many sites were entered that looking for those that no block needs any more is worth it.
 bool sites_need_sweep();
 

@@ -24,10 +24,6 @@ void set_type_bitmap(uint32_t bitmap) {
     std::atomic_ref(gMCTypeBitmap).store(static_cast<uint16_t>(bitmap), std::memory_order_relaxed);
 }
 
-bool traces_off_by_default() {
-    return (std::atomic_ref(gMCTypeBitmap).load(std::memory_order_relaxed) & MC_TYPE_BT_OFF) != 0;
-}
-
 bool create_containers() {
     if (create_registry() &&
         SLInit(&gMCFilterIn, nullptr, nullptr, offsetof(MCBTFilter, link), MCFilterRelease) == DS_OK &&

@@ -4,6 +4,7 @@
 
 #include "memcheck/traffic.h"
 
+#include <atomic>
 #include <k42mc/sl.hpp>
 #include <stddef.h>
 
@@ -44,7 +45,9 @@ extern Traffic gMCTrafficAtReport;
 extern Traffic gMCTrafficAtReset;
 
 void set_type_bitmap(uint32_t bitmap);
-bool traces_off_by_default();
+inline bool traces_off_by_default() {
+    return (std::atomic_ref(gMCTypeBitmap).load(std::memory_order_relaxed) & MC_TYPE_BT_OFF) != 0;
+}
 
 // Creates registry and filter lists. Returns false, with nothing left, when memory runs out.
 bool create_containers();

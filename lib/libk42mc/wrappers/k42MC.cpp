@@ -233,6 +233,7 @@ void *hand_out(Site site, uint16_t type, uint32_t alignment, void *raw, size_t r
     StackTrace trace;
     void *user = nullptr;
     if (raw != nullptr) {
+        expect_block(plain_user(raw));
         trace.capture(trace_depth());
         user = guard_alloc(arena_of(type), alignment, raw, raw_size, trace);
     }

@@ -36,7 +36,7 @@ size_t site_chunk_count() {
 }
 
 size_t most_left_out(const Moment &moment) {
-    constexpr size_t kept_stacks = 1024, lanes = 1024, of_page_blocks = 2;
+    constexpr size_t kept_stacks = 1024, lanes = 2048, of_page_blocks = 2;
     return of_page_blocks + moment.threads.size() + gMCChunkCount + site_chunk_count() +
            quarantine_chunk_count() + platform::TraceCache::most + kept_stacks + lanes;
 }
@@ -73,7 +73,7 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
         left_out_.add(reinterpret_cast<uintptr_t>(begin), reinterpret_cast<uintptr_t>(begin) + size);
     };
     each_quarantine_chunk(leave_out);
-    each_lanes_tallies(leave_out);
+    each_lanes_numbers(leave_out);
     if (!platform::is_on_signal_stack())
         leave_out_below(moment.caller.stack_pointer, moment.caller.control_block);
     for (const platform::StoppedThread &thread : moment.threads) {
