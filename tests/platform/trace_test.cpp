@@ -12,13 +12,16 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <link.h>
+#include <map>
 #include <span>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <ucontext.h>
 #include <unwind.h>
+#include <vector>
 
 extern "C" int shim_trace(void **frames, int most);
+extern "C" int shim_marked_trace(void **frames, int most, uint64_t (&parts)[3]);
 extern "C" int shim_follow(uintptr_t module_begin, uintptr_t module_end, uintptr_t address,
                            uintptr_t pc);
 
@@ -102,6 +105,35 @@ TEST_F(Traces, AreExactWhateverCalls) {
         follow_a_path(random, int(random() % 12));
     follow_a_path(random, 1000);
     EXPECT_EQ(longest, most);
+}
+
+// What is noted under a mark serves for all traces that have it.
+TEST_F(Traces, AreTheSameIfTheirMarksAre) {
+    using Mark = std::array<uint64_t, 3>;
+    static std::map<Mark, std::vector<void *>> known;
+    static void (*const take_marked)() = [] {
+        constexpr int lengths[] = {most, 5, 16};
+        void *frames[most];
+        uint64_t parts[3];
+        const int count = shim_marked_trace(frames, lengths[compared % std::size(lengths)], parts);
+        ++compared;
+        if (parts[0] == 0)
+            return;
+        const std::vector<void *> trace(frames, frames + count);
+        different += known.try_emplace(std::to_array(parts), trace).first->second != trace;
+    };
+    const auto of_a_thread = [](void *random) -> void * {
+        for (int round = 0; round < 300; ++round)
+            follow_a_path(*static_cast<Random *>(random), int(round % 12), take_marked);
+        return nullptr;
+    };
+    for (int time = 0; time < 3; ++time) {
+        pthread_t thread;
+        of_a_thread(&random);
+        pthread_create(&thread, nullptr, of_a_thread, &random);
+        pthread_join(thread, nullptr);
+    }
+    EXPECT_GT(known.size(), 100u);
 }
 
 // One set's end is the next one's begin.

@@ -238,6 +238,26 @@ TEST_F(SiteCounts, OfTheBusiestOutliveThousandsOfOthers) {
     EXPECT_EQ(end.unlisted.allocated, end.unlisted.temporary);
 }
 
+// A thread that remembers where a trace led to is not led there when that is another site.
+TEST(SitesWithTraces, AreToldApartWhenNumbersGoToOthers) {
+    checker_on(0);
+    constexpr int others = 20000, pairs = 6;
+    void *block = nullptr;
+#pragma GCC unroll 1
+    for (int time = 0; time < 5; ++time) {
+        k42MC_free("a.c", 0, block);
+        if (time == 4)
+            for (int line = 2; line < others; ++line)
+                for (int pair = 0; pair < pairs; ++pair)
+                    k42MC_free("b.c", 0, k42MC_malloc("b.c", line, 7));
+        block = k42MC_malloc("a.c", 1, 5);
+    }
+    const Report end(0);
+    EXPECT_TRUE(end.sites.contains(1));
+    k42MC_free("a.c", 0, block);
+    checker_off();
+}
+
 // A child has what its parent had counted, and counts on by itself.
 TEST_F(SiteCounts, GoOnInAChild) {
     void *const block = k42MC_malloc("a.c", 1, 10);
