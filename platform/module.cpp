@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <span>
 
 #include <link.h>
 
@@ -132,12 +134,18 @@ SymbolTable file_symbols(const Module &module, int file) {
 
 // ---- The memory ----
 
+// Many at a time, as each reading is a system call or two.
 uintptr_t dynamic_value(const Module &module, ElfW(Sxword) tag) {
-    DynamicEntry entry;
-    for (uintptr_t at = module.dynamic; fetch(own_memory, at, entry) && entry.d_tag != DT_NULL;
-         at += sizeof entry) {
-        if (entry.d_tag == tag)
-            return entry.d_un.d_val;
+    DynamicEntry entries[32];
+    size_t got = std::size(entries);
+    for (uintptr_t at = module.dynamic; got == std::size(entries); at += sizeof entries) {
+        got = fetch(own_memory, at, entries, sizeof entries) / sizeof entries[0];
+        for (const DynamicEntry &entry : std::span(entries).first(got)) {
+            if (entry.d_tag == DT_NULL)
+                return 0;
+            if (entry.d_tag == tag)
+                return entry.d_un.d_val;
+        }
     }
     return 0;
 }
@@ -168,15 +176,26 @@ SymbolTable memory_symbols(const Module &module) {
 
 } // namespace
 
-bool find_module(uintptr_t address, Module &module, uintptr_t &path) {
+bool find_loaded(uintptr_t address, LoadedModule &loaded) {
     dl_find_object found;
-    link_map map;
-    if (_dl_find_object(reinterpret_cast<void *>(address), &found) != 0 ||
-        !fetch(own_memory, reinterpret_cast<uintptr_t>(found.dlfo_link_map), map))
+    if (_dl_find_object(reinterpret_cast<void *>(address), &found) != 0)
         return false;
-    module = {reinterpret_cast<uintptr_t>(found.dlfo_map_start),
-              reinterpret_cast<uintptr_t>(found.dlfo_map_end), map.l_addr,
-              reinterpret_cast<uintptr_t>(map.l_ld)};
+    loaded = {reinterpret_cast<uintptr_t>(found.dlfo_map_start),
+              reinterpret_cast<uintptr_t>(found.dlfo_map_end),
+              reinterpret_cast<uintptr_t>(found.dlfo_link_map)};
+    return true;
+}
+
+bool find_module(uintptr_t address, Module &module, uintptr_t &path) {
+    LoadedModule loaded;
+    return find_loaded(address, loaded) && read_module(loaded, module, path);
+}
+
+bool read_module(const LoadedModule &loaded, Module &module, uintptr_t &path) {
+    link_map map;
+    if (!fetch(own_memory, loaded.record, map))
+        return false;
+    module = {loaded.begin, loaded.end, map.l_addr, reinterpret_cast<uintptr_t>(map.l_ld)};
     path = reinterpret_cast<uintptr_t>(map.l_name);
     return true;
 }

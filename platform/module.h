@@ -14,8 +14,18 @@ struct Module {
     uintptr_t dynamic;    // its dynamic section
 };
 
-// Finds the module that is mapped at an address, without the loader's lock, which may be held by a thread
-// that waits for one of this library's. The path is where the loader has it.
+// What the loader says at once of the module that is mapped at an address, without its lock, which may be held by a
+// thread that waits for one of this library's.
+struct LoadedModule {
+    uintptr_t begin, end, record; // its mapping, and where the loader has the rest
+    bool operator==(const LoadedModule &) const = default;
+};
+bool find_loaded(uintptr_t address, LoadedModule &loaded);
+
+// The rest, at the price of a system call. The path is where the loader has it.
+bool read_module(const LoadedModule &loaded, Module &module, uintptr_t &path);
+
+// Both.
 bool find_module(uintptr_t address, Module &module, uintptr_t &path);
 
 // Whether one of its segments is at an address: there may be gaps between them.

@@ -57,8 +57,9 @@ public:
 
 private:
     struct Known {
-        uintptr_t begin, name; // where the module is mapped, and where the loader has its path
-        size_t length;         // 0 for none
+        uintptr_t begin, end, record; // of the loaded module
+        uintptr_t base;
+        size_t length; // 0 for none
         char path[104];
     };
     Known known_[3] = {};

@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <atomic>
 #include <cerrno>
 
 #include <pthread.h>
@@ -12,8 +13,15 @@ const char *progname() {
     return program_invocation_short_name;
 }
 
+// Asked for at each step of a search.
 size_t page_size() {
-    return static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    static constinit std::atomic<size_t> known = 0;
+    size_t size = known.load(std::memory_order_relaxed);
+    if (size == 0) {
+        size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        known.store(size, std::memory_order_relaxed);
+    }
+    return size;
 }
 
 // Such a child has its parent's thread record, and so the clock of its parent's thread. The system makes

@@ -163,23 +163,33 @@ size_t module_place(const void *address, std::span<char> path, uintptr_t &offset
 
 size_t ModulePaths::place(const void *address, std::span<char> path, uintptr_t &offset) {
     const auto place = reinterpret_cast<uintptr_t>(address);
-    Module module;
-    uintptr_t name = 0;
-    if (!find_module(place - 1, module, name))
+    LoadedModule loaded;
+    if (!find_loaded(place - 1, loaded))
         return 0;
-    offset = place - module.base;
     for (const Known &known : known_)
-        if (known.length != 0 && known.begin == module.begin && known.name == name) {
+        if (known.length != 0 && loaded == LoadedModule{known.begin, known.end, known.record}) {
+            offset = place - known.base;
             const size_t length = std::min(known.length, path.size());
             memcpy(path.data(), known.path, length);
             return length;
         }
     const int kept_errno = errno;
+    Module module = {};
+    uintptr_t name = 0;
+    size_t length = 0;
     bool link;
-    const size_t length = read_path(module, name, path, link);
+    if (read_module(loaded, module, name)) {
+        length = read_path(module, name, path, link);
+        offset = place - module.base;
+    }
     errno = kept_errno;
     Known &known = known_[next_++ % std::size(known_)];
-    known = {module.begin, name, length <= sizeof known.path ? length : 0, {}};
+    known = {loaded.begin,
+             loaded.end,
+             loaded.record,
+             module.base,
+             length <= sizeof known.path ? length : 0,
+             {}};
     memcpy(known.path, path.data(), known.length);
     return length;
 }

@@ -46,7 +46,7 @@ bool HeapGaps::is_free(const HeapChunk &chunk) const {
 }
 
 // With its guards, if it has any.
-Range HeapGaps::memory_of(const Block &block) const {
+Range HeapGaps::raw_memory_around(const Block &block) const {
     uintptr_t header[K42MC_GUARD_WORDS];
     if (copies_.copy(block.begin - sizeof header, header)) {
         const RawMemory raw = raw_memory_of(block.begin, header);
@@ -54,6 +54,12 @@ Range HeapGaps::memory_of(const Block &block) const {
             return {raw.begin, raw.begin + raw.size};
     }
     return {block.begin, block.end};
+}
+
+Range HeapGaps::memory_of(Neighbour &neighbour) const {
+    if (!neighbour.memory_)
+        neighbour.memory_ = raw_memory_around(*neighbour.block_);
+    return *neighbour.memory_;
 }
 
 // 0 where none is known.
@@ -88,8 +94,6 @@ uintptr_t HeapGaps::first_chunk_in(uintptr_t begin, uintptr_t end) const {
 // The last chunk of a heap is what was never handed out, or not since.
 void HeapGaps::each_in_use(const Gap &gap, uintptr_t end, bool ends_heap,
                            FunctionRef<void(Range)> action) {
-    if (is_inherited(gap.begin, end))
-        return;
     if (gap.first_chunk == 0 || end_of_chunks(gap.first_chunk, end) != end) {
         if (gap.begin < gap.end)
             action({gap.begin, gap.end});
@@ -105,23 +109,39 @@ void HeapGaps::each_in_use(const Gap &gap, uintptr_t end, bool ends_heap,
     }
 }
 
-void HeapGaps::each(Range piece, FunctionRef<void(Range)> action) {
-    uint32_t i = blocks_.first_from(piece.begin);
-    const bool has_blocks = i < blocks_.size() && blocks_[i].begin < piece.end;
-    const uintptr_t first_end =
-        has_blocks ? HeapChunk::of(memory_of(blocks_[i]).begin).begin() : piece.end;
-    Gap gap = {piece.begin, piece.begin, first_chunk_in(piece.begin, first_end)};
-    for (; i < blocks_.size() && blocks_[i].begin < piece.end; ++i) {
-        const Range memory = memory_of(blocks_[i]);
-        gap.end = memory.begin;
-        if (memory.begin > gap.begin || gap.first_chunk != 0)
-            each_in_use(gap, HeapChunk::of(memory.begin).begin(), false, action);
-        if (memory.end > gap.begin)
-            gap = {memory.end, memory.end, chunk_behind(memory, piece.end)};
+// Between two blocks, or the piece's ends. What a child has inherited whole is passed by without a look at the blocks.
+void HeapGaps::each_between(Neighbour &former, Neighbour &next, Range piece,
+                            FunctionRef<void(Range)> action) {
+    if (is_inherited(former.is_none() ? piece.begin : former.block_end(),
+                     next.is_none() ? piece.end : next.block_begin()))
+        return;
+    Gap gap = {piece.begin, piece.end, 0};
+    uintptr_t end = piece.end;
+    if (!next.is_none()) {
+        gap.end = memory_of(next).begin;
+        end = HeapChunk::of(gap.end).begin();
     }
-    gap.end = piece.end;
-    if (gap.begin < piece.end)
-        each_in_use(gap, piece.end, true, action);
+    if (former.is_none()) {
+        gap.first_chunk = first_chunk_in(piece.begin, end);
+    } else {
+        gap.begin = memory_of(former).end;
+        gap.first_chunk = chunk_behind(memory_of(former), piece.end);
+    }
+    if (gap.begin < gap.end || (gap.first_chunk != 0 && !next.is_none()))
+        each_in_use(gap, end, next.is_none(), action);
+}
+
+void HeapGaps::each(Range piece, FunctionRef<void(Range)> action) {
+    Neighbour former;
+    for (uint32_t i = blocks_.first_from(piece.begin);
+         i < blocks_.size() && blocks_[i].begin < piece.end; ++i) {
+        Neighbour next(blocks_[i]);
+        each_between(former, next, piece, action);
+        if (former.is_none() || next.block_end() > former.block_end())
+            former = next;
+    }
+    Neighbour none;
+    each_between(former, none, piece, action);
 }
 
 } // namespace k42mc::internal

@@ -8,6 +8,8 @@
 #include "memcheck/reach/range.h"
 #include "platform/shared_pages.h"
 
+#include <optional>
+
 namespace k42mc::internal {
 
 class HeapGaps {
@@ -27,14 +29,33 @@ private:
         uintptr_t first_chunk; // 0: not known
     };
 
+    // A block at an end of a gap, or none; its memory is asked for where it is needed.
+    class Neighbour {
+    public:
+        Neighbour() = default;
+        explicit Neighbour(const Block &block) : block_(&block) {}
+
+        bool is_none() const { return block_ == nullptr; }
+        uintptr_t block_begin() const { return block_->begin; }
+        uintptr_t block_end() const { return block_->end; }
+
+    private:
+        friend HeapGaps;
+
+        const Block *block_ = nullptr;
+        std::optional<Range> memory_;
+    };
+
     static size_t most_kept(const Moment &moment);
     void take_kept(const Moment &moment);
     bool is_inherited(uintptr_t begin, uintptr_t end) const;
     bool is_free(const platform::HeapChunk &chunk) const;
-    Range memory_of(const Block &block) const;
+    Range raw_memory_around(const Block &block) const;
+    Range memory_of(Neighbour &neighbour) const;
     uintptr_t chunk_behind(Range memory, uintptr_t limit) const;
     uintptr_t first_chunk_in(uintptr_t begin, uintptr_t end) const;
     uintptr_t end_of_chunks(uintptr_t first, uintptr_t limit) const;
+    void each_between(Neighbour &former, Neighbour &next, Range piece, FunctionRef<void(Range)> action);
     void each_in_use(const Gap &gap, uintptr_t end, bool ends_heap, FunctionRef<void(Range)> action);
 
     const BlockMap &blocks_;
