@@ -161,6 +161,20 @@ TEST_F(Traces, AreExactThroughOddFrames) {
         }
 }
 
+[[gnu::noinline]] void call_below_a_frame(size_t size, void (*end)()) {
+    auto *const room = static_cast<volatile char *>(alloca(size));
+    room[0] = 1;
+    end();
+    room[size - 1] = 1;
+}
+
+TEST_F(Traces, AreExactBelowFramesOfAnySize) {
+    for (const size_t size : {100u, 100'000u, 300'000u, 600'000u, 3'000'000u})
+#pragma GCC unroll 1
+        for (int time = 0; time < 6; ++time)
+            call_below_a_frame(size, compare);
+}
+
 TEST_F(Traces, EndAtFramesThatTellNothing) {
     for (int i = 0; i < unknown_frame_count; ++i)
         for (int time = 0; time < 4; ++time) {
