@@ -6,7 +6,7 @@ namespace k42mc::internal::platform {
 // Any address will do. Compilers have a function for it, which for the oldest processors does nothing, though all
 // since those of 1995 take the instruction; and what calls nothing else they take for something without an effect.
 inline void prefetch(const void *address) {
-    asm volatile("prefetcht0 %0" : : "m"(*static_cast<const char *>(address)));
+    asm volatile("prefetcht0 (%0)" : : "r"(address));
 }
 
 } // namespace k42mc::internal::platform

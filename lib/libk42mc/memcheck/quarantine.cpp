@@ -92,8 +92,8 @@ constinit bool ends_are_told = false;
 
 struct Thread {
     Batch *batch = nullptr;
-    uint32_t number = 0; // as the system has it; 0: not asked for yet
-    bool is_near_limit = false;
+    uint32_t number = 0;        // as the system has it; 0: not asked for yet
+    bool is_near_limit = false; // others leave while its batch fills
     bool is_at_quarantine = false;
     bool is_told = false;   // its end will be
     bool has_ended = false; // as good as: it gets no batch any more
