@@ -4,6 +4,8 @@
 #include "memcheck/site_table.h"
 #include "platform/platform.h"
 
+#include <algorithm>
+
 namespace k42mc::internal {
 namespace {
 
@@ -18,6 +20,7 @@ public:
           firsts_(memory_.take<uint32_t>(search.blocks().size())),
           shares_(memory_.take<Share>(search.blocks().size())),
           holding_(memory_.take<uint32_t>(search.blocks().size())),
+          ranks_(memory_.take<uint8_t>(search.blocks().size())),
           totals_(memory_.take<uint64_t>(most_sites())), roots_(memory_.take<KnownRoot>(most_roots)) {}
 
     void run(HeldSites &held);
@@ -37,19 +40,22 @@ private:
 
     static size_t bytes_for(size_t blocks) {
         constexpr size_t alignments = 64;
-        return blocks * (sizeof(Share) + 2 * sizeof(uint32_t)) + most_sites() * sizeof(uint64_t) +
-               most_roots * sizeof(KnownRoot) + alignments;
+        return blocks * (sizeof(Share) + 2 * sizeof(uint32_t) + sizeof(uint8_t)) +
+               most_sites() * sizeof(uint64_t) + most_roots * sizeof(KnownRoot) + alignments;
     }
 
     template <class Action> void each_held(Action action) const;
+    template <class Action> void each_ranked(uint8_t rank, Action action) const;
     void find_firsts();
-    size_t find_largest_sites(std::span<uint32_t> sites);
-    void look_at(uint32_t site, HeldSite &held);
-    void share_out(uint32_t site);
+    void add_up_sites();
+    uint8_t rank_sites();
+    void rank_blocks();
+    void look_at(uint8_t rank, HeldSite &held);
+    void share_out(uint8_t rank);
     KnownRoot *root_of(const Origin &origin);
     KnownRoot *known_root(const Origin &origin, bool is_rough);
     void put_holders(HeldSite &held);
-    void put_sample(uint32_t site, HeldSite &held) const;
+    void put_sample(uint8_t rank, HeldSite &held) const;
     void put_chain(uint32_t index, HeldSite &held) const;
 
     const Search &search_;
@@ -60,18 +66,30 @@ private:
     const std::span<Share> shares_;    // by index
     const std::span<uint32_t> holding_;
     size_t holding_count_ = 0;
-    const std::span<uint64_t> totals_; // by number of a site
+    const std::span<uint8_t>
+        ranks_; // of its site, of each block in the order of reached_in_order; 0: none
+    const std::span<uint64_t> totals_; // by number of a site, its bytes; then its rank
     const std::span<KnownRoot> roots_;
     size_t root_count_ = 0, inquiries_ = 0;
     const KnownRoot *first_holder_ = nullptr;
 };
 
+// Blocks and records lie anywhere, so all are looked at twice, and what has no rank never again.
 template <class Action> void HolderSearch::each_held(Action action) const {
+    size_t place = 0;
     for (const uint32_t index : search_.reached_in_order()) {
         const Record &record = record_at(search_.blocks()[index].number);
         if (is_reported(record) && record.age(gMCCycle) >= limit_)
-            action(index, record);
+            action(place, record);
+        ++place;
     }
+}
+
+template <class Action> void HolderSearch::each_ranked(uint8_t rank, Action action) const {
+    const std::span<const uint32_t> reached = search_.reached_in_order();
+    for (size_t place = 0; place < reached.size(); ++place)
+        if (ranks_[place] == rank)
+            action(reached[place], record_at(search_.blocks()[reached[place]].number));
 }
 
 void HolderSearch::find_firsts() {
@@ -81,9 +99,14 @@ void HolderSearch::find_firsts() {
     }
 }
 
-// Returns how many there are.
-size_t HolderSearch::find_largest_sites(std::span<uint32_t> sites) {
-    each_held([&](uint32_t, const Record &record) { totals_[record.site] += record.size; });
+void HolderSearch::add_up_sites() {
+    each_held([&](size_t, const Record &record) { totals_[record.site] += record.size; });
+}
+
+// Those of most bytes, from 1. Returns how many there are.
+uint8_t HolderSearch::rank_sites() {
+    uint32_t largest[HeldSites::most];
+    const std::span sites = largest;
     size_t count = 0;
     for (uint32_t site = 0; site < totals_.size(); ++site) {
         if (totals_[site] == 0)
@@ -96,14 +119,21 @@ size_t HolderSearch::find_largest_sites(std::span<uint32_t> sites) {
             sites[at] = site;
         count = std::min(count + 1, sites.size());
     }
-    return count;
+    std::ranges::fill(totals_, 0);
+    for (size_t i = 0; i < count; ++i)
+        totals_[sites[i]] = i + 1;
+    return static_cast<uint8_t>(count);
 }
 
-void HolderSearch::share_out(uint32_t site) {
+void HolderSearch::rank_blocks() {
+    each_held([&](size_t place, const Record &record) {
+        ranks_[place] = static_cast<uint8_t>(totals_[record.site]);
+    });
+}
+
+void HolderSearch::share_out(uint8_t rank) {
     holding_count_ = 0;
-    each_held([&](uint32_t index, const Record &record) {
-        if (record.site != site)
-            return;
+    each_ranked(rank, [&](uint32_t index, const Record &record) {
         Share &share = shares_[firsts_[index]];
         if (share.held.count == 0)
             holding_[holding_count_++] = firsts_[index];
@@ -160,11 +190,11 @@ void HolderSearch::put_holders(HeldSite &held) {
 }
 
 // Of the largest block that the first holder has; of the first that was reached of several.
-void HolderSearch::put_sample(uint32_t site, HeldSite &held) const {
+void HolderSearch::put_sample(uint8_t rank, HeldSite &held) const {
     uint32_t sample = Block::none;
     size_t largest = 0;
-    each_held([&](uint32_t index, const Record &record) {
-        const bool is_candidate = record.site == site && shares_[firsts_[index]].root == first_holder_;
+    each_ranked(rank, [&](uint32_t index, const Record &record) {
+        const bool is_candidate = shares_[firsts_[index]].root == first_holder_;
         if (is_candidate && (sample == Block::none || record.size > largest)) {
             sample = index;
             largest = record.size;
@@ -191,10 +221,10 @@ void HolderSearch::put_chain(uint32_t index, HeldSite &held) const {
     });
 }
 
-void HolderSearch::look_at(uint32_t site, HeldSite &held) {
+void HolderSearch::look_at(uint8_t rank, HeldSite &held) {
     for (KnownRoot &known : roots_.first(root_count_))
         known.held = {}, known.words = 0;
-    share_out(site);
+    share_out(rank);
     for (const uint32_t first : holding_.first(holding_count_)) {
         const Origin &origin = search_.origin(first);
         KnownRoot *const known = root_of(origin);
@@ -208,7 +238,7 @@ void HolderSearch::look_at(uint32_t site, HeldSite &held) {
         known->held += shares_[first].held;
     }
     put_holders(held);
-    put_sample(site, held);
+    put_sample(rank, held);
     for (const uint32_t first : holding_.first(holding_count_))
         shares_[first] = {};
 }
@@ -217,10 +247,11 @@ void HolderSearch::run(HeldSites &held) {
     if (!memory_)
         return;
     find_firsts();
-    uint32_t sites[HeldSites::most];
-    const size_t count = find_largest_sites(sites);
-    for (const uint32_t site : std::span(sites, count))
-        look_at(site, held.sites[held.count++]);
+    add_up_sites();
+    const uint8_t count = rank_sites();
+    rank_blocks();
+    for (uint8_t rank = 1; rank <= count; ++rank)
+        look_at(rank, held.sites[held.count++]);
 }
 
 } // namespace

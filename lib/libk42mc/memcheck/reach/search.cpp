@@ -2,6 +2,7 @@
 
 #include "memcheck/inheritance.h"
 #include "memcheck/registry.h"
+#include "platform/prefetch.h"
 #include "platform/signal_context.h"
 
 namespace k42mc::internal {
@@ -134,8 +135,19 @@ void Search::reach_from_block(uint32_t index) {
     }
 }
 
+// Those that will be looked into soon, which lie anywhere.
+void Search::prefetch_ahead() const {
+    constexpr uint32_t ahead = 8;
+    if (next_ + 2 * ahead < queued_)
+        platform::prefetch(&blocks_[queue_[next_ + 2 * ahead]]);
+    if (next_ + ahead < queued_)
+        platform::prefetch(reinterpret_cast<const void *>(
+            blocks_[queue_[next_ + ahead]].begin)); // NOLINT(performance-no-int-to-ptr)
+}
+
 void Search::reach_from_blocks() {
     for (; next_ < queued_; ++next_) {
+        prefetch_ahead();
         reach_from_block(queue_[next_]);
     }
 }

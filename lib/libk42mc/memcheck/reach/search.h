@@ -57,6 +57,7 @@ private:
     void reach_from_threads();
     void reach_from_caller();
     bool is_callers_own(uintptr_t at, const platform::Mapping &mapping) const;
+    void prefetch_ahead() const;
     void reach_from_blocks();
     void fill_window(uintptr_t at, uintptr_t end);
 
