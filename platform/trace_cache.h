@@ -228,7 +228,7 @@ private:
     bool inside;
     uintptr_t end; // of the frames so far
     int frames = 0, others = 0;
-    Slot other_slots[CachedSegment::most_slots];
+    Slot other_slots[CachedSegment::most_slots] = {};
     uint16_t module = staying_module;
     uintptr_t lowest = UINTPTR_MAX, highest = 0; // of the other words
     uintptr_t pointer_saved_at = 0;

@@ -25,7 +25,7 @@ struct StackTrace {
     void *frames[deepest];
     int count = 0;
     int depth = 0; // frames asked for so far
-    platform::TraceMark mark;
+    platform::TraceMark mark = {};
 };
 
 } // namespace k42mc::internal
