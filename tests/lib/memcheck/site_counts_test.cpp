@@ -247,7 +247,9 @@ TEST(SitesWithTraces, AreToldApartWhenNumbersGoToOthers) {
     for (int time = 0; time < 5; ++time) {
         k42MC_free("a.c", 0, block);
         if (time == 4)
+#pragma GCC unroll 1
             for (int line = 2; line < others; ++line)
+#pragma GCC unroll 1
                 for (int pair = 0; pair < pairs; ++pair)
                     k42MC_free("b.c", 0, k42MC_malloc("b.c", line, 7));
         block = k42MC_malloc("a.c", 1, 5);
