@@ -24,15 +24,15 @@ struct KnownBlock {
 };
 
 // Both guards of a block will be looked at: they are on their way from memory while other things are done.
-inline void expect_guard(const void *guard) {
+inline void expect_guard(uintptr_t guard) {
     platform::prefetch(guard);
-    platform::prefetch(static_cast<const char *>(guard) + K42MC_GUARD_OVERHEAD / 2 - 1);
+    platform::prefetch(guard + K42MC_GUARD_OVERHEAD / 2 - 1);
 }
 inline void expect_release(const void *user) {
-    expect_guard(static_cast<const char *>(user) - K42MC_GUARD_OVERHEAD / 2);
+    expect_guard(reinterpret_cast<uintptr_t>(user) - K42MC_GUARD_OVERHEAD / 2);
 }
 inline void expect_tail(const KnownBlock &known) {
-    expect_guard(reinterpret_cast<const void *>(known.tail)); // NOLINT(performance-no-int-to-ptr)
+    expect_guard(known.tail);
 }
 
 // A block whose guards were found sound.

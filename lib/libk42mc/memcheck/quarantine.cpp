@@ -217,7 +217,7 @@ const Batch *first_with_any() {
 
 // What has been kept back for long has left the caches. What will be looked at soon is asked for in time, with the
 // sizes that the allocator has ahead of it and behind it.
-void prefetch(const char *begin, size_t size) {
+void prefetch(uintptr_t begin, size_t size) {
     constexpr size_t line = 64;
     for (size_t at = 0; at < size; at += line)
         platform::prefetch(begin + at);
@@ -227,14 +227,19 @@ void prefetch(const char *begin, size_t size) {
 void prefetch_behind(const Batch &batch) {
     constexpr uint32_t ahead = 8;
     constexpr size_t most = 1024;
-    const uint32_t count = batch.count.load(std::memory_order_relaxed), number = batch.taken + ahead;
-    if (number >= count && batch.next == nullptr)
-        return;
-    const RetiredBlock *const block =
-        number < count ? &batch.blocks[number] : &batch.next->blocks[number - count];
-    prefetch(reinterpret_cast<const char *>(block + ahead), sizeof *block);
-    prefetch(static_cast<const char *>(block->raw) - sizeof(size_t),
-             std::min(block->raw_size + 2 * sizeof(size_t), most));
+    const auto count_of = [](const Batch &each) { return each.count.load(std::memory_order_relaxed); };
+    const Batch *in = &batch;
+    uint32_t number = batch.taken + ahead;
+    if (number >= count_of(batch)) {
+        number -= count_of(batch);
+        in = batch.next;
+        if (in == nullptr || number >= count_of(*in))
+            return;
+    }
+    const RetiredBlock &block = in->blocks[number];
+    prefetch(reinterpret_cast<uintptr_t>(&block) + ahead * sizeof block, sizeof block);
+    prefetch(reinterpret_cast<uintptr_t>(block.raw) - sizeof(size_t),
+             std::min(block.raw_size + 2 * sizeof(size_t), most));
 }
 
 // False where none waits.

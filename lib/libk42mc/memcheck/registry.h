@@ -29,7 +29,7 @@ inline int trace_depth() {
 // A block will be recorded soon, at about this address: what that needs is on its way from memory meanwhile.
 inline void expect_block(const void *memory) {
     if (checker_on())
-        platform::prefetch(find_entry(reinterpret_cast<uintptr_t>(memory)));
+        platform::prefetch(reinterpret_cast<uintptr_t>(find_entry(reinterpret_cast<uintptr_t>(memory))));
 }
 
 // Records a block; null reports a failed allocation.

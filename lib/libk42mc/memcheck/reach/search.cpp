@@ -139,10 +139,9 @@ void Search::reach_from_block(uint32_t index) {
 void Search::prefetch_ahead() const {
     constexpr uint32_t ahead = 8;
     if (next_ + 2 * ahead < queued_)
-        platform::prefetch(&blocks_[queue_[next_ + 2 * ahead]]);
+        platform::prefetch(reinterpret_cast<uintptr_t>(&blocks_[queue_[next_ + 2 * ahead]]));
     if (next_ + ahead < queued_)
-        platform::prefetch(reinterpret_cast<const void *>(
-            blocks_[queue_[next_ + ahead]].begin)); // NOLINT(performance-no-int-to-ptr)
+        platform::prefetch(blocks_[queue_[next_ + ahead]].begin);
 }
 
 void Search::reach_from_blocks() {
