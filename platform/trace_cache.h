@@ -294,7 +294,7 @@ private:
     enum State : uint32_t { available, in_use, resting };
 
     // With two ways, traces drive each other out where addresses happen to fall so. An interpreter that calls
-    // itself, such as bash, walks half of its traces anew with 128 sets, a sixth with 512. Only what is used
+    // itself, such as bash, walks half of its traces anew with 128 sets, a fifth with 512. Only what is used
     // takes memory.
     static constexpr uint32_t set_bits = 10, sets = 1u << set_bits, ways = 4;
 

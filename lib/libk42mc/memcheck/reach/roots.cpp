@@ -55,9 +55,8 @@ Roots::Roots(WorkMemory &memory, const Moment &moment, const BlockMap &blocks,
     const Range noted = memory_of_added_roots();
     left_out_.add(noted.begin, noted.end);
     for (size_t i = 0; i < platform::TraceCache::most; ++i) {
-        const platform::TraceCache *const cache = platform::TraceCache::number(i);
-        left_out_.add(reinterpret_cast<uintptr_t>(cache),
-                      reinterpret_cast<uintptr_t>(cache + (cache != nullptr)));
+        if (const platform::TraceCache *const cache = platform::TraceCache::number(i))
+            left_out_.add(reinterpret_cast<uintptr_t>(cache), reinterpret_cast<uintptr_t>(cache + 1));
     }
     for (uint32_t i = 0; i < gMCChunkCount; ++i)
         left_out_.add(reinterpret_cast<uintptr_t>(gMCChunks[i]),
